@@ -1,0 +1,230 @@
+// tv_msg_header.cpp - the text in front of every payload: building it, and reading it back.
+//
+// Place    called by the exchange, the heartbeat, the client and the server; does no I/O.
+// Layout   "<sequence>\n<tag>\n<URL>\nvelun_tolvane_payload\n", then the payload's bytes.
+// Reading  a message is text up to its first 0x00. The transport stores one past the last byte
+//          of everything it receives, so no scan here leaves the message.
+// Failure  a message that does not fit is not built, and keeps its sequence number.
+// State    none but the channel's sequence number.
+
+#include "tv_log.h"
+
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+
+#define PREFIX         "velun_tolvane_"
+#define PAYLOAD_MARKER "\n" PREFIX "payload\n"
+
+static const size_t prefixLen = sizeof(PREFIX) - 1;
+static const int markerLen = sizeof(PAYLOAD_MARKER) - 1;
+
+// The tags in the order of their type codes, which is also the order in which they decide.
+static const char *const tags[TV_MSG_UNKNOWN] = {
+    PREFIX "login\n", PREFIX "logout\n",    PREFIX "request\n",
+    PREFIX "reply\n", PREFIX "heartbeat\n", PREFIX "heartbeatack\n",
+};
+
+// A sequence number or a heartbeat value: as much of a text as is ever converted.
+static const size_t maxNumberLen = 31;
+
+// Room for the key-value text of a heartbeat, 66 characters at most.
+static const size_t heartbeatTextSize = 128;
+
+// ---- building
+
+static int pack_msg_to_buf(tv_channel *channel, const char *payload, int len, const char *tag,
+                           char *dst, int size)
+{
+    if (len < 0) {
+        TV_LOG("pack_msg_to_buf, negative length[%d]", len);
+        return -1;
+    }
+    const int sequence = channel->msgSequence;
+    const int headerLen = snprintf(dst, size > 0 ? size : 0, "%d\n%s%s%s", sequence, tag,
+                                   channel->url, PAYLOAD_MARKER);
+    if (headerLen <= 0 || headerLen >= size) {
+        TV_LOG("snprintf error:%d", headerLen);
+        return -1;
+    }
+    if (len > size - headerLen) {
+        TV_LOG("pack_msg_to_buf, msg[len:%d] is too long", len);
+        return -1;
+    }
+    memcpy(dst + headerLen, payload, len);
+
+    channel->msgSequence = sequence < 0 || sequence == INT_MAX ? 0 : sequence + 1;
+    return headerLen + len;
+}
+
+static int pack_into_channel(tv_channel *channel, const char *payload, int len, int type)
+{
+    return pack_msg_to_buf(channel, payload, len, tags[type], channel->msgBuf, TV_MSG_BUF_SIZE);
+}
+
+int pack_outgoing_rqst(tv_channel *channel, const char *payload, int len)
+{
+    if (payload == NULL || channel == NULL)
+        return 0;
+    return pack_into_channel(channel, payload, len, TV_MSG_REQUEST);
+}
+
+int pack_outgoing_resp(tv_channel *channel, const char *payload, int len)
+{
+    if (payload == NULL || channel == NULL)
+        return 0;
+    return pack_into_channel(channel, payload, len, TV_MSG_REPLY);
+}
+
+int build_login_msg(tv_channel *channel, const char *text)
+{
+    return pack_into_channel(channel, text, strlen(text) + 1, TV_MSG_LOGIN);
+}
+
+int build_logout_msg(tv_channel *channel, const char *text)
+{
+    return pack_into_channel(channel, text, strlen(text) + 1, TV_MSG_LOGOUT);
+}
+
+int build_heartbeat_msg(tv_channel *channel, char *dst, int size)
+{
+    char text[heartbeatTextSize];
+    snprintf(text, sizeof(text), "{%s:%d}, {%s:%d},{%s:%d}", "sequence", channel->hbSequence,
+             "interval", channel->hbInterval, "count", channel->hbCount);
+    return pack_msg_to_buf(channel, text, strlen(text) + 1, tags[TV_MSG_HEARTBEAT], dst, size);
+}
+
+int build_heartbeat_ack_msg(tv_channel *channel, char *dst, int size)
+{
+    char text[heartbeatTextSize];
+    snprintf(text, sizeof(text), "{%s:%d}", "sequence", channel->hbSequence);
+    return pack_msg_to_buf(channel, text, strlen(text) + 1, tags[TV_MSG_HEARTBEAT_ACK], dst, size);
+}
+
+// ---- reading
+
+// The type whose tag stands at position, where a prefix was found; TV_MSG_UNKNOWN for none. All
+// tags begin with the prefix, so only what follows it is compared.
+static int tag_at(const char *position)
+{
+    int type = TV_MSG_LOGIN;
+    while (type < TV_MSG_UNKNOWN &&
+           strncmp(position + prefixLen, tags[type] + prefixLen, strlen(tags[type]) - prefixLen))
+        type++;
+    return type;
+}
+
+// Find the lowest type whose tag occurs in the text, and its first occurrence. One search for the
+// common prefix serves all tags. No prefix overlaps another, so each is skipped whole.
+static int find_tag(const char *msg, const char **tag)
+{
+    int lowest = TV_MSG_UNKNOWN;
+    for (const char *at = strstr(msg, PREFIX); at != NULL; at = strstr(at + prefixLen, PREFIX)) {
+        const int type = tag_at(at);
+        if (type < lowest) {
+            lowest = type;
+            *tag = at;
+        }
+        if (lowest == TV_MSG_LOGIN)
+            break; // none comes before it
+    }
+    return lowest;
+}
+
+// Convert a number of at most count characters; out of range gives the nearest 32-bit number.
+static int to_int(const char *text, size_t count)
+{
+    char number[maxNumberLen + 1] = "";
+    strncpy(number, text, count < maxNumberLen ? count : maxNumberLen);
+
+    const long value = strtol(number, NULL, 10);
+    if (value > INT_MAX)
+        return INT_MAX;
+    return value < INT_MIN ? INT_MIN : (int)value;
+}
+
+int get_msg_type(const char *msg)
+{
+    const char *tag = NULL;
+    const int type = find_tag(msg, &tag);
+    if (type == TV_MSG_UNKNOWN)
+        TV_LOG("get_msg_type, unexpected tolvane received");
+    return type;
+}
+
+int get_msg_sequence(const char *msg)
+{
+    const char *prefix = strstr(msg, PREFIX);
+    return prefix == NULL ? 0 : to_int(msg, prefix - msg);
+}
+
+static const char *get_url_pos(const char *msg)
+{
+    const char *tag = NULL;
+    const int type = find_tag(msg, &tag);
+    if (type == TV_MSG_UNKNOWN) {
+        TV_LOG("get_url_pos, unexpected tolvane received");
+        return NULL;
+    }
+    return tag + strlen(tags[type]);
+}
+
+int get_msg_url(const char *msg, char *dst, int size)
+{
+    const char *url = get_url_pos(msg);
+    if (url == NULL)
+        return -1;
+    const char *marker = strstr(msg, PAYLOAD_MARKER);
+    if (marker == NULL || marker < url || size < 1)
+        return -1;
+
+    const long len = marker - url < size ? marker - url : size - 1;
+    memcpy(dst, url, len);
+    dst[len] = '\0';
+    return 0;
+}
+
+const char *get_msg_payload(const char *msg, int len, int *payloadLen)
+{
+    const char *marker = strstr(msg, PAYLOAD_MARKER);
+    if (marker == NULL || marker - msg > len - markerLen) {
+        TV_LOG("get_msg_payload, unexpected tolvane received");
+        *payloadLen = 0;
+        return NULL;
+    }
+    const char *payload = marker + markerLen;
+    *payloadLen = len - (int)(payload - msg);
+    return payload;
+}
+
+static int get_heartbeat_value(const char *text, const char *key)
+{
+    const char *found = strstr(text, key);
+    if (found == NULL) {
+        TV_LOG("could not find key");
+        return -1;
+    }
+    const char *end = strchr(found, '}');
+    if (end == NULL)
+        return -1;
+
+    // The character after the key, a colon, is not looked at. A brace in its place makes the
+    // count wrap round to a huge one: the characters after the brace are the value then.
+    const char *value = found + strlen(key) + 1;
+    return to_int(value, (size_t)(end - value));
+}
+
+int get_heartbeat_sequence(const char *text)
+{
+    return get_heartbeat_value(text, "sequence");
+}
+
+int get_heartbeat_interval(const char *text)
+{
+    return get_heartbeat_value(text, "interval");
+}
+
+int get_heartbeat_count(const char *text)
+{
+    return get_heartbeat_value(text, "count");
+}

@@ -1,0 +1,114 @@
+// tcp_impl.cpp - the transport of one channel: its descriptor, its messages, its broken link.
+//
+// Place    between the channel logic and the frames of impl_socket.cpp. All traffic of a channel
+//          passes here.
+// Failure  a failed transfer is reported to the channel's link-down callback, which may close the
+//          channel. Callers touch the record only after a success.
+// State    none but the channel's socket.
+
+#include "tv_guard.h"
+#include "tv_log.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+int tv_impl_get_polling_fd(tv_channel *channel)
+{
+    if (channel == NULL)
+        return -1;
+    const tv_socket *socket = channel->pairSocket;
+    if (socket == NULL)
+        socket = channel->clientSocket;
+    if (socket == NULL)
+        socket = channel->serverSocket;
+    if (socket == NULL) {
+        TV_LOG("tv_impl_get_polling_fd, channel is invalid");
+        return -1;
+    }
+    return socket->fd;
+}
+
+static int _impl_get_io_socket(tv_channel *channel)
+{
+    if (channel == NULL)
+        return -1;
+    if (get_channel_type(channel->channelId) == TV_CHANNEL_SERVER) {
+        TV_LOG("error in tv_impl_send_rqst, could not send msg to listening socket");
+        return -1;
+    }
+    return tv_impl_get_polling_fd(channel);
+}
+
+int tv_impl_send_rqst(tv_channel *channel, const char *msg, int len)
+{
+    const int fd = _impl_get_io_socket(channel);
+    if (fd == -1)
+        return -1;
+    if (len < 0) {
+        TV_LOG("%s, negative length[%d]", __func__, len);
+        return -1;
+    }
+    if (tcp_impl_send_with_timeout(fd, msg, len, channel->pollTimeout) == len)
+        return 0;
+
+    if (report_linkdown(channel))
+        TV_LOG("linkdown_callback end");
+    return -1;
+}
+
+int tv_impl_send_resp(tv_channel *channel, const char *msg, int len)
+{
+    return tv_impl_send_rqst(channel, msg, len);
+}
+
+char *tv_impl_recv_with_timeout(tv_channel *channel, int *len, int timeoutMs)
+{
+    const int fd = _impl_get_io_socket(channel);
+    if (fd == -1) {
+        *len = 0;
+        return NULL;
+    }
+    char *msg = tcp_impl_receive_with_timeout(fd, len, timeoutMs);
+    if (msg == NULL || *len == 0)
+        report_linkdown(channel);
+    return msg;
+}
+
+char *tv_impl_recv(tv_channel *channel, int *len)
+{
+    if (channel == NULL) {
+        *len = 0;
+        return NULL;
+    }
+    return tv_impl_recv_with_timeout(channel, len, channel->pollTimeout);
+}
+
+// Free the first socket that is set; returns false when this one is not.
+static bool free_socket(tv_socket **socket)
+{
+    if (*socket == NULL)
+        return false;
+    free(*socket);
+    *socket = NULL;
+    return true;
+}
+
+void tv_impl_close_channel(tv_channel *channel)
+{
+    if (channel == NULL)
+        return;
+    close(tv_impl_get_polling_fd(channel));
+    if (!free_socket(&channel->clientSocket) && !free_socket(&channel->serverSocket))
+        free_socket(&channel->pairSocket);
+}
+
+void tv_impl_free_msg(char *msg)
+{
+    free(msg);
+}
+
+int tv_impl_set_retransmit_interval(int interval)
+{
+    (void)interval;
+    return 0;
+}

@@ -1,0 +1,520 @@
+// tv_channel.cpp - what one channel does: exchange, heartbeat, dispatch, actors, closing.
+//
+// Place      above the transport; called by tv_api.cpp, tv_client.cpp, tv_server_api.cpp and, by
+//            channel id, by the timers.
+// Exchange   outgoing: at most one request awaits its reply. Incoming: at most one request awaits
+//            the application's reply; more wait in a queue of 8.
+// Messages   a received message belongs to the operation that it is handed to, until that has
+//            released it or stored it in pendingRqst or the queue.
+// Callbacks  may close their channel. After each one the guard tells whether it is still there;
+//            if not, the operation releases what it holds and stops.
+// State      the guards in progress. Everything else is in the channel records.
+
+#include "tv_guard.h"
+#include "tv_log.h"
+
+#include "ruvo_timer.h"
+
+#include <limits.h>
+#include <stdlib.h>
+
+// Room for a heartbeat or an acknowledgement, which are 192 bytes at most.
+static const int heartbeatBufSize = 512;
+
+// ---- the record and its guards
+
+static channel_guard *guards = NULL; // the innermost one
+
+void init_channel(tv_channel *channel, int channelId)
+{
+    channel->channelId = channelId;
+    channel->respHandler = NULL;
+    channel->timeoutHandler = NULL;
+    channel->linkdownCallback = NULL;
+    channel->rqstTimerId = -1;
+    channel->pollTimeout = INT_MAX;
+    channel->connectTimeout = -1;
+    channel->waitingResp = 0;
+    channel->msgSequence = 0;
+    channel->recvSequence = 0;
+    channel->actorCount = 0;
+    channel->pendingRqst = NULL;
+    channel->rqstQueue.items = channel->rqstQueueItems;
+    channel->rqstQueue.lastIdx = TV_RQST_QUEUE_SIZE;
+    channel->rqstQueue.firstIdx = TV_RQST_QUEUE_SIZE;
+    channel->rqstQueue.capacity = TV_RQST_QUEUE_SIZE;
+    channel->hbMode = TV_HEARTBEAT_OFF;
+    channel->hbInterval = 0;
+    channel->hbCount = 0;
+    channel->hbTimerId = -1;
+    channel->hbSequence = 0;
+    channel->hbMissCount = 0;
+    channel->clientSocket = NULL;
+    channel->serverSocket = NULL;
+    channel->pairSocket = NULL;
+}
+
+static void free_channel(tv_channel *channel)
+{
+    rb_item item;
+    while (rb_pop_item(&channel->rqstQueue, &item) == 0)
+        tv_impl_free_msg(item.msg);
+    tv_impl_free_msg(channel->pendingRqst);
+    free(channel);
+}
+
+void guard_channel(channel_guard *guard, tv_channel *channel)
+{
+    guard->channel = channel;
+    guard->closing = false;
+    guard->closed = false;
+    guard->outer = guards;
+    guards = guard;
+}
+
+bool unguard_channel(channel_guard *guard)
+{
+    guards = guard->outer;
+    if (guard->closed)
+        release_channel(guard->channel);
+    return !guard->closed;
+}
+
+bool is_closing(const tv_channel *channel)
+{
+    for (const channel_guard *guard = guards; guard != NULL; guard = guard->outer) {
+        if (guard->channel == channel && guard->closing)
+            return true;
+    }
+    return false;
+}
+
+void release_channel(tv_channel *channel)
+{
+    bool guarded = false;
+    for (channel_guard *guard = guards; guard != NULL; guard = guard->outer) {
+        if (guard->channel == channel) {
+            guard->closed = true;
+            guarded = true;
+        }
+    }
+    if (!guarded)
+        free_channel(channel);
+}
+
+bool report_linkdown(tv_channel *channel)
+{
+    if (channel->linkdownCallback == NULL)
+        return false;
+    channel_guard guard; // the callback is shown the record's URL
+    guard_channel(&guard, channel);
+    channel->linkdownCallback(channel->channelId, channel->url);
+    unguard_channel(&guard);
+    return true;
+}
+
+int get_channel_type(int channelId)
+{
+    const tv_channel *channel = tv_get_channel(channelId);
+    if (channel == NULL)
+        return TV_CHANNEL_NONE;
+    if (channel->clientSocket != NULL)
+        return TV_CHANNEL_CLIENT;
+    if (channel->serverSocket != NULL)
+        return TV_CHANNEL_SERVER;
+    return channel->pairSocket != NULL ? TV_CHANNEL_PAIR : TV_CHANNEL_NONE;
+}
+
+// ---- the queue of requests
+
+int rb_is_empty(const ring_buffer *rb)
+{
+    return rb->lastIdx >= rb->capacity && rb->firstIdx >= rb->capacity;
+}
+
+static int next_index(const ring_buffer *rb, int index)
+{
+    return index + 1 >= rb->capacity ? index + 1 - rb->capacity : index + 1;
+}
+
+int rb_push_item(ring_buffer *rb, rb_item item)
+{
+    const int slot = rb->lastIdx >= rb->capacity ? 0 : next_index(rb, rb->lastIdx);
+    if (slot == rb->firstIdx)
+        return -1;
+    rb->items[slot] = item;
+    rb->lastIdx = slot;
+    if (rb->firstIdx >= rb->capacity)
+        rb->firstIdx = slot;
+    return 0;
+}
+
+int rb_pop_item(ring_buffer *rb, rb_item *out)
+{
+    if (rb_is_empty(rb))
+        return -1;
+    *out = rb->items[rb->firstIdx];
+    if (rb->firstIdx == rb->lastIdx) {
+        rb->firstIdx = rb->capacity;
+        rb->lastIdx = rb->capacity;
+    } else {
+        rb->firstIdx = next_index(rb, rb->firstIdx);
+    }
+    return 0;
+}
+
+// ---- incoming requests
+
+// Keep a request until its reply has been sent. There is an older one only if an actor ran the
+// channel's handler itself and another actor deferred there; that one loses its turn.
+static void owe_reply(tv_channel *channel, char *msg)
+{
+    tv_impl_free_msg(channel->pendingRqst);
+    channel->pendingRqst = msg;
+}
+
+// Offer a request to the actors in turn. Returns the result of the one that took it, or
+// TV_ACTOR_PASS. Stops when an actor closed the channel.
+static int offer_to_actors(const channel_guard *guard, const char *payload, int payloadLen,
+                           char **reply, int *replyLen)
+{
+    const tv_channel *channel = guard->channel;
+    int result = TV_ACTOR_PASS;
+    for (int i = 0; result == TV_ACTOR_PASS && !guard->closed && i < channel->actorCount; i++)
+        result = channel->actors[i](channel->channelId, payload, payloadLen, reply, replyLen);
+    return result;
+}
+
+// Do what the actor that took the request decided. Takes msg; the reply stays the caller's.
+static int finish_rqst(tv_channel *channel, char *msg, int result, const char *reply, int replyLen)
+{
+    if (result == TV_ACTOR_DEFERRED) {
+        owe_reply(channel, msg);
+        return 0;
+    }
+    if (reply == NULL) {
+        tv_impl_free_msg(msg);
+        return 0;
+    }
+    owe_reply(channel, msg);
+    return send_resp(channel, reply, replyLen);
+}
+
+static int do_process_rqst(tv_channel *channel, char *msg, int len)
+{
+    int payloadLen = 0;
+    const char *payload = get_msg_payload(msg, len, &payloadLen);
+    if (payload == NULL) {
+        TV_LOG("not expected msg layout, ignore: %.*s", TV_MSG_BUF_SIZE, msg);
+        tv_impl_free_msg(msg);
+        return -1;
+    }
+    char *reply = NULL;
+    int replyLen = 0;
+    int outcome = -1;
+    channel_guard guard;
+    guard_channel(&guard, channel);
+    const int result = offer_to_actors(&guard, payload, payloadLen, &reply, &replyLen);
+    if (!unguard_channel(&guard)) {
+        tv_impl_free_msg(msg);
+    } else if (result == TV_ACTOR_PASS) {
+        TV_LOG("no actor registered to process this msg: %.*s", TV_MSG_BUF_SIZE, msg);
+        tv_impl_free_msg(msg);
+    } else {
+        outcome = finish_rqst(channel, msg, result, reply, replyLen);
+    }
+    free(reply);
+    return outcome;
+}
+
+static int process_queued_rqsts(tv_channel *channel)
+{
+    rb_item item;
+    bool open = true;
+    while (open && channel->pendingRqst == NULL && rb_pop_item(&channel->rqstQueue, &item) == 0) {
+        channel_guard guard;
+        guard_channel(&guard, channel);
+        do_process_rqst(channel, item.msg, item.len);
+        open = unguard_channel(&guard);
+    }
+    return 0;
+}
+
+int process_channel_rqst(tv_channel *channel, char *msg, int len)
+{
+    if (channel == NULL) {
+        tv_impl_free_msg(msg);
+        return -1;
+    }
+    if (channel->pendingRqst == NULL && !channel->waitingResp)
+        return do_process_rqst(channel, msg, len);
+
+    const rb_item item = {msg, len};
+    const int result = rb_push_item(&channel->rqstQueue, item);
+    if (result != 0)
+        tv_impl_free_msg(msg);
+    return result;
+}
+
+int send_resp(tv_channel *channel, const char *payload, int len)
+{
+    if (channel->pendingRqst == NULL) {
+        TV_LOG("no message pending, response discarded");
+        return -1;
+    }
+    const int msgLen = pack_outgoing_resp(channel, payload, len);
+    if (msgLen < 1 || tv_impl_send_resp(channel, channel->msgBuf, msgLen) != 0)
+        return -1;
+    tv_impl_free_msg(channel->pendingRqst);
+    channel->pendingRqst = NULL;
+    return process_queued_rqsts(channel);
+}
+
+// ---- outgoing requests
+
+static void rqst_timeout(intptr_t channelId, intptr_t)
+{
+    tv_channel *channel = tv_get_channel((int)channelId);
+    if (channel == NULL)
+        return;
+    channel->rqstTimerId = -1;
+    if (channel->waitingResp) {
+        channel_guard guard;
+        guard_channel(&guard, channel);
+        if (channel->timeoutHandler != NULL)
+            channel->timeoutHandler(channel->channelId);
+        if (!unguard_channel(&guard))
+            return;
+        channel->waitingResp = 0;
+    }
+    process_queued_rqsts(channel);
+}
+
+int send_rqst(tv_channel *channel, const char *payload, int len, int timeout)
+{
+    if (channel->waitingResp) {
+        TV_LOG("has pending outgoing request, could not send request now");
+        return -1;
+    }
+    const int msgLen = pack_outgoing_rqst(channel, payload, len);
+    if (msgLen < 1) {
+        TV_LOG("pack requst fail:%d", msgLen);
+        return -1;
+    }
+    if (tv_impl_send_rqst(channel, channel->msgBuf, msgLen) != 0) {
+        TV_LOG("failed to send rqst");
+        return -1;
+    }
+    if (timeout <= 0)
+        return 0;
+
+    channel->waitingResp = 1;
+    channel->rqstTimerId = ruvo_start_timer(timeout, rqst_timeout, channel->channelId, 0);
+    if (channel->rqstTimerId == -1)
+        TV_LOG("failed on start timer for channel[%d]", channel->channelId);
+    return 0;
+}
+
+int process_channel_resp(tv_channel *channel, char *msg, int len)
+{
+    if (channel == NULL || !channel->waitingResp) {
+        tv_impl_free_msg(msg);
+        if (channel != NULL)
+            TV_LOG("no outgoing request, response discarded");
+        return -1;
+    }
+    if (channel->rqstTimerId != -1)
+        ruvo_stop_timer(channel->rqstTimerId);
+    channel->waitingResp = 0;
+
+    int payloadLen = 0;
+    const char *payload = get_msg_payload(msg, len, &payloadLen);
+    channel_guard guard;
+    guard_channel(&guard, channel);
+    if (channel->respHandler != NULL)
+        channel->respHandler(channel->channelId, payload, payloadLen);
+    tv_impl_free_msg(msg);
+    if (unguard_channel(&guard))
+        process_queued_rqsts(channel);
+    return 0;
+}
+
+// ---- heartbeat
+
+static void stop_heartbeat_timer(tv_channel *channel)
+{
+    if (channel->hbTimerId != -1) {
+        ruvo_stop_timer(channel->hbTimerId);
+        channel->hbTimerId = -1;
+    }
+}
+
+static void switch_heartbeat_off(tv_channel *channel)
+{
+    stop_heartbeat_timer(channel);
+    channel->hbMode = TV_HEARTBEAT_OFF;
+    channel->hbInterval = 0;
+    channel->hbCount = 0;
+}
+
+static void channel_disconnected(int channelId)
+{
+    tv_channel *channel = tv_get_channel(channelId);
+    if (channel == NULL) {
+        TV_LOG("channel_disconnected , channel[%d] not found", channelId);
+        return;
+    }
+    switch_heartbeat_off(channel);
+    report_linkdown(channel);
+}
+
+static void active_hb_timeout(intptr_t arg, intptr_t)
+{
+    const int channelId = (int)arg;
+    tv_channel *channel = tv_get_channel(channelId);
+    if (channel == NULL) {
+        TV_LOG("active_hb_timeout , channel[%d] not found", channelId);
+        return;
+    }
+    TV_LOG("active_hb_timeout, channel id[%d]", channelId);
+    channel->hbMissCount++;
+    if (channel->hbMissCount > channel->hbCount)
+        channel_disconnected(channelId);
+    else
+        send_heartbeat(channel);
+}
+
+int enable_heartbeat(tv_channel *channel)
+{
+    if (channel == NULL || channel->hbInterval < 1)
+        return -1;
+    if (channel->clientSocket == NULL && channel->pairSocket == NULL)
+        return 0;
+    stop_heartbeat_timer(channel);
+    channel->hbMode = TV_HEARTBEAT_ON;
+    channel->hbSequence = 0;
+    channel->hbMissCount = 0;
+    channel->hbTimerId =
+        ruvo_start_periodic_timer(channel->hbInterval, active_hb_timeout, channel->channelId, 0);
+    return 0;
+}
+
+void send_heartbeat(tv_channel *channel)
+{
+    if (channel == NULL)
+        return;
+    if (channel->hbMode != TV_HEARTBEAT_ON) {
+        TV_LOG("could not send HB on mode[%d]", channel->hbMode);
+        return;
+    }
+    channel->hbSequence++;
+    char msg[heartbeatBufSize];
+    const int len = build_heartbeat_msg(channel, msg, sizeof(msg));
+    tv_impl_send_rqst(channel, msg, len);
+}
+
+int send_heartbeat_ack(tv_channel *channel)
+{
+    char msg[heartbeatBufSize];
+    const int len = build_heartbeat_ack_msg(channel, msg, sizeof(msg));
+    return tv_impl_send_rqst(channel, msg, len);
+}
+
+void heartbeat_received(tv_channel *channel, char *msg)
+{
+    TV_LOG("heartbeat msg");
+    send_heartbeat_ack(channel);
+    tv_impl_free_msg(msg);
+}
+
+void heartbeat_ack_received(tv_channel *channel, char *msg)
+{
+    (void)channel; // accepting the message has cleared the misses
+    TV_LOG("heartbeat ack msg");
+    tv_impl_free_msg(msg);
+}
+
+// ---- dispatch
+
+// The number after 2147483647, and after any negative one, is 0.
+static int next_sequence(int sequence)
+{
+    return sequence < 0 || sequence == INT_MAX ? 0 : sequence + 1;
+}
+
+int tv_msg_received(tv_channel *channel, int seq)
+{
+    if (channel == NULL)
+        return -1;
+    const int expected = next_sequence(channel->recvSequence);
+    if (channel->recvSequence != 0 && seq != expected) {
+        TV_LOG("unexpected msg with seq[%d] received, ignore, expected[%d]", seq, expected);
+        return -1;
+    }
+    channel->recvSequence = seq;
+    enable_heartbeat(channel);
+    return 0;
+}
+
+int handle_client_polling_fd(tv_channel *channel)
+{
+    int len = 0;
+    char *msg = tv_impl_recv_with_timeout(channel, &len, channel->pollTimeout);
+    if (msg == NULL || len == 0) { // the link is down: the channel may be closed
+        tv_impl_free_msg(msg);
+        return 0;
+    }
+    if (tv_msg_received(channel, get_msg_sequence(msg)) != 0) {
+        tv_impl_free_msg(msg);
+        return -1;
+    }
+    switch (get_msg_type(msg)) {
+    case TV_MSG_REQUEST:
+        return process_channel_rqst(channel, msg, len);
+    case TV_MSG_REPLY:
+        return process_channel_resp(channel, msg, len);
+    case TV_MSG_HEARTBEAT:
+        heartbeat_received(channel, msg);
+        return 0;
+    case TV_MSG_HEARTBEAT_ACK:
+        heartbeat_ack_received(channel, msg);
+        return 0;
+    default:
+        TV_LOG("unexpected msg received");
+        tv_impl_free_msg(msg);
+        return -1;
+    }
+}
+
+// ---- actors, closing, descriptor
+
+int register_actor(tv_channel *channel, tv_actor actor)
+{
+    if (channel == NULL)
+        return -1;
+    if (channel->pairSocket != NULL) {
+        TV_LOG("should not register actor for pair channel, register for server");
+        return -1;
+    }
+    if (channel->actorCount >= TV_MAX_ACTORS) {
+        TV_LOG("too many actors, limitation is %d", TV_MAX_ACTORS);
+        return -1;
+    }
+    channel->actors[channel->actorCount++] = actor;
+    return 0;
+}
+
+void close_channel(tv_channel *channel)
+{
+    switch_heartbeat_off(channel);
+    tv_impl_close_channel(channel);
+}
+
+int get_polling_fd(tv_channel *channel)
+{
+    if (channel == NULL) {
+        TV_LOG("get_polling_fd, channel is NULL");
+        return -1;
+    }
+    return tv_impl_get_polling_fd(channel);
+}

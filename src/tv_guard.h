@@ -1,0 +1,60 @@
+// tv_guard.h - what lets a callback close any channel; private, not installed.
+//
+// A channel_guard lives on the stack of an operation while it calls back. If the channel is
+// closed meanwhile, its record stays allocated until the outermost guard on it ends, and each
+// guard reports the loss to its operation, which then stops.
+//
+//     channel_guard guard;
+//     guard_channel(&guard, channel);
+//     handler(channelId);
+//     if (!unguard_channel(&guard))
+//         return;    // closed in the handler, and possibly released by now
+//
+// A list_walk does the same for a walk over a channel list: entries may be removed under it, the
+// next one included.
+#ifndef TV_GUARD_H
+#define TV_GUARD_H
+
+#include "tolvane.h"
+
+struct channel_guard {
+    tv_channel *channel;
+    bool closing; // tv_close_channel is at work on the channel
+    bool closed;  // the channel is gone, its record is kept for the guards on it
+    channel_guard *outer;
+};
+
+struct list_walk {
+    tv_channel_list *head;
+    tv_channel_list *next; // the entry to be visited next, or the head at the end
+    list_walk *outer;
+};
+
+// tv_channel.cpp: guards nest like the calls that hold them, the last begun ends first.
+void guard_channel(channel_guard *guard, tv_channel *channel);
+
+// End a guard. Returns true while the channel is still there; after false the record must not be
+// touched, it is released with the outermost guard.
+bool unguard_channel(channel_guard *guard);
+
+// Whether tv_close_channel is at work on the channel further out on the stack.
+bool is_closing(const tv_channel *channel);
+
+// Release a record that is closed and unlisted, with the requests it holds: now, or when the
+// outermost guard on it ends.
+void release_channel(tv_channel *channel);
+
+// Call the channel's link-down callback, if it has one; it may close the channel. Returns whether
+// there was one. The caller does not touch the record again.
+bool report_linkdown(tv_channel *channel);
+
+// tv_channel_repo.cpp: walks nest like guards. next_channel returns null at the end, also when it
+// meets a null link. No walk is begun on a head with null links.
+void begin_walk(list_walk *walk, tv_channel_list *head);
+tv_channel *next_channel(list_walk *walk);
+void end_walk(list_walk *walk);
+
+// tv_channel_repo.cpp: make a head an empty list.
+void init_channel_list(tv_channel_list *head);
+
+#endif

@@ -1,0 +1,223 @@
+// tv_api.cpp - operations on channels by id, the repository of all channels, the log's setters.
+//
+// Place    what the application calls. Each operation finds its record and hands it to
+//          tv_channel.cpp or tv_client.cpp.
+// Failure  an id that names nothing is logged in the operation's own name.
+// State    the repository and the generator of ids, both valid from load.
+
+#include "tv_guard.h"
+#include "tv_log.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+static tv_channel_list repository = {&repository, &repository};
+static uint32_t nextChannelId = 0;
+
+// The channel with the id. A miss is logged in the caller's name.
+static tv_channel *find_channel(int channelId, const char *caller = __builtin_FUNCTION(),
+                                int line = __builtin_LINE())
+{
+    tv_channel *channel = get_channel(&repository, channelId);
+    if (channel == NULL)
+        TV_LOG_AT(caller, line, "could not get channel with id[%d] in %s", channelId, caller);
+    return channel;
+}
+
+// ---- repository
+
+int tv_get_channel_id(void)
+{
+    if (nextChannelId == UINT32_MAX) // would be -1
+        nextChannelId = 0;
+    return (int)nextChannelId++;
+}
+
+tv_channel *tv_get_channel(int channelId)
+{
+    return find_channel(channelId);
+}
+
+tv_channel_node *tv_add_channel(tv_channel *channel)
+{
+    return add_channel(&repository, channel);
+}
+
+int tv_remove_channel(tv_channel *channel)
+{
+    return remove_channel(&repository, channel->channelId);
+}
+
+void tv_close_channel(int channelId)
+{
+    tv_channel *channel = find_channel(channelId);
+    if (channel == NULL || is_closing(channel)) // the fd-close callback may close its pair again
+        return;
+
+    channel_guard guard;
+    guard_channel(&guard, channel);
+    guard.closing = true;
+    if (channel->pairSocket != NULL)
+        server_remove_channel(channel);
+    close_channel(channel);
+    if (channel == tv_service_server.serverChannel)
+        tv_service_server.serverChannel = NULL;
+    remove_channel(&repository, channelId);
+    release_channel(channel);
+    unguard_channel(&guard);
+}
+
+// ---- setting a channel up
+
+int tv_register_actor(int channelId, tv_actor actor)
+{
+    tv_channel *channel = find_channel(channelId);
+    return channel == NULL ? -1 : register_actor(channel, actor);
+}
+
+int tv_register_resp_handler(int channelId, tv_resp_handler handler)
+{
+    tv_channel *channel = find_channel(channelId);
+    if (channel == NULL)
+        return -1;
+    channel->respHandler = handler;
+    return 0;
+}
+
+int tv_register_timeout_handler(int channelId, tv_timeout_handler handler)
+{
+    tv_channel *channel = find_channel(channelId);
+    if (channel == NULL)
+        return -1;
+    channel->timeoutHandler = handler;
+    return 0;
+}
+
+int tv_register_linkdown_callback(int channelId, tv_linkdown_cb cb)
+{
+    tv_channel *channel = find_channel(channelId);
+    if (channel == NULL)
+        return -1;
+    channel->linkdownCallback = cb;
+    return 0;
+}
+
+int tv_set_poll_timeout(int channelId, int timeoutMs)
+{
+    tv_channel *channel = tv_get_channel(channelId);
+    if (channel == NULL || timeoutMs <= 0)
+        return -1;
+    channel->pollTimeout = timeoutMs;
+    return 0;
+}
+
+void tv_set_connect_timeout(int channelId, int timeoutMs)
+{
+    tv_channel *channel = find_channel(channelId);
+    if (channel != NULL && timeoutMs > 0)
+        channel->connectTimeout = timeoutMs;
+}
+
+void tv_client_enable_heartbeat(int channelId, int interval, int count, tv_linkdown_cb cb)
+{
+    tv_channel *channel = find_channel(channelId);
+    if (channel == NULL)
+        return;
+    channel->hbInterval = interval;
+    channel->hbCount = count;
+    channel->hbMode = TV_HEARTBEAT_ON;
+    channel->linkdownCallback = cb;
+}
+
+// ---- the client's connection
+
+int tv_create_client_channel(const tv_client_addr *addr)
+{
+    tv_channel *channel = (tv_channel *)malloc(sizeof(tv_channel));
+    if (channel == NULL)
+        return -1;
+    const int channelId = tv_get_channel_id();
+    if (create_client_channel(channel, channelId, addr) != 0) {
+        free(channel);
+        return -1;
+    }
+    if (tv_add_channel(channel) == NULL) {
+        TV_LOG("malloc error in function %s", __func__);
+        close_channel(channel);
+        release_channel(channel);
+        return -1;
+    }
+    return channelId;
+}
+
+// The client channel with the id. Failures are logged in the caller's name.
+static tv_channel *find_client(int channelId, const char *caller = __builtin_FUNCTION(),
+                               int line = __builtin_LINE())
+{
+    tv_channel *channel = find_channel(channelId, caller, line);
+    if (channel != NULL && get_channel_type(channelId) != TV_CHANNEL_CLIENT) {
+        TV_LOG_AT(caller, line, "failed on %s, channel[%d] is not a client", caller, channelId);
+        return NULL;
+    }
+    return channel;
+}
+
+int tv_connect_server(int channelId)
+{
+    tv_channel *channel = find_client(channelId);
+    if (channel == NULL || connect_server(channel) != 0)
+        return -1;
+    enable_heartbeat(channel);
+    return 0;
+}
+
+int tv_disconnect_server(int channelId)
+{
+    tv_channel *channel = find_client(channelId);
+    return channel == NULL ? -1 : disconnect_server(channel);
+}
+
+// ---- requests, replies, descriptor
+
+int tv_send_rqst(int channelId, const char *payload, int len, int timeout)
+{
+    tv_channel *channel = find_channel(channelId);
+    return channel == NULL ? -1 : send_rqst(channel, payload, len, timeout);
+}
+
+int tv_send_resp(int channelId, const char *payload, int len)
+{
+    tv_channel *channel = find_channel(channelId);
+    return channel == NULL ? -1 : send_resp(channel, payload, len);
+}
+
+int tv_get_polling_fd(int channelId)
+{
+    tv_channel *channel = find_channel(channelId);
+    return channel == NULL ? -1 : get_polling_fd(channel);
+}
+
+int tv_channel_fd_handler(int fd, intptr_t channelId, intptr_t arg2)
+{
+    (void)fd;
+    (void)arg2;
+    tv_channel *channel = find_channel((int)channelId);
+    if (channel != NULL)
+        handle_client_polling_fd(channel);
+    return 0;
+}
+
+// ---- log sinks
+
+int tv_set_log_fd(FILE *fp)
+{
+    fp_log = fp;
+    return 0;
+}
+
+int tv_set_log_file(const char *path)
+{
+    if (path != NULL)
+        strncpy(log_file, path, sizeof(log_file) - 1); // fills up with NULs; the last byte is one
+    return 0;
+}

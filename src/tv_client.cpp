@@ -1,0 +1,74 @@
+// tv_client.cpp - the client's role: its record, connecting with login, logging out.
+//
+// Place    called by tv_api.cpp, which finds the record by id and starts the heartbeat.
+// Failure  a failed connect leaves the channel without a connection; a login or logout that could
+//          not be sent leaves the connection open, and the link-down callback has run then.
+// State    none but the channel record.
+
+#include "tv_log.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+int create_client_channel(tv_channel *channel, int channelId, const tv_client_addr *addr)
+{
+    tv_socket *socket = (tv_socket *)malloc(sizeof(tv_socket));
+    if (socket == NULL) {
+        TV_LOG("malloc error in function %s", __func__);
+        return -1;
+    }
+    init_channel(channel, channelId);
+    socket->fd = -1;
+
+    // The texts may fill their arrays: none is read beyond its own.
+    snprintf(channel->url, sizeof(channel->url), "tcp://%.*s:%d", (int)sizeof(addr->clientIp),
+             addr->clientIp, addr->clientPort);
+    snprintf(channel->serverIp, sizeof(channel->serverIp), "%.*s",
+             (int)sizeof(channel->serverIp) - 1, addr->serverIp);
+    channel->serverPort = addr->serverPort;
+    channel->clientSocket = socket;
+    return 0;
+}
+
+// Send the message that stands in msgBuf, up to and with the NUL that ends its payload. The record
+// is not touched after a failure: the link-down callback may have closed it.
+static int send_built_msg(tv_channel *channel)
+{
+    return tv_impl_send_rqst(channel, channel->msgBuf, (int)strlen(channel->msgBuf) + 1);
+}
+
+int connect_server(tv_channel *channel)
+{
+    tv_socket *socket = channel->clientSocket;
+    if (socket == NULL)
+        return -1;
+    if (socket->fd != -1) {
+        close(socket->fd);
+        socket->fd = -1;
+    }
+    socket->fd =
+        impl_create_client_socket(channel->serverIp, channel->serverPort, channel->connectTimeout);
+    if (socket->fd == -1) {
+        TV_LOG("create client or connect server fail");
+        return -1;
+    }
+    build_login_msg(channel, channel->url);
+    TV_LOG("client, send login msg %s", channel->msgBuf);
+    if (send_built_msg(channel) != 0) {
+        TV_LOG("failed to send login msg");
+        return -1;
+    }
+    return 0;
+}
+
+int disconnect_server(tv_channel *channel)
+{
+    build_logout_msg(channel, channel->url);
+    TV_LOG("client, send logout msg %s", channel->msgBuf);
+    if (send_built_msg(channel) != 0) {
+        TV_LOG("failed to send logout msg");
+        return -1;
+    }
+    return 0;
+}

@@ -1,0 +1,455 @@
+// tv_server_api.cpp - the server's role: the service server, its pairs, what arrives on them.
+//
+// Place    called by the application and, through its three descriptor handlers, by the loop.
+// Pairs    every pair is in the repository and in pairList; it enters the repository first and
+//          leaves pairList first. The records belong to neither.
+// Failure  an accepted descriptor that cannot become a pair is closed.
+// State    tv_service_server.
+
+#include "tv_guard.h"
+#include "tv_log.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+tv_server tv_service_server;
+
+// ---- starting and stopping
+
+int create_server_channel(tv_channel *channel, int channelId, const char *ip, int port)
+{
+    if (channel == NULL)
+        return -1;
+    tv_socket *socket = (tv_socket *)malloc(sizeof(tv_socket));
+    if (socket == NULL) {
+        TV_LOG("malloc error in function %s", __func__);
+        return -1;
+    }
+    init_channel(channel, channelId);
+    socket->fd = impl_create_server_socket(ip, port);
+    if (socket->fd == -1) {
+        free(socket);
+        return -1;
+    }
+    TV_LOG("server fd:%d", socket->fd);
+    channel->serverSocket = socket;
+    return 0;
+}
+
+// Pairs that outlived a server whose channel was closed by id are the application's to close.
+static void empty_pair_list(void)
+{
+    if (tv_service_server.pairList.next != NULL)
+        clean_channel_repo(&tv_service_server.pairList);
+    init_channel_list(&tv_service_server.pairList);
+}
+
+int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandler,
+                            tv_timeout_handler timeoutHandler, tv_connected_cb connectedCallback)
+{
+    const int channelId = tv_get_channel_id();
+    if (tv_service_server.serverChannel != NULL) {
+        TV_LOG("%s, a server is running already", __func__);
+        return -1;
+    }
+    tv_channel *channel = (tv_channel *)malloc(sizeof(tv_channel));
+    if (channel == NULL)
+        return -1;
+    snprintf(tv_service_server.listenIp, sizeof(tv_service_server.listenIp), "%s", ip);
+    tv_service_server.connectedCallback = connectedCallback;
+    empty_pair_list();
+    if (create_server_channel(channel, channelId, ip, port) != 0) {
+        free(channel);
+        return -1;
+    }
+    channel->respHandler = respHandler;
+    channel->timeoutHandler = timeoutHandler;
+    if (tv_add_channel(channel) == NULL) {
+        TV_LOG("malloc error in function %s", __func__);
+        close_channel(channel);
+        release_channel(channel);
+        return -1;
+    }
+    tv_service_server.serverChannel = channel;
+    return channelId;
+}
+
+int tv_start_server(const char *ip, int port)
+{
+    return tv_start_service_server(ip, port, NULL, NULL, NULL);
+}
+
+// Close a channel of the server, also one that cannot be closed by id: because the application
+// took it out of the repository, or because its own fd-close callback is stopping the server, in
+// which case it only has to leave the list now.
+static void close_for_stop(tv_channel *channel)
+{
+    channel_guard guard;
+    guard_channel(&guard, channel);
+    tv_close_channel(channel->channelId);
+    if (!guard.closed && is_closing(channel)) {
+        remove_channel(&tv_service_server.pairList, channel->channelId);
+    } else if (!guard.closed) {
+        guard.closing = true;
+        server_remove_channel(channel);
+        close_channel(channel);
+        release_channel(channel);
+    }
+    unguard_channel(&guard);
+}
+
+static tv_channel *first_pair(void)
+{
+    list_walk walk;
+    begin_walk(&walk, &tv_service_server.pairList);
+    tv_channel *pair = next_channel(&walk);
+    end_walk(&walk);
+    return pair;
+}
+
+void tv_stop_server(void)
+{
+    tv_channel *server = tv_service_server.serverChannel;
+    if (server == NULL)
+        return;
+
+    // Every close calls back, and the callback may stop the server itself.
+    channel_guard guard;
+    guard_channel(&guard, server);
+    for (tv_channel *pair = first_pair(); pair != NULL && !guard.closed; pair = first_pair())
+        close_for_stop(pair);
+    if (unguard_channel(&guard)) {
+        close_for_stop(server);
+        tv_service_server.serverChannel = NULL;
+    }
+}
+
+int tv_get_server_polling_fd(void)
+{
+    return get_polling_fd(tv_service_server.serverChannel);
+}
+
+// ---- accepting
+
+static void inherit_handlers(tv_channel *pair, const tv_channel *server)
+{
+    pair->actorCount = server->actorCount;
+    memcpy(pair->actors, server->actors, sizeof(server->actors[0]) * server->actorCount);
+    pair->respHandler = server->respHandler;
+    pair->timeoutHandler = server->timeoutHandler;
+    pair->linkdownCallback = server->linkdownCallback;
+}
+
+static void inherit_supervision(tv_channel *pair, const tv_channel *server)
+{
+    pair->hbMode = server->hbMode;
+    pair->hbInterval = server->hbInterval;
+    pair->hbCount = server->hbCount;
+    pair->hbSequence = 0;
+    pair->hbMissCount = 0;
+}
+
+// Put a pair into the repository and into pairList: both or neither.
+static bool list_pair(tv_channel *pair)
+{
+    if (tv_add_channel(pair) == NULL)
+        return false;
+    if (add_channel(&tv_service_server.pairList, pair) != NULL)
+        return true;
+    tv_remove_channel(pair);
+    return false;
+}
+
+// Make a listed record of an accepted descriptor. Returns null without memory.
+static tv_channel *new_pair(int fd)
+{
+    tv_channel *pair = (tv_channel *)malloc(sizeof(tv_channel));
+    tv_socket *socket = (tv_socket *)malloc(sizeof(tv_socket));
+    const int channelId = tv_get_channel_id();
+    if (pair != NULL && socket != NULL) {
+        init_channel(pair, channelId);
+        socket->fd = fd;
+        pair->pairSocket = socket;
+        pair->url[0] = '\0';
+        inherit_handlers(pair, tv_service_server.serverChannel);
+        if (list_pair(pair))
+            return pair;
+    }
+    free(pair);
+    free(socket);
+    return NULL;
+}
+
+int create_pair_channel(int fd)
+{
+    if (tv_service_server.serverChannel == NULL) {
+        TV_LOG("%s, no server is running", __func__);
+        close(fd);
+        return -1;
+    }
+    tv_channel *pair = new_pair(fd);
+    if (pair == NULL) {
+        TV_LOG("malloc error in function %s", __func__);
+        close(fd);
+        return -1;
+    }
+    TV_LOG("pair fd:%d", fd);
+    channel_guard guard;
+    guard_channel(&guard, pair);
+    if (tv_service_server.clientFdOpenCallback != NULL)
+        tv_service_server.clientFdOpenCallback(fd);
+    if (!unguard_channel(&guard))
+        return -1;
+
+    // Read anew: the callback may have changed the server's settings, or stopped the server.
+    const tv_channel *server = tv_service_server.serverChannel;
+    if (server != NULL) {
+        pair->pollTimeout = server->pollTimeout;
+        pair->linkdownCallback = server->linkdownCallback;
+        inherit_supervision(pair, server);
+        enable_heartbeat(pair);
+    }
+    return 0;
+}
+
+int tv_server_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
+{
+    (void)arg1;
+    (void)arg2;
+    const int pairFd = tcp_impl_accept_socket(fd);
+    if (pairFd < 0) {
+        TV_LOG("%s, failed on accept", __func__);
+        return -1;
+    }
+    return create_pair_channel(pairFd);
+}
+
+int update_pair_channel(tv_channel *channel, const char *url)
+{
+    snprintf(channel->url, sizeof(channel->url), "%s", url);
+    return 0;
+}
+
+void tv_close_client_connection(int channelId)
+{
+    tv_close_channel(channelId);
+}
+
+int server_remove_channel(tv_channel *channel)
+{
+    if (channel == NULL)
+        return 0;
+    if (channel->pairSocket != NULL && tv_service_server.clientFdCloseCallback != NULL)
+        tv_service_server.clientFdCloseCallback(channel->pairSocket->fd);
+    return remove_channel(&tv_service_server.pairList, channel->channelId);
+}
+
+// ---- what arrives on a pair
+
+static tv_channel *get_pair_by_fd(int fd)
+{
+    const tv_channel_list *head = &tv_service_server.pairList;
+    const tv_channel_list *link = head->next;
+    for (; link != NULL && link != head; link = link->next) {
+        tv_channel *pair = ((const tv_channel_node *)link)->channel;
+        if (pair == NULL || pair->pairSocket == NULL)
+            TV_LOG("internal list error, should never reach here");
+        else if (pair->pairSocket->fd == fd)
+            return pair;
+    }
+    if (link == NULL)
+        TV_LOG("channel list is null");
+    TV_LOG("could not find channel with fd[%d]", fd);
+    return NULL;
+}
+
+// The URL in a login or logout, or null (which has been logged).
+static const char *get_url_payload(const char *msg)
+{
+    int len = 0;
+    return get_msg_payload(msg, (int)strlen(msg) + 1, &len);
+}
+
+// Close an older connection of the client that is logging in.
+static void replace_pair(int channelId, const char *url)
+{
+    if (tv_service_server.disconnectedCallback != NULL)
+        tv_service_server.disconnectedCallback(channelId, url);
+    tv_close_channel(channelId);
+}
+
+int login_msg_received(tv_channel *channel, char *msg)
+{
+    const char *url = get_url_payload(msg);
+    if (url == NULL || *url == '\0') { // an empty one would match every pair not logged in yet
+        if (url != NULL)
+            TV_LOG("%s, empty url, ignore", __func__);
+        tv_impl_free_msg(msg);
+        return 0;
+    }
+    channel_guard guard;
+    guard_channel(&guard, channel);
+    const tv_channel *older = get_channel_by_ip(&tv_service_server.pairList, url);
+    if (older != NULL && older != channel) {
+        TV_LOG("login_msg_received, close previous channel for url: %s", url);
+        replace_pair(older->channelId, url);
+    }
+    if (!guard.closed && tv_service_server.connectedCallback != NULL)
+        tv_service_server.connectedCallback(channel->channelId, url);
+    if (unguard_channel(&guard))
+        update_pair_channel(channel, url);
+    tv_impl_free_msg(msg);
+    return 0;
+}
+
+int logout_msg_received(tv_channel *channel, char *msg)
+{
+    const int channelId = channel->channelId;
+    const char *url = get_url_payload(msg);
+    tv_close_client_connection(channelId);
+    if (tv_service_server.disconnectedCallback != NULL)
+        tv_service_server.disconnectedCallback(channelId, url != NULL ? url : "");
+    tv_impl_free_msg(msg);
+    return 0;
+}
+
+int tv_pair_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
+{
+    (void)arg1;
+    (void)arg2;
+    tv_channel *pair = get_pair_by_fd(fd);
+    if (pair == NULL)
+        return 0;
+
+    int len = 0;
+    char *msg = tv_impl_recv_with_timeout(pair, &len, pair->pollTimeout);
+    // Without bytes the link is down, and the pair may be closed by now.
+    if (msg == NULL || len == 0 || tv_msg_received(pair, get_msg_sequence(msg)) != 0) {
+        tv_impl_free_msg(msg);
+        return 0;
+    }
+    switch (get_msg_type(msg)) {
+    case TV_MSG_LOGIN:
+        login_msg_received(pair, msg);
+        break;
+    case TV_MSG_LOGOUT:
+        logout_msg_received(pair, msg);
+        TV_LOG("logout msg received");
+        break;
+    case TV_MSG_REQUEST:
+        process_channel_rqst(pair, msg, len);
+        break;
+    case TV_MSG_REPLY:
+        process_channel_resp(pair, msg, len);
+        break;
+    case TV_MSG_HEARTBEAT:
+        heartbeat_received(pair, msg);
+        break;
+    case TV_MSG_HEARTBEAT_ACK:
+        heartbeat_ack_received(pair, msg);
+        break;
+    default:
+        TV_LOG("unexpected msg type received!!!");
+        tv_impl_free_msg(msg);
+    }
+    return 0;
+}
+
+// ---- all clients at once
+
+int tv_broadcast_rqst_to_client(const void *data, int length)
+{
+    // A send that fails calls back, and the callback may close any pair.
+    list_walk walk;
+    begin_walk(&walk, &tv_service_server.pairList);
+    for (tv_channel *pair = next_channel(&walk); pair != NULL; pair = next_channel(&walk))
+        send_rqst(pair, (const char *)data, length, 0);
+    end_walk(&walk);
+    return 0;
+}
+
+int tv_service_enable_heartbeat(int interval, int count, tv_linkdown_cb linkdownCallback)
+{
+    tv_channel *server = tv_service_server.serverChannel;
+    if (server != NULL) {
+        server->linkdownCallback = linkdownCallback;
+        server->hbInterval = interval;
+        server->hbCount = count;
+        server->hbMode = TV_HEARTBEAT_ON;
+    }
+    const tv_channel_list *head = &tv_service_server.pairList;
+    for (const tv_channel_list *link = head->next; link != head; link = link->next) {
+        if (link == NULL) {
+            TV_LOG("channel list is null");
+            return 0;
+        }
+        tv_channel *pair = ((const tv_channel_node *)link)->channel;
+        if (pair == NULL || server == NULL)
+            continue;
+        inherit_supervision(pair, server);
+        enable_heartbeat(pair);
+        pair->linkdownCallback = linkdownCallback;
+    }
+    return 0;
+}
+
+int tv_get_all_client_fds(int *fds, int maxsize)
+{
+    const tv_channel_list *head = &tv_service_server.pairList;
+    int count = 0;
+    for (const tv_channel_list *link = head->next; link != head; link = link->next) {
+        if (count >= maxsize) {
+            TV_LOG("too many fds, maxsize is [%d]", maxsize);
+            return 0;
+        }
+        if (link == NULL) {
+            TV_LOG("channel list is null");
+            return 0;
+        }
+        const tv_channel *pair = ((const tv_channel_node *)link)->channel;
+        if (pair == NULL)
+            continue;
+        if (pair->pairSocket != NULL)
+            fds[count++] = pair->pairSocket->fd;
+        else
+            TV_LOG("internal data error");
+    }
+    return 0;
+}
+
+int tv_get_client_channel(const char *ip, int port)
+{
+    if (ip == NULL)
+        return -1;
+    char url[TV_URL_SIZE];
+    snprintf(url, sizeof(url), "tcp://%s:%d", ip, port);
+    const tv_channel *pair = get_channel_by_ip(&tv_service_server.pairList, url);
+    return pair == NULL ? -1 : pair->channelId;
+}
+
+int tv_register_connected_callback(int channelId, tv_connected_cb callback)
+{
+    (void)channelId;
+    tv_service_server.connectedCallback = callback;
+    return 0;
+}
+
+int tv_register_disconnected_callback(int channelId, tv_disconnected_cb callback)
+{
+    (void)channelId;
+    tv_service_server.disconnectedCallback = callback;
+    return 0;
+}
+
+int tv_register_client_fd_open_callback(tv_client_fd_cb callback)
+{
+    tv_service_server.clientFdOpenCallback = callback;
+    return 0;
+}
+
+int tv_register_client_fd_close_callback(tv_client_fd_cb callback)
+{
+    tv_service_server.clientFdCloseCallback = callback;
+    return 0;
+}

@@ -11,18 +11,18 @@
  * CONVENTIONS, true of every entry below unless it says otherwise
  *
  * Results    0 is success and -1 failure, or a length, an id or a descriptor, or -1. A record
- *            that is not found is a null pointer. errno carries no meaning. A failure is logged
- *            once, where it is detected (section 6). A failed operation changes nothing but what
+ *            that is not found is a null pointer. errno carries no meaning. Most failures are
+ *            logged, once, where they are detected (section 6). A failed operation changes nothing but what
  *            its entry names.
  * Time       milliseconds, measured on the monotonic clock: a changed wall clock moves nothing.
- * Sizes      bytes. Lengths are int and never negative: a negative one is refused with -1.
+ * Sizes      bytes. Lengths are int and never negative: a negative one is refused.
  * Text       NUL-terminated. A text that is too long for its record is cut, never overrun.
  * Ownership  the library copies every text and payload that it is given before the call returns
  *            and keeps no pointer to it. What a callback is handed is valid until the callback
  *            returns, unless its type says otherwise.
  * Threads    none are started and nothing is locked. One thread makes every call, and every
  *            callback runs on it, inside such a call or inside the event loop.
- * Blocking   a connect, a send or a receive blocks for at most the channel's connect time-out or
+ * Blocking   a connect, a send or a receive waits for at most the channel's connect time-out or
  *            poll time-out. Both are unlimited until set: set them (section 2).
  * Closing    where a callback type forbids closing its own channel, do it later, for example
  *            from a timer. Closing there all the same is safe for memory: the channel is gone
@@ -54,7 +54,7 @@ extern "C" {
 #define TV_RQST_QUEUE_SIZE 8        /* received requests waiting behind the one being served */
 #define TV_MAX_POLLING_FDS 16       /* descriptors in the event loop */
 #define TV_LOG_FILE_SIZE   128      /* the log path with its terminating NUL */
-#define TV_LOG_LIMIT       0x200000 /* a log of this size takes no more entries */
+#define TV_LOG_LIMIT       0x200000 /* size from which a log takes no more, see section 6 */
 
 /* ---- 1  Types and records ------------------------------------------------------------------ */
 
@@ -102,18 +102,17 @@ enum { TV_HEARTBEAT_ON = 0, TV_HEARTBEAT_OFF = 2 };
 typedef int (*tv_actor)(int channelId, const char *payload, int payloadLen, char **respPayload,
                         int *respLen);
 
-/* Receives the reply to the channel's request: at most once a request, and never after the
- * time-out handler ran for it. A reply without a payload marker arrives as null and 0. May send
- * the next request. Must not close its own channel. */
+/* Receives the reply to the channel's request: at most once a request. A reply without a payload
+ * marker arrives as null and 0. May send the next request. Must not close its own channel. */
 typedef void (*tv_resp_handler)(int channelId, const char *payload, int payloadLen);
 
-/* Tells that a request's time-out passed: at most once a request, and never after its reply.
+/* Tells that a request's time-out passed: at most once a request, and not after its reply.
  * The request still counts as outstanding until the handler returns: a request sent from here on
  * the same channel is refused. Must not close its own channel. */
 typedef void (*tv_timeout_handler)(int channelId);
 
-/* Tells that the link is down: after every failed send or receive, and once when the heartbeat
- * gives up. url is the channel's own field. The channel stays open until it is closed, here or
+/* Tells that the link is down: after every failed send or receive on a connection, and once when
+ * the heartbeat gives up. url is the channel's own field. The channel stays open until it is closed, here or
  * later; its descriptor stays readable, so unregister it from the loop at the latest here. May
  * close its channel, except when a reply fails while queued requests are being served; as that
  * cannot be told from here, the library copes with both. */
@@ -232,7 +231,7 @@ extern tv_server tv_service_server;
  * "could not get channel with id[%d] in %s" and returns -1, null, or nothing. */
 
 /* Return the next channel id: 0, 1, 2 and so on through all 32-bit numbers but -1. Uses it up.
- * An id comes round again after 2^32 - 1 others. */
+ * An id comes round again after all the others. */
 int tv_get_channel_id(void);
 
 /* Return the channel's record, or null. The record is valid until the channel is closed. */
@@ -256,7 +255,8 @@ int tv_remove_channel(tv_channel *channel);
  * the record with all requests it still holds. A client's descriptor has to be unregistered from
  * the event loop before. No other callback is called: not the time-out handler of a request
  * still outstanding, nor a link-down or disconnected callback. The id names nothing afterwards.
- * Closing the channel of a running server (tv_stop_server does it) leaves its pairs open. */
+ * Closing a running server's own channel leaves its pairs open, to be closed by their ids; use
+ * tv_stop_server instead. */
 void tv_close_channel(int channelId);
 
 /* Append an actor to a client or server channel; it may be appended more than once and stays
@@ -289,18 +289,23 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  *   timeout    milliseconds to wait for the reply; 0 or less: no reply is awaited
  *
  * Returns 0 when the request is sent, or -1: no such channel, a request still awaits its reply,
- * the message does not fit, or the send failed (the link-down callback has run then). After 0
- * with a positive timeout exactly one of the response handler and the time-out handler runs,
- * unless the channel is closed first or the timer could not be started (logged: only the reply
- * ends the wait then). A reply that comes too late, or to a request with no time-out, is
- * discarded. Blocks for at most the channel's poll time-out. */
+ * the message does not fit, not connected, or the send failed (then, and only then, the link-down
+ * callback has run). After 0 with a positive timeout exactly one of the response handler and the
+ * time-out handler runs, unless the channel is closed first or the timer could not be started
+ * (logged: only a reply ends the wait then). Blocks for at most the channel's poll time-out.
+ *
+ * A reply that comes while no request awaits one is discarded: one that is too late, or one to a
+ * request without a time-out. Replies carry no number of their request: one that is late while a
+ * newer request waits is taken for that one's. Where this matters, put a mark of your own into
+ * the payload, and have it returned. */
 int tv_send_rqst(int channelId, const char *payload, int len, int timeout);
 
 /* Answer the request for which an actor returned TV_ACTOR_DEFERRED, then serve the requests that
  * waited behind it: actors may run before the call returns. The payload is as for tv_send_rqst.
  * Returns 0 when the reply is sent, or -1: no such channel, no request to answer (also inside the
- * actor that takes it), the message does not fit, or the send failed (the link-down callback has
- * run then). After a failure other than the first two the request is still to be answered.
+ * actor that takes it), the message does not fit, not connected, or the send failed (then, and
+ * only then, the link-down callback has run). After a failure other than the first two the
+ * request is still to be answered.
  * Blocks for at most the channel's poll time-out. */
 int tv_send_resp(int channelId, const char *payload, int len);
 
@@ -339,8 +344,8 @@ int tv_create_client_channel(const tv_client_addr *addr);
 int tv_connect_server(int channelId);
 
 /* Send the logout message. The server closes its end when it reads it; the channel stays open
- * until tv_close_channel. Returns 0, or -1: no such channel, not a client, or the send failed
- * (the link-down callback has run then). */
+ * until tv_close_channel. Returns 0, or -1: no such channel, not a client, not connected,
+ * or the send failed (then, and only then, the link-down callback has run). */
 int tv_disconnect_server(int channelId);
 
 /* Set the client channel's heartbeat and its link-down callback.
@@ -456,7 +461,8 @@ int server_remove_channel(tv_channel *channel);
  * are readable, waits for at most ruvo_timer_get_expected_interval() and then calls
  * ruvo_fire_timer(), both from ruvo_timer.h. */
 
-/* Serve a descriptor with a handler from the next pass on. fd is open, handler is not null;
+/* Serve a descriptor with a handler: it is polled from the next pass on, and served in this one
+ * already if its number was reported ready and it is. fd is open, handler is not null;
  * neither is tested. A descriptor that is registered twice takes two places. Returns 0, or -1
  * when all places are taken. */
 int tv_register_polling_fd(int fd, tv_fd_handler handler, intptr_t arg1, intptr_t arg2);
@@ -591,8 +597,9 @@ void clean_channel_repo(tv_channel_list *head);
 
 /* Build a message of the channel and advance its sequence number: a request or a reply with the
  * payload, a login or a logout with text and its NUL, in msgBuf; a heartbeat or an
- * acknowledgement in dst. Return the message's length, or -1: it does not fit, or len is
- * negative (the number is not advanced). The first two return 0 for a null channel or payload. */
+ * acknowledgement in dst. Return the message's length, or -1: it does not fit (the destination
+ * holds the beginning of its header then), or len is negative (nothing is written). After -1 the
+ * number is not advanced. The first two return 0 for a null channel or payload. */
 int pack_outgoing_rqst(tv_channel *channel, const char *payload, int len);
 int pack_outgoing_resp(tv_channel *channel, const char *payload, int len);
 int build_login_msg(tv_channel *channel, const char *text);
@@ -609,11 +616,11 @@ int get_msg_type(const char *msg);
 int get_msg_sequence(const char *msg);
 
 /* Copy the sender's URL to dst, cut to size - 1 characters, size 1 or more. Returns 0, or -1: no
- * tag, or no payload marker behind it (dst is untouched then). */
+ * tag, or the first payload marker is not behind it (dst is untouched then). */
 int get_msg_url(const char *msg, char *dst, int size);
 
 /* Return the payload inside msg, of length len, and its length in *payloadLen; or null and 0 when
- * there is no payload marker. */
+ * there is no payload marker within len. */
 const char *get_msg_payload(const char *msg, int len, int *payloadLen);
 
 /* Return the value in a heartbeat's payload, or -1 when it is not there. */
@@ -658,7 +665,8 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 
 /* Receive one frame within timeoutMs; 0 or less, and the second one: no limit, and on a
  * non-blocking descriptor no waiting between two tries. Return the body in a block from malloc(),
- * followed by one 0x00 that is not counted, and its length in *len; or null. */
+ * followed by one 0x00 that is not counted, and its length in *len; or null (*len means nothing
+ * then). Memory is used up as the bytes arrive, not as the length announces them. */
 char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs);
 char *tcp_impl_receive(int fd, int *len);
 
@@ -669,8 +677,8 @@ char *tcp_impl_receive(int fd, int *len);
 int impl_create_server_socket(const char *ip, int port);
 int impl_create_client_socket(const char *ip, int port, int timeoutMs);
 
-/* Make fd non-blocking and connect it within timeoutMs. Returns fd, or -1: fd is the caller's to
- * close. */
+/* Make fd non-blocking and connect it within timeoutMs; 0 or less: fails unless it connects at
+ * once. Returns fd, or -1: fd is the caller's to close. */
 int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrlen, int timeoutMs);
 
 /* Accept one connection and make it non-blocking. Returns its descriptor, or a negative value. */

@@ -5,6 +5,7 @@
 //          searches start at the oldest. Searches are linear on purpose: a process has few
 //          channels.
 // Failure  a head or a node with a null link is reported by every search that meets it.
+//          A node without a record, which add_channel makes of a null one, matches nothing.
 // State    the walks in progress, so that entries can be removed under them.
 
 #include "tv_guard.h"

@@ -1,8 +1,8 @@
 // tv_client.cpp - the client's role: its record, connecting with login, logging out.
 //
 // Place    called by tv_api.cpp, which finds the record by id and starts the heartbeat.
-// Failure  a failed connect leaves the channel without a connection; a login or logout that could
-//          not be sent leaves the connection open, and the link-down callback has run then.
+// Failure  a failed connect leaves the channel without a connection; a login or logout whose send
+//          fails leaves the connection open, and the link-down callback has run then.
 // State    none but the channel record.
 
 #include "tv_log.h"

@@ -49,7 +49,8 @@ void release_channel(tv_channel *channel);
 bool report_linkdown(tv_channel *channel);
 
 // tv_channel_repo.cpp: walks nest like guards. next_channel returns null at the end, also when it
-// meets a null link. No walk is begun on a head with null links.
+// meets a null link. A head with null links is
+// walked like an empty list.
 void begin_walk(list_walk *walk, tv_channel_list *head);
 tv_channel *next_channel(list_walk *walk);
 void end_walk(list_walk *walk);

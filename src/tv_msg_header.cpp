@@ -187,7 +187,7 @@ int get_msg_url(const char *msg, char *dst, int size)
 const char *get_msg_payload(const char *msg, int len, int *payloadLen)
 {
     const char *marker = strstr(msg, PAYLOAD_MARKER);
-    if (marker == NULL || marker - msg > len - markerLen) {
+    if (marker == NULL || marker - msg + markerLen > len) {
         TV_LOG("get_msg_payload, unexpected tolvane received");
         *payloadLen = 0;
         return NULL;

@@ -240,9 +240,10 @@ int server_remove_channel(tv_channel *channel)
 {
     if (channel == NULL)
         return 0;
+    const int channelId = channel->channelId; // the callback may close the channel
     if (channel->pairSocket != NULL && tv_service_server.clientFdCloseCallback != NULL)
         tv_service_server.clientFdCloseCallback(channel->pairSocket->fd);
-    return remove_channel(&tv_service_server.pairList, channel->channelId);
+    return remove_channel(&tv_service_server.pairList, channelId);
 }
 
 // ---- what arrives on a pair
@@ -264,11 +265,11 @@ static tv_channel *get_pair_by_fd(int fd)
     return NULL;
 }
 
-// The URL in a login or logout, or null (which has been logged).
+// The URL in a login or logout, or null (which has been logged). Its NUL ends the message's text.
 static const char *get_url_payload(const char *msg)
 {
     int len = 0;
-    return get_msg_payload(msg, (int)strlen(msg) + 1, &len);
+    return get_msg_payload(msg, (int)strlen(msg), &len);
 }
 
 // Close an older connection of the client that is logging in.

@@ -4,7 +4,8 @@
 // Method   a binary heap ordered by due time, then by start; and a table of the timers, in which a
 //          timer's place is its id modulo the table's size. A start takes the next id whose place
 //          is free, so ids come round late and finding a timer takes one step. The table is at
-//          most half full: a free place is near. Starting and stopping cost O(log n).
+//          most half full: a free place is two steps away on average. Stopping costs O(log n), and
+//          starting does on average.
 // Failure  a start without memory returns -1 and leaves everything as it was.
 // State    heap and table, in memory that grows and is kept; one thread, no locks.
 

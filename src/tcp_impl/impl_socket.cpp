@@ -16,8 +16,10 @@
 #include <limits.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -138,8 +140,9 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 
 // ---- receiving
 
-// A budget of 0 or less means no limit here: never wait, only read.
-static int _impl_receive_with_timeout(int fd, char *dst, int count, int *budget)
+// Without a limit never wait, only read. With one, read on without waiting when the budget is used
+// up, until nothing is there: a peer must not hold its receiver longer by dripping bytes.
+static int _impl_receive_with_timeout(int fd, char *dst, int count, int *budget, bool limited)
 {
     if (count <= 0)
         return count;
@@ -156,6 +159,9 @@ static int _impl_receive_with_timeout(int fd, char *dst, int count, int *budget)
         }
         if (result > 0) {
             received += (int)result;
+        } else if (error == EAGAIN && limited && *budget <= 0) {
+            TV_LOG("time out:%d", *budget);
+            return -1;
         } else if (error == EAGAIN || error == EINTR) {
             TV_LOG("error %s continue", strerror(error));
         } else {
@@ -170,8 +176,9 @@ char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs)
 {
     *len = 0;
     int budget = timeoutMs;
+    const bool limited = timeoutMs > 0;
     char header[headerSize];
-    if (_impl_receive_with_timeout(fd, header, headerSize, &budget) != headerSize) {
+    if (_impl_receive_with_timeout(fd, header, headerSize, &budget, limited) != headerSize) {
         TV_LOG("tcp_impl_receive, failed on receive header");
         return NULL;
     }
@@ -195,7 +202,7 @@ char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs)
         TV_LOG("tcp_impl_receive, failed on malloc");
         return NULL;
     }
-    if (_impl_receive_with_timeout(fd, body, *len, &budget) != *len) {
+    if (_impl_receive_with_timeout(fd, body, *len, &budget, limited) != *len) {
         TV_LOG("tcp_impl_receive, failed on receive msg, len[%d]", *len);
         free(body);
         *len = 0;
@@ -219,7 +226,8 @@ static struct sockaddr_in make_address(const char *ip, int port)
     memset(&address, 0, sizeof(address));
     address.sin_family = AF_INET;
     address.sin_port = htons((uint16_t)port);
-    inet_pton(AF_INET, ip, &address.sin_addr);
+    if (inet_pton(AF_INET, ip, &address.sin_addr) != 1)
+        address.sin_addr.s_addr = htonl(INADDR_ANY);
     return address;
 }
 
@@ -253,8 +261,8 @@ int impl_create_server_socket(const char *ip, int port)
     return -1;
 }
 
-// Wait for the end of a connect in progress. Returns true when it succeeded.
-static bool connect_finished(int fd, int timeoutMs)
+// Wait for the end of a connect in progress. Returns true when it succeeded; logs for its caller.
+static bool connect_finished(int fd, int timeoutMs, const char *caller)
 {
     if (_wait_fd(fd, POLLOUT, &timeoutMs) <= 0)
         return false;
@@ -262,11 +270,11 @@ static bool connect_finished(int fd, int timeoutMs)
     int outcome = -1;
     socklen_t size = sizeof(outcome);
     if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &outcome, &size) != 0) {
-        TV_LOG("getsockopt error:%s", strerror(errno));
+        TV_LOG_AT(caller, __LINE__, "getsockopt error:%s", strerror(errno));
         return false;
     }
     if (outcome != 0)
-        TV_LOG("connect error:%d", outcome);
+        TV_LOG_AT(caller, __LINE__, "connect error:%d", outcome);
     return outcome == 0;
 }
 
@@ -281,7 +289,7 @@ int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrle
         switch (error) {
         case EINPROGRESS:
         case EALREADY:
-            return connect_finished(fd, timeoutMs) ? fd : -1;
+            return connect_finished(fd, timeoutMs, __func__) ? fd : -1;
         case EINTR:
             break;
         case EISCONN:

@@ -93,9 +93,10 @@ enum { TV_HEARTBEAT_ON = 0, TV_HEARTBEAT_OFF = 2 };
  *   payload      the request's bytes, may hold 0x00; valid until the actor returns, and after
  *                TV_ACTOR_DEFERRED until the reply has been sent or the channel is closed
  *   payloadLen   0 or more
- *   respPayload  points to a null pointer; may be set to a reply from malloc(). It belongs to
+ *   respPayload  points to a null pointer, or to what an actor before this one left there (free
+ *                that before replacing it); may be set to a reply from malloc(). It belongs to
  *                the library then, which frees it whatever the actor returns
- *   respLen      points to 0; the reply's length
+ *   respLen      points to 0, or to what an actor before left; the reply's length
  *
  * While a deferred reply is owed, up to TV_RQST_QUEUE_SIZE further requests wait their turn.
  * Must not close its own channel. */
@@ -124,8 +125,8 @@ typedef void (*tv_linkdown_cb)(int channelId, const char *url);
 typedef void (*tv_connected_cb)(int channelId, const char *url);
 
 /* Tells the server that a client is gone. After a logout the pair is closed already and the id
- * names nothing; when a newer login replaces the pair, it is closed right after the callback.
- * May close any channel. */
+ * names nothing; when a newer login replaces the pair, it is closed right after the callback
+ * (which is logged as a miss if the callback has closed it). May close any channel. */
 typedef void (*tv_disconnected_cb)(int channelId, const char *url);
 
 /* Announces a pair's descriptor to the server: opened, once a connection, to be registered with
@@ -247,7 +248,8 @@ int get_channel_type(int channelId);
 tv_channel_node *tv_add_channel(tv_channel *channel);
 
 /* Take the channel with the record's id out of the repository. Returns 0, or 1 when it was not
- * listed. Closes and releases nothing: the record is the caller's then. */
+ * listed. Closes and releases nothing: a client's record is the caller's then; a pair and the
+ * server channel stay the server's, and tv_stop_server closes and releases them. */
 int tv_remove_channel(tv_channel *channel);
 
 /* End a channel: tell the server's application of the descriptor about to close (pairs only),
@@ -255,8 +257,8 @@ int tv_remove_channel(tv_channel *channel);
  * the record with all requests it still holds. A client's descriptor has to be unregistered from
  * the event loop before. No other callback is called: not the time-out handler of a request
  * still outstanding, nor a link-down or disconnected callback. The id names nothing afterwards.
- * Closing a running server's own channel leaves its pairs open, to be closed by their ids; use
- * tv_stop_server instead. */
+ * Closing a running server's own channel leaves its pairs open, to be closed by their ids before
+ * the next start, which forgets them; use tv_stop_server instead. */
 void tv_close_channel(int channelId);
 
 /* Append an actor to a client or server channel; it may be appended more than once and stays
@@ -386,7 +388,8 @@ int disconnect_server(tv_channel *channel);
  *   connectedCallback  replaces the one registered before, null clears it
  *
  * Returns the server channel's id, or -1: a server runs already (it is left alone), no memory, or
- * the address cannot be listened on. A failed start uses up a channel id. Actors, time-outs and
+ * the address cannot be listened on. A failed start uses up a channel id; one that fails to listen
+ * has stored ip and connectedCallback all the same. Actors, time-outs and
  * handlers set on the server channel reach the pairs accepted afterwards. */
 int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandler,
                             tv_timeout_handler timeoutHandler, tv_connected_cb connectedCallback);

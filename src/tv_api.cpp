@@ -59,6 +59,8 @@ void tv_close_channel(int channelId)
     guard.closing = true;
     if (channel->pairSocket != NULL)
         server_remove_channel(channel);
+    else if (tv_service_server.pairList.next != NULL) // perhaps a pair whose socket is closed
+        remove_channel(&tv_service_server.pairList, channelId);
     close_channel(channel);
     if (channel == tv_service_server.serverChannel)
         tv_service_server.serverChannel = NULL;

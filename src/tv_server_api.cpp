@@ -27,6 +27,7 @@ int create_server_channel(tv_channel *channel, int channelId, const char *ip, in
         return -1;
     }
     init_channel(channel, channelId);
+    channel->url[0] = '\0'; // read when an application tries to send on the server channel
     socket->fd = impl_create_server_socket(ip, port);
     if (socket->fd == -1) {
         free(socket);
@@ -80,7 +81,7 @@ int tv_start_server(const char *ip, int port)
     return tv_start_service_server(ip, port, NULL, NULL, NULL);
 }
 
-// Close a channel of the server, also one that cannot be closed by id: because the application
+// Close a channel of the server and take it out of the list, also one that cannot be closed by id: because the application
 // took it out of the repository, or because its own fd-close callback is stopping the server, in
 // which case it only has to leave the list now.
 static void close_for_stop(tv_channel *channel)
@@ -117,8 +118,12 @@ void tv_stop_server(void)
     // Every close calls back, and the callback may stop the server itself.
     channel_guard guard;
     guard_channel(&guard, server);
-    for (tv_channel *pair = first_pair(); pair != NULL && !guard.closed; pair = first_pair())
+    while (!guard.closed || tv_service_server.serverChannel == NULL) { // not yet another server
+        tv_channel *pair = first_pair();
+        if (pair == NULL)
+            break;
         close_for_stop(pair);
+    }
     if (unguard_channel(&guard)) {
         close_for_stop(server);
         tv_service_server.serverChannel = NULL;

@@ -2,52 +2,47 @@
 
 #include <algorithm>
 
-namespace
-{
 struct hand_timer {
     int id;
-    long long due;
     int interval;
     bool periodic;
+    long long due;
     ruvo_timer_cb callback;
-    intptr_t arg1;
-    intptr_t arg2;
+    intptr_t arg1, arg2;
 };
 
-std::vector<hand_timer> timers; // in order of their starts
-long long now = 0;
-int nextId = 0;
-bool failStarts = false;
+static std::vector<hand_timer> timers; // in order of their starts
+static long long now = 0;
+static int nextId = 0;
+static bool failStarts = false;
 
-std::vector<hand_timer>::iterator find_timer(int id)
-{
-    return std::find_if(timers.begin(), timers.end(),
-                        [id](const hand_timer &timer) { return timer.id == id; });
-}
-
-std::vector<hand_timer>::iterator first_due()
+// The timer that is due first, the one started first among equals.
+static std::vector<hand_timer>::iterator first_due()
 {
     return std::min_element(timers.begin(), timers.end(),
                             [](const hand_timer &a, const hand_timer &b) { return a.due < b.due; });
 }
 
-int start(int interval, bool periodic, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
+static void fire_until(long long end)
 {
-    if (failStarts || interval < 1 || callback == nullptr)
-        return -1;
-    timers.push_back({nextId, now + interval, interval, periodic, callback, arg1, arg2});
-    return nextId++;
+    for (auto timer = first_due(); timer != timers.end() && timer->due <= end;
+         timer = first_due()) {
+        const hand_timer fired = *timer; // the callback may stop it
+        now = std::max(now, fired.due);
+        if (fired.periodic)
+            timer->due += ((now - fired.due) / fired.interval + 1) * fired.interval;
+        else
+            timers.erase(timer);
+        fired.callback(fired.arg1, fired.arg2);
+    }
 }
 
-void fire(std::vector<hand_timer>::iterator timer)
+static int start(bool periodic, int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
 {
-    const hand_timer fired = *timer; // the callback may stop it
-    if (fired.periodic)
-        timer->due += (now - timer->due) / fired.interval * fired.interval + fired.interval;
-    else
-        timers.erase(timer);
-    fired.callback(fired.arg1, fired.arg2);
-}
+    if (failStarts || interval < 1)
+        return -1;
+    timers.push_back({nextId, interval, periodic, now + interval, callback, arg1, arg2});
+    return nextId++;
 }
 
 void hand_timer_reset()
@@ -60,11 +55,7 @@ void hand_timer_reset()
 void hand_timer_advance(int ms)
 {
     const long long end = now + ms;
-    for (auto timer = first_due(); timer != timers.end() && timer->due <= end;
-         timer = first_due()) {
-        now = std::max(now, timer->due);
-        fire(timer);
-    }
+    fire_until(end);
     now = end;
 }
 
@@ -86,20 +77,20 @@ void hand_timer_fail_starts(bool fail)
     failStarts = fail;
 }
 
-extern "C" {
 int ruvo_start_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
 {
-    return start(interval, false, callback, arg1, arg2);
+    return start(false, interval, callback, arg1, arg2);
 }
 
 int ruvo_start_periodic_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
 {
-    return start(interval, true, callback, arg1, arg2);
+    return start(true, interval, callback, arg1, arg2);
 }
 
 int ruvo_stop_timer(int timerId)
 {
-    const auto timer = find_timer(timerId);
+    const auto timer = std::find_if(timers.begin(), timers.end(),
+                                    [=](const hand_timer &t) { return t.id == timerId; });
     if (timer == timers.end())
         return -1;
     timers.erase(timer);
@@ -108,14 +99,11 @@ int ruvo_stop_timer(int timerId)
 
 int ruvo_timer_get_expected_interval(void)
 {
-    const auto timer = first_due();
-    return timer == timers.end() ? -1 : (int)std::max(0LL, timer->due - now);
+    return timers.empty() ? -1 : (int)std::max(0LL, first_due()->due - now);
 }
 
 // A timer started in a callback is due later than now and has to wait for the next pass.
 void ruvo_fire_timer(void)
 {
-    for (auto timer = first_due(); timer != timers.end() && timer->due <= now; timer = first_due())
-        fire(timer);
-}
+    fire_until(now);
 }

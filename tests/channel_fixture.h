@@ -1,0 +1,281 @@
+// channel_fixture.h - channels of both kinds in one process, each with a peer that the test plays.
+//
+// A server runs on a port that the system chose. A Link is one channel and its peer: a pair of the
+// server that a plain socket has logged in on, or a client channel connected to a plain socket.
+// Timers are driven by hand, and descriptors are served by calling their handlers. Every callback
+// is noted as a line of text and can be made to do something:
+//
+//     Link pair = link(TV_CHANNEL_PAIR);
+//     inside("resp", [&] { tv_close_channel(pair.id); });
+//     request(pair, "ping", 100);
+//     pair.peer.expect("request", "ping");
+//     receive(pair, "reply", "pong");
+//     EXPECT_EQ(happened(), Events({"resp link pong", "fd-close link"}));
+#ifndef CHANNEL_FIXTURE_H
+#define CHANNEL_FIXTURE_H
+
+#include "hand_timer.h"
+#include "log_capture.h"
+#include "tolvane.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <functional>
+#include <map>
+#include <string.h>
+#include <unistd.h>
+#include <utility>
+
+using Events = std::vector<std::string>;
+using Act = std::function<void()>;
+
+const int patience = 5000; // milliseconds, for what is on its way already
+
+inline bool wait_for(int fd, short events, int timeout = patience)
+{
+    pollfd entry = {fd, events, 0};
+    return poll(&entry, 1, timeout) == 1;
+}
+
+inline int port_of(int fd)
+{
+    sockaddr_in address;
+    socklen_t size = sizeof(address);
+    getsockname(fd, (sockaddr *)&address, &size);
+    return ntohs(address.sin_port);
+}
+
+inline int count_descriptors()
+{
+    int count = 0;
+    for (int fd = 0; fd < 256; fd++)
+        count += fcntl(fd, F_GETFD) != -1;
+    return count;
+}
+
+inline std::string message(int number, const std::string &tag, const std::string &url,
+                           const std::string &payload)
+{
+    return std::to_string(number) + "\nvelun_tolvane_" + tag + "\n" + url +
+           "\nvelun_tolvane_payload\n" + payload;
+}
+
+// The far end of a channel's connection. It numbers what it says and what it hears.
+struct Peer {
+    int fd;
+    std::string url;
+    int said;
+    int heard;
+
+    void send(const std::string &body) // as one frame
+    {
+        tcp_impl_send_with_timeout(fd, body.data(), body.size(), patience);
+    }
+    void say(const std::string &tag, const std::string &payload)
+    {
+        send(message(said++, tag, url, payload));
+    }
+    std::string hear() // the next frame's body, or "closed"
+    {
+        int len = 0;
+        char *body = tcp_impl_receive_with_timeout(fd, &len, patience);
+        const std::string heard = body == nullptr ? "closed" : std::string(body, len);
+        free(body);
+        return heard;
+    }
+    void expect(const std::string &tag, const std::string &payload)
+    {
+        EXPECT_EQ(hear(), message(heard++, tag, url, payload));
+    }
+    void expectSilence()
+    {
+        EXPECT_FALSE(wait_for(fd, POLLIN, 0)) << hear();
+    }
+};
+
+struct Link {
+    int id;
+    Peer peer;
+};
+
+struct ChannelTest : testing::Test {
+    static inline ChannelTest *test; // the one that runs
+    int server, hub;                 // the server's id; what client channels connect to
+    // What the actors do, a word each: P, H or D to pass, handle or defer, X for another result, and
+    // the reply that they hand over. A channel gets as many actors as there are when it is made.
+    std::vector<std::string> script;
+    Events events;
+    std::map<std::string, Act> acts;
+    std::map<int, std::string> names; // of channels, for the notes
+    std::map<int, int> pairByFd;
+    int newestPair = -1;
+    std::vector<int> peerFds;
+    int descriptors; // open before the test
+
+    void SetUp() override
+    {
+        test = this;
+        descriptors = count_descriptors();
+        hand_timer_reset();
+        hub = impl_create_server_socket("127.0.0.1", 0);
+        peerFds = {hub};
+        startServer();
+    }
+    void TearDown() override
+    {
+        acts.clear();
+        tv_stop_server();
+        for (const auto &[id, name] : std::exchange(names, {})) {
+            tv_close_channel(id);
+            EXPECT_EQ(get_channel_type(id), TV_CHANNEL_NONE);
+        }
+        for (const int fd : std::exchange(peerFds, {}))
+            close(fd);
+        hand_timer_advance(100000); // what is pending afterwards never ends
+        EXPECT_EQ(hand_timer_intervals(), std::vector<int>());
+        EXPECT_EQ(count_descriptors(), descriptors);
+    }
+
+    // ---- callbacks
+
+    Events happened() // since the last call
+    {
+        return std::exchange(events, {});
+    }
+    void inside(const std::string &callback, Act act) // the next time
+    {
+        acts[callback] = std::move(act);
+    }
+    void note(const std::string &callback, int id, const char *text, int len)
+    {
+        const bool closed = callback == "disconnected" || callback == "fd-close"; // or is soon
+        EXPECT_TRUE(closed || tv_get_channel(id) != nullptr) << callback;
+        const std::string handed = text == nullptr ? "(null)" : std::string(text, len);
+        events.push_back(callback + " " + names[id] + (handed.empty() ? "" : " " + handed));
+        if (const Act act = std::exchange(acts[callback], nullptr))
+            act();
+        const std::string left = text == nullptr ? "(null)" : std::string(text, len);
+        EXPECT_EQ(left, handed) << callback; // still readable, whatever was closed
+    }
+    static void linkdown(int id, const char *url)
+    {
+        test->note("linkdown", id, url, strlen(url));
+    }
+    template <int N> static int act(int id, const char *payload, int len, char **reply, int *size)
+    {
+        const std::string play = test->script[N];
+        test->note("actor" + std::to_string(N), id, payload, len);
+        if (play.size() > 1) {
+            *reply = strdup(play.c_str() + 1);
+            *size = play.size() - 1;
+        }
+        return play[0] == 'X' ? -7 : std::string("PHD").find(play[0]);
+    }
+
+    // ---- channels
+
+    void giveHandlers(int id)
+    {
+        const tv_actor actors[] = {act<0>, act<1>};
+        for (size_t i = tv_get_channel(id)->actorCount; i < script.size(); i++)
+            EXPECT_EQ(tv_register_actor(id, actors[i]), 0);
+        tv_register_resp_handler(
+            id, [](int id, const char *payload, int len) { test->note("resp", id, payload, len); });
+        tv_register_timeout_handler(id, [](int id) { test->note("timeout", id, "", 0); });
+        tv_register_linkdown_callback(id, linkdown);
+    }
+    void startServer()
+    {
+        server = tv_start_server("127.0.0.1", 0);
+        tv_register_connected_callback(
+            0, [](int id, const char *url) { test->note("connected", id, url, strlen(url)); });
+        tv_register_disconnected_callback(
+            0, [](int id, const char *url) { test->note("disconnected", id, url, strlen(url)); });
+        tv_register_client_fd_open_callback([](int fd) {
+            const tv_channel_list *newest = tv_service_server.pairList.prev;
+            const int id = ((const tv_channel_node *)newest)->channel->channelId;
+            test->newestPair = test->pairByFd[fd] = id;
+            test->names[id] = "pair" + std::to_string(id - test->server);
+            test->note("fd-open", id, "", 0);
+        });
+        tv_register_client_fd_close_callback(
+            [](int fd) { test->note("fd-close", test->pairByFd[fd], "", 0); });
+    }
+    Peer peer(int fd, const std::string &url)
+    {
+        peerFds.push_back(fd);
+        return {fd, url, 0, 0};
+    }
+    Link connect(const std::string &url) // to the server, without a login
+    {
+        giveHandlers(tv_service_server.serverChannel->channelId);
+        const int listening = tv_get_server_polling_fd();
+        const int fd = impl_create_client_socket("127.0.0.1", port_of(listening), 0);
+        EXPECT_TRUE(wait_for(listening, POLLIN));
+        tv_server_fd_handler(listening, 0, 0);
+        return {newestPair, peer(fd, url)};
+    }
+    Link login(const std::string &url)
+    {
+        Link pair = connect(url);
+        receive(pair, "login", url + '\0');
+        return pair;
+    }
+    int newClient(int port)
+    {
+        const tv_client_addr addr = {"127.0.0.1", "client", (uint16_t)port, 7};
+        const int id = tv_create_client_channel(&addr);
+        names[id] = "link";
+        giveHandlers(id);
+        return id;
+    }
+    Link dial(int client) // connect it to the hub
+    {
+        EXPECT_EQ(tv_connect_server(client), 0);
+        EXPECT_TRUE(wait_for(hub, POLLIN));
+        return {client, peer(tcp_impl_accept_socket(hub), tv_get_channel(client)->url)};
+    }
+    Link link(int type) // logged in, with nothing noted yet
+    {
+        Link link = type == TV_CHANNEL_PAIR ? login("tcp://pair:7") : dial(newClient(port_of(hub)));
+        if (type == TV_CHANNEL_CLIENT)
+            link.peer.expect("login", link.peer.url + '\0');
+        names[link.id] = "link";
+        happened();
+        return link;
+    }
+    // A connection to nowhere: the old one is reset, and the channel's own end knows.
+    void breakLink(const Link &link)
+    {
+        const sockaddr nowhere = {AF_UNSPEC, {}};
+        EXPECT_EQ(::connect(link.peer.fd, &nowhere, sizeof(nowhere)), 0);
+        EXPECT_TRUE(wait_for(tv_get_polling_fd(link.id), 0));
+    }
+
+    // ---- traffic
+
+    void serve(const Link &link) // as soon as there is something to receive
+    {
+        const int fd = tv_get_polling_fd(link.id);
+        ASSERT_TRUE(wait_for(fd, POLLIN));
+        const bool pair = get_channel_type(link.id) == TV_CHANNEL_PAIR;
+        EXPECT_EQ((pair ? tv_pair_fd_handler : tv_channel_fd_handler)(fd, link.id, 0), 0);
+    }
+    void receive(Link &link, const std::string &tag, const std::string &payload)
+    {
+        link.peer.say(tag, payload);
+        serve(link);
+    }
+    int request(const Link &link, const std::string &payload, int timeout)
+    {
+        return tv_send_rqst(link.id, payload.data(), payload.size(), timeout);
+    }
+    int respond(const Link &link, const std::string &payload)
+    {
+        return tv_send_resp(link.id, payload.data(), payload.size());
+    }
+};
+
+#endif

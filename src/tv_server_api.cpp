@@ -81,9 +81,9 @@ int tv_start_server(const char *ip, int port)
     return tv_start_service_server(ip, port, NULL, NULL, NULL);
 }
 
-// Close a channel of the server and take it out of the list, also one that cannot be closed by id: because the application
-// took it out of the repository, or because its own fd-close callback is stopping the server, in
-// which case it only has to leave the list now.
+// Close a channel of the server and take it out of the list, also one that cannot be closed by id:
+// because the application took it out of the repository, or because its own fd-close callback is
+// stopping the server, in which case it only has to leave the list now.
 static void close_for_stop(tv_channel *channel)
 {
     channel_guard guard;

@@ -13,14 +13,9 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+#include <string.h>
 #include <string>
 #include <vector>
-
-struct LogEntry {
-    std::string file;
-    std::string function;
-    std::string message;
-};
 
 class LogCapture
 {
@@ -35,50 +30,48 @@ public:
         fclose(stream);
         free(text);
     }
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
 
-    // The entries since the last take.
-    std::vector<LogEntry> take()
+    // The messages since the last take; places says where each comes from, "file->function".
+    std::vector<std::string> take()
     {
         fflush(stream);
-        std::vector<LogEntry> entries;
-        for (std::string rest(text + taken, size - taken); !rest.empty();) {
-            char file[64] = "", function[64] = "";
+        std::vector<std::string> messages;
+        places.clear();
+        for (const char *at = text + taken, *end; *at != '\0'; at = end + 2) {
+            char place[128] = "";
             int line = 0, prefix = 0;
-            sscanf(rest.c_str(), "%*19c [%63[^-]->%63[^:]:%d]%n", file, function, &line, &prefix);
-            const size_t end = rest.find("\n\n");
-            if (prefix == 0 || line < 1 || end == std::string::npos) {
-                ADD_FAILURE() << "not a log entry: " << rest;
+            if ((end = strstr(at, "\n\n")) != nullptr)
+                sscanf(std::string(at, end).c_str(), "%*19c [%127[^:]:%d]%n", place, &line,
+                       &prefix);
+            if (prefix == 0 || line < 1) {
+                ADD_FAILURE() << "not a log entry: " << at;
                 break;
             }
-            entries.push_back({file, function, rest.substr(prefix, end - prefix)});
-            rest.erase(0, end + 2);
+            places.push_back(place);
+            messages.push_back(std::string(at + prefix, end));
         }
         taken = size;
-        return entries;
+        return messages;
     }
 
     std::vector<std::string> messages()
     {
-        std::vector<std::string> result;
-        for (const LogEntry &entry : take())
-            result.push_back(entry.message);
-        return result;
+        return take();
     }
 
     // Expect exactly these messages since the last take. A failure names the caller's line.
-    void expect(const std::vector<std::string> &wanted, const char *file = __builtin_FILE(),
-                int line = __builtin_LINE())
+    void expect(const std::vector<std::string> &wanted, int line = __builtin_LINE(),
+                const char *file = __builtin_FILE())
     {
         const testing::ScopedTrace trace(file, line, "expected log");
-        EXPECT_EQ(messages(), wanted);
+        EXPECT_EQ(take(), wanted);
     }
+
+    std::vector<std::string> places;
 
 private:
     char *text = nullptr;
-    size_t size = 0;
-    size_t taken = 0;
+    size_t size = 0, taken = 0;
     FILE *stream;
 };
 

@@ -1,0 +1,182 @@
+// test_loop.cpp - the descriptor table, and single passes of the main loop over ready descriptors.
+
+#include "hand_timer.h"
+#include "log_capture.h"
+
+#include <errno.h>
+#include <functional>
+#include <map>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+using Served = std::vector<intptr_t>;
+static Served served;                                // first arguments, in order
+static std::map<int, std::function<void()>> actions; // by descriptor, what its handler does
+
+static int serve(int fd, intptr_t name, intptr_t twice)
+{
+    EXPECT_EQ(twice, 2 * name);
+    served.push_back(name);
+    if (actions.count(fd) != 0)
+        actions[fd]();
+    return -1; // ignored
+}
+
+static struct rlimit allowed;
+
+// A handler that ends the loop: it lets the next poll() ask for more descriptors than are allowed.
+static int end_loop(int, intptr_t, intptr_t)
+{
+    const struct rlimit none = {0, allowed.rlim_max};
+    return setrlimit(RLIMIT_NOFILE, &none);
+}
+
+static std::vector<int> listed()
+{
+    struct pollfd list[TV_MAX_POLLING_FDS];
+    std::vector<int> fds(build_polling_fd_list(list, TV_MAX_POLLING_FDS));
+    for (size_t i = 0; i < fds.size(); i++)
+        fds[i] = list[i].events == POLLIN ? list[i].fd : -1;
+    return fds;
+}
+
+struct Loop : testing::Test {
+    ~Loop() override
+    {
+        for (const int fd : listed()) {
+            tv_unregister_polling_fd(fd);
+            close(fd);
+        }
+        actions.clear();
+    }
+
+    static int watch(int fd, intptr_t name)
+    {
+        EXPECT_EQ(tv_register_polling_fd(fd, serve, name, 2 * name), 0);
+        return fd;
+    }
+    static int watchReady(intptr_t name)
+    {
+        return watch(eventfd(1, EFD_NONBLOCK), name);
+    }
+
+    // Run the loop until it has served last, which is ready in time and ends it. What was served?
+    Served pass(int last = eventfd(1, EFD_NONBLOCK))
+    {
+        getrlimit(RLIMIT_NOFILE, &allowed);
+        EXPECT_EQ(tv_register_polling_fd(last, end_loop, 0, 0), 0);
+        served.clear();
+        log.take();
+        testing::internal::CaptureStderr();
+        tv_main_loop();
+        setrlimit(RLIMIT_NOFILE, &allowed);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "poll: Invalid argument\n");
+        logged = log.take();
+        tv_unregister_polling_fd(last);
+        close(last);
+        return served;
+    }
+
+    std::vector<std::string> logged; // by the loop
+    LogCapture log;
+};
+
+TEST_F(Loop, HoldsSixteenDescriptors)
+{
+    std::vector<int> fds;
+    for (int fd = 500; fd < 500 + TV_MAX_POLLING_FDS; fd++) {
+        EXPECT_EQ(tv_unregister_polling_fd(fd == 500 ? -1 : 7), -1); // takes no place away
+        fds.push_back(watch(fd, 0));
+    }
+    log.take();
+    EXPECT_EQ(tv_register_polling_fd(7, serve, 0, 0), -1);
+    EXPECT_EQ(tv_unregister_polling_fd(-1), -1);
+    log.expect({"failed on reserve_fd_index, fdHandlerCount[16]",
+                "tv_register_polling_fd, failed on reserve_fd_index",
+                "faield on tv_unregister_polling_fd, fd[-1]"});
+    EXPECT_EQ(listed(), fds);
+    tv_unregister_polling_fd(503);
+    tv_unregister_polling_fd(509);
+    fds[3] = watch(600, 0); // the lowest free place
+    fds[9] = watch(601, 0);
+    EXPECT_EQ(listed(), fds);
+
+    log.take();
+    struct pollfd list[3];
+    EXPECT_EQ(build_polling_fd_list(list, 3), 3);
+    log.expect(
+        {"build_external_fd_list, size is too small, for sanity, should never reach here!!!"});
+}
+
+TEST_F(Loop, ServesTheReadyInTheOrderOfPlaces)
+{
+    const int low = eventfd(1, 0), high = eventfd(1, 0);
+    watch(eventfd(0, 0), 1);
+    watch(high, 2);
+    watch(low, 3);
+    const int closed = watch(400, 4); // reported until it is unregistered
+    watch(high, 5);
+    EXPECT_EQ(pass(), (Served{2, 3, 4, 2})); // the lower place serves for both
+    tv_unregister_polling_fd(closed);
+    tv_unregister_polling_fd(high);
+    EXPECT_EQ(pass(), (Served{3, 5}));
+    EXPECT_EQ(logged, std::vector<std::string>());
+}
+
+TEST_F(Loop, ARemovalIsSeenInTheSamePassARegistrationInTheNext)
+{
+    const int first = watchReady(1), second = watchReady(2), third = eventfd(1, 0);
+    actions[first] = [&] {
+        tv_unregister_polling_fd(second);
+        watch(third, 3);
+    };
+    EXPECT_EQ(pass(), Served{1});
+    EXPECT_EQ(logged.back(), "unknown socket[" + std::to_string(second) + "], not registerd");
+    actions.clear();
+    EXPECT_EQ(pass(), (Served{1, 3}));
+    close(second);
+}
+
+TEST_F(Loop, ANumberTakenOverInThePassIsServedOnlyIfItIsReady)
+{
+    for (const bool ready : {false, true}) {
+        const int first = watchReady(1), second = watchReady(2), third = watchReady(3);
+        actions[first] = [&] {
+            tv_unregister_polling_fd(second);
+            dup2(eventfd(ready, 0), second);
+            watch(second, 4);
+        };
+        EXPECT_EQ(pass(), ready ? (Served{1, 4, 3}) : (Served{1, 3}));
+        for (const int fd : {first, second, third})
+            tv_unregister_polling_fd(fd);
+    }
+}
+
+TEST_F(Loop, FiresTimersBeforeItServes)
+{
+    const auto fire = [](intptr_t name, intptr_t fd) {
+        served.push_back(name);
+        eventfd_write((int)fd, 1);
+    };
+    hand_timer_reset();
+    const int first = watchReady(1), last = eventfd(0, 0);
+    actions[first] = [] { hand_timer_let_pass(10); };
+    const int second = watch(eventfd(0, 0), 2);
+    ruvo_start_timer(10, fire, 3, second);
+    ruvo_start_timer(20, fire, 4, last);
+    EXPECT_EQ(pass(last), (Served{1, 3, 1, 4, 1, 2, 1, 2}));
+}
+
+static int woken; // by the signal
+
+TEST_F(Loop, ASignalDoesNotEndIt)
+{
+    woken = eventfd(0, 0);
+    signal(SIGALRM, [](int) { eventfd_write(woken, 1); });
+    const struct itimerval soon = {{0, 0}, {0, 20000}};
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    EXPECT_EQ(pass(woken), Served());
+}

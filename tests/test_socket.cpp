@@ -1,0 +1,100 @@
+// test_socket.cpp - listening, connecting and accepting, on loopback and the system's ports.
+
+#include "log_capture.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <unistd.h>
+
+static const char ip[] = "127.0.0.1", inProgress[] = "Operation now in progress 115";
+
+static int lowest_free()
+{
+    const int fd = dup(0);
+    close(fd);
+    return fd;
+}
+
+static struct sockaddr_in address_of(int fd)
+{
+    struct sockaddr_in address = {};
+    socklen_t size = sizeof(address);
+    getsockname(fd, (struct sockaddr *)&address, &size);
+    return address;
+}
+
+static bool is_nonblocking_and_prompt(int fd)
+{
+    int noDelay = 0;
+    socklen_t size = sizeof(noDelay);
+    getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, &size);
+    return (fcntl(fd, F_GETFL) & O_NONBLOCK) && noDelay;
+}
+
+struct Socket : testing::Test {
+    ~Socket() override
+    {
+        close(listener);
+        EXPECT_EQ(lowest_free(), listener); // whatever failed has left nothing open
+    }
+
+    const int listener = impl_create_server_socket(ip, 0);
+    const int port = ntohs(address_of(listener).sin_port);
+    const std::string mode = "nonblock connecting mode for fd ";
+    LogCapture log;
+};
+
+TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
+{
+    EXPECT_FALSE(fcntl(listener, F_GETFL) & O_NONBLOCK);
+    for (const int timeoutMs : {-1, 0, 1000}) {
+        const int client = impl_create_client_socket(ip, port + 65536, timeoutMs);
+        const int accepted = tcp_impl_accept_socket(listener);
+        EXPECT_TRUE(is_nonblocking_and_prompt(client));
+        EXPECT_TRUE(is_nonblocking_and_prompt(accepted));
+        if (timeoutMs < 1)
+            log.expect({});
+        else
+            log.expect({mode + std::to_string(client), inProgress});
+        close(accepted); // first: its address stays in use for a while
+        close(client);
+    }
+    EXPECT_EQ(impl_create_server_socket(ip, port), -1);
+    EXPECT_EQ(impl_create_server_socket(ip, port - 65536), -1);
+    log.expect(
+        {"impl_create_server_socket, failed on bind", "impl_create_server_socket, failed on bind"});
+    close(listener);
+    EXPECT_EQ(impl_create_server_socket(ip, port), listener);
+}
+
+TEST_F(Socket, FailedConnectsLeaveNothingOpen)
+{
+    const int gone = impl_create_server_socket(ip, 0), refused = ntohs(address_of(gone).sin_port);
+    close(gone);
+    const std::string next = mode + std::to_string(gone);
+    EXPECT_EQ(impl_create_client_socket(ip, refused, 0), -1);
+    EXPECT_EQ(impl_create_client_socket(ip, refused, 1000), -1);
+    EXPECT_EQ(impl_create_client_socket("255.255.255.255", refused, 1000), -1);
+    EXPECT_LT(tcp_impl_accept_socket(-1), 0);
+    log.expect({"impl_create_client_socket, failed on connect", next, inProgress,
+                "connect error:111", next, "Network is unreachable 101"});
+
+    listen(listener, 0); // room for one: the second gets no answer
+    const int first = impl_create_client_socket(ip, port, 0);
+    EXPECT_EQ(impl_create_client_socket(ip, port, 20), -1);
+    log.expect({mode + std::to_string(first + 1), inProgress});
+    close(first);
+}
+
+TEST_F(Socket, OtherTextsStandForAllAddresses)
+{
+    for (const char *const text : {"", "localhost", "127.0.0.1:80", "127.0.0.256"}) {
+        const int fd = impl_create_server_socket(text, 0);
+        EXPECT_EQ(address_of(fd).sin_addr.s_addr, htonl(INADDR_ANY)) << text;
+        const int client = impl_create_client_socket(text, ntohs(address_of(fd).sin_port), 0);
+        EXPECT_EQ(client, fd + 1) << text;
+        close(client);
+        close(fd);
+    }
+}

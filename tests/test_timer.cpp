@@ -1,0 +1,134 @@
+// test_timer.cpp - the timer library, on a monotonic clock that is moved by hand.
+
+#include "ruvo_timer.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <limits.h>
+#include <map>
+#include <random>
+#include <set>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+static long long nowNs = 5000000000123456;
+static const long long ms = 1000000;
+
+// Takes the C library's place. Whoever asks for another clock is told the real time.
+extern "C" int clock_gettime(clockid_t clock, struct timespec *time) noexcept
+{
+    if (clock != CLOCK_MONOTONIC)
+        return (int)syscall(SYS_clock_gettime, clock, time);
+    *time = {(time_t)(nowNs / (1000 * ms)), (long)(nowNs % (1000 * ms))};
+    return 0;
+}
+
+using Fired = std::vector<intptr_t>;
+static Fired fired; // the first arguments, in order
+
+static void record(intptr_t name, intptr_t action)
+{
+    fired.push_back(name);
+    if (action != 0)
+        (*(const std::function<void()> *)action)();
+}
+
+// What fires in one pass, ns later.
+static Fired after(long long ns)
+{
+    nowNs += ns;
+    fired.clear();
+    ruvo_fire_timer();
+    return fired;
+}
+
+TEST(Timer, ExpectedIntervalRoundsUp)
+{
+    EXPECT_EQ(ruvo_timer_get_expected_interval(), -1);
+    const int longest = ruvo_start_timer(INT_MAX, record, 1, 0);
+    EXPECT_EQ(ruvo_timer_get_expected_interval(), INT_MAX);
+    ruvo_start_timer(10, record, 2, 0);
+    const long long steps[][2] = {{0, 10}, {1, 10}, {9 * ms, 1}, {ms - 2, 1}, {1, 0}, {99 * ms, 0}};
+    for (const auto &step : steps) {
+        nowNs += step[0];
+        EXPECT_EQ(ruvo_timer_get_expected_interval(), step[1]);
+    }
+    EXPECT_EQ(after(0), Fired{2});
+    EXPECT_EQ(ruvo_stop_timer(longest), 0);
+    EXPECT_EQ(ruvo_timer_get_expected_interval(), -1);
+}
+
+TEST(Timer, CallbacksStopAndStartTimers)
+{
+    int first = -1, victim = -1, own = -1;
+    const std::function<void()> stopOthers = [&] {
+        EXPECT_EQ(ruvo_stop_timer(victim), 0);
+        EXPECT_EQ(ruvo_stop_timer(first), -1); // has fired
+    };
+    const std::function<void()> stopOwn = [&] { EXPECT_EQ(ruvo_stop_timer(own), 0); };
+    const std::function<void()> startSlowly = [&] {
+        ruvo_start_timer(1, record, 5, 0);
+        nowNs += 3 * ms;
+    };
+    first = ruvo_start_timer(10, record, 1, (intptr_t)&stopOthers);
+    victim = ruvo_start_timer(10, record, 2, 0);
+    own = ruvo_start_periodic_timer(10, record, 3, (intptr_t)&stopOwn);
+    ruvo_start_timer(10, record, 4, (intptr_t)&startSlowly);
+    EXPECT_EQ(after(10 * ms), (Fired{1, 3, 4}));
+    EXPECT_EQ(after(0), Fired{5});
+    EXPECT_EQ(after(100 * ms), Fired());
+}
+
+TEST(Timer, RefusesWhatItCannotDo)
+{
+    for (const int interval : {0, -1, INT_MIN}) {
+        EXPECT_EQ(ruvo_start_timer(interval, record, 0, 0), -1);
+        EXPECT_EQ(ruvo_start_periodic_timer(interval, record, 0, 0), -1);
+    }
+    EXPECT_EQ(ruvo_start_timer(1, nullptr, 0, 0), -1);
+    const int id = ruvo_start_timer(1, record, 0, 0);
+    EXPECT_EQ(ruvo_stop_timer(id), 0);
+    for (const int unknown : {id, id + 1, -1, INT_MIN, INT_MAX})
+        EXPECT_EQ(ruvo_stop_timer(unknown), -1);
+}
+
+// Order, ties, the grid of late periodic timers, growth, and ids that do not come round soon.
+TEST(Timer, AThousandTimersAsInASimpleModel)
+{
+    struct Model {
+        int id, period;
+    };
+    std::map<std::pair<long long, intptr_t>, Model> model; // by due time and start
+    std::set<int> seen;
+    std::mt19937 random(77);
+    for (intptr_t name = 0; name < 20000; name++) {
+        if (model.size() < 1000) {
+            const int interval = 1 + random() % 300, period = random() % 4 ? 0 : interval;
+            const auto start = period ? ruvo_start_periodic_timer : ruvo_start_timer;
+            const int id = start(interval, record, name, 0);
+            EXPECT_TRUE(id >= 0 && seen.insert(id).second);
+            model[{nowNs + interval * ms, name}] = {id, period};
+        }
+        if (random() % 4 == 0) {
+            const auto victim = std::next(model.begin(), random() % model.size());
+            EXPECT_EQ(ruvo_stop_timer(victim->second.id), 0);
+            model.erase(victim);
+        }
+        const Fired actual = after(random() % 8 ? 0 : random() % (2 * ms));
+        Fired expected;
+        while (!model.empty() && model.begin()->first.first <= nowNs) {
+            const auto [key, timer] = *model.begin();
+            expected.push_back(key.second);
+            model.erase(model.begin());
+            long long due = key.first;
+            while (timer.period > 0 && due <= nowNs)
+                due += timer.period * ms;
+            if (timer.period > 0)
+                model[{due, key.second}] = timer;
+        }
+        ASSERT_EQ(actual, expected);
+    }
+    EXPECT_GT(model.size(), 500u);
+}

@@ -1,0 +1,239 @@
+// server.cpp - a server to start from: it answers the requests of client.cpp, and takes commands.
+//
+//   server [-l LOGFILE] ADDRESS PORT
+//
+// Port 0 lets the system choose; the first line printed tells which. Commands:
+//
+//   ask ADDRESS PORT TEXT   a request to the client that logged in as "tcp://ADDRESS:PORT"
+//   all TEXT                a request to all clients, without awaiting replies
+//   stop                    close all connections and end
+//
+// At the end of its input it goes on serving, so it can run with </dev/null.
+
+#include "common.h"
+#include "ruvo_timer.h"
+#include "tolvane.h"
+
+#include <arpa/inet.h>
+#include <ctype.h>
+#include <memory>
+#include <netinet/in.h>
+
+static const int ioTimeout = 1000;  // of one message: as long as a slow client can hold up all
+static const int askTimeout = 1000; // for a client's reply
+static const int hbInterval = 1000; // a client silent for (hbCount + 1) * hbInterval
+static const int hbCount = 2;       // is taken for lost
+static const int laterDelay = 400;  // before the reply to "later"
+static const int loseDelay = 1500;  // before the reply to "lose": longer than the client waits
+static const int maxText = TV_MSG_BUF_SIZE - 256; // of a reply: leaves room for any header
+
+static int listenFd = -1;
+static bool listening; // listenFd has a place in the event loop
+
+// A pair has no URL before its client has logged in.
+static const char *name_of(int id)
+{
+    const tv_channel *pair = tv_get_channel(id);
+    return pair != nullptr && pair->url[0] != '\0' ? pair->url : "an unknown client";
+}
+
+// ---- the places in the event loop
+
+// Take new clients while there is a place for the listening descriptor.
+static void listen_again()
+{
+    if (listenFd != -1 && !listening)
+        listening = tv_register_polling_fd(listenFd, tv_server_fd_handler, 0, 0) == 0;
+}
+
+// A client has connected. When the loop is full it gets the place of the listening descriptor:
+// further clients wait in the system's queue until one leaves. If the descriptor stayed
+// registered, the loop would accept clients that nobody could ever serve.
+static void on_fd_open(int fd)
+{
+    if (tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0) == 0)
+        return;
+    tv_unregister_polling_fd(listenFd);
+    listening = false;
+    if (tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0) != 0)
+        fail("no place in the event loop"); // cannot happen: one was given up just now
+    tell("full, further clients have to wait");
+}
+
+static void on_fd_close(int fd)
+{
+    tv_unregister_polling_fd(fd);
+    listen_again();
+}
+
+// ---- clients come and go
+
+static void on_connected(int, const char *url)
+{
+    tell("%s has logged in", url);
+}
+
+// After a logout the pair is gone. One that a newer login replaces is still there, and is told
+// why it is about to be closed: it would take it for a lost link else, and log in again.
+static void on_disconnected(int id, const char *url)
+{
+    if (get_channel_type(id) == TV_CHANNEL_NONE) {
+        tell("%s has logged out", url);
+        return;
+    }
+    tell("%s logs in anew, closing its older connection", url);
+    tv_send_rqst(id, "replaced", sizeof("replaced") - 1, 0);
+}
+
+// Called after a failed send or receive and when the heartbeat gives up, which switches it off.
+static void on_linkdown(int id, const char *)
+{
+    const bool silent = tv_get_channel(id)->hbMode == TV_HEARTBEAT_OFF;
+    tell("%s %s", name_of(id), silent ? "has fallen silent, declared down" : "has lost its link");
+    tv_close_client_connection(id);
+}
+
+// ---- requests of clients
+
+// The delay is over. Channel ids do not recur soon, so an id that names nothing tells safely that
+// the client has left.
+static void answer_now(intptr_t id, intptr_t arg2)
+{
+    const std::unique_ptr<std::string> reply(reinterpret_cast<std::string *>(arg2));
+    const int channelId = static_cast<int>(id);
+    if (get_channel_type(channelId) == TV_CHANNEL_NONE)
+        return;
+    tell("answering %s now: %s", name_of(channelId), reply->c_str());
+    if (tv_send_resp(channelId, reply->data(), static_cast<int>(reply->size())) != 0)
+        tell("could not answer"); // on_linkdown has closed the pair
+}
+
+static int answer_after(int delay, int id, const std::string &reply)
+{
+    auto copy = std::make_unique<std::string>(reply);
+    if (ruvo_start_timer(delay, answer_now, id, reinterpret_cast<intptr_t>(copy.get())) == -1)
+        fail("could not start a timer");
+    copy.release(); // answer_now frees it
+    return TV_ACTOR_DEFERRED;
+}
+
+// Serves every request of a client. Must not close its pair.
+static int on_rqst(int id, const char *payload, int len, char **respPayload, int *respLen)
+{
+    const auto [verb, text] = split_word(std::string(payload, len));
+    std::string reply = text.substr(0, maxText);
+    for (char &letter : reply)
+        letter = static_cast<char>(toupper(static_cast<unsigned char>(letter)));
+
+    tell("%s requests: %s %s", name_of(id), verb.c_str(), text.c_str());
+    if (verb == "later")
+        return answer_after(laterDelay, id, reply);
+    if (verb == "lose")
+        return answer_after(loseDelay, id, reply);
+    return verb == "say" ? reply_at_once(reply, respPayload, respLen) : TV_ACTOR_PASS;
+}
+
+// ---- requests to clients
+
+static void on_reply(int id, const char *payload, int len)
+{
+    tell("reply of %s: %.*s", name_of(id), len, payload != nullptr ? payload : "");
+}
+
+static void on_timeout(int id)
+{
+    tell("no reply of %s within %d ms", name_of(id), askTimeout);
+}
+
+static void ask(const std::string &line)
+{
+    const auto [ip, rest] = split_word(line);
+    const auto [port, text] = split_word(rest);
+    const int id = tv_get_client_channel(ip.c_str(), atoi(port.c_str()));
+    if (id == -1) {
+        tell("no such client: %s %s", ip.c_str(), port.c_str());
+        return;
+    }
+    tell("asking %s: %s", name_of(id), text.c_str());
+    const std::string rqst = "ask " + text;
+    if (tv_send_rqst(id, rqst.data(), static_cast<int>(rqst.size()), askTimeout) != 0)
+        tell("not sent"); // too long, an earlier request awaits its reply, or the link is lost
+}
+
+static void tell_all(const std::string &text)
+{
+    tell("telling all: %s", text.c_str());
+    const std::string rqst = "all " + text;
+    tv_broadcast_rqst_to_client(rqst.data(), static_cast<int>(rqst.size()));
+}
+
+// ---- commands
+
+__attribute__((noreturn)) static void stop()
+{
+    if (listening)
+        tv_unregister_polling_fd(listenFd);
+    listenFd = -1; // or on_fd_close would register it again
+    tv_stop_server();
+    tell("stopped");
+    exit(EXIT_SUCCESS); // tv_main_loop has no other end
+}
+
+static void run_command(const std::string &line)
+{
+    const auto [verb, text] = split_word(line);
+    if (verb == "ask")
+        ask(text);
+    else if (verb == "all")
+        tell_all(text);
+    else if (verb == "stop")
+        stop();
+    else
+        tell("commands: ask ADDRESS PORT TEXT, all TEXT, stop");
+}
+
+static int on_terminal(int fd, intptr_t, intptr_t)
+{
+    if (!run_lines(fd, run_command)) {
+        tv_unregister_polling_fd(fd);
+        listen_again(); // one more place is free
+    }
+    return 0;
+}
+
+// ---- start
+
+static void start(const char *ip, int port)
+{
+    const int server = tv_start_service_server(ip, port, on_reply, on_timeout, on_connected);
+    if (server == -1)
+        fail("cannot listen on that address and port");
+    if (tv_register_actor(server, on_rqst) != 0 || tv_set_poll_timeout(server, ioTimeout) != 0)
+        fail("could not set the server up");
+    tv_register_disconnected_callback(server, on_disconnected);
+    tv_register_client_fd_open_callback(on_fd_open);
+    tv_register_client_fd_close_callback(on_fd_close);
+    tv_service_enable_heartbeat(hbInterval, hbCount, on_linkdown);
+    listenFd = tv_get_server_polling_fd();
+    listen_again();
+
+    sockaddr_in bound = {};
+    socklen_t size = sizeof(bound);
+    if (getsockname(listenFd, reinterpret_cast<sockaddr *>(&bound), &size) != 0)
+        fail("the listening socket has no address");
+    tell("listening on port %d", ntohs(bound.sin_port));
+}
+
+int main(int argc, char **argv)
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    speaker = "server";
+    set_log_option(argc, argv);
+    if (argc - optind != 2)
+        fail("arguments: [-l LOGFILE] ADDRESS PORT");
+    if (tv_register_polling_fd(STDIN_FILENO, on_terminal, 0, 0) != 0)
+        fail("the event loop is full");
+    start(argv[optind], to_port(argv[optind + 1]));
+    tv_main_loop();
+    return EXIT_FAILURE; // only when poll() fails
+}

@@ -113,6 +113,7 @@ struct ChannelTest : testing::Test {
     int newestPair = -1;
     std::vector<int> peerFds;
     int descriptors; // open before the test
+    LogCapture log;
 
     void SetUp() override
     {
@@ -122,6 +123,7 @@ struct ChannelTest : testing::Test {
         hub = impl_create_server_socket("127.0.0.1", 0);
         peerFds = {hub};
         startServer();
+        log.take();
     }
     void TearDown() override
     {

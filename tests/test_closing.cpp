@@ -157,6 +157,7 @@ TEST_P(Closing, IsSafe)
         {"own", [](Closing &t) { tv_close_channel(t.own.id); }},
         {"other", [](Closing &t) { tv_close_channel(t.other.id); }},
         {"server", [](Closing &) { tv_stop_server(); }},
+        {"server channel", [](Closing &t) { tv_close_channel(t.server); }},
         {"restart", [](Closing &t) { tv_stop_server(), t.startServer(); }},
     };
     for (const auto &[what, close] : closes) {

@@ -3,7 +3,6 @@
 #include "channel_fixture.h"
 
 struct Exchange : ChannelTest, testing::WithParamInterface<int> {
-    LogCapture log;
 };
 
 INSTANTIATE_TEST_SUITE_P(Client, Exchange, testing::Values(TV_CHANNEL_CLIENT));
@@ -169,7 +168,7 @@ TEST_P(Exchange, WhatCannotBeSentLeavesTheChannelAsItWas)
     EXPECT_EQ(respond(link, "lost"), -1);
     const std::string down = "linkdown link " + link.peer.url;
     EXPECT_EQ(happened(), Events({"actor0 link rq", down, down}));
-    EXPECT_EQ(log.messages().back(), "linkdown_callback end");
+    EXPECT_EQ(log.take().back(), "linkdown_callback end");
     channel->pollTimeout = patience;
     EXPECT_EQ(respond(link, "at last"), 0); // is still owed
     link.peer.heard += 2;                   // the numbers of the two that were lost

@@ -1,0 +1,516 @@
+// driver.cpp - measures the contenders against each other, and prints the tables of RESULTS.md.
+//
+//   driver roundtrip|oneway|growth ROUNDS MILLISECONDS FOLDER
+//   driver count NAME NUMBER    exactly so many round trips of 5 bytes, to be counted from outside
+//
+// Rounds   in each, every contender has two fresh processes, which take turns in short slices of
+//          time: a disturbance of the machine meets all of them. A ratio is taken within a round,
+//          and the median of the rounds' ratios is what counts.
+// Files    FOLDER gets the figures for the plots, and targets.md one line a target.
+
+#include "contender.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+task theTask;
+
+const contender contenders[] = {
+    {"raw TCP", raw_serve, raw_request, false, 0, false},
+    {"floor", floor_serve, floor_request, false, 0, false},
+    {"library", library_serve, library_request, false, 0, false},
+    {"library, heartbeats", library_serve, library_request, true, 0, false},
+    {"libzmq", zmq_serve, zmq_request, false, 0, false},
+    {"nanomsg", nanomsg_serve, nanomsg_request, false, 0, false},
+    {"nng", nng_serve, nng_request, false, 0, false},
+};
+const size_t contenderCount = sizeof(contenders) / sizeof(contenders[0]);
+
+const contender growths[] = {
+    {"loop", library_serve, growth_request, false, 1, false},
+    {"loop", library_serve, growth_request, false, 4, false},
+    {"loop", library_serve, growth_request, false, 15, false},
+    {"epoll", library_serve, growth_request, false, 15, true},
+    {"epoll", library_serve, growth_request, false, 100, true},
+    {"epoll", library_serve, growth_request, false, 500, true},
+    {"epoll", library_serve, growth_request, false, 1000, true},
+    {"loop", library_serve, growth_request, true, 15, false},
+    {"epoll", library_serve, growth_request, true, 15, true},
+    {"epoll", library_serve, growth_request, true, 1000, true},
+};
+const size_t growthCount = sizeof(growths) / sizeof(growths[0]);
+
+// ---- the two processes of a contender
+
+static const size_t maxSamples = 1 << 17;
+static const int patience = 30000; // ms until a contender is given up
+
+struct shared_state {
+    std::atomic<long> received;   // one way
+    size_t count;                 // of this slice
+    uint32_t samples[maxSamples]; // ns
+};
+
+struct running {
+    pid_t server;
+    pid_t client;
+    int toClient;   // milliseconds of the next slice
+    int fromServer; // a byte once it is ready
+    int fromClient; // a byte once it is ready, and one at the end of each slice
+    shared_state *shared;
+};
+
+static running self;       // in a contender's process: its own ends of the pipes
+static long ticksLeft = 0; // to be passed over: round trips that are counted, not timed
+
+static int64_t now_ns()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
+
+void server_is_ready()
+{
+    check(write(self.fromServer, "r", 1) == 1, "write");
+}
+
+void message_received()
+{
+    self.shared->received.fetch_add(1, std::memory_order_relaxed);
+}
+
+void tick()
+{
+    static int64_t last = 0;
+    static int64_t end = 0;
+    if (ticksLeft > 0) {
+        ticksLeft--;
+        return;
+    }
+    const int64_t now = now_ns();
+    if (now < end) {
+        if (!theTask.oneWay && self.shared->count < maxSamples)
+            self.shared->samples[self.shared->count] = (uint32_t)(now - last);
+        self.shared->count++;
+        last = now;
+        return;
+    }
+    int milliseconds;
+    check(write(self.fromClient, "d", 1) == 1, "write");
+    check(read(self.toClient, &milliseconds, sizeof(milliseconds)) == sizeof(milliseconds), "read");
+    self.shared->count = 0;
+    last = now_ns();
+    end = last + milliseconds * 1000000LL;
+}
+
+static pid_t start_process(int cpu, const std::function<void()> &run)
+{
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    check(pid >= 0, "fork");
+    if (pid > 0)
+        return pid;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent)
+        _exit(EXIT_FAILURE);
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    sched_setaffinity(0, sizeof(set), &set);
+    run();
+    _exit(EXIT_FAILURE);
+}
+
+static void await_byte(int fd, const char *who)
+{
+    char byte;
+    pollfd entry = {fd, POLLIN, 0};
+    if (poll(&entry, 1, patience) == 1 && read(fd, &byte, 1) == 1)
+        return;
+    fprintf(stderr, "%s does not answer\n", who);
+    exit(EXIT_FAILURE);
+}
+
+static int free_port()
+{
+    const int fd = listen_on(0);
+    sockaddr_in address;
+    socklen_t size = sizeof(address);
+    check(getsockname(fd, (sockaddr *)&address, &size) == 0, "getsockname");
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+static running start(const contender &who, bool twoCores)
+{
+    theTask.self = &who;
+    const int port = free_port();
+    int ready[2], go[2], done[2];
+    check(pipe(ready) == 0 && pipe(go) == 0 && pipe(done) == 0, "pipe");
+    running pair = {};
+    pair.shared = (shared_state *)mmap(nullptr, sizeof(shared_state), PROT_READ | PROT_WRITE,
+                                       MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    check(pair.shared != MAP_FAILED, "mmap");
+    self.shared = pair.shared;
+    self.fromServer = ready[1];
+    self.fromClient = done[1];
+    self.toClient = go[0];
+    const int cpu = sysconf(_SC_NPROCESSORS_ONLN) > 1 ? 1 : 0;
+    pair.server = start_process(twoCores ? 0 : cpu, [&] { who.serve(port); });
+    await_byte(ready[0], who.name);
+    pair.client = start_process(cpu, [&] { who.request(port); });
+    for (int fd : {ready[1], done[1], go[0]})
+        close(fd);
+    pair.fromServer = ready[0];
+    pair.fromClient = done[0];
+    pair.toClient = go[1];
+    return pair;
+}
+
+static void stop(running &pair)
+{
+    for (pid_t pid : {pair.server, pair.client}) {
+        kill(pid, SIGTERM);
+        waitpid(pid, nullptr, 0);
+    }
+    for (int fd : {pair.fromServer, pair.fromClient, pair.toClient})
+        close(fd);
+    munmap(pair.shared, sizeof(shared_state));
+}
+
+// ---- measuring
+
+struct figures {
+    std::vector<uint32_t> samples;   // all rounds together
+    std::vector<double> roundMedian; // of each round, ns; one way: ns a message
+    double residentBytes;
+};
+
+static double quantile(std::vector<uint32_t> &samples, double q)
+{
+    if (samples.empty())
+        return 0;
+    const size_t index = std::min(samples.size() - 1, (size_t)(q * samples.size()));
+    std::nth_element(samples.begin(), samples.begin() + index, samples.end());
+    return samples[index];
+}
+
+static double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+// One slice of time for one contender. Returns how many messages passed, and the time they took.
+static size_t run_slice(const contender &who, running &pair, int milliseconds, int64_t *elapsed)
+{
+    const long before = pair.shared->received;
+    const int64_t begin = now_ns();
+    check(write(pair.toClient, &milliseconds, sizeof(milliseconds)) > 0, "write");
+    await_byte(pair.fromClient, who.name);
+    const size_t count = pair.shared->count;
+    // One way the last messages are still under way; one more was sent before the last tick.
+    while (theTask.oneWay && pair.shared->received < before + (long)count + 1) {
+        usleep(100);
+        if (now_ns() - begin > patience * 1000000LL) {
+            fprintf(stderr, "%s loses messages\n", who.name);
+            exit(EXIT_FAILURE);
+        }
+    }
+    *elapsed = now_ns() - begin;
+    return count;
+}
+
+static double resident_bytes(pid_t pid)
+{
+    long pages = 0;
+    FILE *file = fopen(("/proc/" + std::to_string(pid) + "/statm").c_str(), "r");
+    if (file == nullptr || fscanf(file, "%*d %ld", &pages) != 1)
+        pages = 0;
+    if (file != nullptr)
+        fclose(file);
+    return (double)pages * sysconf(_SC_PAGESIZE);
+}
+
+// One round: all contenders are started, then take turns. The first turn only warms up.
+static void run_round(const contender *list, size_t n, bool twoCores, int milliseconds,
+                      std::vector<figures> &results)
+{
+    static const int slices = 6;
+    std::vector<running> pairs;
+    for (size_t i = 0; i < n; i++) {
+        pairs.push_back(start(list[i], twoCores));
+        await_byte(pairs[i].fromClient, list[i].name);
+    }
+    std::vector<std::vector<uint32_t>> samples(n);
+    std::vector<double> messages(n), time(n);
+    for (int slice = 0; slice <= slices; slice++) {
+        for (size_t k = 0; k < n; k++) {
+            const size_t i = (k + slice) % n;
+            int64_t elapsed = 0;
+            const size_t count = run_slice(list[i], pairs[i], milliseconds / slices, &elapsed);
+            if (slice == 0)
+                continue;
+            messages[i] += count;
+            time[i] += elapsed;
+            if (!theTask.oneWay)
+                samples[i].insert(samples[i].end(), pairs[i].shared->samples,
+                                  pairs[i].shared->samples + std::min(count, maxSamples));
+        }
+    }
+    for (size_t i = 0; i < n; i++) {
+        const double perMessage = time[i] / std::max(1.0, messages[i]);
+        results[i].roundMedian.push_back(theTask.oneWay ? perMessage : quantile(samples[i], 0.5));
+        results[i].samples.insert(results[i].samples.end(), samples[i].begin(), samples[i].end());
+        results[i].residentBytes = resident_bytes(pairs[i].server);
+        stop(pairs[i]);
+    }
+}
+
+static std::vector<figures> measure(const contender *list, size_t n, bool oneWay, int len,
+                                    bool twoCores, int rounds, int milliseconds)
+{
+    static std::string text;
+    while (text.size() < (size_t)len)
+        text +=
+            "{\"sensor\": " + std::to_string(text.size()) + ", \"value\": 20.5, \"ok\": true}, ";
+    theTask.payload = text.c_str();
+    theTask.len = len;
+    theTask.oneWay = oneWay;
+    std::vector<figures> results(n);
+    for (int round = 0; round < rounds; round++) {
+        fprintf(stderr, "\r%6d B, %s, round %d of %d ", len, twoCores ? "two cores" : "one core",
+                round + 1, rounds);
+        run_round(list, n, twoCores, milliseconds, results);
+    }
+    fprintf(stderr, "\r%60s\r", "");
+    return results;
+}
+
+// The median over the rounds of a's median to b's, and the lowest and the highest.
+struct ratio {
+    double middle, low, high;
+};
+
+static ratio ratio_of(const figures &a, const figures &b)
+{
+    std::vector<double> ratios;
+    for (size_t i = 0; i < a.roundMedian.size(); i++)
+        ratios.push_back(a.roundMedian[i] / b.roundMedian[i]);
+    const auto ends = std::minmax_element(ratios.begin(), ratios.end());
+    return {median(ratios), *ends.first, *ends.second};
+}
+
+// ---- tables
+
+static std::string folder;
+
+static FILE *open_file(const std::string &name, const char *mode = "w")
+{
+    FILE *file = fopen((folder + "/" + name).c_str(), mode);
+    check(file != nullptr, name.c_str());
+    return file;
+}
+
+static size_t index_of(const std::string &name)
+{
+    for (size_t i = 0; i < contenderCount; i++) {
+        if (name == contenders[i].name)
+            return i;
+    }
+    fprintf(stderr, "no contender is called %s\n", name.c_str());
+    exit(EXIT_FAILURE);
+}
+
+struct target {
+    int len;
+    const char *dividend, *divisor;
+    bool atMost;
+    double limit;
+};
+
+static const target targets[] = {
+    // the median round trip on one core
+    {5, "library", "floor", true, 1.05},      {61440, "library", "floor", true, 1.15},
+    {5, "library", "raw TCP", true, 2.0},     {5, "libzmq", "library", false, 2.0},
+    {5, "nanomsg", "library", false, 1.8},    {5, "nng", "library", false, 3.0},
+    {61440, "libzmq", "library", false, 2.0}, {5, "library, heartbeats", "library", true, 1.05},
+};
+
+static void write_target(const std::string &what, const std::string &bound, const ratio &r,
+                         const char *verdict)
+{
+    FILE *file = open_file("targets.md", "a");
+    fprintf(file, "| %s | %s | %.2f (%.2f to %.2f) | %s |\n", what.c_str(), bound.c_str(), r.middle,
+            r.low, r.high, verdict);
+    fclose(file);
+}
+
+static void check_targets(int len, const std::vector<figures> &results)
+{
+    for (const target &t : targets) {
+        if (t.len != len)
+            continue;
+        const ratio r = ratio_of(results[index_of(t.dividend)], results[index_of(t.divisor)]);
+        const bool met = t.atMost ? r.middle <= t.limit : r.middle >= t.limit;
+        write_target("p50, one core, " + std::to_string(len) + " B: " + t.dividend + " / " +
+                         t.divisor,
+                     (t.atMost ? "at most " : "at least ") + std::to_string(t.limit).substr(0, 4),
+                     r, met ? "yes" : "**no**");
+    }
+}
+
+static const int sizes[] = {5, 4096, 61440};
+
+static void round_trip(int rounds, int milliseconds)
+{
+    FILE *plot = open_file("roundtrip.dat");
+    for (bool twoCores : {false, true}) {
+        for (int len : sizes) {
+            auto results =
+                measure(contenders, contenderCount, false, len, twoCores, rounds, milliseconds);
+            printf("\n### Round trip, %d B, %s\n\n", len,
+                   twoCores ? "a core for each process" : "both processes on one core");
+            printf("| | p50 µs | p90 | p99 | p99.9 | round trips/s | p50 to raw TCP | to the floor "
+                   "| to the library |\n|---|--:|--:|--:|--:|--:|--:|--:|--:|\n");
+            fprintf(plot, "\"%d B\\n%s\"", len, twoCores ? "two cores" : "one core");
+            for (size_t i = 0; i < contenderCount; i++) {
+                std::vector<uint32_t> &samples = results[i].samples;
+                double total = 0;
+                for (uint32_t sample : samples)
+                    total += sample;
+                printf("| %s ", contenders[i].name);
+                for (double q : {0.5, 0.9, 0.99, 0.999})
+                    printf("| %.1f ", quantile(samples, q) / 1000);
+                printf("| %.0f ", samples.size() / total * 1e9);
+                for (const char *other : {"raw TCP", "floor", "library"})
+                    printf("| %.2f ", ratio_of(results[i], results[index_of(other)]).middle);
+                puts("|");
+                fprintf(plot, " %.3f", ratio_of(results[i], results[index_of("raw TCP")]).middle);
+            }
+            fputs("\n", plot);
+            if (!twoCores)
+                check_targets(len, results);
+            fflush(stdout);
+        }
+    }
+    fclose(plot);
+}
+
+static void one_way(int rounds, int milliseconds)
+{
+    FILE *plot = open_file("oneway.dat");
+    for (bool twoCores : {false, true}) {
+        for (int len : sizes) {
+            auto results =
+                measure(contenders, contenderCount, true, len, twoCores, rounds, milliseconds);
+            printf("\n### One way, %d B, %s\n\n", len,
+                   twoCores ? "a core for each process" : "both processes on one core");
+            puts("| | messages/s | MB/s | rate to raw TCP | to the floor | to the library |\n"
+                 "|---|--:|--:|--:|--:|--:|");
+            fprintf(plot, "\"%d B\\n%s\"", len, twoCores ? "two cores" : "one core");
+            for (size_t i = 0; i < contenderCount; i++) {
+                const double rate = 1e9 / median(results[i].roundMedian);
+                printf("| %s | %.0f | %.1f ", contenders[i].name, rate, rate * len / 1e6);
+                for (const char *other : {"raw TCP", "floor", "library"})
+                    printf("| %.2f ", ratio_of(results[index_of(other)], results[i]).middle);
+                puts("|");
+                fprintf(plot, " %.3f", ratio_of(results[index_of("raw TCP")], results[i]).middle);
+            }
+            fputs("\n", plot);
+            fflush(stdout);
+        }
+    }
+    fclose(plot);
+}
+
+static void growth(int rounds, int milliseconds)
+{
+    const auto results = measure(growths, growthCount, false, 5, false, rounds, milliseconds);
+    puts("\n### Growth: round trip of 5 B with many clients, both processes on one core\n\n"
+         "The clients are plain connections in one process, which sends on one after the other:\n"
+         "what grows is the server's part.\n\n"
+         "| clients | server's loop | heartbeats | p50 µs | to 15 clients in that loop | server "
+         "resident, KiB |\n|--:|---|---|--:|--:|--:|");
+    FILE *plot = open_file("growth.dat");
+    std::map<std::string, const figures *> base;
+    for (size_t i = 0; i < growthCount; i++) {
+        if (growths[i].clients == 15 && !growths[i].heartbeats)
+            base[growths[i].name] = &results[i];
+    }
+    for (size_t i = 0; i < growthCount; i++) {
+        const double p50 = median(results[i].roundMedian) / 1000;
+        printf("| %d | %s | %s | %.1f | %.2f | %.0f |\n", growths[i].clients,
+               growths[i].ownLoop ? "epoll, the application's" : "the library's",
+               growths[i].heartbeats ? "on" : "off", p50,
+               ratio_of(results[i], *base[growths[i].name]).middle,
+               results[i].residentBytes / 1024);
+        if (!growths[i].heartbeats)
+            fprintf(plot, "%d %.3f\n", growths[i].clients, p50);
+        if (i + 1 < growthCount && growths[i + 1].ownLoop != growths[i].ownLoop)
+            fputs("\n\n", plot); // another curve
+        const int more = growths[i].clients - 15;
+        if (growths[i].clients == 1000 && !growths[i].heartbeats)
+            write_target("round trip with 1,000 clients / 15, epoll loop", "measured",
+                         ratio_of(results[i], *base["epoll"]), "");
+        if (growths[i].clients == 1000 && growths[i].heartbeats)
+            printf("\nA channel's record has %.1f KiB, of which small messages touch %.1f KiB.\n",
+                   channelSize / 1024.0,
+                   (results[i].residentBytes - base["epoll"]->residentBytes) / more / 1024);
+    }
+    fclose(plot);
+}
+
+// Run one contender for exactly so many round trips; the caller counts what they need.
+static void count(const std::string &name, long number)
+{
+    ticksLeft = number;
+    theTask.payload = "count";
+    theTask.len = 5;
+    running pair = start(contenders[index_of(name)], false);
+    await_byte(pair.fromClient, name.c_str());
+    stop(pair);
+}
+
+int main(int argc, char **argv)
+{
+    const std::string what = argc > 1 ? argv[1] : "";
+    if (argc == 4 && what == "count") {
+        count(argv[2], atol(argv[3]));
+        return EXIT_SUCCESS;
+    }
+    if (argc != 5)
+        return EXIT_FAILURE;
+    const int rounds = atoi(argv[2]);
+    const int milliseconds = atoi(argv[3]);
+    folder = argv[4];
+    if (what == "roundtrip")
+        round_trip(rounds, milliseconds);
+    else if (what == "oneway")
+        one_way(rounds, milliseconds);
+    else if (what == "growth")
+        growth(rounds, milliseconds);
+    else
+        return EXIT_FAILURE;
+    return EXIT_SUCCESS;
+}

@@ -7,7 +7,7 @@
 for port in $(seq $((20000 + $$ % 9000)) 101 30000); do
     "$1" "$port" &
     server=$!
-    for attempt in $(seq 100); do
+    for _ in $(seq 100); do
         kill -0 $server 2>/dev/null || break
         if reply=$("$2" "$port"); then
             echo "the reply: $reply"

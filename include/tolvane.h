@@ -12,8 +12,8 @@
  *
  * Results    0 is success and -1 failure, or a length, an id or a descriptor, or -1. A record
  *            that is not found is a null pointer. errno carries no meaning. Most failures are
- *            logged, once, where they are detected (section 6). A failed operation changes nothing but what
- *            its entry names.
+ *            logged, once, where they are detected (section 6). A failed operation changes
+ *            nothing but what its entry names.
  * Time       milliseconds, measured on the monotonic clock: a changed wall clock moves nothing.
  * Sizes      bytes. Lengths are int and never negative: a negative one is refused.
  * Text       NUL-terminated. A text that is too long for its record is cut, never overrun.
@@ -113,10 +113,10 @@ typedef void (*tv_resp_handler)(int channelId, const char *payload, int payloadL
 typedef void (*tv_timeout_handler)(int channelId);
 
 /* Tells that the link is down: after every failed send or receive on a connection, and once when
- * the heartbeat gives up. url is the channel's own field. The channel stays open until it is closed, here or
- * later; its descriptor stays readable, so unregister it from the loop at the latest here. May
- * close its channel, except when a reply fails while queued requests are being served; as that
- * cannot be told from here, the library copes with both. */
+ * the heartbeat gives up. url is the channel's own field. The channel stays open until it is
+ * closed, here or later; its descriptor may stay readable, so unregister it from the loop at the
+ * latest here. May close its channel, except when a reply fails while queued requests are being
+ * served; as that cannot be told from here, the library copes with both. */
 typedef void (*tv_linkdown_cb)(int channelId, const char *url);
 
 /* Tells the server that a client has logged in on pair channelId. An older pair with the same
@@ -295,6 +295,9 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  * callback has run). After 0 with a positive timeout exactly one of the response handler and the
  * time-out handler runs, unless the channel is closed first or the timer could not be started
  * (logged: only a reply ends the wait then). Blocks for at most the channel's poll time-out.
+ *
+ * A payload must not contain "velun_tolvane_" before its first 0x00: the receiver searches the
+ * whole text for the type of the message, and a payload could change it.
  *
  * A reply that comes while no request awaits one is discarded: one that is too late, or one to a
  * request without a time-out. Replies carry no number of their request: one that is late while a

@@ -35,9 +35,9 @@ typedef void (*ruvo_timer_cb)(intptr_t arg1, intptr_t arg2);
  *   callback  not null
  *
  * Returns the timer's id, 0 or more, or -1: an interval below 1, a null callback, or no memory.
- * An id comes round again only after more than 2^30 starts. A one-shot timer's id names nothing from the
- * moment it fires. A periodic timer keeps to the grid of its start; one that is late by several
- * periods fires once and goes on with the next point of the grid. */
+ * An id comes round again only after more than 2^30 starts. A one-shot timer's id names nothing
+ * from the moment it fires. A periodic timer keeps to the grid of its start; one that is late by
+ * several periods fires once and goes on with the next point of the grid. */
 int ruvo_start_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2);
 int ruvo_start_periodic_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2);
 

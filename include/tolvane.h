@@ -27,6 +27,7 @@
  * Closing    where a callback type forbids closing its own channel, do it later, for example
  *            from a timer. Closing there all the same is safe for memory: the channel is gone
  *            at once, and the operation that called back stops when the callback returns.
+ * Callbacks  return normally: no C++ exception and no longjmp() may leave one.
  * Signals    none are raised: a peer that vanished is a failed send, never SIGPIPE.
  */
 #ifndef TOLVANE_H
@@ -98,8 +99,10 @@ enum { TV_HEARTBEAT_ON = 0, TV_HEARTBEAT_OFF = 2 };
  *                the library then, which frees it whatever the actor returns
  *   respLen      points to 0, or to what an actor before left; the reply's length
  *
- * While a deferred reply is owed, up to TV_RQST_QUEUE_SIZE further requests wait their turn.
- * Must not close its own channel. */
+ * While a deferred reply is owed, up to TV_RQST_QUEUE_SIZE further requests wait their turn. An
+ * actor that runs its channel's descriptor handler, or a loop, before it returns gives up a
+ * request that was deferred there: its payload is gone, and it gets no reply. Must not close its
+ * own channel. */
 typedef int (*tv_actor)(int channelId, const char *payload, int payloadLen, char **respPayload,
                         int *respLen);
 
@@ -310,8 +313,8 @@ int tv_send_rqst(int channelId, const char *payload, int len, int timeout);
  * Returns 0 when the reply is sent, or -1: no such channel, no request to answer (also inside the
  * actor that takes it), the message does not fit, not connected, or the send failed (then, and
  * only then, the link-down callback has run). After a failure other than the first two the
- * request is still to be answered.
- * Blocks for at most the channel's poll time-out. */
+ * request is still to be answered. Blocks for at most the channel's poll time-out, and again for
+ * each reply that an actor gives to a waiting request. */
 int tv_send_resp(int channelId, const char *payload, int len);
 
 /* Return the descriptor to watch for the channel, or -1: no such channel, or not connected. It
@@ -527,7 +530,7 @@ int send_resp(tv_channel *channel, const char *payload, int len);
 
 /* Serve a received request now, or queue it. Takes msg, released when it has been served.
  * Returns 0, or -1: no channel, no room in the queue, no payload marker, no actor for it, its
- * reply could not be sent, or the channel was closed meanwhile. */
+ * reply could not be sent, or an actor closed the channel. */
 int process_channel_rqst(tv_channel *channel, char *msg, int len);
 
 /* Take a received reply: end the wait and call the response handler, then serve the queue. Takes
@@ -553,7 +556,8 @@ int rb_pop_item(ring_buffer *rb, rb_item *out);
 /* ---- 8  Heartbeat and dispatch -------------------------------------------------------------- */
 
 /* Start the channel's heartbeat anew, with a full interval and nothing missed. Returns 0, also
- * for a channel that runs none (a server's, a closed one), or -1: null, or hbInterval below 1. */
+ * for a channel without a connection of its own (the server's), and when no timer could be
+ * started (the next accepted message tries again); or -1: null, or hbInterval below 1. */
 int enable_heartbeat(tv_channel *channel);
 
 /* Send one heartbeat, when the channel's mode is TV_HEARTBEAT_ON. A failed send shows only in the

@@ -166,7 +166,7 @@ int rb_pop_item(ring_buffer *rb, rb_item *out)
 // ---- incoming requests
 
 // Keep a request until its reply has been sent. There is an older one only if an actor ran the
-// channel's handler itself and another actor deferred there; that one loses its turn.
+// channel's handler, or a loop, itself, and a request was left owing there; that one is given up.
 static void owe_reply(tv_channel *channel, char *msg)
 {
     tv_impl_free_msg(channel->pendingRqst);
@@ -285,7 +285,10 @@ static void rqst_timeout(intptr_t channelId, intptr_t)
             channel->timeoutHandler(channel->channelId);
         if (!unguard_channel(&guard))
             return;
-        channel->waitingResp = 0;
+        // A handler that ran the channel's own descriptor handler may have got the reply after all,
+        // and sent the next request, which goes on waiting.
+        if (channel->rqstTimerId == -1)
+            channel->waitingResp = 0;
     }
     process_queued_rqsts(channel);
 }
@@ -317,10 +320,13 @@ int send_rqst(tv_channel *channel, const char *payload, int len, int timeout)
 
 int process_channel_resp(tv_channel *channel, char *msg, int len)
 {
-    if (channel == NULL || !channel->waitingResp) {
+    if (channel == NULL) {
         tv_impl_free_msg(msg);
-        if (channel != NULL)
-            TV_LOG("no outgoing request, response discarded");
+        return -1;
+    }
+    if (!channel->waitingResp) {
+        tv_impl_free_msg(msg);
+        TV_LOG("no outgoing request, response discarded");
         return -1;
     }
     if (channel->rqstTimerId != -1)

@@ -19,7 +19,7 @@
 
 struct channel_guard {
     tv_channel *channel;
-    bool closing; // tv_close_channel is at work on the channel
+    bool closing; // the channel is being closed: a nested close has nothing to do
     bool closed;  // the channel is gone, its record is kept for the guards on it
     channel_guard *outer;
 };
@@ -37,7 +37,7 @@ void guard_channel(channel_guard *guard, tv_channel *channel);
 // touched, it is released with the outermost guard.
 bool unguard_channel(channel_guard *guard);
 
-// Whether tv_close_channel is at work on the channel further out on the stack.
+// Whether the channel is being closed further out on the stack.
 bool is_closing(const tv_channel *channel);
 
 // Release a record that is closed and unlisted, with the requests it holds: now, or when the
@@ -49,8 +49,7 @@ void release_channel(tv_channel *channel);
 bool report_linkdown(tv_channel *channel);
 
 // tv_channel_repo.cpp: walks nest like guards. next_channel returns null at the end, also when it
-// meets a null link. A head with null links is
-// walked like an empty list.
+// meets a null link: a head with null links is walked like an empty list.
 void begin_walk(list_walk *walk, tv_channel_list *head);
 tv_channel *next_channel(list_walk *walk);
 void end_walk(list_walk *walk);

@@ -83,7 +83,7 @@ char *tv_impl_recv(tv_channel *channel, int *len)
     return tv_impl_recv_with_timeout(channel, len, channel->pollTimeout);
 }
 
-// Free the first socket that is set; returns false when this one is not.
+// Free a socket and clear its slot. Returns false when the slot is empty.
 static bool free_socket(tv_socket **socket)
 {
     if (*socket == NULL)

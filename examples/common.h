@@ -1,11 +1,13 @@
-// common.h - what both examples need beside the library: lines typed at the terminal as one more
+// common.h - what the examples need beside the library: lines typed at the terminal as one more
 // descriptor of the event loop, and lines printed so that a script can follow them.
 #ifndef EXAMPLES_COMMON_H
 #define EXAMPLES_COMMON_H
 
 #include "tolvane.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
+#include <netinet/in.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -78,6 +80,16 @@ inline int to_port(const char *text)
     if (end == text || *end != '\0' || port < 0 || port > 65535)
         fail("a port is a number from 0 to 65535");
     return static_cast<int>(port);
+}
+
+// Print the port of a listening socket: the one that the system has chosen, if it was to.
+inline void tell_port(int listenFd)
+{
+    sockaddr_in bound = {};
+    socklen_t size = sizeof(bound);
+    if (getsockname(listenFd, reinterpret_cast<sockaddr *>(&bound), &size) != 0)
+        fail("the listening socket has no address");
+    tell("listening on port %d", ntohs(bound.sin_port));
 }
 
 // Hand a reply to the library in the form that an actor has to use: memory from malloc(), which

@@ -14,10 +14,8 @@
 #include "ruvo_timer.h"
 #include "tolvane.h"
 
-#include <arpa/inet.h>
 #include <ctype.h>
 #include <memory>
-#include <netinet/in.h>
 
 static const int ioTimeout = 1000;  // of one message: as long as a slow client can hold up all
 static const int askTimeout = 1000; // for a client's reply
@@ -216,12 +214,7 @@ static void start(const char *ip, int port)
     tv_service_enable_heartbeat(hbInterval, hbCount, on_linkdown);
     listenFd = tv_get_server_polling_fd();
     listen_again();
-
-    sockaddr_in bound = {};
-    socklen_t size = sizeof(bound);
-    if (getsockname(listenFd, reinterpret_cast<sockaddr *>(&bound), &size) != 0)
-        fail("the listening socket has no address");
-    tell("listening on port %d", ntohs(bound.sin_port));
+    tell_port(listenFd);
 }
 
 int main(int argc, char **argv)

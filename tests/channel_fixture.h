@@ -6,7 +6,7 @@
 // is noted as a line of text and can be made to do something:
 //
 //     Link pair = link(TV_CHANNEL_PAIR);
-//     inside("resp", [&] { tv_close_channel(pair.id); });
+//     inside["resp"] = [&] { tv_close_channel(pair.id); };
 //     request(pair, "ping", 100);
 //     pair.peer.expect("request", "ping");
 //     receive(pair, "reply", "pong");
@@ -107,8 +107,8 @@ struct ChannelTest : testing::Test {
     // the reply that they hand over. A channel gets as many actors as there are when it is made.
     std::vector<std::string> script;
     Events events;
-    std::map<std::string, Act> acts;
-    std::map<int, std::string> names; // of channels, for the notes
+    std::map<std::string, Act> inside; // a callback: what to do there the next time
+    std::map<int, std::string> names;  // of channels, for the notes
     std::map<int, int> pairByFd;
     int newestPair = -1;
     std::vector<int> peerFds;
@@ -127,7 +127,7 @@ struct ChannelTest : testing::Test {
     }
     void TearDown() override
     {
-        acts.clear();
+        inside.clear();
         tv_stop_server();
         for (const auto &[id, name] : std::exchange(names, {})) {
             tv_close_channel(id);
@@ -146,17 +146,13 @@ struct ChannelTest : testing::Test {
     {
         return std::exchange(events, {});
     }
-    void inside(const std::string &callback, Act act) // the next time
-    {
-        acts[callback] = std::move(act);
-    }
     void note(const std::string &callback, int id, const char *text, int len)
     {
         const bool closed = callback == "disconnected" || callback == "fd-close"; // or is soon
         EXPECT_TRUE(closed || tv_get_channel(id) != nullptr) << callback;
         const std::string handed = text == nullptr ? "(null)" : std::string(text, len);
         events.push_back(callback + " " + names[id] + (handed.empty() ? "" : " " + handed));
-        if (const Act act = std::exchange(acts[callback], nullptr))
+        if (const Act act = std::exchange(inside[callback], nullptr))
             act();
         const std::string left = text == nullptr ? "(null)" : std::string(text, len);
         EXPECT_EQ(left, handed) << callback; // still readable, whatever was closed

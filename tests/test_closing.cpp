@@ -19,7 +19,7 @@ struct Closing : ChannelTest, testing::WithParamInterface<Place> {
     // The channel it happens to is the first of every walk and of every firing, the other follows.
     void open(int type)
     {
-        script = {"D"};
+        script = {"D", "H"};
         tv_service_enable_heartbeat(interval, 1, linkdown);
         own = type == TV_CHANNEL_PAIR ? login("tcp://own:1") : link(type);
         if (type == TV_CHANNEL_CLIENT)
@@ -41,13 +41,13 @@ struct Closing : ChannelTest, testing::WithParamInterface<Place> {
     // Close, and take the free descriptors, so that a second close would hit one of them.
     void closeInside(const char *callback, const std::function<void(Closing &)> &close)
     {
-        inside(callback, [=] {
+        inside[callback] = [=] {
             if (callback == std::string("fd-open"))
                 own.id = newestPair;
             close(*this);
             for (int i = 0; i < 8; i++)
                 taken.push_back(::open("/dev/null", O_RDONLY));
-        });
+        };
     }
     void expectConsistency()
     {
@@ -78,10 +78,10 @@ static std::vector<Place> places()
                            both = {TV_CHANNEL_PAIR, TV_CHANNEL_CLIENT};
     const auto breakInActor = [](Closing &t) {
         t.script = {"Hreply"};
-        t.inside("actor0", [&t] {
+        t.inside["actor0"] = [&t] {
             t.breakLink(t.own);
             EXPECT_EQ(t.request(t.own, "x", 0), -1);
-        });
+        };
     };
     std::vector<Place> list = {
         {"resp", "resp", both, [](Closing &t) { t.fillQueue(), t.hear("reply", "r"); }},
@@ -99,7 +99,7 @@ static std::vector<Place> places()
         {"reply_fails_in_queue", "linkdown", both,
          [](Closing &t) {
              t.script = {"Hreply"};
-             t.inside("actor0", [&t] { t.breakLink(t.own); });
+             t.inside["actor0"] = [&t] { t.breakLink(t.own); };
              t.fillQueue(), t.hear("reply", "r");
          }},
         {"deferred_reply_fails", "linkdown", both,
@@ -137,11 +137,11 @@ static std::vector<Place> places()
     };
     for (const std::string play : {"P", "Preply", "H", "Hreply", "D", "Dreply"}) {
         list.push_back({"actor_" + play, "actor0", both, [=](Closing &t) {
-                            t.script = {play};
+                            t.script = {play, "H"};
                             t.hear("request", "rq");
                         }});
         list.push_back({"queued_actor_" + play, "actor0", both, [=](Closing &t) {
-                            t.script = {play};
+                            t.script = {play, "H"};
                             t.fillQueue(), t.hear("reply", "r");
                         }});
     }

@@ -18,7 +18,7 @@ TEST_P(Exchange, AReplyEndsTheWaitForOneRequest)
     EXPECT_EQ(request(link, "second", 100), -1);
     log.expect({"has pending outgoing request, could not send request now"});
 
-    inside("resp", [&] { EXPECT_EQ(request(link, "next", 200), 0); });
+    inside["resp"] = [&] { EXPECT_EQ(request(link, "next", 200), 0); };
     receive(link, "reply", bytes);
     EXPECT_EQ(hand_timer_intervals(), std::vector<int>({200}));
     link.peer.expect("request", "next");
@@ -33,7 +33,7 @@ TEST_P(Exchange, ATimeOutEndsTheWaitAndTheLateReplyIsDiscarded)
     EXPECT_EQ(request(link, "ping", 100), 0);
     hand_timer_advance(99);
     EXPECT_EQ(happened(), Events());
-    inside("timeout", [&] { EXPECT_EQ(request(link, "too early", 100), -1); });
+    inside["timeout"] = [&] { EXPECT_EQ(request(link, "too early", 100), -1); };
     hand_timer_advance(1);
     log.take();
     receive(link, "reply", "late");
@@ -76,7 +76,7 @@ TEST_P(Exchange, ActorsAreAskedInOrderUntilOneTakesTheRequest)
     for (const auto &now : cases) {
         script = now.script;
         SCOPED_TRACE(script[0] + " " + script[1]);
-        inside("actor0", [&] { EXPECT_EQ(respond(link, "not yet"), -1); });
+        inside["actor0"] = [&] { EXPECT_EQ(respond(link, "not yet"), -1); };
         receive(link, "request", "rq");
         EXPECT_EQ(respond(link, "later"), now.reply == std::string("later") ? 0 : -1);
         Events asked = {"actor0 link rq", "actor1 link rq"};

@@ -52,10 +52,10 @@ TEST_F(Server, APairTakesTheServersSettingsWhenItIsAccepted)
     Link before = login("tcp://a:1");
     script = {"Hnew"};
     tv_set_poll_timeout(server, 500);
-    inside("fd-open", [&] { // read after the callback
+    inside["fd-open"] = [&] { // read after the callback
         tv_set_poll_timeout(server, 700);
         tv_service_enable_heartbeat(100, 1, nullptr);
-    });
+    };
     Link after = login("tcp://b:1");
     EXPECT_EQ(hand_timer_intervals(), std::vector<int>({100, 100})); // one for each
     EXPECT_EQ(tv_get_channel(after.id)->pollTimeout, 700);

@@ -35,8 +35,8 @@ static bool is_nonblocking_and_prompt(int fd)
 struct Socket : testing::Test {
     ~Socket() override
     {
+        EXPECT_EQ(lowest_free(), listener + 1); // whatever failed has left nothing open
         close(listener);
-        EXPECT_EQ(lowest_free(), listener); // whatever failed has left nothing open
     }
 
     const int listener = impl_create_server_socket(ip, 0);

@@ -89,9 +89,10 @@ TEST(Timer, RefusesWhatItCannotDo)
     }
     EXPECT_EQ(ruvo_start_timer(1, nullptr, 0, 0), -1);
     const int id = ruvo_start_timer(1, record, 0, 0);
-    EXPECT_EQ(ruvo_stop_timer(id), 0);
-    for (const int unknown : {id, id + 1, -1, INT_MIN, INT_MAX})
+    for (const int unknown : {id ^ 0x40000000, id + 1, -1, INT_MIN, INT_MAX})
         EXPECT_EQ(ruvo_stop_timer(unknown), -1);
+    EXPECT_EQ(ruvo_stop_timer(id), 0);
+    EXPECT_EQ(ruvo_stop_timer(id), -1);
 }
 
 // Order, ties, the grid of late periodic timers, growth, and ids that do not come round soon.

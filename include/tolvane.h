@@ -97,7 +97,8 @@ enum { TV_HEARTBEAT_ON = 0, TV_HEARTBEAT_OFF = 2 };
  *   respPayload  points to a null pointer, or to what an actor before this one left there (free
  *                that before replacing it); may be set to a reply from malloc(). It belongs to
  *                the library then, which frees it whatever the actor returns
- *   respLen      points to 0, or to what an actor before left; the reply's length
+ *   respLen      points to 0, or to what an actor before left; the reply's length. A reply that
+ *                cannot be sent leaves the request owed: tv_send_resp may try again
  *
  * While a deferred reply is owed, up to TV_RQST_QUEUE_SIZE further requests wait their turn. An
  * actor that runs its channel's descriptor handler, or a loop, before it returns gives up a
@@ -298,6 +299,9 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  * callback has run). After 0 with a positive timeout exactly one of the response handler and the
  * time-out handler runs, unless the channel is closed first or the timer could not be started
  * (logged: only a reply ends the wait then). Blocks for at most the channel's poll time-out.
+ *
+ * While the channel awaits a reply, the peer's requests wait in its queue: two requests that cross
+ * wait for each other until one of them times out.
  *
  * A payload must not contain "velun_tolvane_" before its first 0x00: the receiver searches the
  * whole text for the type of the message, and a payload could change it.

@@ -33,3 +33,6 @@ foreach(library tolvane ruvo_timer)
     install(FILES ${PROJECT_BINARY_DIR}/${library}.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT libtolvane-dev)
 endforeach()
+
+install(FILES tools/wireshark/tolvane.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/tolvane
+    COMPONENT libtolvane-dev)

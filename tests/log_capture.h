@@ -54,11 +54,6 @@ public:
         return messages;
     }
 
-    std::vector<std::string> messages()
-    {
-        return take();
-    }
-
     // Expect exactly these messages since the last take. A failure names the caller's line.
     void expect(const std::vector<std::string> &wanted, int line = __builtin_LINE(),
                 const char *file = __builtin_FILE())

@@ -87,7 +87,7 @@ int main(int argc, char **argv)
     tell_port(listenFd);
     for (;;) {
         const int wait = ruvo_timer_get_expected_interval(); // -1: no timer
-        const timeval due = {wait / 1000, wait % 1000 * 1000};
+        const timeval due = {wait / 1000, wait % 1000 * 1000L};
         if (wait >= 0)
             evtimer_add(timer, &due); // in the place of the last one
         event_base_loop(base, EVLOOP_ONCE);

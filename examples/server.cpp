@@ -111,7 +111,7 @@ static int answer_after(int delay, int id, const std::string &reply)
     auto copy = std::make_unique<std::string>(reply);
     if (ruvo_start_timer(delay, answer_now, id, reinterpret_cast<intptr_t>(copy.get())) == -1)
         fail("could not start a timer");
-    copy.release(); // answer_now frees it
+    (void)copy.release(); // answer_now frees it
     return TV_ACTOR_DEFERRED;
 }
 

@@ -29,6 +29,10 @@ static constexpr std::string_view tags[TV_MSG_UNKNOWN] = {
 // More than any header has with its terminator: sequence, tag, URL and marker.
 static const int maxHeaderSize = 11 + 1 + 27 + TV_URL_SIZE + sizeof(PAYLOAD_MARKER);
 
+// How many prefixes a message may hold and still be searched in one go. Every one has two, in its
+// tag and in its payload marker.
+static const int maxPrefixes = 4;
+
 // A sequence number or a heartbeat value: as much of a text as is ever converted.
 static const size_t maxNumberLen = 31;
 
@@ -145,31 +149,50 @@ int build_heartbeat_ack_msg(tv_channel *channel, char *dst, int size)
 
 // ---- reading
 
-// The type whose tag stands at position, where a prefix was found; TV_MSG_UNKNOWN for none. All
-// tags begin with the prefix, so only what follows it is compared.
-static int tag_at(const char *position)
+// The lowest type below limit whose tag stands at position, where a prefix was found, or limit.
+static int tag_at(const char *position, int limit)
 {
-    int type = TV_MSG_LOGIN;
-    while (type < TV_MSG_UNKNOWN &&
-           strncmp(position + prefixLen, tags[type].data() + prefixLen,
-                   tags[type].size() - prefixLen))
-        type++;
-    return type;
+    const char *name = position + prefixLen; // all tags begin with the prefix
+    for (int type = TV_MSG_LOGIN; type < limit; type++) {
+        const char *tagName = tags[type].data() + prefixLen;
+        if (*name == *tagName && strncmp(name, tagName, tags[type].size() - prefixLen) == 0)
+            return type;
+    }
+    return limit;
+}
+
+// The lowest type below limit whose tag occurs in the text, or limit.
+static int search_each_tag(const char *text, int limit, const char **tag)
+{
+    for (int type = TV_MSG_LOGIN; type < limit; type++) {
+        const char *found = strstr(text, tags[type].data());
+        if (found != NULL) {
+            *tag = found;
+            return type;
+        }
+    }
+    return limit;
 }
 
 // Find the lowest type whose tag occurs in the text, and its first occurrence. One search for the
-// common prefix serves all tags. No prefix overlaps another, so each is skipped whole.
+// common prefix serves all tags; no prefix overlaps another, so each is skipped whole. A payload
+// full of prefixes would make that slow, so after a few of them the rest of the text is searched
+// once for each tag that still matters.
 static int find_tag(const char *msg, const char **tag)
 {
     int lowest = TV_MSG_UNKNOWN;
-    for (const char *at = strstr(msg, PREFIX); at != NULL; at = strstr(at + prefixLen, PREFIX)) {
-        const int type = tag_at(at);
+    const char *at = strstr(msg, PREFIX);
+    for (int prefixes = 1; at != NULL; prefixes++) {
+        if (prefixes > maxPrefixes)
+            return search_each_tag(at, lowest, tag);
+        const int type = tag_at(at, lowest);
         if (type < lowest) {
             lowest = type;
             *tag = at;
         }
         if (lowest == TV_MSG_LOGIN)
             break; // none comes before it
+        at = strstr(at + prefixLen, PREFIX);
     }
     return lowest;
 }
@@ -178,9 +201,10 @@ static int find_tag(const char *msg, const char **tag)
 static int to_int(const char *text, size_t count)
 {
     char number[maxNumberLen + 1] = "";
-    strncpy(number, text, count < maxNumberLen ? count : maxNumberLen);
+    if (count > maxNumberLen) // otherwise the number ends with its text, at a tag or a brace
+        text = strncpy(number, text, maxNumberLen);
 
-    const long value = strtol(number, NULL, 10);
+    const long value = strtol(text, NULL, 10);
     if (value > INT_MAX)
         return INT_MAX;
     return value < INT_MIN ? INT_MIN : (int)value;

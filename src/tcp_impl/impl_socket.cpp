@@ -62,11 +62,10 @@ static int _wait_fd(int fd, short events, int *budget)
         struct pollfd entry = {fd, events, 0};
         const long long start = monotonic_ms();
         const int result = poll(&entry, 1, *budget);
-        const int error = errno;
         if (result == 0)
             return 0;
-        if (result < 0 && error != EINTR) {
-            TV_LOG("poll fd error:%s", strerror(error));
+        if (result < 0 && errno != EINTR) {
+            TV_LOG("poll fd error:%s", strerror(errno));
             return -1;
         }
         *budget -= (int)(monotonic_ms() - start);
@@ -95,13 +94,12 @@ static int _impl_send_with_timeout(int fd, const char *bytes, int count, int *bu
             return -1;
         }
         const ssize_t result = send(fd, bytes + sent, count - sent, flags | MSG_NOSIGNAL);
-        const int error = errno;
         if (result >= 0) {
             sent += (int)result;
-        } else if (error == EAGAIN || error == EINTR) {
-            TV_LOG("send error: %s continue", strerror(error));
+        } else if (errno == EAGAIN || errno == EINTR) {
+            TV_LOG("send error: %s continue", strerror(errno));
         } else {
-            TV_LOG("failed send error:%s", strerror(error));
+            TV_LOG("failed send error:%s", strerror(errno));
             return -1;
         }
         if (sent == count)
@@ -152,20 +150,19 @@ static int _impl_receive_with_timeout(int fd, char *dst, int count, int *budget,
             return -1;
         }
         const ssize_t result = recv(fd, dst + received, count - received, 0);
-        const int error = errno;
         if (result == 0) {
             TV_LOG("the remote peer closed");
             return -1;
         }
         if (result > 0) {
             received += (int)result;
-        } else if (error == EAGAIN && limited && *budget <= 0) {
+        } else if (errno == EAGAIN && limited && *budget <= 0) {
             TV_LOG("time out:%d", *budget);
             return -1;
-        } else if (error == EAGAIN || error == EINTR) {
-            TV_LOG("error %s continue", strerror(error));
+        } else if (errno == EAGAIN || errno == EINTR) {
+            TV_LOG("error %s continue", strerror(errno));
         } else {
-            TV_LOG("failed receive error:%s", strerror(error));
+            TV_LOG("failed receive error:%s", strerror(errno));
             return -1;
         }
     }

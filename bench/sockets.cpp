@@ -195,11 +195,12 @@ static char *floor_receive(int fd, int *len)
     return body;
 }
 
-// One pass of an event loop, without timers.
-static void floor_loop_wait(int fd)
+// One pass of an event loop. A server watches its listening socket as well; a client's pass ends
+// at the latest with its request's time-out.
+static void floor_loop_wait(int fd, int listening, int milliseconds)
 {
-    pollfd entry = {fd, POLLIN, 0};
-    check(poll(&entry, 1, -1) == 1, "poll");
+    pollfd entries[] = {{fd, POLLIN, 0}, {listening, POLLIN, 0}};
+    check(poll(entries, listening == -1 ? 1 : 2, milliseconds) == 1, "poll");
 }
 
 static int floor_connection(int fd)
@@ -215,7 +216,7 @@ void floor_serve(int port)
     server_is_ready();
     const int fd = floor_connection(accept_one(listening));
     for (;;) {
-        floor_loop_wait(fd);
+        floor_loop_wait(fd, listening, -1);
         int len = 0;
         char *msg = floor_receive(fd, &len);
         if (theTask.oneWay) {
@@ -238,7 +239,7 @@ void floor_request(int port)
         if (!theTask.oneWay) {
             now_ms(); // the request's timer is started,
             now_ms(); // asked for its remaining time,
-            floor_loop_wait(fd);
+            floor_loop_wait(fd, -1, timeout);
             now_ms(); // and given the chance to fire
             int len = 0;
             free(floor_receive(fd, &len));

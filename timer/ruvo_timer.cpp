@@ -38,7 +38,7 @@ static uint64_t nextRank;
 
 static int64_t monotonic_ns(void)
 {
-    struct timespec now;
+    struct timespec now = {0, 0}; // the clock does not fail; if it did, this is defined
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * (1000 * nsPerMs) + now.tv_nsec;
 }

@@ -34,7 +34,7 @@ static const int listenBacklog = 16;
 
 static long long monotonic_ms(void)
 {
-    struct timespec now;
+    struct timespec now = {0, 0}; // the clock does not fail; if it did, this is defined
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
 }

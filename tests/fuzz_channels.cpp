@@ -1,0 +1,317 @@
+// fuzz_channels.cpp - a server with its pairs, and clients, driven by a sequence of steps: frames
+// and stray bytes from the peers, what an application does, timers firing, and any callback doing
+// any of that. Every connection is a pair of sockets whose far end the target plays; no wait takes
+// time, and timers are driven by hand.
+//
+// Required of every sequence, beyond clean memory: a request gets one of a reply and a time-out at
+// most; what callbacks are handed can be read; at the end no channel, timer or descriptor is left.
+
+#include "hand_timer.h"
+#include "tolvane.h"
+
+#include <fcntl.h>
+#include <set>
+#include <stdlib.h>
+#include <string.h>
+#include <string>
+#include <unistd.h>
+
+#define REQUIRE(condition) ((condition) ? (void)0 : abort())
+
+// ---- the network
+
+struct connection { // a connection: the library's end, which may be closed by now, and the peer's
+    int near, far;
+    int id; // of its channel
+    int said;
+};
+
+static const int linkCount = 6;
+static connection links[linkCount];
+static int openFor; // the channel that the next connection is for
+
+// Both ends of a connection, in the first free place. Returns the library's end.
+static int open_link()
+{
+    for (connection &free : links) {
+        int ends[2];
+        if (free.far != -1 || socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) != 0)
+            continue;
+        const int little = 1;
+        setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &little, sizeof(little));
+        free = {ends[0], ends[1], openFor, 0};
+        return ends[0];
+    }
+    return -1;
+}
+
+extern "C" int __real_poll(struct pollfd *fds, nfds_t count, int timeout);
+
+extern "C" int __wrap_poll(struct pollfd *fds, nfds_t count, int)
+{
+    return __real_poll(fds, count, 0);
+}
+
+extern "C" int __wrap_impl_create_server_socket(const char *, int)
+{
+    return dup(STDERR_FILENO); // nobody looks at it
+}
+
+extern "C" int __wrap_impl_create_client_socket(const char *, int, int)
+{
+    return open_link();
+}
+
+extern "C" int __wrap_tcp_impl_accept_socket(int)
+{
+    return open_link();
+}
+
+// ---- the input
+
+static const uint8_t *next, *end;
+
+static int take()
+{
+    return next < end ? *next++ : 0;
+}
+
+static std::string take_text()
+{
+    const int len = std::min<long>(take() % 32, end - next);
+    next += len;
+    return std::string((const char *)next - len, len);
+}
+
+static connection &take_link()
+{
+    return links[take() % linkCount];
+}
+
+// ---- the application
+
+enum { RESP, TIMEOUT, LINKDOWN, CONNECTED, DISCONNECTED, FD_OPEN, FD_CLOSE, ACTOR, CALLBACKS };
+
+static std::set<int> awaited; // the channels whose request is outstanding
+static bool armed[CALLBACKS];
+
+static int depth; // of steps inside callbacks
+
+static void step();
+
+// Read what a callback was handed, and let it take a step of its own.
+static void called(int callback, const char *text, int len)
+{
+    const std::string handed(text == nullptr ? "" : text, len);
+    if (armed[callback]) {
+        armed[callback] = false;
+        depth++;
+        step();
+        depth--;
+        REQUIRE(text == nullptr || handed == std::string(text, len));
+    }
+}
+
+static void on_resp(int id, const char *payload, int len)
+{
+    REQUIRE(awaited.erase(id) == 1);
+    called(RESP, payload, len);
+}
+
+static void on_timeout(int id)
+{
+    REQUIRE(awaited.count(id) == 1);
+    called(TIMEOUT, nullptr, 0);
+    awaited.erase(id);
+}
+
+template <int CALLBACK> static void on_url(int, const char *url)
+{
+    called(CALLBACK, url, strlen(url));
+}
+
+template <int CALLBACK> static void on_fd(int)
+{
+    called(CALLBACK, nullptr, 0);
+}
+
+static int actor(int, const char *payload, int len, char **reply, int *replyLen)
+{
+    const int what = take();
+    if (what & 4 && *reply == nullptr) { // one that another actor left belongs to the library
+        *reply = strdup("reply");
+        *replyLen = (what & 8) ? -1 : 5;
+    }
+    called(ACTOR, payload, len);
+    return what % 4;
+}
+
+static void start_server()
+{
+    const int id = tv_start_service_server("", 0, on_resp, on_timeout, on_url<CONNECTED>);
+    tv_register_linkdown_callback(id, on_url<LINKDOWN>);
+    tv_register_actor(id, actor);
+    tv_register_actor(id, actor);
+    tv_set_poll_timeout(id, 1000);
+}
+
+static void accept_pair()
+{
+    openFor = tv_get_channel_id() + 1;
+    tv_server_fd_handler(0, 0, 0);
+}
+
+static void connect_client(int old)
+{
+    int id = old;
+    if (get_channel_type(old) != TV_CHANNEL_CLIENT) {
+        const tv_client_addr addr = {"server", "client", 1, 1};
+        id = tv_create_client_channel(&addr);
+        tv_set_poll_timeout(id, 1000);
+        tv_register_actor(id, actor);
+        tv_register_resp_handler(id, on_resp);
+        tv_register_timeout_handler(id, on_timeout);
+        tv_register_linkdown_callback(id, on_url<LINKDOWN>);
+    }
+    openFor = id;
+    tv_connect_server(id);
+}
+
+static void serve(const connection &at)
+{
+    if (get_channel_type(at.id) == TV_CHANNEL_CLIENT)
+        tv_channel_fd_handler(at.near, at.id, 0);
+    else
+        tv_pair_fd_handler(at.near, 0, 0);
+}
+
+static void request(int id)
+{
+    static const char large[TV_MSG_BUF_SIZE] = "";
+    const int size = take(), timeout = take() % 4 * 10;
+    const int sent = tv_send_rqst(id, large, size < 200 ? size : size * 256, timeout);
+    REQUIRE(sent != 0 || timeout == 0 || awaited.insert(id).second);
+}
+
+// ---- the peers
+
+static void say(connection &at)
+{
+    static const char *const tags[] = {"login\n", "logout\n",    "request\n",      "reply\n",
+                                       "request", "heartbeat\n", "heartbeatack\n", ""};
+    const int what = take();
+    const std::string number = std::to_string(what & 0x40 ? take() - 9 : at.said++);
+    const std::string marker = what & 0x20 ? "" : "\nvelun_tolvane_payload\n";
+    const std::string text =
+        number + "\nvelun_tolvane_" + tags[what % 8] + "url" + marker + take_text();
+    tcp_impl_send_with_timeout(at.far, text.data(), text.size() + (what >> 4 & 1), 1000);
+}
+
+static void end_link(connection &at)
+{
+    if (at.far != -1)
+        close(at.far);
+    at = {-1, -1, -1, 0};
+}
+
+// ---- one step
+
+static void step()
+{
+    char bytes[4096];
+    std::string text;
+    connection &at = take_link();
+    switch (take() % 20) {
+    case 0:
+    case 1:
+        return accept_pair();
+    case 2:
+        return connect_client(at.id);
+    case 3:
+    case 4:
+    case 5:
+        say(at);
+        return serve(at);
+    case 6:
+        return say(at);
+    case 7:
+        text = take_text();
+        send(at.far, text.data(), text.size(), MSG_NOSIGNAL);
+        return serve(at);
+    case 8:
+        return serve(at);
+    case 9:
+        return end_link(at);
+    case 10:
+        while (recv(at.far, bytes, sizeof(bytes), 0) > 0)
+            continue;
+        return;
+    case 11:
+        return request(at.id);
+    case 12:
+        tv_send_resp(at.id, "late", take() % 5);
+        return;
+    case 13:
+        return tv_close_channel(at.id);
+    case 14:
+        return hand_timer_advance(depth == 0 ? take() : 0);
+    case 15:
+        tv_broadcast_rqst_to_client("all", 3);
+        return;
+    case 16:
+        tv_service_enable_heartbeat(take() % 4 * 10, take() % 3, on_url<LINKDOWN>);
+        return tv_client_enable_heartbeat(at.id, take() % 4 * 10, take() % 3, on_url<LINKDOWN>);
+    case 17:
+        if (tv_service_server.serverChannel == nullptr)
+            return start_server();
+        return take() % 2 ? tv_stop_server()
+                          : tv_close_channel(tv_service_server.serverChannel->channelId);
+    case 18:
+        tv_disconnect_server(get_channel_type(at.id) == TV_CHANNEL_CLIENT ? at.id : -1);
+        return hand_timer_fail_starts(take() % 4 == 0);
+    default:
+        armed[take() % CALLBACKS] = true;
+    }
+}
+
+static ssize_t swallow(void *, const char *, size_t size)
+{
+    return size;
+}
+
+static int lowest_free_fd()
+{
+    const int fd = dup(STDERR_FILENO);
+    close(fd);
+    return fd;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static FILE *const sink = fopencookie(nullptr, "w", {nullptr, swallow, nullptr, nullptr});
+    next = data;
+    end = data + size;
+    tv_set_log_fd(take() % 16 == 0 ? sink : nullptr);
+    for (connection &each : links)
+        each = {-1, -1, -1, 0};
+    hand_timer_reset();
+    tv_register_disconnected_callback(0, on_url<DISCONNECTED>);
+    tv_register_client_fd_open_callback(on_fd<FD_OPEN>);
+    tv_register_client_fd_close_callback(on_fd<FD_CLOSE>);
+    const int free = lowest_free_fd(), first = tv_get_channel_id();
+    start_server();
+    for (int steps = 0; next < end && steps < 200; steps++)
+        step();
+
+    memset(armed, 0, sizeof(armed));
+    tv_stop_server();
+    for (int id = tv_get_channel_id(); id >= first; id--)
+        tv_close_channel(id);
+    for (connection &each : links)
+        end_link(each);
+    awaited.clear();
+    hand_timer_advance(100000); // requests whose channel is gone
+    REQUIRE(hand_timer_intervals().empty());
+    REQUIRE(lowest_free_fd() == free);
+    return 0;
+}

@@ -1,0 +1,90 @@
+// fuzz_message.cpp - the readers of a message's text, given anything; and what the builders make
+// of anything, read back. What they return is compared with plain searches in the same text.
+
+#include "tolvane.h"
+
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <string>
+
+#define REQUIRE(condition) ((condition) ? (void)0 : abort())
+
+static const std::string marker = "\nvelun_tolvane_payload\n";
+static const char *const tags[] = {"login", "logout",    "request",
+                                   "reply", "heartbeat", "heartbeatack"};
+
+static void check_url(const char *msg, const std::string &url)
+{
+    for (const int size : {1, 2, TV_URL_SIZE}) {
+        char stored[TV_URL_SIZE];
+        REQUIRE(get_msg_url(msg, stored, size) == 0);
+        REQUIRE(url.substr(0, size - 1) == stored);
+    }
+}
+
+// msg holds len bytes and the NUL behind them that the transport stores.
+static void check_readers(const char *msg, int len)
+{
+    const std::string text(msg);
+    int type = TV_MSG_LOGIN;
+    size_t tag = std::string::npos;
+    for (; type < TV_MSG_UNKNOWN && tag == std::string::npos; type += tag == std::string::npos)
+        tag = text.find(std::string("velun_tolvane_") + tags[type] + "\n");
+    REQUIRE(get_msg_type(msg) == type);
+
+    const size_t at = text.find(marker);
+    int payloadLen = -7;
+    const char *payload = get_msg_payload(msg, len, &payloadLen);
+    const bool found = at != std::string::npos;
+    REQUIRE(payload == (found ? msg + at + marker.size() : nullptr));
+    REQUIRE(payloadLen == (found ? len - (int)(at + marker.size()) : 0));
+
+    char untouched[] = "as before";
+    const size_t url = tag == std::string::npos ? tag : text.find('\n', tag) + 1;
+    if (found && url != std::string::npos && url <= at)
+        check_url(msg, text.substr(url, at - url));
+    else
+        REQUIRE(get_msg_url(msg, untouched, sizeof(untouched)) == -1 && *untouched == 'a');
+    if (text.find("velun_tolvane_") == std::string::npos)
+        REQUIRE(get_msg_sequence(msg) == 0);
+    get_msg_sequence(msg);
+    get_heartbeat_sequence(msg);
+    get_heartbeat_interval(msg);
+    get_heartbeat_count(msg);
+}
+
+static void check_builders(tv_channel &channel, const char *payload, int len)
+{
+    const int sequence = channel.msgSequence;
+    const int msgLen = pack_outgoing_rqst(&channel, payload, len);
+    REQUIRE(msgLen > len && msgLen <= TV_MSG_BUF_SIZE &&
+            get_msg_sequence(channel.msgBuf) == sequence);
+    int payloadLen = 0;
+    char *msg = (char *)malloc(msgLen + 1);
+    memcpy(msg, channel.msgBuf, msgLen);
+    msg[msgLen] = '\0';
+    check_readers(msg, msgLen);
+    if (strncmp(channel.url, "velun", 5) != 0 && strchr(channel.url, '\n') == nullptr) {
+        const char *read = get_msg_payload(msg, msgLen, &payloadLen);
+        REQUIRE(payloadLen == len && memcmp(read, payload, len) == 0);
+    }
+    free(msg);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    char *msg = (char *)malloc(size + 1); // of the exact size, so that nothing behind it is read
+    memcpy(msg, data, size);
+    msg[size] = '\0';
+    check_readers(msg, size);
+
+    static tv_channel channel;
+    init_channel(&channel, 0);
+    snprintf(channel.url, sizeof(channel.url), "%s", msg);
+    channel.msgSequence = size > 0 ? (int)(data[0] * 0x01010101u) : 0;
+    if (size < TV_MSG_BUF_SIZE - 200)
+        check_builders(channel, msg, size);
+    free(msg);
+    return 0;
+}

@@ -1,5 +1,6 @@
 # Debian packages, one for each component of install.cmake; tools/package makes them.
 
+set(packages libtolvane1 libruvo-timer libtolvane-dev tvcat)
 set(doc ${CMAKE_INSTALL_DATADIR}/doc)
 
 # Every Debian package holds these two. The history for people is CHANGELOG.md.
@@ -20,7 +21,7 @@ file(CONFIGURE OUTPUT debian/copyright CONTENT
 
 The source is the project's own. It comes without any warranty.
 " @ONLY)
-foreach(package libtolvane1 libruvo-timer libtolvane-dev)
+foreach(package ${packages})
     install(FILES ${PROJECT_BINARY_DIR}/debian/changelog.gz ${PROJECT_BINARY_DIR}/debian/copyright
         DESTINATION ${doc}/${package} COMPONENT ${package})
 endforeach()
@@ -29,7 +30,7 @@ install(DIRECTORY examples DESTINATION ${doc}/libtolvane-dev COMPONENT libtolvan
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL libtolvane1 libruvo-timer libtolvane-dev)
+set(CPACK_COMPONENTS_ALL ${packages})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
@@ -38,6 +39,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "request and reply messages over TCP, on one thread")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON) # for libtolvane.so.1; the timer's name has no number
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(about "Processes exchange requests and replies over TCP, at once or later, with
@@ -47,11 +49,14 @@ time-outs, and supervise their links with heartbeats.
 
 # The dynamic linker's cache is renewed when a library comes or goes.
 file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
-foreach(package libtolvane1 libruvo-timer libtolvane-dev)
+foreach(package ${packages})
     string(TOUPPER ${package} name)
     set(CPACK_DEBIAN_${name}_PACKAGE_NAME ${package})
     if(package MATCHES "-dev$")
         set(CPACK_DEBIAN_${name}_PACKAGE_SECTION libdevel)
+    elseif(package STREQUAL tvcat)
+        set(CPACK_DEBIAN_${name}_PACKAGE_SECTION net)
+        set(CPACK_DEBIAN_${name}_PACKAGE_SHLIBDEPS ON)
     else()
         set(CPACK_DEBIAN_${name}_PACKAGE_SECTION libs)
         set(CPACK_DEBIAN_${name}_PACKAGE_SHLIBDEPS ON)
@@ -60,6 +65,7 @@ foreach(package libtolvane1 libruvo-timer libtolvane-dev)
 endforeach()
 
 set(CPACK_DEBIAN_LIBTOLVANE1_PACKAGE_DEPENDS "libruvo-timer (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TVCAT_PACKAGE_DEPENDS "libtolvane1 (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_LIBTOLVANE-DEV_PACKAGE_DEPENDS
     "libtolvane1 (= ${PROJECT_VERSION}), libruvo-timer (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_LIBTOLVANE1_DESCRIPTION "${about}This package contains the shared library.")
@@ -68,4 +74,6 @@ set(CPACK_DEBIAN_LIBRUVO-TIMER_DESCRIPTION
 set(CPACK_DEBIAN_LIBTOLVANE-DEV_DESCRIPTION
     "${about}This package contains the headers, what CMake and pkg-config need to find
 the libraries, the manual and examples.")
+set(CPACK_DEBIAN_TVCAT_DESCRIPTION
+    "${about}This package contains tvcat, which sends lines as requests, or answers them.")
 include(CPack)

@@ -42,8 +42,13 @@ inline bool run_lines(int fd, void (*run)(const std::string &line))
     static std::string rest;
     char chunk[4096];
     const ssize_t got = read(fd, chunk, sizeof(chunk));
-    if (got <= 0)
-        return got < 0 && (errno == EINTR || errno == EAGAIN);
+    if (got < 0 && (errno == EINTR || errno == EAGAIN))
+        return true;
+    if (got <= 0) {
+        if (!rest.empty()) // a last line without an end
+            run(std::exchange(rest, ""));
+        return false;
+    }
     rest.append(chunk, got);
     for (size_t end; (end = rest.find('\n')) != std::string::npos;) {
         const std::string line = rest.substr(0, end);
@@ -82,14 +87,14 @@ inline int to_port(const char *text)
     return static_cast<int>(port);
 }
 
-// Print the port of a listening socket: the one that the system has chosen, if it was to.
-inline void tell_port(int listenFd)
+// The port of a listening socket: the one that the system has chosen, if it was to.
+inline int port_of(int listenFd)
 {
     sockaddr_in bound = {};
     socklen_t size = sizeof(bound);
     if (getsockname(listenFd, reinterpret_cast<sockaddr *>(&bound), &size) != 0)
         fail("the listening socket has no address");
-    tell("listening on port %d", ntohs(bound.sin_port));
+    return ntohs(bound.sin_port);
 }
 
 // Hand a reply to the library in the form that an actor has to use: memory from malloc(), which

@@ -84,7 +84,7 @@ int main(int argc, char **argv)
     const int listenFd = tv_get_server_polling_fd();
     listen(listenFd, SOMAXCONN); // so many clients may come at once; the library has set 16
     watch(listenFd, on_listening);
-    tell_port(listenFd);
+    tell("listening on port %d", port_of(listenFd));
     for (;;) {
         const int wait = ruvo_timer_get_expected_interval(); // -1: no timer
         const timeval due = {wait / 1000, wait % 1000 * 1000L};

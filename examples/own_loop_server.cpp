@@ -74,7 +74,7 @@ static void start(const char *ip, int port)
     listenFd = tv_get_server_polling_fd();
     listen(listenFd, SOMAXCONN); // so many may come at once; the library has set 16
     watch(listenFd);
-    tell_port(listenFd);
+    tell("listening on port %d", port_of(listenFd));
 }
 
 int main(int argc, char **argv)

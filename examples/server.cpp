@@ -214,7 +214,7 @@ static void start(const char *ip, int port)
     tv_service_enable_heartbeat(hbInterval, hbCount, on_linkdown);
     listenFd = tv_get_server_polling_fd();
     listen_again();
-    tell_port(listenFd);
+    tell("listening on port %d", port_of(listenFd));
 }
 
 int main(int argc, char **argv)

@@ -21,6 +21,7 @@
 #include <functional>
 #include <map>
 #include <netinet/in.h>
+#include <numeric>
 #include <poll.h>
 #include <sched.h>
 #include <string>
@@ -380,66 +381,54 @@ static void check_targets(int len, const std::vector<figures> &results)
     }
 }
 
-static const int sizes[] = {5, 4096, 61440};
-
-static void round_trip(int rounds, int milliseconds)
+// The line of one contender: its own figures, and its ratios to the yardsticks and the library.
+static void print_contender(size_t i, std::vector<figures> &results, FILE *plot)
 {
-    FILE *plot = open_file("roundtrip.dat");
-    for (bool twoCores : {false, true}) {
-        for (int len : sizes) {
-            auto results =
-                measure(contenders, contenderCount, false, len, twoCores, rounds, milliseconds);
-            printf("\n### Round trip, %d B, %s\n\n", len,
-                   twoCores ? "a core for each process" : "both processes on one core");
-            printf("| | p50 µs | p90 | p99 | p99.9 | round trips/s | p50 to raw TCP | to the floor "
-                   "| to the library |\n|---|--:|--:|--:|--:|--:|--:|--:|--:|\n");
-            fprintf(plot, "\"%d B\\n%s\"", len, twoCores ? "two cores" : "one core");
-            for (size_t i = 0; i < contenderCount; i++) {
-                std::vector<uint32_t> &samples = results[i].samples;
-                double total = 0;
-                for (uint32_t sample : samples)
-                    total += sample;
-                printf("| %s ", contenders[i].name);
-                for (double q : {0.5, 0.9, 0.99, 0.999})
-                    printf("| %.1f ", quantile(samples, q) / 1000);
-                printf("| %.0f ", samples.size() / total * 1e9);
-                for (const char *other : {"raw TCP", "floor", "library"})
-                    printf("| %.2f ", ratio_of(results[i], results[index_of(other)]).middle);
-                puts("|");
-                fprintf(plot, " %.3f", ratio_of(results[i], results[index_of("raw TCP")]).middle);
-            }
-            fputs("\n", plot);
-            if (!twoCores)
-                check_targets(len, results);
-            fflush(stdout);
-        }
+    figures &own = results[i];
+    printf("| %s ", contenders[i].name);
+    if (theTask.oneWay) {
+        const double rate = 1e9 / median(own.roundMedian);
+        printf("| %.0f | %.1f ", rate, rate * theTask.len / 1e6);
+    } else {
+        const double total = std::accumulate(own.samples.begin(), own.samples.end(), 0.0);
+        for (double q : {0.5, 0.9, 0.99, 0.999})
+            printf("| %.1f ", quantile(own.samples, q) / 1000);
+        printf("| %.0f ", own.samples.size() / total * 1e9);
     }
-    fclose(plot);
+    for (const char *name : {"raw TCP", "floor", "library"}) {
+        const figures &other = results[index_of(name)];
+        const ratio r = theTask.oneWay ? ratio_of(other, own) : ratio_of(own, other);
+        printf("| %.2f ", r.middle);
+        if (&other == &results[0])
+            fprintf(plot, " %.3f", r.middle);
+    }
+    puts("|");
 }
 
-static void one_way(int rounds, int milliseconds)
+static void compare(bool oneWay, int len, bool twoCores, int rounds, int milliseconds, FILE *plot)
 {
-    FILE *plot = open_file("oneway.dat");
+    auto results = measure(contenders, contenderCount, oneWay, len, twoCores, rounds, milliseconds);
+    printf("\n### %s, %d B, %s\n\n", oneWay ? "One way" : "Round trip", len,
+           twoCores ? "a core for each process" : "both processes on one core");
+    puts(oneWay ? "| | messages/s | MB/s | rate to raw TCP | to the floor | to the library |\n"
+                  "|---|--:|--:|--:|--:|--:|"
+                : "| | p50 µs | p90 | p99 | p99.9 | round trips/s | p50 to raw TCP | to the floor "
+                  "| to the library |\n|---|--:|--:|--:|--:|--:|--:|--:|--:|");
+    fprintf(plot, "\"%d B\\n%s\"", len, twoCores ? "two cores" : "one core");
+    for (size_t i = 0; i < contenderCount; i++)
+        print_contender(i, results, plot);
+    fputs("\n", plot);
+    fflush(stdout);
+    if (!oneWay && !twoCores)
+        check_targets(len, results);
+}
+
+static void compare_all(bool oneWay, int rounds, int milliseconds)
+{
+    FILE *plot = open_file(oneWay ? "oneway.dat" : "roundtrip.dat");
     for (bool twoCores : {false, true}) {
-        for (int len : sizes) {
-            auto results =
-                measure(contenders, contenderCount, true, len, twoCores, rounds, milliseconds);
-            printf("\n### One way, %d B, %s\n\n", len,
-                   twoCores ? "a core for each process" : "both processes on one core");
-            puts("| | messages/s | MB/s | rate to raw TCP | to the floor | to the library |\n"
-                 "|---|--:|--:|--:|--:|--:|");
-            fprintf(plot, "\"%d B\\n%s\"", len, twoCores ? "two cores" : "one core");
-            for (size_t i = 0; i < contenderCount; i++) {
-                const double rate = 1e9 / median(results[i].roundMedian);
-                printf("| %s | %.0f | %.1f ", contenders[i].name, rate, rate * len / 1e6);
-                for (const char *other : {"raw TCP", "floor", "library"})
-                    printf("| %.2f ", ratio_of(results[index_of(other)], results[i]).middle);
-                puts("|");
-                fprintf(plot, " %.3f", ratio_of(results[index_of("raw TCP")], results[i]).middle);
-            }
-            fputs("\n", plot);
-            fflush(stdout);
-        }
+        for (int len : {5, 4096, 61440})
+            compare(oneWay, len, twoCores, rounds, milliseconds, plot);
     }
     fclose(plot);
 }
@@ -504,10 +493,8 @@ int main(int argc, char **argv)
     const int rounds = atoi(argv[2]);
     const int milliseconds = atoi(argv[3]);
     folder = argv[4];
-    if (what == "roundtrip")
-        round_trip(rounds, milliseconds);
-    else if (what == "oneway")
-        one_way(rounds, milliseconds);
+    if (what == "roundtrip" || what == "oneway")
+        compare_all(what == "oneway", rounds, milliseconds);
     else if (what == "growth")
         growth(rounds, milliseconds);
     else

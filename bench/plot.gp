@@ -6,6 +6,7 @@ set style fill solid 0.85 noborder
 set boxwidth 0.9
 set grid ytics lc "#dddddd"
 set key outside right top
+set bmargin 4
 set auto x
 array names[7] = ["raw TCP", "floor", "library", "library, heartbeats", "libzmq", "nanomsg", "nng"]
 array colours[7] = ["#999999", "#555555", "#d1495b", "#edae49", "#00798c", "#30638e", "#7fb685"]

@@ -98,7 +98,7 @@ enum { TV_HEARTBEAT_ON = 0, TV_HEARTBEAT_OFF = 2 };
  *                that before replacing it); may be set to a reply from malloc(). It belongs to
  *                the library then, which frees it whatever the actor returns
  *   respLen      points to 0, or to what an actor before left; the reply's length. A reply that
- *                cannot be sent leaves the request owed: tv_send_resp may try again
+ *                does not fit leaves the request owed: tv_send_resp may answer it
  *
  * While a deferred reply is owed, up to TV_RQST_QUEUE_SIZE further requests wait their turn. An
  * actor that runs its channel's descriptor handler, or a loop, before it returns gives up a
@@ -300,6 +300,9 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  * time-out handler runs, unless the channel is closed first or the timer could not be started
  * (logged: only a reply ends the wait then). Blocks for at most the channel's poll time-out.
  *
+ * A message whose send failed has used up its number, and the peer refuses what follows on that
+ * connection: give the connection up.
+ *
  * While the channel awaits a reply, the peer's requests wait in its queue: two requests that cross
  * wait for each other until one of them times out.
  *
@@ -317,8 +320,8 @@ int tv_send_rqst(int channelId, const char *payload, int len, int timeout);
  * Returns 0 when the reply is sent, or -1: no such channel, no request to answer (also inside the
  * actor that takes it), the message does not fit, not connected, or the send failed (then, and
  * only then, the link-down callback has run). After a failure other than the first two the
- * request is still to be answered. Blocks for at most the channel's poll time-out, and again for
- * each reply that an actor gives to a waiting request. */
+ * request is still to be answered, after a failed send not on this connection. Blocks for at most
+ * the channel's poll time-out, and again for each reply that an actor gives to a waiting request. */
 int tv_send_resp(int channelId, const char *payload, int len);
 
 /* Return the descriptor to watch for the channel, or -1: no such channel, or not connected. It

@@ -20,7 +20,8 @@
 static const size_t prefixLen = sizeof(PREFIX) - 1;
 static const int markerLen = sizeof(PAYLOAD_MARKER) - 1;
 
-// The tags in the order of their type codes, which is also the order in which they decide.
+// The tags in the order of their type codes, which is also the order in which they decide. Each is a
+// whole literal, so its data() ends with a NUL.
 static constexpr std::string_view tags[TV_MSG_UNKNOWN] = {
     PREFIX "login\n", PREFIX "logout\n",    PREFIX "request\n",
     PREFIX "reply\n", PREFIX "heartbeat\n", PREFIX "heartbeatack\n",
@@ -200,10 +201,12 @@ static int find_tag(const char *msg, const char **tag)
 // Convert a number of at most count characters; out of range gives the nearest 32-bit number.
 static int to_int(const char *text, size_t count)
 {
+    // A short number ends with its text, at a tag or a brace; only a long one has to be cut.
     char number[maxNumberLen + 1] = "";
-    if (count > maxNumberLen) // otherwise the number ends with its text, at a tag or a brace
-        text = strncpy(number, text, maxNumberLen);
-
+    if (count > maxNumberLen) {
+        strncpy(number, text, maxNumberLen);
+        text = number;
+    }
     const long value = strtol(text, NULL, 10);
     if (value > INT_MAX)
         return INT_MAX;

@@ -321,7 +321,7 @@ int tv_send_rqst(int channelId, const char *payload, int len, int timeout);
  * actor that takes it), the message does not fit, not connected, or the send failed (then, and
  * only then, the link-down callback has run). After a failure other than the first two the
  * request is still to be answered, after a failed send not on this connection. Blocks for at most
- * the channel's poll time-out, and again for each reply that an actor gives to a waiting request. */
+ * the channel's poll time-out, and again for each reply that an actor gives to a waiting one. */
 int tv_send_resp(int channelId, const char *payload, int len);
 
 /* Return the descriptor to watch for the channel, or -1: no such channel, or not connected. It

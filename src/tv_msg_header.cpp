@@ -20,8 +20,8 @@
 static const size_t prefixLen = sizeof(PREFIX) - 1;
 static const int markerLen = sizeof(PAYLOAD_MARKER) - 1;
 
-// The tags in the order of their type codes, which is also the order in which they decide. Each is a
-// whole literal, so its data() ends with a NUL.
+// The tags in the order of their type codes, which is also the order in which they decide. Each
+// is a whole literal, so its data() ends with a NUL.
 static constexpr std::string_view tags[TV_MSG_UNKNOWN] = {
     PREFIX "login\n", PREFIX "logout\n",    PREFIX "request\n",
     PREFIX "reply\n", PREFIX "heartbeat\n", PREFIX "heartbeatack\n",

@@ -198,8 +198,13 @@ struct ChannelTest : testing::Test {
             test->names[id] = "pair" + std::to_string(id - test->server);
             test->note("fd-open", id, "", 0);
         });
-        tv_register_client_fd_close_callback(
-            [](int fd) { test->note("fd-close", test->pairByFd[fd], "", 0); });
+        tv_register_client_fd_close_callback([](int fd) {
+            EXPECT_EQ(test->pairByFd.count(fd), 1u); // once each,
+            EXPECT_NE(fcntl(fd, F_GETFD), -1);       // and while it is open
+            const int id = test->pairByFd[fd];
+            test->pairByFd.erase(fd);
+            test->note("fd-close", id, "", 0);
+        });
     }
     Peer peer(int fd, const std::string &url)
     {

@@ -20,10 +20,14 @@ static const int roundTrips = 1000;
 static const int boundSeconds = 15; // 1000 stalls take 40
 static int answered = 0;
 
-static int actor(int, const char *payload, int, char **reply, int *replyLen)
+// Each side sends two messages in a row: one that is not answered, and one that the other awaits.
+static int actor(int id, const char *payload, int, char **reply, int *replyLen)
 {
-    *reply = *payload == 'a' ? strdup("reply") : NULL; // asked, not told
-    *replyLen = 5;
+    if (*payload == 'a') { // asked, not told
+        tv_send_rqst(id, "tell", 4, 0);
+        *reply = strdup("reply");
+        *replyLen = 5;
+    }
     return TV_ACTOR_HANDLED;
 }
 
@@ -39,7 +43,7 @@ static void serve_until_killed(int server)
 
 static void ask(int id)
 {
-    tv_send_rqst(id, "tell", 4, 0); // two messages in a row
+    tv_send_rqst(id, "tell", 4, 0);
     tv_send_rqst(id, "ask", 3, 1000 * boundSeconds);
 }
 

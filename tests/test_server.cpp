@@ -12,7 +12,9 @@ TEST_F(Server, TellsOfLoginReplacementAndLogoutInOrder)
     EXPECT_EQ(happened(), Events({"fd-open pair1", "connected pair1 tcp://a:1", "fd-open pair2",
                                   "connected pair2 tcp://b:1", "connected pair1 tcp://a:1"}));
     log.take();
+    inside["connected"] = [] { EXPECT_EQ(tv_get_client_channel("a", 1), -1); }; // not yet
     Link again = login("tcp://a:1");
+    EXPECT_EQ(tv_get_client_channel("a", 1), again.id);
     EXPECT_EQ(happened(), Events({"fd-open pair3", "disconnected pair1 tcp://a:1", "fd-close pair1",
                                   "connected pair3 tcp://a:1"}));
     EXPECT_EQ(log.take().back(), "login_msg_received, close previous channel for url: tcp://a:1");
@@ -54,7 +56,8 @@ TEST_F(Server, APairTakesTheServersSettingsWhenItIsAccepted)
     tv_set_poll_timeout(server, 500);
     inside["fd-open"] = [&] { // read after the callback
         tv_set_poll_timeout(server, 700);
-        tv_service_enable_heartbeat(100, 1, nullptr);
+        tv_service_enable_heartbeat(100, 1, linkdown);
+        tv_register_linkdown_callback(server, nullptr);
     };
     Link after = login("tcp://b:1");
     EXPECT_EQ(hand_timer_intervals(), std::vector<int>({100, 100})); // one for each

@@ -57,6 +57,10 @@ consumer_by_pkg_config() { # <what>: C without the C++ compiler, also for linkin
 }
 
 install_moved shared "$build"
+for file in libtolvane.so tvcat; do
+    ldd "$(find "$work/shared" -name $file)" | grep -q "libruvo_timer.so => $work/shared/" ||
+        { echo "FAILED: $file does not find the timer library beside it"; exit 1; }
+done
 consumer_by_cmake shared "-DCMAKE_PREFIX_PATH=$work/shared"
 consumer_by_pkg_config shared
 

@@ -365,7 +365,8 @@ int tv_disconnect_server(int channelId);
 
 /* Set the client channel's heartbeat and its link-down callback.
  *
- *   interval  milliseconds between heartbeats; below 1: none is started
+ *   interval  milliseconds between heartbeats; below 1: none is started, but one that runs is not
+ *             switched off, see tv_service_enable_heartbeat
  *   count     heartbeats that may go unanswered, 0 or more
  *   cb        link-down callback, replaces the one registered before; may be null
  *
@@ -401,9 +402,9 @@ int disconnect_server(tv_channel *channel);
  *   connectedCallback  replaces the one registered before, null clears it
  *
  * Returns the server channel's id, or -1: a server runs already (it is left alone), no memory, or
- * the address cannot be listened on. A failed start uses up a channel id; one that fails to listen
- * has stored ip and connectedCallback all the same. Actors, time-outs and
- * handlers set on the server channel reach the pairs accepted afterwards. */
+ * the address cannot be listened on. A failed start uses up a channel id; any but a refused one
+ * may have stored ip and connectedCallback all the same. Actors, time-outs and handlers set on the
+ * server channel reach the pairs accepted afterwards. */
 int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandler,
                             tv_timeout_handler timeoutHandler, tv_connected_cb connectedCallback);
 

@@ -219,7 +219,7 @@ int tv_set_log_fd(FILE *fp)
 
 int tv_set_log_file(const char *path)
 {
-    if (path != NULL)
+    if (path != NULL && path != log_file)
         strncpy(log_file, path, sizeof(log_file) - 1); // fills up with NULs; the last byte is one
     return 0;
 }

@@ -38,7 +38,8 @@ int create_server_channel(tv_channel *channel, int channelId, const char *ip, in
     return 0;
 }
 
-// Pairs that outlived a server whose channel was closed by id are the application's to close.
+// Pairs that outlived a server whose channel was closed by id are the application's to close, also
+// when the start fails afterwards.
 static void empty_pair_list(void)
 {
     if (tv_service_server.pairList.next != NULL)
@@ -57,7 +58,8 @@ int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandle
     tv_channel *channel = (tv_channel *)malloc(sizeof(tv_channel));
     if (channel == NULL)
         return -1;
-    snprintf(tv_service_server.listenIp, sizeof(tv_service_server.listenIp), "%s", ip);
+    if (ip != tv_service_server.listenIp) // a restart may hand back the stored address
+        snprintf(tv_service_server.listenIp, sizeof(tv_service_server.listenIp), "%s", ip);
     tv_service_server.connectedCallback = connectedCallback;
     empty_pair_list();
     if (create_server_channel(channel, channelId, ip, port) != 0) {
@@ -232,7 +234,8 @@ int tv_server_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
 
 int update_pair_channel(tv_channel *channel, const char *url)
 {
-    snprintf(channel->url, sizeof(channel->url), "%s", url);
+    if (url != channel->url)
+        snprintf(channel->url, sizeof(channel->url), "%s", url);
     return 0;
 }
 

@@ -4,7 +4,6 @@
 #include "log_capture.h"
 
 #include <fcntl.h>
-#include <functional>
 #include <signal.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -108,22 +107,18 @@ TEST(Frame, EveryTruncationIsNoFrame)
     }
 }
 
-TEST(Frame, HostileHeaders)
+TEST(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
 {
     Link link;
-    for (size_t at = 0; at <= 32; at = at == 14 ? 32 : at + 1) {
-        std::string bad = frame("");
-        bad[at] ^= (char)0x80;
-        link.peerWrites(bad);
+    for (const char *const bytes : {"TCP_WATER_MARX", "TCP_WATER_MARK"}) {
+        link.peerWrites(frame("").replace(0, 14, bytes).replace(32, 1, "\x80"));
         EXPECT_EQ(link.receive(), failed);
-        link.log.expect({at < 32 ? "tcp_impl_receive, invalid watermark"
-                                 : "tcp_impl_receive, invalid length[2147483648]"});
     }
-}
+    EXPECT_EQ(link.receive(10), failed);
+    link.log.expect(
+        {"tcp_impl_receive, invalid watermark", "tcp_impl_receive, invalid length[2147483648]",
+         "_impl_receive_with_timeout failed ", "tcp_impl_receive, failed on receive header"});
 
-TEST(Frame, FailuresOfTheBudgetTheLengthAndThePeer)
-{
-    Link link;
     EXPECT_EQ(link.send("ping", 4, 0), -1);
     EXPECT_EQ(link.send("ping", 4, -1), -1);
     EXPECT_EQ(link.send("ping", -1), -1);
@@ -131,14 +126,11 @@ TEST(Frame, FailuresOfTheBudgetTheLengthAndThePeer)
     link.log.expect({"time out:0", "tcp_impl_send, failed on send header", "time out:-1",
                      "tcp_impl_send, failed on send header", "tcp_impl_send, negative length[-1]"});
 
-    EXPECT_EQ(link.receive(10), failed);
     EXPECT_EQ(link.send(std::string(3000000, 'x'), 3000000, 10), -1);
     close(link.ends[1]);
     link.ends[1] = -1;
     EXPECT_EQ(link.send("ping", 4), -1); // and no SIGPIPE
-    link.log.expect({"_impl_receive_with_timeout failed ",
-                     "tcp_impl_receive, failed on receive header", "failed",
-                     "tcp_impl_send, failed on send msg, len[3000000]",
+    link.log.expect({"failed", "tcp_impl_send, failed on send msg, len[3000000]",
                      "failed send error:Broken pipe", "tcp_impl_send, failed on send header"});
 }
 
@@ -155,8 +147,6 @@ TEST(Frame, ReceivesWithoutATimeLimitByTryingOn)
     Link link;
     link.peerDrips(frame("ping"), 20, 5);
     EXPECT_EQ(link.receive(0), "ping");
-    for (const std::string &message : link.log.take())
-        ASSERT_EQ(message, "error Resource temporarily unavailable continue");
 }
 
 TEST(Frame, SignalsLoseNothingAndCostNoExtraTime)

@@ -39,20 +39,15 @@ struct Log : testing::Test {
     using Growth = std::pair<long, long>;
 };
 
-TEST_F(Log, EntriesAreAppendedWithDateAndPlace)
+TEST_F(Log, EntriesAreAppendedAndBeginWithTheDate)
 {
     const time_t before = time(nullptr);
     const long size = entry().second;
     const time_t after = time(nullptr);
     EXPECT_EQ(entry().second, size);
-
-    std::string text(2 * size, '\0');
-    std::ifstream(path).read(&text[0], 2 * size);
-    EXPECT_TRUE(text.compare(0, 19, ctime(&before), 19) == 0 ||
-                text.compare(0, 19, ctime(&after), 19) == 0);
-    EXPECT_EQ(text.substr(19, 37), " [tv_loop.cpp->disable_polling_timer:");
-    EXPECT_EQ(text.substr(text.find(']'), size - text.find(']')), "]disable_polling_timer\n\n");
-    EXPECT_EQ(text.substr(19, size - 19), text.substr(size + 19));
+    char date[20] = "";
+    std::ifstream(path).read(date, 19);
+    EXPECT_TRUE(date == std::string(ctime(&before), 19) || date == std::string(ctime(&after), 19));
 }
 
 TEST_F(Log, AStreamIsFullAtTheLimitAFileBeyondIt)
@@ -71,11 +66,10 @@ TEST_F(Log, ThePathIsCutAndItsRestCleared)
 {
     tv_set_log_file(nullptr); // changes nothing
     EXPECT_STREQ(log_file, path);
-    const std::string longPath(200, 'x'), rest(TV_LOG_FILE_SIZE - 2, '\0');
-    tv_set_log_file(longPath.c_str());
-    EXPECT_EQ(std::string(log_file, TV_LOG_FILE_SIZE), longPath.substr(0, 127) + '\0');
+    tv_set_log_file(std::string(200, 'x').c_str());
+    EXPECT_EQ(log_file, std::string(127, 'x'));
     tv_set_log_file("yy");
-    EXPECT_EQ(std::string(log_file, TV_LOG_FILE_SIZE), "yy" + rest);
+    EXPECT_EQ(std::string(log_file, TV_LOG_FILE_SIZE), "yy" + std::string(126, '\0'));
     for (const char *const nowhere : {"", "/proc/no/such/folder"}) {
         tv_set_log_file(nowhere);
         EXPECT_EQ(entry(), Growth(0, 0));

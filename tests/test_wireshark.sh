@@ -12,10 +12,10 @@ children=
 trap '[ -z "$children" ] || kill $children 2>/dev/null || true; rm -rf "$work"' EXIT
 
 columns() { # <capture> <field...>: a line for each packet that ends a message
-    capture=$1
+    packets=$1
     shift
     # shellcheck disable=SC2046 # words on purpose
-    tshark -2 -X "lua_script:$dissector" -r "$capture" -Y tolvane \
+    tshark -2 -X "lua_script:$dissector" -r "$packets" -Y tolvane \
         -T fields -E 'separator=|' $(printf ' -e %s' "$@") 2>"$work/errors"
     ! grep -i 'lua:' "$work/errors"
 }
@@ -36,10 +36,9 @@ segment() { # <from: I server, O client> <seconds>: standard input as one TCP se
 frame() { # <body in printf's form>
     # shellcheck disable=SC2059 # it is a format
     printf "$1" >"$work/body"
-    size=$(wc -c <"$work/body")
     # shellcheck disable=SC2059 # it is a format
-    printf "TCP_WATER_MARK$(printf '%018d' 0 | sed 's/0/\\0/g')\\0\\0\\$(printf '%03o' \
-        $((size / 256)))\\$(printf '%03o' $((size % 256)))"
+    printf "TCP_WATER_MARK$(printf '%021d' 0 | sed 's/0/\\0/g')\\$(printf '%03o' \
+        "$(wc -c <"$work/body")")"
     cat "$work/body"
 }
 
@@ -114,16 +113,11 @@ wait_for File: "$work/dumpcap" $capture ||
     { echo "SKIPPED: capturing on loopback is not permitted"; exit 0; }
 
 # Heartbeats come or not, as the machine has time; they are left out.
-mkfifo "$work/input"
-"$examples/client" 127.0.0.1 "$port" alice 1 <"$work/input" >"$work/client" &
-client=$! children="$children $!"
-exec 3>"$work/input"
-printf 'say %09000d\n' 0 >&3
-wait_for reply: "$work/client" $client || true
-echo logout >&3
+# shellcheck disable=SC2094 # it waits for what the client prints
+{ printf 'say %09000d\n' 0; wait_for reply: "$work/client" $server || true; echo logout; } |
+    timeout 60 "$examples/client" 127.0.0.1 "$port" alice 1 >"$work/client"
 wait_for velun_tolvane_logout "$work/live.pcapng" $capture || true
 kill -INT $capture
 wait $capture || true
-types=$(tshark -X "lua_script:$dissector" -r "$work/live.pcapng" -Y 'tolvane.type < 4' -T fields \
-    -e tolvane.type -e tolvane.length -E separator=: 2>/dev/null | tr '\n' ' ')
-expect_same "a capture of the examples" "0:72 2:9064 3:9058 1:73 " "$types"
+types=$(columns "$work/live.pcapng" tolvane.type tolvane.length | grep '^[0-3]|' | tr '\n' ' ')
+expect_same "a capture of the examples" "0|72 2|9064 3|9058 1|73 " "$types"

@@ -76,6 +76,7 @@ static int target;          // the call that it begins with
 static bool forever;
 static bool armed;              // calls count
 static long long now = 1000000; // milliseconds
+static int lag;                 // what the faults since the last wait took
 static long long stopAt;        // when the loop is to end
 static int serving;             // a descriptor's handler runs
 static sockaddr_un here;        // where the server listens
@@ -90,7 +91,8 @@ static bool fails(const char *call)
     if (number > (forever ? target + 300 : target)) // what is retried without a limit goes on
         return false;
     run->injected++;
-    now += active->way == leap ? 3600000 : active->way != half;
+    now += active->way == leap ? 3600000 : 0;
+    lag += active->way != half;
     errno = active->way;
     return true;
 }
@@ -122,7 +124,7 @@ FAIL(int, bind, (int fd, const sockaddr *, socklen_t), -1,
      __real_bind(fd, (sockaddr *)&here, sizeof(here)))
 FAIL(int, listen, (int fd, int backlog), -1, __real_listen(fd, backlog))
 FAIL(int, accept, (int fd, sockaddr *peer, socklen_t *size), -1, __real_accept(fd, peer, size))
-FAIL(int, fcntl, (int fd, int command, int flags), -1, __real_fcntl(fd, command, flags))
+FAIL(int, fcntl, (int fd, int command, intptr_t flags), -1, __real_fcntl(fd, command, flags))
 FAIL(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
      active->way == half ? __real_send(fd, bytes, (size + 1) / 2, flags) : -1,
      __real_send(fd, bytes, size, flags))
@@ -134,8 +136,8 @@ FAIL(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
 FAIL(int, close, (int fd), (__real_close(fd), -1), __real_close(fd))
 FAIL(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
 FAIL(int, stat, (const char *path, struct stat *status), -1, __real_stat(path, status))
-FAIL(int, clock_gettime, (clockid_t, timespec *time), active->way == leap ? 0 : -1,
-     (*time = {now / 1000, now % 1000 * 1000000}, 0))
+FAIL(int, clock_gettime, (clockid_t clock, timespec *time), active->way == leap ? 0 : -1,
+     (clock == CLOCK_MONOTONIC ? (void)0 : abort(), *time = {now / 1000, now % 1000 * 1000000}, 0))
 
 WRAP(void, free, (void *block))
 {
@@ -145,6 +147,13 @@ WRAP(void, free, (void *block))
 
 WRAP(void, perror, (const char *))
 {
+}
+
+// The wall clock changes all the time, by years: only the log may notice.
+WRAP(time_t, time, (time_t *))
+{
+    static time_t time = 0;
+    return time = 1500000000 - time;
 }
 
 // A connect that is not to block is in progress at first.
@@ -160,7 +169,10 @@ WRAP(int, connect, (int fd, const sockaddr *, socklen_t))
 WRAP(int, poll, (struct pollfd * fds, nfds_t count, int timeout))
 {
     const bool loop = serving == 0 && (count == 0 || fds->events == POLLIN); // timers only send
-    if (fails("poll"))
+    const bool failed = fails("poll");
+    now += lag;
+    lag = 0;
+    if (failed)
         return -1;
     const int ready = __real_poll(fds, count, 0);
     if (loop && (now >= stopAt || (ready == 0 && (timeout < 0 || now + timeout > stopAt)))) {

@@ -3,13 +3,10 @@
 #include "hand_timer.h"
 #include "log_capture.h"
 
-#include <errno.h>
 #include <functional>
 #include <map>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 using Served = std::vector<intptr_t>;
@@ -152,13 +149,4 @@ TEST_F(Loop, FiresTimersBeforeItServes)
     ruvo_start_timer(10, fire, 3, second);
     ruvo_start_timer(20, fire, 4, last);
     EXPECT_EQ(pass(last), (Served{1, 3, 1, 4, 1, 2, 1, 2}));
-}
-
-TEST_F(Loop, ASignalDoesNotEndIt)
-{
-    static const int woken = eventfd(0, 0); // by the signal
-    signal(SIGALRM, [](int) { eventfd_write(woken, 1); });
-    const struct itimerval soon = {{0, 0}, {0, 20000}};
-    setitimer(ITIMER_REAL, &soon, nullptr);
-    EXPECT_EQ(pass(woken), Served());
 }

@@ -2,7 +2,6 @@
 
 #include "log_capture.h"
 
-#include <algorithm>
 #include <functional>
 #include <limits.h>
 
@@ -102,16 +101,13 @@ TEST_F(Message, WhatDoesNotFitIsNotBuilt)
 TEST_F(Message, EveryTruncationIsReadWithinItsBytes)
 {
     const std::string header = "7\n" + tags[TV_MSG_HEARTBEAT] + url + marker,
-                      whole = header + "{sequence:5}, {interval:10},{count:3}";
+                      whole = header + "payload";
     for (size_t len = 0; len <= whole.size(); len++) {
         const std::string text = whole.substr(0, len), start = len < 16 ? "6 0 " : "6 7 ";
         if (len < header.size())
             EXPECT_EQ(read(text), (len < 26 ? start : "4 7 ") + "- -");
         else
             EXPECT_EQ(read(text), "4 7 " + url + " " + text.substr(header.size()));
-        const size_t done = std::count(text.begin(), text.end(), '}');
-        const char *const values[] = {"-1 -1 -1", "5 -1 -1", "5 10 -1", "5 10 3"};
-        EXPECT_EQ(heartbeat_values(text), values[done]);
     }
 }
 
@@ -141,7 +137,7 @@ TEST_F(Message, HostileTexts)
     EXPECT_EQ(get_msg_payload(marker.c_str(), (int)marker.size() - 1, &len), nullptr);
 
     const std::string heartbeats[][2] = {
-        {"{sequence=5}", "5 -1 -1"},
+        {"{sequence=5}, {interval:10},{count:3}", "5 10 3"},
         {"}{sequence:5}", "5 -1 -1"},
         {"{sequence:5", "-1 -1 -1"},
         {"sequence interval}", "0 0 -1"},

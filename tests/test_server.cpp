@@ -135,7 +135,7 @@ TEST_F(Server, StopsInOrderAndStartsAgain)
     EXPECT_EQ(tv_start_server("127.0.0.1", port_of(hub)), -1); // taken
     log.expect({"impl_create_server_socket, failed on bind"});
     server = tv_start_server(tv_service_server.listenIp, port); // its own copy of the address
-    EXPECT_EQ(server, id + 2); // a failed start uses up an id
+    EXPECT_EQ(server, id + 2);                                  // a failed start uses up an id
     EXPECT_EQ(tv_service_server.listenIp, std::string("127.0.0.1"));
     login("tcp://a:1"); // the start without a connected callback has cleared it, and no other
     EXPECT_EQ(happened(), Events({"fd-open pair1"}));

@@ -1,4 +1,4 @@
-// test_client.cpp - connecting and logging in, what a client's handler does with each message, and
+// test_client.cpp - connecting, logging in and out, what a client's handler does with each message, and
 // the operations by id.
 
 #include "channel_fixture.h"
@@ -8,28 +8,10 @@
 struct Client : ChannelTest {
 };
 
-TEST_F(Client, LogsInAndOutWithTheseBytes)
-{
-    Link client = dial(newClient(port_of(hub)));
-    EXPECT_EQ(tv_disconnect_server(client.id), 0);
-    for (const std::string tag : {"0\nvelun_tolvane_login", "1\nvelun_tolvane_logout"}) {
-        const std::string url("tcp://client:7");
-        const std::string body = tag + "\n" + url + "\nvelun_tolvane_payload\n" + url + '\0';
-        std::string frame("TCP_WATER_MARK");
-        frame.resize(35);
-        frame += (char)body.size() + body;
-        std::string bytes(frame.size(), '\0');
-        EXPECT_TRUE(wait_for(client.peer.fd, POLLIN));
-        EXPECT_EQ(recv(client.peer.fd, &bytes[0], bytes.size(), 0), (int)frame.size());
-        EXPECT_EQ(bytes, frame);
-    }
-    EXPECT_EQ(get_channel_type(client.id), TV_CHANNEL_CLIENT); // stays open
-    client.peer.expectSilence();
-}
-
 TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
 {
     const int id = newClient(port_of(hub));
+    EXPECT_EQ(tv_get_channel(id)->url, std::string("tcp://client:7"));
     EXPECT_EQ(tv_get_polling_fd(id), -1);
     EXPECT_EQ(tv_disconnect_server(id), -1); // not connected: no link that could be down
     Link first = dial(id);
@@ -41,7 +23,10 @@ TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
     EXPECT_EQ(hand_timer_intervals(), std::vector<int>({100}));
     EXPECT_EQ(first.peer.hear(), "closed");
     second.peer.heard = 2;
-    second.peer.expect("login", second.peer.url + '\0');
+    EXPECT_EQ(tv_disconnect_server(id), 0);
+    for (const char *tag : {"login", "logout"})
+        second.peer.expect(tag, second.peer.url + '\0');
+    second.peer.expectSilence(); // stays open
 
     for (const int timeout : {-1, 100}) { // with the system's limit, and with the channel's
         tv_set_connect_timeout(id, timeout);
@@ -51,18 +36,6 @@ TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
         EXPECT_EQ(tv_get_polling_fd(id), -1);
     }
     EXPECT_EQ(happened(), Events());
-}
-
-TEST_F(Client, OnlyAClientConnects)
-{
-    const int pair = login("tcp://pair:7").id;
-    log.take();
-    for (const int id : {server, pair}) {
-        EXPECT_EQ(tv_connect_server(id), -1);
-        EXPECT_EQ(tv_disconnect_server(id), -1);
-        const std::string end = ", channel[" + std::to_string(id) + "] is not a client";
-        log.expect({"failed on tv_connect_server" + end, "failed on tv_disconnect_server" + end});
-    }
 }
 
 TEST_F(Client, AcceptsTheSuccessorAndAnythingAfterZero)
@@ -114,32 +87,40 @@ TEST_F(Client, HandlesEachMessageByItsType)
     EXPECT_EQ(happened(), Events({"actor0 link x", "linkdown link " + client.peer.url}));
 }
 
-TEST_F(Client, AnIdThatNamesNothingIsLoggedInTheOperationsName)
+TEST_F(Client, AnIdThatNamesNothingOrNoClientIsLoggedInTheOperationsName)
 {
-    const int id = 123456;
-    EXPECT_EQ(tv_get_channel(id), nullptr);
-    tv_close_channel(id);
-    EXPECT_EQ(tv_register_actor(id, nullptr), -1);
-    EXPECT_EQ(tv_register_resp_handler(id, nullptr), -1);
-    EXPECT_EQ(tv_register_timeout_handler(id, nullptr), -1);
-    EXPECT_EQ(tv_register_linkdown_callback(id, nullptr), -1);
-    EXPECT_EQ(tv_set_poll_timeout(id, 0), -1);
-    tv_set_connect_timeout(id, 0);
-    tv_client_enable_heartbeat(id, 1, 1, nullptr);
-    EXPECT_EQ(tv_connect_server(id), -1);
-    EXPECT_EQ(tv_disconnect_server(id), -1);
-    EXPECT_EQ(tv_send_rqst(id, "", 0, 1), -1);
-    EXPECT_EQ(tv_send_resp(id, "", 0), -1);
-    EXPECT_EQ(tv_get_polling_fd(id), -1);
-    tv_channel_fd_handler(0, id, 0);
-    Events misses;
-    for (const std::string name :
-         {"get_channel", "close_channel", "register_actor", "register_resp_handler",
-          "register_timeout_handler", "register_linkdown_callback", "get_channel",
-          "set_connect_timeout", "client_enable_heartbeat", "connect_server", "disconnect_server",
-          "send_rqst", "send_resp", "get_polling_fd", "channel_fd_handler"})
-        misses.push_back("could not get channel with id[123456] in tv_" + name);
-    log.expect(misses);
+    const std::pair<const char *, std::function<int(int)>> operations[] = {
+        {"connect_server", [](int id) { return tv_connect_server(id); }},
+        {"disconnect_server", [](int id) { return tv_disconnect_server(id); }},
+        {"get_channel", [](int id) { return tv_get_channel(id) == nullptr ? -1 : 0; }},
+        {"get_channel", [](int id) { return tv_set_poll_timeout(id, 0); }},
+        {"register_actor", [](int id) { return tv_register_actor(id, nullptr); }},
+        {"register_resp_handler", [](int id) { return tv_register_resp_handler(id, nullptr); }},
+        {"register_timeout_handler",
+         [](int id) { return tv_register_timeout_handler(id, nullptr); }},
+        {"register_linkdown_callback",
+         [](int id) { return tv_register_linkdown_callback(id, nullptr); }},
+        {"client_enable_heartbeat",
+         [](int id) { return tv_client_enable_heartbeat(id, 1, 1, nullptr), -1; }},
+        {"send_rqst", [](int id) { return tv_send_rqst(id, "", 0, 1); }},
+        {"send_resp", [](int id) { return tv_send_resp(id, "", 0); }},
+        {"get_polling_fd", [](int id) { return tv_get_polling_fd(id); }},
+        {"close_channel", [](int id) { return tv_close_channel(id), -1; }},
+        {"set_connect_timeout", [](int id) { return tv_set_connect_timeout(id, 0), -1; }},
+        {"channel_fd_handler", [](int id) { return tv_channel_fd_handler(0, id, 0), -1; }},
+    };
+    for (const auto &[name, operation] : operations) {
+        EXPECT_EQ(operation(123456), -1);
+        log.expect({std::string("could not get channel with id[123456] in tv_") + name});
+    }
+    const int pair = login("tcp://pair:7").id;
+    log.take();
+    for (const int id : {server, pair})
+        for (int i = 0; i < 2; i++) {
+            EXPECT_EQ(operations[i].second(id), -1);
+            log.expect({std::string("failed on tv_") + operations[i].first + ", channel[" +
+                        std::to_string(id) + "] is not a client"});
+        }
 }
 
 TEST_F(Client, SettersRefuseWhatMakesNoSenseAndTextsAreCut)

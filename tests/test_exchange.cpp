@@ -175,14 +175,3 @@ TEST_P(Exchange, WhatCannotBeSentLeavesTheChannelAsItWas)
     link.peer.expect("reply", "at last");
     EXPECT_EQ(request(link, "not refused", 100), 0);
 }
-
-TEST_P(Exchange, APeerThatDoesNotReadIsReportedWithinThePollTimeOut)
-{
-    Link link = this->link(GetParam());
-    EXPECT_EQ(tv_set_poll_timeout(link.id, 5), 0);
-    int sent = 0;
-    while (sent < 10000 && request(link, std::string(60000, 'x'), 0) == 0)
-        sent++;
-    EXPECT_LT(sent, 10000);
-    EXPECT_EQ(happened(), Events({"linkdown link " + link.peer.url}));
-}

@@ -104,7 +104,7 @@ TEST(Timer, AThousandTimersAsInASimpleModel)
             EXPECT_EQ(ruvo_stop_timer(victim->second.id), 0);
             model.erase(victim);
         }
-        nowNs += random() % 8 ? 0 : random() % (2 * ms);
+        nowNs += random() % 16 ? 0 : random() % (4 * ms);
         const long long wait = std::max(0LL, model.begin()->first.first - nowNs);
         ASSERT_EQ(ruvo_timer_get_expected_interval(), (wait + ms - 1) / ms); // rounded up
         const Fired actual = after(0);

@@ -103,12 +103,15 @@ static void send_request(int id)
     if (talks.count(id) == 0)
         return;
     REQUIRE(!talks[id].awaits || now_ms() < talks[id].since + patience);
+    if (talks[id].awaits)
+        return;
     const std::string payload = payload_of("eeedn"[below(5)], lastMark + 1);
-    if (talks[id].awaits || tv_send_rqst(id, payload.data(), payload.size(), rqstTimeout) != 0)
-        return; // the link may be down
-    lastMark++;
+    const bool sent = tv_send_rqst(id, payload.data(), payload.size(), rqstTimeout) == 0;
+    REQUIRE(sent || talks.count(id) == 0); // the link is down, and closed
+    if (!sent)
+        return;
     counts[SENT]++;
-    talks[id] = {lastMark, now_ms(), true, talks[id].timedOut};
+    talks[id] = {++lastMark, now_ms(), true, talks[id].timedOut};
 }
 
 static void on_resp(int id, const char *payload, int len)

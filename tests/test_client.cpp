@@ -93,7 +93,7 @@ TEST_F(Client, AnIdThatNamesNothingOrNoClientIsLoggedInTheOperationsName)
         {"connect_server", [](int id) { return tv_connect_server(id); }},
         {"disconnect_server", [](int id) { return tv_disconnect_server(id); }},
         {"get_channel", [](int id) { return tv_get_channel(id) == nullptr ? -1 : 0; }},
-        {"get_channel", [](int id) { return tv_set_poll_timeout(id, 0); }},
+        {"get_channel", [](int id) { return tv_set_poll_timeout(id, 1); }},
         {"register_actor", [](int id) { return tv_register_actor(id, nullptr); }},
         {"register_resp_handler", [](int id) { return tv_register_resp_handler(id, nullptr); }},
         {"register_timeout_handler",
@@ -106,7 +106,7 @@ TEST_F(Client, AnIdThatNamesNothingOrNoClientIsLoggedInTheOperationsName)
         {"send_resp", [](int id) { return tv_send_resp(id, "", 0); }},
         {"get_polling_fd", [](int id) { return tv_get_polling_fd(id); }},
         {"close_channel", [](int id) { return tv_close_channel(id), -1; }},
-        {"set_connect_timeout", [](int id) { return tv_set_connect_timeout(id, 0), -1; }},
+        {"set_connect_timeout", [](int id) { return tv_set_connect_timeout(id, 1), -1; }},
         {"channel_fd_handler", [](int id) { return tv_channel_fd_handler(0, id, 0), -1; }},
     };
     for (const auto &[name, operation] : operations) {

@@ -329,7 +329,7 @@ static pid_t start(void (*run)(int), int which)
     const pid_t process = fork();
     if (process == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        random_source.seed(which);
+        random_source = std::mt19937(which);
         run(which);
         exit(0);
     }

@@ -136,7 +136,7 @@ struct ChannelTest : testing::Test {
         for (const int fd : std::exchange(peerFds, {}))
             close(fd);
         hand_timer_advance(100000); // what is pending afterwards never ends
-        EXPECT_EQ(hand_timer_intervals(), std::vector<int>());
+        EXPECT_EQ(hand_timer_pending(), std::vector<int>());
         EXPECT_EQ(count_descriptors(), descriptors);
     }
 

@@ -1,109 +1,65 @@
 #include "hand_timer.h"
 
 #include <algorithm>
+#include <stdlib.h>
+#include <time.h>
 
-struct hand_timer {
-    int id;
-    int interval;
-    bool periodic;
-    long long due;
-    ruvo_timer_cb callback;
-    intptr_t arg1, arg2;
-};
-
-static std::vector<hand_timer> timers; // in order of their starts
-static long long now = 0;
-static int nextId = 0;
+long long hand_timer_now = 5000000000123456;
 static bool failStarts = false;
 
-// The timer that is due first, the one started first among equals.
-static std::vector<hand_timer>::iterator first_due()
+static int read_clock(clockid_t clock, struct timespec *time)
 {
-    return std::min_element(timers.begin(), timers.end(),
-                            [](const hand_timer &a, const hand_timer &b) { return a.due < b.due; });
+    if (clock != CLOCK_MONOTONIC)
+        abort();
+    *time = {(time_t)(hand_timer_now / 1000000000), (long)(hand_timer_now % 1000000000)};
+    return 0;
 }
 
-static void fire_until(long long end)
+// The library itself, but for its clock and the way into a start.
+#define clock_gettime read_clock
+#define ruvo_start_timer start_one_shot
+#define ruvo_start_periodic_timer start_periodic
+#include "ruvo_timer.cpp"
+#undef ruvo_start_timer
+#undef ruvo_start_periodic_timer
+
+int ruvo_start_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
 {
-    for (auto timer = first_due(); timer != timers.end() && timer->due <= end;
-         timer = first_due()) {
-        const hand_timer fired = *timer; // the callback may stop it
-        now = std::max(now, fired.due);
-        if (fired.periodic)
-            timer->due += ((now - fired.due) / fired.interval + 1) * fired.interval;
-        else
-            timers.erase(timer);
-        fired.callback(fired.arg1, fired.arg2);
-    }
+    return failStarts ? -1 : start_one_shot(interval, callback, arg1, arg2);
 }
 
-static int start(bool periodic, int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
+int ruvo_start_periodic_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
 {
-    if (failStarts || interval < 1)
-        return -1;
-    timers.push_back({nextId, interval, periodic, now + interval, callback, arg1, arg2});
-    return nextId++;
+    return failStarts ? -1 : start_periodic(interval, callback, arg1, arg2);
 }
 
 void hand_timer_reset()
 {
-    timers.clear();
-    nextId = 0;
+    while (heapCount > 0)
+        ruvo_stop_timer(heap[0]);
     failStarts = false;
 }
 
 void hand_timer_advance(int ms)
 {
-    const long long end = now + ms;
-    fire_until(end);
-    now = end;
+    const long long end = hand_timer_now + ms * nsPerMs;
+    while (heapCount > 0 && entry_of(heap[0])->due <= end) {
+        hand_timer_now = std::max<long long>(hand_timer_now, entry_of(heap[0])->due);
+        ruvo_fire_timer();
+    }
+    hand_timer_now = end;
 }
 
-void hand_timer_let_pass(int ms)
+std::vector<int> hand_timer_pending()
 {
-    now += ms;
-}
-
-std::vector<int> hand_timer_intervals()
-{
-    std::vector<int> intervals;
-    for (const hand_timer &timer : timers)
-        intervals.push_back(timer.interval);
-    return intervals;
+    std::vector<int> left;
+    for (uint32_t i = 0; i < heapCount; i++)
+        left.push_back((int)((entry_of(heap[i])->due - hand_timer_now) / nsPerMs));
+    std::sort(left.begin(), left.end());
+    return left;
 }
 
 void hand_timer_fail_starts(bool fail)
 {
     failStarts = fail;
-}
-
-int ruvo_start_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
-{
-    return start(false, interval, callback, arg1, arg2);
-}
-
-int ruvo_start_periodic_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
-{
-    return start(true, interval, callback, arg1, arg2);
-}
-
-int ruvo_stop_timer(int timerId)
-{
-    const auto timer = std::find_if(timers.begin(), timers.end(),
-                                    [=](const hand_timer &t) { return t.id == timerId; });
-    if (timer == timers.end())
-        return -1;
-    timers.erase(timer);
-    return 0;
-}
-
-int ruvo_timer_get_expected_interval(void)
-{
-    return timers.empty() ? -1 : (int)std::max(0LL, first_due()->due - now);
-}
-
-// A timer started in a callback is due later than now and has to wait for the next pass.
-void ruvo_fire_timer(void)
-{
-    fire_until(now);
 }

@@ -1,4 +1,4 @@
-// hand_timer.h - a timer service whose clock is moved by hand, in place of libruvo_timer.so.
+// hand_timer.h - the timer library on a clock that is moved by hand, in place of libruvo_timer.so.
 #ifndef HAND_TIMER_H
 #define HAND_TIMER_H
 
@@ -6,17 +6,18 @@
 
 #include <vector>
 
-// Forget all timers, let starts succeed, and hand out ids from 0 again.
+// The monotonic clock in nanoseconds, free to be moved on. That alone fires nothing: it is left to
+// the next ruvo_fire_timer, as in a loop.
+extern long long hand_timer_now;
+
+// Stop all timers, and let starts succeed.
 void hand_timer_reset();
 
 // Move the clock on and fire each timer at its own time, in order of those times.
 void hand_timer_advance(int ms);
 
-// Move the clock on without firing: that is left to the next ruvo_fire_timer, as in the loop.
-void hand_timer_let_pass(int ms);
-
-// The intervals of the pending timers, in order of their starts.
-std::vector<int> hand_timer_intervals();
+// How many milliseconds each pending timer has left, the shortest first.
+std::vector<int> hand_timer_pending();
 
 // Let every start fail with -1 from now on, or succeed again.
 void hand_timer_fail_starts(bool fail);

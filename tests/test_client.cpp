@@ -18,9 +18,9 @@ TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
     first.peer.heard++;
     first.peer.expect("login", first.peer.url + '\0');
     tv_client_enable_heartbeat(id, 100, 1, linkdown);
-    EXPECT_EQ(hand_timer_intervals(), std::vector<int>());
+    EXPECT_EQ(hand_timer_pending(), std::vector<int>());
     Link second = dial(id);
-    EXPECT_EQ(hand_timer_intervals(), std::vector<int>({100}));
+    EXPECT_EQ(hand_timer_pending(), std::vector<int>({100}));
     EXPECT_EQ(first.peer.hear(), "closed");
     second.peer.heard = 2;
     EXPECT_EQ(tv_disconnect_server(id), 0);

@@ -20,7 +20,7 @@ TEST_P(Exchange, AReplyEndsTheWaitForOneRequest)
 
     inside["resp"] = [&] { EXPECT_EQ(request(link, "next", 200), 0); };
     receive(link, "reply", bytes);
-    EXPECT_EQ(hand_timer_intervals(), std::vector<int>({200}));
+    EXPECT_EQ(hand_timer_pending(), std::vector<int>({200}));
     link.peer.expect("request", "next");
     link.peer.send(std::to_string(link.peer.said) + "\nvelun_tolvane_reply\n"); // no marker
     serve(link);

@@ -32,7 +32,7 @@ TEST_P(Heartbeat, ASilentPeerIsDeclaredDownOnceAndItsChannelStays)
         EXPECT_EQ(happened(), Events());
         hand_timer_advance(1);
         EXPECT_EQ(happened(), Events({"linkdown link " + link.peer.url}));
-        EXPECT_EQ(hand_timer_intervals(), Intervals());
+        EXPECT_EQ(hand_timer_pending(), Intervals());
         receive(link, "heartbeat", "{}"); // is answered, and restarts nothing
         link.peer.expect("heartbeatack", "{sequence:" + std::to_string(count) + "}" + '\0');
         hand_timer_advance(1000);
@@ -65,21 +65,21 @@ TEST_P(Heartbeat, NewSettingsCountAtOnceAndChangeThePeriodWithTheNextStart)
 {
     Link link = supervised(100, 1);
     tv_client_enable_heartbeat(link.id, 300, 0, linkdown);
-    EXPECT_EQ(hand_timer_intervals(), Intervals({100}));
+    EXPECT_EQ(hand_timer_pending(), Intervals({100}));
     receive(link, "heartbeatack", "{}");
-    EXPECT_EQ(hand_timer_intervals(), Intervals({300}));
+    EXPECT_EQ(hand_timer_pending(), Intervals({300}));
     EXPECT_EQ(enable_heartbeat(tv_get_channel(link.id)), 0);
-    EXPECT_EQ(hand_timer_intervals(), Intervals({300})); // the same one, started anew
+    EXPECT_EQ(hand_timer_pending(), Intervals({300})); // the same one, started anew
     tv_client_enable_heartbeat(link.id, 100, 5, linkdown);
     hand_timer_advance(300);
     EXPECT_EQ(happened(), Events()); // a miss that counts no longer
 
     hand_timer_fail_starts(true);
     receive(link, "heartbeatack", "{}");
-    EXPECT_EQ(hand_timer_intervals(), Intervals()); // silent, until the next message
+    EXPECT_EQ(hand_timer_pending(), Intervals()); // silent, until the next message
     hand_timer_fail_starts(false);
     receive(link, "heartbeatack", "{}");
-    EXPECT_EQ(hand_timer_intervals(), Intervals({100}));
+    EXPECT_EQ(hand_timer_pending(), Intervals({100}));
 }
 
 TEST_P(Heartbeat, WithoutAnIntervalOrAConnectionNothingStarts)
@@ -90,7 +90,7 @@ TEST_P(Heartbeat, WithoutAnIntervalOrAConnectionNothingStarts)
     EXPECT_EQ(enable_heartbeat(nullptr), -1);
     tv_client_enable_heartbeat(server, 100, 1, linkdown);
     EXPECT_EQ(enable_heartbeat(tv_get_channel(server)), 0);
-    EXPECT_EQ(hand_timer_intervals(), Intervals());
+    EXPECT_EQ(hand_timer_pending(), Intervals());
     channel->hbMode = TV_HEARTBEAT_OFF;
     log.take();
     send_heartbeat(channel);

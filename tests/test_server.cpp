@@ -60,7 +60,7 @@ TEST_F(Server, APairTakesTheServersSettingsWhenItIsAccepted)
         tv_register_linkdown_callback(server, nullptr);
     };
     Link after = login("tcp://b:1");
-    EXPECT_EQ(hand_timer_intervals(), std::vector<int>({100, 100})); // one for each
+    EXPECT_EQ(hand_timer_pending(), std::vector<int>({100, 100})); // one for each
     EXPECT_EQ(tv_get_channel(after.id)->pollTimeout, 700);
     EXPECT_EQ(tv_get_channel(after.id)->linkdownCallback, nullptr);
     happened();
@@ -78,7 +78,7 @@ TEST_F(Server, SupervisesAllClientsWithOneTimerEach)
     happened();
     tv_service_enable_heartbeat(100, 1, linkdown);
     tv_service_enable_heartbeat(300, 1, linkdown);
-    EXPECT_EQ(hand_timer_intervals(), std::vector<int>({300, 300}));
+    EXPECT_EQ(hand_timer_pending(), std::vector<int>({300, 300}));
     hand_timer_advance(300);
     receive(a, "heartbeatack", "{}");
     tv_service_enable_heartbeat(0, 0, linkdown); // restarts nothing: down whatever comes

@@ -14,6 +14,7 @@
 #ifndef CHANNEL_FIXTURE_H
 #define CHANNEL_FIXTURE_H
 
+#include "callbacks.h"
 #include "hand_timer.h"
 #include "log_capture.h"
 #include "tolvane.h"
@@ -24,7 +25,6 @@
 #include <fcntl.h>
 #include <functional>
 #include <map>
-#include <string.h>
 #include <unistd.h>
 #include <utility>
 
@@ -109,7 +109,6 @@ struct ChannelTest : testing::Test {
     Events events;
     std::map<std::string, Act> inside; // a callback: what to do there the next time
     std::map<int, std::string> names;  // of channels, for the notes
-    std::map<int, int> pairByFd;
     int newestPair = -1;
     std::vector<int> peerFds;
     int descriptors; // open before the test
@@ -150,16 +149,14 @@ struct ChannelTest : testing::Test {
     {
         const bool closed = callback == "disconnected" || callback == "fd-close"; // or is soon
         EXPECT_TRUE(closed || tv_get_channel(id) != nullptr) << callback;
+        if (callback == "fd-open")
+            names[newestPair = id] = "pair" + std::to_string(id - server);
         const std::string handed = text == nullptr ? "(null)" : std::string(text, len);
         events.push_back(callback + " " + names[id] + (handed.empty() ? "" : " " + handed));
         if (const Act act = std::exchange(inside[callback], nullptr))
             act();
         const std::string left = text == nullptr ? "(null)" : std::string(text, len);
         EXPECT_EQ(left, handed) << callback; // still readable, whatever was closed
-    }
-    static void linkdown(int id, const char *url)
-    {
-        test->note("linkdown", id, url, strlen(url));
     }
     template <int N> static int act(int id, const char *payload, int len, char **reply, int *size)
     {
@@ -179,32 +176,12 @@ struct ChannelTest : testing::Test {
         const tv_actor actors[] = {act<0>, act<1>};
         for (size_t i = tv_get_channel(id)->actorCount; i < script.size(); i++)
             EXPECT_EQ(tv_register_actor(id, actors[i]), 0);
-        tv_register_resp_handler(
-            id, [](int id, const char *payload, int len) { test->note("resp", id, payload, len); });
-        tv_register_timeout_handler(id, [](int id) { test->note("timeout", id, "", 0); });
-        tv_register_linkdown_callback(id, linkdown);
+        set_channel_callbacks(id);
     }
     void startServer()
     {
         server = tv_start_server("127.0.0.1", 0);
-        tv_register_connected_callback(
-            0, [](int id, const char *url) { test->note("connected", id, url, strlen(url)); });
-        tv_register_disconnected_callback(
-            0, [](int id, const char *url) { test->note("disconnected", id, url, strlen(url)); });
-        tv_register_client_fd_open_callback([](int fd) {
-            const tv_channel_list *newest = tv_service_server.pairList.prev;
-            const int id = ((const tv_channel_node *)newest)->channel->channelId;
-            test->newestPair = test->pairByFd[fd] = id;
-            test->names[id] = "pair" + std::to_string(id - test->server);
-            test->note("fd-open", id, "", 0);
-        });
-        tv_register_client_fd_close_callback([](int fd) {
-            EXPECT_EQ(test->pairByFd.count(fd), 1u); // once each,
-            EXPECT_NE(fcntl(fd, F_GETFD), -1);       // and while it is open
-            const int id = test->pairByFd[fd];
-            test->pairByFd.erase(fd);
-            test->note("fd-close", id, "", 0);
-        });
+        set_server_callbacks();
     }
     Peer peer(int fd, const std::string &url)
     {
@@ -280,5 +257,10 @@ struct ChannelTest : testing::Test {
         return tv_send_resp(link.id, payload.data(), payload.size());
     }
 };
+
+void called(const char *callback, int id, const char *text, int len)
+{
+    ChannelTest::test->note(callback, id, text, len);
+}
 
 #endif

@@ -17,7 +17,7 @@ TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
     Link first = dial(id);
     first.peer.heard++;
     first.peer.expect("login", first.peer.url + '\0');
-    tv_client_enable_heartbeat(id, 100, 1, linkdown);
+    tv_client_enable_heartbeat(id, 100, 1, on_linkdown);
     EXPECT_EQ(hand_timer_pending(), std::vector<int>());
     Link second = dial(id);
     EXPECT_EQ(hand_timer_pending(), std::vector<int>({100}));

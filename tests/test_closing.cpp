@@ -20,10 +20,10 @@ struct Closing : ChannelTest, testing::WithParamInterface<Place> {
     void open(int type)
     {
         script = {"D", "H"};
-        tv_service_enable_heartbeat(interval, 1, linkdown);
+        tv_service_enable_heartbeat(interval, 1, on_linkdown);
         own = type == TV_CHANNEL_PAIR ? login("tcp://own:1") : link(type);
         if (type == TV_CHANNEL_CLIENT)
-            tv_client_enable_heartbeat(own.id, interval, 1, linkdown);
+            tv_client_enable_heartbeat(own.id, interval, 1, on_linkdown);
         hear("heartbeatack", "{}");
         other = login("tcp://other:1");
     }

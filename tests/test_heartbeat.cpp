@@ -7,7 +7,7 @@ struct Heartbeat : ChannelTest, testing::WithParamInterface<int> {
     Link supervised(int interval, int count)
     {
         Link link = this->link(GetParam());
-        tv_client_enable_heartbeat(link.id, interval, count, linkdown);
+        tv_client_enable_heartbeat(link.id, interval, count, on_linkdown);
         receive(link, "heartbeatack", "{}");
         return link;
     }
@@ -64,13 +64,13 @@ TEST_P(Heartbeat, EveryAcceptedMessageStartsItAnewAndARefusedOneDoesNot)
 TEST_P(Heartbeat, NewSettingsCountAtOnceAndChangeThePeriodWithTheNextStart)
 {
     Link link = supervised(100, 1);
-    tv_client_enable_heartbeat(link.id, 300, 0, linkdown);
+    tv_client_enable_heartbeat(link.id, 300, 0, on_linkdown);
     EXPECT_EQ(hand_timer_pending(), Intervals({100}));
     receive(link, "heartbeatack", "{}");
     EXPECT_EQ(hand_timer_pending(), Intervals({300}));
     EXPECT_EQ(enable_heartbeat(tv_get_channel(link.id)), 0);
     EXPECT_EQ(hand_timer_pending(), Intervals({300})); // the same one, started anew
-    tv_client_enable_heartbeat(link.id, 100, 5, linkdown);
+    tv_client_enable_heartbeat(link.id, 100, 5, on_linkdown);
     hand_timer_advance(300);
     EXPECT_EQ(happened(), Events()); // a miss that counts no longer
 
@@ -88,7 +88,7 @@ TEST_P(Heartbeat, WithoutAnIntervalOrAConnectionNothingStarts)
     tv_channel *channel = tv_get_channel(link.id);
     EXPECT_EQ(enable_heartbeat(channel), -1);
     EXPECT_EQ(enable_heartbeat(nullptr), -1);
-    tv_client_enable_heartbeat(server, 100, 1, linkdown);
+    tv_client_enable_heartbeat(server, 100, 1, on_linkdown);
     EXPECT_EQ(enable_heartbeat(tv_get_channel(server)), 0);
     EXPECT_EQ(hand_timer_pending(), Intervals());
     channel->hbMode = TV_HEARTBEAT_OFF;

@@ -56,7 +56,7 @@ TEST_F(Server, APairTakesTheServersSettingsWhenItIsAccepted)
     tv_set_poll_timeout(server, 500);
     inside["fd-open"] = [&] { // read after the callback
         tv_set_poll_timeout(server, 700);
-        tv_service_enable_heartbeat(100, 1, linkdown);
+        tv_service_enable_heartbeat(100, 1, on_linkdown);
         tv_register_linkdown_callback(server, nullptr);
     };
     Link after = login("tcp://b:1");
@@ -76,12 +76,12 @@ TEST_F(Server, SupervisesAllClientsWithOneTimerEach)
 {
     Link a = login("tcp://a:1"), b = login("tcp://b:1");
     happened();
-    tv_service_enable_heartbeat(100, 1, linkdown);
-    tv_service_enable_heartbeat(300, 1, linkdown);
+    tv_service_enable_heartbeat(100, 1, on_linkdown);
+    tv_service_enable_heartbeat(300, 1, on_linkdown);
     EXPECT_EQ(hand_timer_pending(), std::vector<int>({300, 300}));
     hand_timer_advance(300);
     receive(a, "heartbeatack", "{}");
-    tv_service_enable_heartbeat(0, 0, linkdown); // restarts nothing: down whatever comes
+    tv_service_enable_heartbeat(0, 0, on_linkdown); // restarts nothing: down whatever comes
     receive(a, "heartbeatack", "{}");
     hand_timer_advance(300);
     EXPECT_EQ(happened(), Events({"linkdown pair2 tcp://b:1", "linkdown pair1 tcp://a:1"}));
@@ -149,7 +149,7 @@ TEST_F(Server, WithoutARunningServerEveryOperationReturns)
         if (never) // as before the first start
             pairs.next = pairs.prev = nullptr;
         tv_stop_server();
-        EXPECT_EQ(tv_service_enable_heartbeat(100, 1, linkdown), 0);
+        EXPECT_EQ(tv_service_enable_heartbeat(100, 1, on_linkdown), 0);
         EXPECT_EQ(tv_broadcast_rqst_to_client("x", 1), 0);
         int fd = dup(hub);
         EXPECT_EQ(tv_get_all_client_fds(&fd, 1), 0);

@@ -6,13 +6,12 @@
 // Required of every sequence, beyond clean memory: a request gets one of a reply and a time-out at
 // most; what callbacks are handed can be read; at the end no channel, timer or descriptor is left.
 
+#include "callbacks.h"
 #include "hand_timer.h"
-#include "tolvane.h"
 
 #include <fcntl.h>
 #include <set>
 #include <stdlib.h>
-#include <string.h>
 #include <string>
 #include <unistd.h>
 
@@ -92,71 +91,55 @@ static std::string take_text()
 
 // ---- the application
 
-enum { RESP, TIMEOUT, LINKDOWN, CONNECTED, DISCONNECTED, FD_OPEN, FD_CLOSE, ACTOR, CALLBACKS };
-
-static std::set<int> awaited; // the channels whose request is outstanding
-static bool armed[CALLBACKS];
-
-static int depth; // of steps inside callbacks
+static const char *const callbacks[] = {"resp",         "timeout", "linkdown", "connected",
+                                        "disconnected", "fd-open", "fd-close", "actor"};
+static std::set<std::string> armed; // those that take a step of their own the next time
+static std::set<int> awaited;       // the channels whose request is outstanding
+static int depth;                   // of steps inside callbacks
 
 static void step();
 
-// Read what a callback was handed, and let it take a step of its own. A link-down callback is shown
-// the record's URL, which a login that is served meanwhile changes.
-static void called(int callback, const char *text, int len)
+// A link-down callback is shown the record's URL, which a login that is served meanwhile changes;
+// anything else stays as it was handed over.
+void called(const char *callback, int id, const char *text, int len)
 {
-    const std::string handed(text == nullptr ? "" : text, len);
-    if (armed[callback]) {
-        armed[callback] = false;
+    const std::string name = callback, handed(text == nullptr ? "" : text, len);
+    REQUIRE(name != "resp" || awaited.erase(id) == 1);
+    REQUIRE(name != "timeout" || awaited.count(id) == 1);
+    if (armed.erase(name) == 1) {
         depth++;
         step();
         depth--;
-        REQUIRE(callback == LINKDOWN ? strlen(text) < TV_URL_SIZE
-                                     : text == nullptr || handed == std::string(text, len));
+        REQUIRE(name == "linkdown" ? strlen(text) < TV_URL_SIZE
+                                   : text == nullptr || handed == std::string(text, len));
     }
+    if (name == "timeout")
+        awaited.erase(id);
 }
 
-static void on_resp(int id, const char *payload, int len)
-{
-    REQUIRE(awaited.erase(id) == 1);
-    called(RESP, payload, len);
-}
-
-static void on_timeout(int id)
-{
-    REQUIRE(awaited.count(id) == 1);
-    called(TIMEOUT, nullptr, 0);
-    awaited.erase(id);
-}
-
-template <int CALLBACK> static void on_url(int, const char *url)
-{
-    called(CALLBACK, url, strlen(url));
-}
-
-template <int CALLBACK> static void on_fd(int)
-{
-    called(CALLBACK, nullptr, 0);
-}
-
-static int actor(int, const char *payload, int len, char **reply, int *replyLen)
+static int actor(int id, const char *payload, int len, char **reply, int *replyLen)
 {
     const int what = take();
     if (what & 4 && *reply == nullptr) { // one that another actor left belongs to the library
         *reply = strdup("reply");
         *replyLen = (what & 8) ? -1 : 5;
     }
-    called(ACTOR, payload, len);
+    called("actor", id, payload, len);
     return what % 4;
+}
+
+static void set_up(int id)
+{
+    set_channel_callbacks(id);
+    tv_register_actor(id, actor);
+    tv_register_actor(id, actor);
+    tv_set_poll_timeout(id, 1000);
 }
 
 static void start_server()
 {
-    const int id = tv_start_service_server("", 0, on_resp, on_timeout, on_url<CONNECTED>);
-    tv_register_linkdown_callback(id, on_url<LINKDOWN>);
-    tv_register_actor(id, actor);
-    tv_register_actor(id, actor);
-    tv_set_poll_timeout(id, 1000);
+    set_up(tv_start_server("", 0));
+    set_server_callbacks();
 }
 
 static void connect_client(connection &old)
@@ -165,11 +148,7 @@ static void connect_client(connection &old)
     if (get_channel_type(id) != TV_CHANNEL_CLIENT) {
         const tv_client_addr addr = {"server", "client", 1, 1};
         id = tv_create_client_channel(&addr);
-        tv_set_poll_timeout(id, 1000);
-        tv_register_actor(id, actor);
-        tv_register_resp_handler(id, on_resp);
-        tv_register_timeout_handler(id, on_timeout);
-        tv_register_linkdown_callback(id, on_url<LINKDOWN>);
+        set_up(id);
     }
     openFor = id;
     tv_connect_server(id);
@@ -192,8 +171,8 @@ static void request(connection &at)
 
 static void enable_heartbeats(connection &at)
 {
-    tv_service_enable_heartbeat(take() % 4 * 10, take() % 3, on_url<LINKDOWN>);
-    tv_client_enable_heartbeat(at.id, take() % 4 * 10, take() % 3, on_url<LINKDOWN>);
+    tv_service_enable_heartbeat(take() % 4 * 10, take() % 3, on_linkdown);
+    tv_client_enable_heartbeat(at.id, take() % 4 * 10, take() % 3, on_linkdown);
 }
 
 static void start_or_stop_server(connection &)
@@ -268,7 +247,7 @@ static void step()
             tv_disconnect_server(get_channel_type(at.id) == TV_CHANNEL_CLIENT ? at.id : -1);
             hand_timer_fail_starts(take() % 4 == 0);
         },
-        [](At) { armed[take() % CALLBACKS] = true; },
+        [](At) { armed.insert(callbacks[take() % std::size(callbacks)]); },
     };
     connection &at = links[take() % std::size(links)];
     steps[take() % std::size(steps)](at);
@@ -290,15 +269,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (connection &each : links)
         each = {-1, -1, -1, 0};
     hand_timer_reset();
-    tv_register_disconnected_callback(0, on_url<DISCONNECTED>);
-    tv_register_client_fd_open_callback(on_fd<FD_OPEN>);
-    tv_register_client_fd_close_callback(on_fd<FD_CLOSE>);
     const int free = lowest_free_fd(), first = tv_get_channel_id();
     start_server();
     for (int steps = 0; next < end && steps < 200; steps++)
         step();
 
-    memset(armed, 0, sizeof(armed));
+    armed.clear();
     tv_stop_server();
     for (int id = tv_get_channel_id(); id >= first; id--)
         tv_close_channel(id);

@@ -104,8 +104,10 @@ WRAP(int, close, (int fd), (__real_close(fd), -1), __real_close(fd))
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
 WRAP(void, perror, (const char *), (void)0, (void)0)
 WRAP(int, stat, (const char *path, struct stat *status), -1, __real_stat(path, status))
-WRAP(int, clock_gettime, (clockid_t, timespec *time), -(way != LEAP),
-     (*time = {(time_t)(now / 1000), (long)(now % 1000 * 1000000)}, 0))
+// The wall clock may change at any time: nobody is to ask for it.
+WRAP(int, clock_gettime, (clockid_t clock, timespec *time), -(way != LEAP),
+     (clock == CLOCK_MONOTONIC ? (void)0 : abort(),
+      *time = {(time_t)(now / 1000), (long)(now % 1000 * 1000000)}, 0))
 
 // Nothing comes later: a wait moves the clock to its end. The loop's own wait ends the loop in time.
 static int wait_for(struct pollfd *fds, int ready, int timeout)

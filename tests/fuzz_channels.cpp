@@ -4,7 +4,8 @@
 // time, and timers are driven by hand.
 //
 // Required of every sequence, beyond clean memory: a request gets one of a reply and a time-out at
-// most; what callbacks are handed can be read; at the end no channel, timer or descriptor is left.
+// most; a pair's descriptor is opened and closed once; what callbacks are handed can be read; at the
+// end no channel, timer or descriptor is left.
 
 #include "callbacks.h"
 #include "hand_timer.h"
@@ -95,6 +96,7 @@ static const char *const callbacks[] = {"resp",         "timeout", "linkdown", "
                                         "disconnected", "fd-open", "fd-close", "actor"};
 static std::set<std::string> armed; // those that take a step of their own the next time
 static std::set<int> awaited;       // the channels whose request is outstanding
+static int openPairs;               // between their fd-open and their fd-close
 static int depth;                   // of steps inside callbacks
 
 static void step();
@@ -106,6 +108,7 @@ void called(const char *callback, int id, const char *text, int len)
     const std::string name = callback, handed(text == nullptr ? "" : text, len);
     REQUIRE(name != "resp" || awaited.erase(id) == 1);
     REQUIRE(name != "timeout" || awaited.count(id) == 1);
+    openPairs += (name == "fd-open") - (name == "fd-close");
     if (armed.erase(name) == 1) {
         depth++;
         step();
@@ -206,8 +209,7 @@ static void read_all(connection &at)
 
 static void end_link(connection &at)
 {
-    if (at.far != -1)
-        close(at.far);
+    REQUIRE(at.far == -1 || close(at.far) == 0); // nobody else has closed it
     at = {-1, -1, -1, 0};
 }
 
@@ -281,6 +283,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (connection &each : links)
         end_link(each);
     awaited.clear();
+    REQUIRE(openPairs == 0);
     hand_timer_advance(100000); // requests whose channel is gone
     REQUIRE(hand_timer_pending().empty());
     REQUIRE(lowest_free_fd() == free);

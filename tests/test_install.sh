@@ -10,56 +10,47 @@ consumer=$source/tests/consumer
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-step() { # <what> <command...>: its output only if it fails
-    what=$1
-    shift
-    "$@" >"$work/output" 2>&1 || { echo "FAILED: $what"; cat "$work/output"; exit 1; }
-    echo "ok: $what"
+fail() { # <why>
+    echo "FAILED: $1"
+    exit 1
 }
 
-expect_pong() { # <what> <program>
-    reply=$(timeout 30 "$2") || true
-    [ "$reply" = pong ] || { echo "FAILED: run $1: '$reply'"; exit 1; }
-    echo "ok: run $1"
+expect_pong() { # <program>
+    reply=$(timeout 30 "$1") || true
+    [ "$reply" = pong ] || fail "$1 prints '$reply'"
 }
 
 install_moved() { # <what> <build folder>
-    step "install $1" "$cmake" --install "$2" --prefix "$work/first"
+    "$cmake" --install "$2" --prefix "$work/first"
     mv "$work/first" "$work/$1"
-    if grep -rlIF -e "$work/first" -e "$2" -e "$source" "$work/$1"; then
-        echo "FAILED: these files hold folders of this machine"
-        exit 1
-    fi
+    ! grep -rlIF -e "$work/first" -e "$2" -e "$source" "$work/$1" ||
+        fail "these files hold folders of this machine"
 }
 
 consumer_by_cmake() { # <what> <option...>
-    name=$1
+    folder=$work/build-$1
     shift
-    step "configure $name" "$cmake" -S "$consumer" -B "$work/build-$name" \
-        -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" "$@"
-    step "build $name" "$cmake" --build "$work/build-$name"
-    expect_pong "$name, C" "$work/build-$name/consumer_c"
-    expect_pong "$name, C++" "$work/build-$name/consumer_cxx"
+    "$cmake" -S "$consumer" -B "$folder" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" "$@"
+    "$cmake" --build "$folder"
+    expect_pong "$folder/consumer_c"
+    expect_pong "$folder/consumer_cxx"
 }
 
 consumer_by_pkg_config() { # <what>: C without the C++ compiler, also for linking
     folder=$(dirname "$(find "$work/$1" -name tolvane.pc)")
-    for language in "C $cc -std=c11 c" "C++ $cxx -std=c++17 c++"; do
+    flags=$(PKG_CONFIG_PATH=$folder pkg-config --cflags --libs tolvane)
+    for compiler in "$cc -std=c11 -x c" "$cxx -std=c++17 -x c++"; do
         # shellcheck disable=SC2086 # words on purpose
-        set -- "$1" $language
-        # shellcheck disable=SC2046 # words on purpose
-        step "compile $1, pkg-config, $2" "$3" "$4" -x "$5" -D_POSIX_C_SOURCE=200809L -Wall -Wextra \
-            -Wpedantic -Werror -o "$work/program" "$consumer/consumer.c" -x none \
-            $(PKG_CONFIG_PATH=$folder pkg-config --cflags --libs tolvane) \
-            "-Wl,-rpath,$(dirname "$folder")"
-        expect_pong "$1, pkg-config, $2" "$work/program"
+        $compiler -Wall -Wextra -Wpedantic -Werror "$consumer/consumer.c" -x none \
+            -o "$work/program" $flags "-Wl,-rpath,$(dirname "$folder")"
+        expect_pong "$work/program"
     done
 }
 
 install_moved shared "$build"
 for file in libtolvane.so tvcat; do
-    ldd "$(find "$work/shared" -name $file)" | grep -q "libruvo_timer.so => $work/shared/" ||
-        { echo "FAILED: $file does not find the timer library beside it"; exit 1; }
+    ldd "$(find "$work/shared" -name $file)" | grep "libruvo_timer.so => $work/shared/" ||
+        fail "$file does not find the timer library beside it"
 done
 consumer_by_cmake shared "-DCMAKE_PREFIX_PATH=$work/shared"
 consumer_by_pkg_config shared
@@ -68,7 +59,5 @@ consumer_by_cmake subfolder "-DTOLVANE_SOURCE=$source" -DBUILD_SHARED_LIBS=OFF
 install_moved static "$work/build-subfolder"
 consumer_by_cmake static "-DCMAKE_PREFIX_PATH=$work/static"
 consumer_by_pkg_config static
-if readelf -d "$work/build-static/consumer_c" | grep 'libstdc++\|tolvane\|ruvo'; then
-    echo "FAILED: the static C program needs a library that it should not"
-    exit 1
-fi
+! readelf -d "$work/build-static/consumer_c" | grep 'libstdc++\|tolvane\|ruvo' ||
+    fail "the static C program needs a library that it should not"

@@ -9,14 +9,15 @@ set -u
 
 programs=$1
 work=$(mktemp -d)
-a=tolvane-a-$$ b=tolvane-b-$$ pids=()
+a=tolvane-a-$$ b=tolvane-b-$$
 
 cleanup() {
-    [ ${#pids[@]} = 0 ] || kill "${pids[@]}" 2>/dev/null
-    ip netns del "$a" 2>/dev/null
-    ip netns del "$b" 2>/dev/null
+    # shellcheck disable=SC2046 # words on purpose
+    kill $(jobs -p)
+    ip netns del "$a"
+    ip netns del "$b"
     rm -rf "$work"
-}
+} 2>/dev/null
 trap cleanup EXIT
 
 if ! { ip netns add "$a" && ip netns add "$b" &&
@@ -35,11 +36,8 @@ now_ms() { date +%s%3N; }
 expect() { # FILE PATTERN [COUNT]
     local deadline=$(($(now_ms) + 10000))
     until [ "$(grep -c "$2" "$work/$1")" -ge "${3:-1}" ]; do
-        if [ "$(now_ms)" -gt "$deadline" ]; then
-            echo "not seen from the $1: $2"
-            cat "$work/server" "$work/client"
-            exit 1
-        fi
+        [ "$(now_ms)" -le "$deadline" ] ||
+            { echo "not seen from the $1: $2"; cat "$work/server" "$work/client"; exit 1; }
         sleep 0.01
     done
 }
@@ -53,12 +51,10 @@ expect_found() { # FILE PATTERN
 }
 
 ip netns exec "$a" "$programs/server" 10.213.0.1 0 </dev/null >"$work/server" 2>&1 &
-pids+=($!)
 expect server "listening on port"
 port=$(sed -n 's/.*listening on port //p' "$work/server")
 mkfifo "$work/input"
 ip netns exec "$b" "$programs/client" 10.213.0.1 "$port" far 1 <"$work/input" >"$work/client" 2>&1 &
-pids+=($!)
 exec 3>"$work/input"
 expect server "tcp://far:1 has logged in"
 echo "say over the wire" >&3

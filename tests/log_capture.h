@@ -13,13 +13,10 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
-#include <string.h>
 #include <string>
 #include <vector>
 
-class LogCapture
-{
-public:
+struct LogCapture {
     LogCapture() : stream(open_memstream(&text, &size))
     {
         tv_set_log_fd(stream);
@@ -37,20 +34,17 @@ public:
         fflush(stream);
         std::vector<std::string> messages;
         places.clear();
-        for (const char *at = text + taken, *end; *at != '\0'; at = end + 2) {
+        const std::string log(text, size);
+        for (size_t end; (end = log.find("\n\n", taken)) != std::string::npos; taken = end + 2) {
+            const std::string entry = log.substr(taken, end - taken);
             char place[128] = "";
             int line = 0, prefix = 0;
-            if ((end = strstr(at, "\n\n")) != nullptr)
-                sscanf(std::string(at, end).c_str(), "%*19c [%127[^:]:%d]%n", place, &line,
-                       &prefix);
-            if (prefix == 0 || line < 1) {
-                ADD_FAILURE() << "not a log entry: " << at;
-                break;
-            }
+            sscanf(entry.c_str(), "%*19c [%127[^:]:%d]%n", place, &line, &prefix);
+            EXPECT_TRUE(prefix > 0 && line > 0) << "not a log entry: " << entry;
             places.push_back(place);
-            messages.push_back(std::string(at + prefix, end));
+            messages.push_back(entry.substr(prefix));
         }
-        taken = size;
+        EXPECT_EQ(taken, size) << "an entry without its end";
         return messages;
     }
 
@@ -63,8 +57,6 @@ public:
     }
 
     std::vector<std::string> places;
-
-private:
     char *text = nullptr;
     size_t size = 0, taken = 0;
     FILE *stream;

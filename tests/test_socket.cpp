@@ -7,14 +7,7 @@
 #include <netinet/tcp.h>
 #include <unistd.h>
 
-static const char ip[] = "127.0.0.1", inProgress[] = "Operation now in progress 115";
-
-static int lowest_free()
-{
-    const int fd = dup(0);
-    close(fd);
-    return fd;
-}
+static const char ip[] = "127.0.0.1";
 
 static struct sockaddr_in address_of(int fd)
 {
@@ -27,14 +20,12 @@ static struct sockaddr_in address_of(int fd)
 struct Socket : testing::Test {
     ~Socket() override
     {
-        EXPECT_EQ(lowest_free(), listener + 1); // whatever failed has left nothing open
+        EXPECT_EQ(fcntl(listener + 1, F_GETFD), -1); // whatever failed has left nothing open
         close(listener);
     }
 
     const int listener = impl_create_server_socket(ip, 0);
     const int port = ntohs(address_of(listener).sin_port);
-    const std::string mode = "nonblock connecting mode for fd ";
-    LogCapture log;
 };
 
 TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
@@ -52,29 +43,25 @@ TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
         close(accepted); // first: its address stays in use for a while
         close(client);
     }
-    log.take();
     EXPECT_EQ(impl_create_server_socket(ip, port - 65536), -1);
-    log.expect({"impl_create_server_socket, failed on bind"});
     close(listener);
     EXPECT_EQ(impl_create_server_socket(ip, port), listener);
 }
 
 TEST_F(Socket, FailedConnectsLeaveNothingOpen)
 {
-    const int gone = impl_create_server_socket(ip, 0), refused = ntohs(address_of(gone).sin_port);
-    close(gone);
-    const std::string next = mode + std::to_string(gone);
+    listen(listener, 0); // room for one: the second gets no answer
+    const int first = impl_create_client_socket(ip, port, 0);
+    const int refused = ntohs(address_of(first).sin_port);
+    LogCapture log;
     EXPECT_EQ(impl_create_client_socket(ip, refused, 0), -1);
     EXPECT_EQ(impl_create_client_socket(ip, refused, 1000), -1);
     EXPECT_EQ(impl_create_client_socket("255.255.255.255", refused, 1000), -1);
-    EXPECT_LT(tcp_impl_accept_socket(-1), 0);
-    log.expect({"impl_create_client_socket, failed on connect", next, inProgress,
-                "connect error:111", next, "Network is unreachable 101"});
-
-    listen(listener, 0); // room for one: the second gets no answer
-    const int first = impl_create_client_socket(ip, port, 0);
     EXPECT_EQ(impl_create_client_socket(ip, port, 20), -1);
-    log.expect({mode + std::to_string(first + 1), inProgress});
+    const std::string attempt = "nonblock connecting mode for fd " + std::to_string(first + 1),
+                      inProgress = "Operation now in progress 115";
+    log.expect({"impl_create_client_socket, failed on connect", attempt, inProgress,
+                "connect error:111", attempt, "Network is unreachable 101", attempt, inProgress});
     close(first);
 }
 
@@ -83,9 +70,6 @@ TEST_F(Socket, OtherTextsStandForAllAddresses)
     for (const char *const text : {"", "localhost", "127.0.0.1:80", "127.0.0.256"}) {
         const int fd = impl_create_server_socket(text, 0);
         EXPECT_EQ(address_of(fd).sin_addr.s_addr, htonl(INADDR_ANY)) << text;
-        const int client = impl_create_client_socket(text, ntohs(address_of(fd).sin_port), 0);
-        EXPECT_EQ(client, fd + 1) << text;
-        close(client);
         close(fd);
     }
 }

@@ -2,9 +2,9 @@
 # test_exports.sh - what leaves the two libraries is what their linker scripts list and what their
 # headers declare; what they need is known; each header compiles alone.
 #
-# usage: test_exports.sh <source folder> <libtolvane.so> <libruvo_timer.so> <cc> <c++> <sanitizers>
+# usage: test_exports.sh <source folder> <libtolvane.so> <libruvo_timer.so> <cc> <c++> [<sanitizers>]
 set -eu
-source=$1 tolvane=$2 timer=$3 cc=$4 cxx=$5 sanitizers=$6
+source=$1 tolvane=$2 timer=$3 cc=$4 cxx=$5 sanitizers=${6-}
 
 expect_same() { # <what> <wanted> <actual>
     [ "$2" = "$3" ] && return

@@ -106,6 +106,7 @@ static void step();
 void called(const char *callback, int id, const char *text, int len)
 {
     const std::string name = callback, handed(text == nullptr ? "" : text, len);
+    REQUIRE(name == "disconnected" || name == "fd-close" || tv_get_channel(id) != nullptr);
     REQUIRE(name != "resp" || awaited.erase(id) == 1);
     REQUIRE(name != "timeout" || awaited.count(id) == 1);
     openPairs += (name == "fd-open") - (name == "fd-close");

@@ -1,5 +1,5 @@
-// fuzz_frame.cpp - the receiver of frames, given any bytes in any pieces. Every frame that it
-// returns, and its last refusal, is compared with a plain reading of the bytes.
+// fuzz_frame.cpp - the receiver of frames, given any bytes in any pieces over a pair of sockets.
+// Every frame that it returns, and its last refusal, is compared with a plain reading of the bytes.
 //
 // Input: one byte that says how recv() behaves, then the stream.
 
@@ -8,18 +8,21 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <string_view>
+#include <unistd.h>
 
 #define REQUIRE(condition) ((condition) ? (void)0 : abort())
 
 static const size_t headerSize = 36;
 static const size_t blockLimit = 1 << 20; // larger blocks are refused: reserving them takes long
-static std::string_view stream;           // what is still to be received
 static int behaviour; // of recv(): the size of its pieces, its interruptions, and the stream's end
 static int calls;
 
+extern "C" int __real_poll(struct pollfd *fds, nfds_t count, int timeout);
+extern "C" ssize_t __real_recv(int fd, void *bytes, size_t count, int flags);
 extern "C" void *__real_malloc(size_t size);
 
 extern "C" void *__wrap_malloc(size_t size)
@@ -27,20 +30,18 @@ extern "C" void *__wrap_malloc(size_t size)
     return size > blockLimit ? nullptr : __real_malloc(size);
 }
 
-// At its end the stream is closed, or nothing more comes: a wait ends at once.
-extern "C" int __wrap_poll(struct pollfd *, nfds_t, int)
+// What is not there yet never comes: a wait ends at once.
+extern "C" int __wrap_poll(struct pollfd *fds, nfds_t count, int)
 {
-    return !stream.empty() || behaviour & 0x40;
+    return __real_poll(fds, count, 0);
 }
 
-extern "C" ssize_t __wrap_recv(int, void *bytes, size_t count, int)
+extern "C" ssize_t __wrap_recv(int fd, void *bytes, size_t count, int flags)
 {
     errno = behaviour & 0x10 ? EINTR : EAGAIN;
     if (behaviour & 0x20 && ++calls % 3 == 0)
         return -1;
-    count = stream.copy((char *)bytes, std::min(count, (size_t)1 << (behaviour & 0xf)));
-    stream.remove_prefix(count);
-    return count;
+    return __real_recv(fd, bytes, std::min(count, (size_t)1 << (behaviour & 0xf)), flags);
 }
 
 // The length of the frame that the bytes begin with, or -1.
@@ -55,19 +56,27 @@ static int frame_length(std::string_view bytes)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size == 0)
+    int ends[2];
+    if (size == 0 || size > 60000 || socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0)
         return 0;
     behaviour = data[0];
-    stream = {(const char *)data + 1, size - 1};
-    for (int length = 0; length >= 0;) {
-        const std::string_view bytes = stream;
-        length = frame_length(bytes);
+    std::string_view stream((const char *)data + 1, size - 1);
+    REQUIRE(write(ends[1], stream.data(), stream.size()) == (ssize_t)stream.size());
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    if (behaviour & 0x40)
+        shutdown(ends[1], SHUT_WR);
+    for (int length = frame_length(stream);; length = frame_length(stream)) {
         int len = -7;
-        char *body = tcp_impl_receive_with_timeout(0, &len, 1 << 30);
+        char *body = tcp_impl_receive_with_timeout(ends[0], &len, 1 << 30);
         REQUIRE((body != nullptr) == (length >= 0));
-        REQUIRE(length < 0 || (len == length && memcmp(body, &bytes[headerSize], len) == 0));
-        REQUIRE(length < 0 || body[len] == '\0');
+        if (body == nullptr)
+            break;
+        REQUIRE(len == length && stream.compare(headerSize, len, body, len) == 0);
+        REQUIRE(body[len] == '\0');
         free(body);
+        stream.remove_prefix(headerSize + length);
     }
+    close(ends[0]);
+    close(ends[1]);
     return 0;
 }

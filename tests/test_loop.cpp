@@ -50,14 +50,10 @@ struct Loop : testing::Test {
         actions.clear();
     }
 
-    static int watch(int fd, intptr_t name)
+    static int watch(intptr_t name, int fd = eventfd(1, 0)) // one that is ready
     {
         EXPECT_EQ(tv_register_polling_fd(fd, serve, name, 2 * name), 0);
         return fd;
-    }
-    static int watchReady(intptr_t name)
-    {
-        return watch(eventfd(1, 0), name);
     }
 
     // Run the loop until it has served last, which is ready in time and ends it. What was served?
@@ -85,33 +81,33 @@ TEST_F(Loop, HoldsSixteenDescriptors)
 {
     std::vector<int> fds;
     for (int fd = 500; fd < 500 + TV_MAX_POLLING_FDS; fd++) {
-        EXPECT_EQ(tv_unregister_polling_fd(fd == 500 ? -1 : 7), -1); // takes no place away
-        fds.push_back(watch(fd, 0));
+        EXPECT_EQ(tv_unregister_polling_fd(-1), -1); // takes no place away
+        fds.push_back(watch(0, fd));
     }
     log.take();
     EXPECT_EQ(tv_register_polling_fd(7, serve, 0, 0), -1);
-    EXPECT_EQ(tv_unregister_polling_fd(-1), -1);
+    EXPECT_EQ(tv_unregister_polling_fd(7), -1);
     EXPECT_EQ(listed(3), (std::vector<int>{500, 501, 502}));
     log.expect(
         {"failed on reserve_fd_index, fdHandlerCount[16]",
          "tv_register_polling_fd, failed on reserve_fd_index",
-         "faield on tv_unregister_polling_fd, fd[-1]",
+         "faield on tv_unregister_polling_fd, fd[7]",
          "build_external_fd_list, size is too small, for sanity, should never reach here!!!"});
     tv_unregister_polling_fd(503);
     tv_unregister_polling_fd(509);
-    fds[3] = watch(600, 0); // the lowest free place
-    fds[9] = watch(601, 0);
+    fds[3] = watch(0, 600); // the lowest free place
+    fds[9] = watch(0, 601);
     EXPECT_EQ(listed(), fds);
 }
 
 TEST_F(Loop, ServesTheReadyInTheOrderOfPlaces)
 {
     const int low = eventfd(1, 0), high = eventfd(1, 0);
-    watch(eventfd(0, 0), 1);
-    watch(high, 2);
-    watch(low, 3);
-    const int closed = watch(400, 4); // reported until it is unregistered
-    watch(high, 5);
+    watch(1, eventfd(0, 0));
+    watch(2, high);
+    watch(3, low);
+    const int closed = watch(4, 400); // reported until it is unregistered
+    watch(5, high);
     EXPECT_EQ(pass(), (Served{2, 3, 4, 2})); // the lower place serves for both
     tv_unregister_polling_fd(closed);
     tv_unregister_polling_fd(high);
@@ -122,12 +118,12 @@ TEST_F(Loop, ServesTheReadyInTheOrderOfPlaces)
 TEST_F(Loop, AHandlersChangesCountInTheSamePassIfWhatItRegistersIsReady)
 {
     for (const bool ready : {false, true}) {
-        const int first = watchReady(1), second = watchReady(2), third = watchReady(3);
+        const int first = watch(1), second = watch(2), third = watch(3);
         actions[first] = [&] {
             for (const int fd : {second, third})
                 tv_unregister_polling_fd(fd);
             dup2(eventfd(ready, 0), second);
-            watch(second, 4); // the number was reported for another one
+            watch(4, second); // the number was reported for another one
         };
         EXPECT_EQ(pass(), ready ? (Served{1, 4}) : Served{1});
         EXPECT_EQ(logged.back(), "unknown socket[" + std::to_string(third) + "], not registerd");
@@ -143,9 +139,9 @@ TEST_F(Loop, FiresTimersBeforeItServes)
         eventfd_write((int)fd, 1);
     };
     hand_timer_reset();
-    const int first = watchReady(1), last = eventfd(0, 0);
+    const int first = watch(1), last = eventfd(0, 0);
     actions[first] = [] { hand_timer_now += 10 * 1000000; };
-    const int second = watch(eventfd(0, 0), 2);
+    const int second = watch(2, eventfd(0, 0));
     ruvo_start_timer(10, fire, 3, second);
     ruvo_start_timer(20, fire, 4, last);
     EXPECT_EQ(pass(last), (Served{1, 3, 1, 4, 1, 2, 1, 2}));

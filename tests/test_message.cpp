@@ -36,8 +36,7 @@ TEST_F(Message, EachKindToTheByte)
         {[&] { return build_heartbeat_ack_msg(&channel, dst, 512); }, "heartbeatack",
          "{sequence:5}"},
     };
-    unsigned number =
-        INT_MAX - 1; // counts on through all kinds, and begins again after the largest
+    unsigned number = INT_MAX - 1; // counts on through all kinds, and begins again after one
     channel.msgSequence = number;
     for (const auto &kind : kinds) {
         const int len = kind.build();

@@ -46,21 +46,18 @@ TEST_F(Server, DropsALoginWithoutAUrlAndCutsALongOne)
     log.expect({"get_msg_type, unexpected tolvane received", "unexpected msg type received!!!"});
 }
 
-TEST_F(Server, APairTakesTheServersSettingsAfterItsFdOpenCallback)
-{
-    inside["fd-open"] = [&] {
-        tv_set_poll_timeout(server, 700);
-        tv_client_enable_heartbeat(server, 100, 1, nullptr); // for later pairs alone
-    };
-    const tv_channel *pair = tv_get_channel(connect("").id);
-    EXPECT_EQ(hand_timer_pending(), std::vector<int>({100}));
-    EXPECT_EQ(pair->pollTimeout, 700);
-    EXPECT_EQ(pair->linkdownCallback, nullptr);
-}
-
 TEST_F(Server, SupervisesAllClientsWithOneTimerEach)
 {
-    Link a = login("tcp://a:1"), b = login("tcp://b:1");
+    Link a = login("tcp://a:1");
+    inside["fd-open"] = [&] { // the settings are read afterwards
+        tv_set_poll_timeout(server, 700);
+        tv_client_enable_heartbeat(server, 100, 1, nullptr);
+    };
+    Link b = connect("tcp://b:1");
+    EXPECT_EQ(hand_timer_pending(), std::vector<int>({100}));
+    EXPECT_EQ(tv_get_channel(b.id)->pollTimeout, 700);
+    EXPECT_EQ(tv_get_channel(b.id)->linkdownCallback, nullptr);
+    receive(b, "login", b.url + '\0');
     happened();
     for (const int interval : {100, 300})
         tv_service_enable_heartbeat(interval, 1, on_linkdown);

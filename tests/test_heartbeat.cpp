@@ -50,7 +50,7 @@ TEST_P(Heartbeat, EveryAcceptedMessageStartsItAnewAndARefusedOneDoesNot)
     }
     hand_timer_advance(150);
     link.said++;
-    receive(link, "heartbeatack", "after a gap");
+    receive(link, "request", "after a gap");
     hand_timer_advance(49);
     EXPECT_EQ(happened(), Events({"actor0 link x", "actor1 link x"}));
     hand_timer_advance(1);

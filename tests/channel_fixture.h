@@ -215,13 +215,6 @@ struct ChannelTest : testing::Test {
         log.take();
         return link;
     }
-    // A connection to nowhere: the old one is reset, and the channel's own end knows.
-    void breakLink(const Link &link)
-    {
-        const sockaddr nowhere = {AF_UNSPEC, {}};
-        EXPECT_EQ(::connect(link.fd, &nowhere, sizeof(nowhere)), 0);
-        EXPECT_TRUE(wait_for(tv_get_polling_fd(link.id), 0));
-    }
 
     // ---- traffic
 

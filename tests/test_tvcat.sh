@@ -10,6 +10,7 @@ servers=
 trap 'kill $servers 2>/dev/null || true; rm -rf "$work"' EXIT
 
 start() { # <command...>: a server, for a minute at most, whose port is then in $port
+    : >"$work/server" # the last one's port is not to be taken for this one's
     timeout 60 "$@" </dev/null >"$work/server" 2>&1 &
     servers="$servers $!"
     until port=$(sed -n 's/.*listening on port //p' "$work/server" | grep .); do

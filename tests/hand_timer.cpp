@@ -16,8 +16,8 @@ static int read_clock(clockid_t clock, struct timespec *time)
 }
 
 // The library itself, but for its clock and the way into a start.
-#define clock_gettime read_clock
-#define ruvo_start_timer start_one_shot
+#define clock_gettime             read_clock
+#define ruvo_start_timer          start_one_shot
 #define ruvo_start_periodic_timer start_periodic
 #include "ruvo_timer.cpp"
 #undef ruvo_start_timer

@@ -1,4 +1,5 @@
-// test_misuse.cpp - records that are null or have no socket, and channels outside the repository.
+// test_misuse.cpp - records that are null or have no socket, channels outside the repository, and lists
+// with null links.
 
 #include "log_capture.h"
 
@@ -56,4 +57,15 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     EXPECT_EQ(tv_impl_send_rqst(&channel, "", 0), -1); // nobody to be told, and no SIGPIPE
     tv_impl_close_channel(&channel);
     EXPECT_EQ(channel.clientSocket, nullptr);
+}
+
+TEST(Misuse, AListWithNullLinksIsEmpty)
+{
+    LogCapture log;
+    tv_channel_list none = {nullptr, nullptr};
+    EXPECT_EQ(get_channel(&none, 2), nullptr);
+    EXPECT_EQ(get_channel_by_ip(&none, "tcp://a:80"), nullptr);
+    EXPECT_EQ(remove_channel(&none, 2), 1);
+    EXPECT_EQ(log.take(), std::vector<std::string>(3, "channel list is null"));
+    EXPECT_EQ(log.places[1], "tv_channel_repo.cpp->get_channel_by_ip");
 }

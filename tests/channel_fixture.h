@@ -98,8 +98,8 @@ struct Link {
 struct ChannelTest : testing::Test {
     static inline ChannelTest *test; // the one that runs
     int server, hub;                 // the server's id; what client channels connect to
-    // What the two actors do, a word each: P, H or D to pass, handle or defer, X for another result,
-    // and the reply that they hand over.
+    // What the two actors do, a word each: P, H or D to pass, handle or defer, X for another
+    // result, and the reply that they hand over.
     std::vector<std::string> script = {"P", "P"};
     Events events;
     std::map<std::string, Act> inside; // a callback: what to do there the next time

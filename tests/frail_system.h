@@ -22,6 +22,7 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 enum { HALF = -1, END = -2, REFUSED = -3, LEAP = -4 }; // ways to fail beside an errno
@@ -42,6 +43,7 @@ static int blocks;                       // allocated and not released
 static std::set<std::string> unreached;  // calls that were never made in a scenario
 static std::string seen;                 // by the application
 static long long now = 1000000, stopAt;  // in milliseconds; when the loop is to end
+static int lag;                          // how much longer the next wait takes
 static const int quiet = eventfd(0, 0);  // the first descriptor that the loop watches
 static sockaddr_un here = {AF_UNIX, ""}; // where the server listens, in the abstract namespace
 
@@ -56,7 +58,8 @@ static bool fails(const std::string &call)
     if (past < 0 || past > (lasting ? 300 : 0)) // endless tries have to go on
         return false;
     failed++;
-    now += way == LEAP ? 3600000 : way == EINTR || way == EAGAIN;
+    now += way == LEAP ? 3600000 : 0;
+    lag += way == EINTR || way == EAGAIN;
     errno = way;
     return true;
 }
@@ -109,18 +112,19 @@ WRAP(int, clock_gettime, (clockid_t clock, timespec *time), -(way != LEAP),
      (clock == CLOCK_MONOTONIC ? (void)0 : abort(),
       *time = {(time_t)(now / 1000), (long)(now % 1000 * 1000000)}, 0))
 
-// Nothing comes later: a wait moves the clock to its end. The loop's own wait ends the loop in time.
+// Nothing comes later: a wait moves the clock to its end. The loop's own wait ends the loop in
+// time.
 static int wait_for(struct pollfd *fds, int ready, int timeout)
 {
-    now += ready == 0 && timeout > 0 ? timeout : 0;
+    now += std::exchange(lag, 0) + (ready == 0 && timeout > 0 ? timeout : 0);
     if (fds->fd != quiet || (now < stopAt && (ready != 0 || timeout >= 0)))
         return ready;
     now = stopAt;
     errno = EBADF;
     return -1;
 }
-WRAP(int, poll, (struct pollfd * fds, nfds_t count, int timeout), -1,
-     wait_for(fds, __real_poll(fds, count, 0), timeout))
+WRAP(int, poll, (struct pollfd * fds, nfds_t count, int timeout),
+     (now += std::exchange(lag, 0), -1), wait_for(fds, __real_poll(fds, count, 0), timeout))
 
 static void note(const std::string &text, int number)
 {

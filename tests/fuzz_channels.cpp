@@ -4,8 +4,8 @@
 // time, and timers are driven by hand.
 //
 // Required of every sequence, beyond clean memory: a request gets one of a reply and a time-out at
-// most; a pair's descriptor is opened and closed once; what callbacks are handed can be read; at the
-// end no channel, timer or descriptor is left.
+// most; a pair's descriptor is opened and closed once; what callbacks are handed can be read; at
+// the end no channel, timer or descriptor is left.
 
 #include "callbacks.h"
 #include "hand_timer.h"

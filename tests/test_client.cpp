@@ -1,5 +1,5 @@
-// test_client.cpp - connecting, logging in and out, what a client's handler does with each message, and
-// the operations by id.
+// test_client.cpp - connecting, logging in and out, what a client's handler does with each message,
+// and the operations by id.
 
 #include "channel_fixture.h"
 

@@ -1,7 +1,7 @@
 // test_hostile.cpp - what a hostile or slow peer costs the other clients of a server, which closes
-// every link that is down. The server, the peer and a healthy client are a process each. The longest
-// delay of the healthy client's requests and the server's memory are printed and recorded; only wide
-// bounds are asserted.
+// every link that is down. The server, the peer and a healthy client are a process each. The
+// longest delay of the healthy client's requests and the server's memory are printed and recorded;
+// only wide bounds are asserted.
 
 #include "tolvane.h"
 

@@ -1,5 +1,6 @@
-// test_message.cpp - the six kinds of message, built to the byte, and the numbers that are read from
-// those of strangers. What else is read of a message is compared with a model by fuzz_message.cpp.
+// test_message.cpp - the six kinds of message, built to the byte, and the numbers that are read
+// from those of strangers. What else is read of a message is compared with a model by
+// fuzz_message.cpp.
 
 #include "log_capture.h"
 

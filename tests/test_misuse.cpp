@@ -1,5 +1,5 @@
-// test_misuse.cpp - records that are null or have no socket, channels outside the repository, and lists
-// with null links.
+// test_misuse.cpp - records that are null or have no socket, channels outside the repository, and
+// lists with null links.
 
 #include "log_capture.h"
 

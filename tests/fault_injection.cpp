@@ -24,7 +24,7 @@ static const std::vector<fault> faults = {
     {" bind ", {EADDRINUSE}, SEEN, "impl_create_server_socket, failed on bind"},
     {" listen ", {EADDRINUSE}, SEEN, "impl_create_server_socket, failed on listen"},
     {" accept ", {EINTR, ECONNABORTED}, SAME_IF_ONCE, "tv_server_fd_handler, failed on accept"},
-    {" connect ", {ECONNREFUSED}, SEEN, ""},
+    {" connect ", {ECONNREFUSED}, SEEN, "create client or connect server fail"},
     {" connect ", {EINTR}, EITHER, ""},
     {" fcntl ", {EBADF}, SAME, "_set_fd_nonblock,fail to"},
     {" poll ", {EINTR}, SAME_IF_ONCE, ""},
@@ -32,9 +32,9 @@ static const std::vector<fault> faults = {
     {" send ", {EINTR, EAGAIN}, SAME_IF_ONCE, "continue"},
     {" recv ", {EINTR, EAGAIN}, SAME_IF_ONCE, "continue"},
     {" send recv ", {HALF}, SAME, ""},
-    {" send ", {ECONNRESET}, SEEN, "failed send error:Connection reset"},
-    {" recv ", {ECONNRESET}, SEEN, "failed receive error:Connection reset"},
-    {" recv ", {END}, SEEN, "the remote peer closed"},
+    {" send ", {ECONNRESET}, DOWN, "failed send error:Connection reset"},
+    {" recv ", {ECONNRESET}, DOWN, "failed receive error:Connection reset"},
+    {" recv ", {END}, DOWN, "the remote peer closed"},
     {" close fopen stat ", {EIO}, SAME, ""},
     {" clock_gettime ", {EINVAL, LEAP}, EITHER, ""},
 };
@@ -65,7 +65,7 @@ void called(const char *callback, int id, const char *text, int len)
 
 static void ask(int id, const std::string &payload)
 {
-    note("asked", tv_send_rqst(id, payload.data(), payload.size(), 30));
+    note_result("ask", id, tv_send_rqst(id, payload.data(), payload.size(), 30));
 }
 
 // A request is answered at once, or so many milliseconds later, or when its sender has gone.
@@ -117,9 +117,7 @@ static void connect(int client, int name, int connectTimeout)
     set_up(id);
     tv_set_connect_timeout(id, connectTimeout);
     tv_client_enable_heartbeat(id, 400, 1, on_linkdown);
-    const int result = tv_connect_server(id);
-    note("connect", result);
-    if (result == 0)
+    if (note_result("connect", id, tv_connect_server(id)) == 0)
         tv_register_polling_fd(tv_get_polling_fd(id), tv_channel_fd_handler, id, 0);
 }
 
@@ -187,8 +185,8 @@ static void play(const scenario &scenario)
 
 int main()
 {
-    snprintf(here.sun_path + 1, sizeof(here.sun_path) - 1, "tolvane fault %d", getpid());
-    tv_register_polling_fd(quiet, nullptr, 0, 0);
+    snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1, "tolvane fault %d", getpid());
+    tv_register_polling_fd(idleFd, nullptr, 0, 0);
     ruvo_stop_timer(ruvo_start_timer(1, nothing, 0, 0)); // its memory is kept
     for (const scenario &each : scenarios)
         inject_all(faults, [&] { play(each); });

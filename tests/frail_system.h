@@ -26,7 +26,9 @@
 #include <vector>
 
 enum { HALF = -1, END = -2, REFUSED = -3, LEAP = -4 }; // ways to fail beside an errno
-enum { SAME, SAME_IF_ONCE, SEEN, EITHER };             // what the application sees of it
+// What the application sees of it: nothing; any difference or a link-down callback; certainly that
+// callback; or it depends.
+enum { SAME, SAME_IF_ONCE, SEEN, DOWN, EITHER };
 
 struct fault {
     std::string calls; // with a blank around each
@@ -35,17 +37,17 @@ struct fault {
     const char *log; // a part of an entry
 };
 
-static const fault *active;              // or null
-static int way, target;                  // how it fails, and which call, from 1 on
-static bool lasting, armed;              // and those after it; in a scenario
-static int calls, failed;                // so far
-static int blocks;                       // allocated and not released
-static std::set<std::string> unreached;  // calls that were never made in a scenario
-static std::string seen;                 // by the application
-static long long now = 1000000, stopAt;  // in milliseconds; when the loop is to end
-static int lag;                          // how much longer the next wait takes
-static const int quiet = eventfd(0, 0);  // the first descriptor that the loop watches
-static sockaddr_un here = {AF_UNIX, ""}; // where the server listens, in the abstract namespace
+static const fault *active;                 // or null
+static int way, target;                     // how it fails, and which call, from 1 on
+static bool lasting, armed;                 // and those after it; in a scenario
+static int calls, failed;                   // so far
+static int blocks;                          // allocated and not released
+static std::set<std::string> unreached;     // calls that were never made in a scenario
+static std::string seen;                    // by the application
+static long long now = 1000000, stopAt;     // in milliseconds; when the loop is to end
+static int lag;                             // how much longer the next wait takes
+static const int idleFd = eventfd(0, 0);    // the first descriptor that the loop watches
+static sockaddr_un address = {AF_UNIX, ""}; // where the server listens, in the abstract namespace
 
 static bool fails(const std::string &call)
 {
@@ -88,13 +90,13 @@ WRAP(int, getsockopt, (int fd, int level, int option, void *value, socklen_t *si
      (*(int *)value = ECONNREFUSED, way == REFUSED ? 0 : -1),
      __real_getsockopt(fd, level, option, value, size))
 WRAP(int, bind, (int fd, const sockaddr *, socklen_t), -1,
-     __real_bind(fd, (sockaddr *)&here, sizeof(here)))
+     __real_bind(fd, (sockaddr *)&address, sizeof(address)))
 WRAP(int, listen, (int fd, int backlog), -1, __real_listen(fd, backlog))
 WRAP(int, accept, (int fd, sockaddr *peer, socklen_t *size), -1, __real_accept(fd, peer, size))
 WRAP(int, fcntl, (int fd, int command, intptr_t flags), -1, __real_fcntl(fd, command, flags))
 // A connect that is not to block is in progress at first.
 WRAP(int, connect, (int fd, const sockaddr *, socklen_t), -1,
-     __real_connect(fd, (sockaddr *)&here, sizeof(here)) != 0
+     __real_connect(fd, (sockaddr *)&address, sizeof(address)) != 0
          ? -1
          : (errno = EINPROGRESS, __real_fcntl(fd, F_GETFL, 0) & O_NONBLOCK ? -1 : 0))
 WRAP(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
@@ -117,7 +119,7 @@ WRAP(int, clock_gettime, (clockid_t clock, timespec *time), -(way != LEAP),
 static int wait_for(struct pollfd *fds, int ready, int timeout)
 {
     now += std::exchange(lag, 0) + (ready == 0 && timeout > 0 ? timeout : 0);
-    if (fds->fd != quiet || (now < stopAt && (ready != 0 || timeout >= 0)))
+    if (fds->fd != idleFd || (now < stopAt && (ready != 0 || timeout >= 0)))
         return ready;
     now = stopAt;
     errno = EBADF;
@@ -141,7 +143,7 @@ static void run_loop(int ms)
 
 static int lowest_free_fd()
 {
-    const int fd = dup(quiet);
+    const int fd = dup(idleFd);
     __real_close(fd);
     return fd;
 }
@@ -168,6 +170,15 @@ static void complain(const std::string &what)
     sum->wrong++;
 }
 
+// After a success the channel is open: a link-down callback would have closed it.
+static int note_result(const std::string &operation, int id, int result)
+{
+    note(operation, result);
+    if (result == 0 && tv_get_channel(id) == nullptr)
+        complain(operation + " succeeds though the link is down");
+    return result;
+}
+
 // Play a scenario. What is wrong then, if anything?
 static std::string problem(const std::function<void()> &play, const std::string &undisturbed)
 {
@@ -185,7 +196,8 @@ static std::string problem(const std::function<void()> &play, const std::string 
     if (failed == 0)
         return "";
     const bool soft = active->effect == SAME || (active->effect == SAME_IF_ONCE && !lasting);
-    if (soft ? !same : active->effect == SEEN && same && !down)
+    if (soft ? !same
+             : (active->effect == SEEN && same && !down) || (active->effect == DOWN && !down))
         return "the application sees\n" + seen;
     return take_log().find(active->log) != std::string::npos ? "" : "the log does not tell";
 }

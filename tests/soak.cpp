@@ -150,10 +150,13 @@ static void connect_now()
     tv_set_poll_timeout(id, 10 * ioTimeout);
     tv_set_connect_timeout(id, 1000);
     tv_client_enable_heartbeat(id, 5 * hbInterval, hbCount, close_link);
-    if (tv_connect_server(id) == 0)
+    if (tv_connect_server(id) == 0) {
+        static const int first = tv_get_polling_fd(id);
+        REQUIRE(tv_get_polling_fd(id) < first + 5); // no descriptors are left behind
         tv_register_polling_fd(tv_get_polling_fd(id), tv_channel_fd_handler, id, 0);
-    else
+    } else {
         close_link(id, "");
+    }
 }
 
 // Log out, or break off a frame; then close the connection, or let a new login do it.

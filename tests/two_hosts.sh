@@ -47,7 +47,7 @@ expect_found() { # FILE PATTERN
     expect "$1" "$2"
     local took=$(($(now_ms) - pulled))
     echo "the $1 found the lost link after $took ms, between 2000 and 3000 are promised"
-    [ "$took" -ge 1900 ] && [ "$took" -le 4000 ] || exit 1
+    [ "$took" -ge 1900 ] && [ "$took" -le 3500 ] || exit 1
 }
 
 ip netns exec "$a" "$programs/server" 10.213.0.1 0 </dev/null >"$work/server" 2>&1 &

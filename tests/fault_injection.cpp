@@ -137,7 +137,7 @@ static const std::map<std::string, void (*)()> steps = {
     {"again", [] { connect(1, 1, 100); }}, // in the other's place
     {"second", [] { connect(1, 2, 100); }},
     {"third", [] { connect(2, 3, 0); }}, // a connect that blocks
-    {"logout", [] { note("logout", tv_disconnect_server(clients[0])); }},
+    {"logout", [] { note_result("logout", clients[0], tv_disconnect_server(clients[0])); }},
     {"gone", [] { finish(clients[0]); }},
     {"silent", [] { tv_unregister_polling_fd(tv_get_polling_fd(clients[0])); }},
     {"supervise", [] { tv_service_enable_heartbeat(100, 2, on_linkdown); }},

@@ -19,7 +19,7 @@
 #include <vector>
 
 static const int ioTimeout = 200; // the server's
-#ifdef __SANITIZE_ADDRESS__ // for which to allocate 2 GiB takes seconds
+#ifdef __SANITIZE_ADDRESS__       // for which to allocate 2 GiB takes seconds
 static const int patience = 40000, bound = 30000;
 #else
 static const int patience = 10000, bound = 4000;
@@ -84,7 +84,7 @@ static pid_t start_server(uint16_t *port)
 // Send until all is sent or the server closes the connection, then read until it does.
 [[noreturn]] static void attack(const hostile_peer &peer, uint16_t port)
 {
-    alarm(patience / 1000); // when it does not
+    alarm(3 * patience / 1000); // when it does not
     std::vector<int> fds;
     for (int i = 0; i < peer.connections; i++) {
         const int fd = impl_create_client_socket("127.0.0.1", port, 0);

@@ -105,6 +105,7 @@ TEST_F(Server, StopsInOrderAndStartsAgain)
     happened();
     EXPECT_EQ(tv_start_server("127.0.0.1", 0), -1); // a server runs
     EXPECT_EQ(tv_service_server.serverChannel->channelId, server);
+    inside["fd-close"] = [&] { inside["fd-close"] = [] { tv_stop_server(); }; }; // that of b
     tv_stop_server();
     EXPECT_EQ(happened(), Events({"fd-close pair1", "fd-close pair2", "fd-close pair3"}));
     EXPECT_EQ(b.hear(), "closed");
@@ -118,6 +119,20 @@ TEST_F(Server, StopsInOrderAndStartsAgain)
     EXPECT_EQ(tv_service_server.listenIp, std::string("127.0.0.1"));
     login("tcp://a:1"); // the start without a connected callback has cleared it, and no other
     EXPECT_EQ(happened(), Events({"fd-open pair1"}));
+}
+
+TEST_F(Server, AServerThatIsStartedInsideAStopStays)
+{
+    int newcomer = -1;
+    login("tcp://a:1");
+    inside["fd-close"] = [&] {
+        tv_stop_server();
+        startServer();
+        newcomer = login("tcp://b:1").id;
+    };
+    tv_stop_server();
+    EXPECT_EQ(get_channel_type(server), TV_CHANNEL_SERVER);
+    EXPECT_EQ(get_channel_type(newcomer), TV_CHANNEL_PAIR);
 }
 
 TEST_F(Server, BeforeTheFirstStartEveryOperationReturns)

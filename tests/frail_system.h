@@ -198,7 +198,7 @@ static std::string problem(const std::function<void()> &play, const std::string 
     const bool soft = active->effect == SAME || (active->effect == SAME_IF_ONCE && !lasting);
     if (soft ? !same
              : (active->effect == SEEN && same && !down) || (active->effect == DOWN && !down))
-        return "the application sees\n" + seen;
+        return "the application has to see something else";
     return take_log().find(active->log) != std::string::npos ? "" : "the log does not tell";
 }
 
@@ -211,7 +211,8 @@ static void inject(const std::function<void()> &play, const std::string &undistu
             const std::string what = problem(play, undisturbed);
             sum->injected += failed > 0;
             if (!what.empty())
-                complain(active->calls + std::to_string(target) + ": " + what);
+                complain(active->calls + std::to_string(target) + ": " + what + "; it saw\n" +
+                         seen);
         }
         exit(0);
     }
@@ -224,9 +225,9 @@ static void inject(const std::function<void()> &play, const std::string &undistu
 static void inject_all(const std::vector<fault> &faults, const std::function<void()> &play)
 {
     active = nullptr;
-    if (!problem(play, "").empty())
-        complain("left");
-    const std::string undisturbed = seen;
+    const std::string what = problem(play, ""), undisturbed = seen;
+    if (!what.empty())
+        complain("undisturbed: " + what);
     for (const fault &fault : faults) {
         active = &fault;
         for (const int each : fault.ways) {

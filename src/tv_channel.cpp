@@ -8,7 +8,7 @@
 //            released it or stored it in pendingRqst or the queue.
 // Callbacks  may close their channel. After each one the guard tells whether it is still there;
 //            if not, the operation releases what it holds and stops.
-// State      the guards in progress. Everything else is in the channel records.
+// State      none but the channel records.
 
 #include "tv_guard.h"
 #include "tv_log.h"
@@ -21,9 +21,7 @@
 // Room for a heartbeat or an acknowledgement, which are 192 bytes at most.
 static const int heartbeatBufSize = 512;
 
-// ---- the record and its guards
-
-static channel_guard *guards = NULL; // the innermost one
+// ---- the record
 
 void init_channel(tv_channel *channel, int channelId)
 {
@@ -52,65 +50,6 @@ void init_channel(tv_channel *channel, int channelId)
     channel->clientSocket = NULL;
     channel->serverSocket = NULL;
     channel->pairSocket = NULL;
-}
-
-static void free_channel(tv_channel *channel)
-{
-    rb_item item;
-    while (rb_pop_item(&channel->rqstQueue, &item) == 0)
-        tv_impl_free_msg(item.msg);
-    tv_impl_free_msg(channel->pendingRqst);
-    free(channel);
-}
-
-void guard_channel(channel_guard *guard, tv_channel *channel)
-{
-    guard->channel = channel;
-    guard->closing = false;
-    guard->closed = false;
-    guard->outer = guards;
-    guards = guard;
-}
-
-bool unguard_channel(channel_guard *guard)
-{
-    guards = guard->outer;
-    if (guard->closed)
-        release_channel(guard->channel);
-    return !guard->closed;
-}
-
-bool is_closing(const tv_channel *channel)
-{
-    for (const channel_guard *guard = guards; guard != NULL; guard = guard->outer) {
-        if (guard->channel == channel && guard->closing)
-            return true;
-    }
-    return false;
-}
-
-void release_channel(tv_channel *channel)
-{
-    bool guarded = false;
-    for (channel_guard *guard = guards; guard != NULL; guard = guard->outer) {
-        if (guard->channel == channel) {
-            guard->closed = true;
-            guarded = true;
-        }
-    }
-    if (!guarded)
-        free_channel(channel);
-}
-
-bool report_linkdown(tv_channel *channel)
-{
-    if (channel->linkdownCallback == NULL)
-        return false;
-    channel_guard guard; // the callback is shown the record's URL
-    guard_channel(&guard, channel);
-    channel->linkdownCallback(channel->channelId, channel->url);
-    unguard_channel(&guard);
-    return true;
 }
 
 int get_channel_type(int channelId)

@@ -6,15 +6,13 @@
 //          channels.
 // Failure  a head or a node with a null link is reported by every search that meets it.
 //          A node without a record, which add_channel makes of a null one, matches nothing.
-// State    the walks in progress, so that entries can be removed under them.
+// State    none but the lists.
 
 #include "tv_guard.h"
 #include "tv_log.h"
 
 #include <stdlib.h>
 #include <string.h>
-
-static list_walk *walks = NULL; // the innermost one
 
 void init_channel_list(tv_channel_list *head)
 {
@@ -50,10 +48,7 @@ static tv_channel_node *next_node(const tv_channel_list *head, const tv_channel_
 static void remove_node(tv_channel_node *node)
 {
     tv_channel_list *next = node->links.next;
-    for (list_walk *walk = walks; walk != NULL; walk = walk->outer) {
-        if (walk->next == &node->links)
-            walk->next = next;
-    }
+    step_walks_over(&node->links);
     next->prev = node->links.prev;
     node->links.prev->next = next;
     free(node);
@@ -95,28 +90,4 @@ void clean_channel_repo(tv_channel_list *head)
 {
     while (head->next != head || head->prev != head)
         remove_node((tv_channel_node *)head->next);
-}
-
-void begin_walk(list_walk *walk, tv_channel_list *head)
-{
-    walk->head = head;
-    walk->next = head->next;
-    walk->outer = walks;
-    walks = walk;
-}
-
-tv_channel *next_channel(list_walk *walk)
-{
-    while (walk->next != walk->head && walk->next != NULL) {
-        tv_channel_node *node = (tv_channel_node *)walk->next;
-        walk->next = node->links.next;
-        if (node->channel != NULL)
-            return node->channel;
-    }
-    return NULL;
-}
-
-void end_walk(list_walk *walk)
-{
-    walks = walk->outer;
 }

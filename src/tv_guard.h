@@ -30,7 +30,7 @@ struct list_walk {
     list_walk *outer;
 };
 
-// tv_channel.cpp: guards nest like the calls that hold them, the last begun ends first.
+// Guards nest like the calls that hold them, the last begun ends first.
 void guard_channel(channel_guard *guard, tv_channel *channel);
 
 // End a guard. Returns true while the channel is still there; after false the record must not be
@@ -48,11 +48,14 @@ void release_channel(tv_channel *channel);
 // there was one. The caller does not touch the record again.
 bool report_linkdown(tv_channel *channel);
 
-// tv_channel_repo.cpp: walks nest like guards. next_channel returns null at the end, also when it
+// Walks nest like guards. next_channel returns null at the end, also when it
 // meets a null link: a head with null links is walked like an empty list.
 void begin_walk(list_walk *walk, tv_channel_list *head);
 tv_channel *next_channel(list_walk *walk);
 void end_walk(list_walk *walk);
+
+// Before an entry is removed: the walks that would visit it next go on with the one behind it.
+void step_walks_over(const tv_channel_list *entry);
 
 // tv_channel_repo.cpp: make a head an empty list.
 void init_channel_list(tv_channel_list *head);

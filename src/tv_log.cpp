@@ -19,10 +19,9 @@ static void write_entry(FILE *stream, const char *module, const char *function, 
                         const char *format, va_list args)
 {
     const time_t now = time(NULL);
-    char date[32] = "";
-    ctime_r(&now, date);
+    const char *date = ctime(&now); // looks at TZ anew, unlike ctime_r(); null beyond year 9999
 
-    fprintf(stream, "%.19s [%s->%s:%d]", date, module, function, line);
+    fprintf(stream, "%.19s [%s->%s:%d]", date != NULL ? date : "", module, function, line);
     vfprintf(stream, format, args);
     fputs("\n\n", stream);
 }
@@ -34,7 +33,7 @@ static void append_to_file(const char *module, const char *function, int line, c
     if (stat(log_file, &status) == 0 && status.st_size > TV_LOG_LIMIT)
         return;
 
-    FILE *stream = fopen(log_file, "a");
+    FILE *stream = fopen(log_file, "ae");
     if (stream == NULL)
         return;
     write_entry(stream, module, function, line, format, args);

@@ -23,7 +23,7 @@ static const std::vector<fault> faults = {
     {" getsockopt ", {REFUSED}, SEEN, "connect error:111"},
     {" bind ", {EADDRINUSE}, SEEN, "impl_create_server_socket, failed on bind"},
     {" listen ", {EADDRINUSE}, SEEN, "impl_create_server_socket, failed on listen"},
-    {" accept ", {EINTR, ECONNABORTED}, SAME_IF_ONCE, "tv_server_fd_handler, failed on accept"},
+    {" accept4 ", {EINTR, ECONNABORTED}, SAME_IF_ONCE, "tv_server_fd_handler, failed on accept"},
     {" connect ", {ECONNREFUSED}, SEEN, "create client or connect server fail"},
     {" connect ", {EINTR}, EITHER, ""},
     {" fcntl ", {EBADF}, SAME, "_set_fd_nonblock,fail to"},

@@ -92,7 +92,8 @@ WRAP(int, getsockopt, (int fd, int level, int option, void *value, socklen_t *si
 WRAP(int, bind, (int fd, const sockaddr *, socklen_t), -1,
      __real_bind(fd, (sockaddr *)&address, sizeof(address)))
 WRAP(int, listen, (int fd, int backlog), -1, __real_listen(fd, backlog))
-WRAP(int, accept, (int fd, sockaddr *peer, socklen_t *size), -1, __real_accept(fd, peer, size))
+WRAP(int, accept4, (int fd, sockaddr *peer, socklen_t *size, int flags), -1,
+     __real_accept4(fd, peer, size, flags))
 WRAP(int, fcntl, (int fd, int command, intptr_t flags), -1, __real_fcntl(fd, command, flags))
 // A connect that is not to block is in progress at first.
 WRAP(int, connect, (int fd, const sockaddr *, socklen_t), -1,

@@ -3,7 +3,8 @@
 // Place    lowest layer; tcp_impl.cpp and the channel creators call it. Knows nothing of channels.
 // Frame    36-byte header (watermark, length in network order), then the body. docs/protocol.md.
 // Method   descriptors are non-blocking; header and body of one frame share one budget of
-//          milliseconds, from which every wait takes what it used.
+//          milliseconds, from which every wait takes what it used, and so does the work of a
+//          receive that takes long.
 // Failure  any failed transfer leaves the stream out of step: the caller must give the link up.
 //          A failed set-up closes what it opened.
 // State    none.
@@ -138,18 +139,35 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 
 // ---- receiving
 
+// The most bytes that one recv() takes: the clock is looked at in between.
+static const int receiveStep = 256 * 1024;
+
 // Without a limit never wait, only read. With one, read on without waiting when the budget is used
-// up, until nothing is there: a peer must not hold its receiver longer by dripping bytes.
+// up, until nothing is there; and from the second pass on the time worked counts as well as the
+// time waited: a peer must not hold its receiver longer by dripping bytes, nor by flooding it.
 static int _impl_receive_with_timeout(int fd, char *dst, int count, int *budget, bool limited)
 {
     if (count <= 0)
         return count;
-    for (int received = 0; received < count;) {
+    long long deadline = -1; // known from the second pass on: most transfers need but one
+    for (int received = 0, passes = 0; received < count; passes++) {
+        if (limited && passes > 0) {
+            const long long now = monotonic_ms();
+            if (deadline < 0)
+                deadline = now + (*budget > 0 ? *budget : 0);
+            *budget = (int)(deadline - now);
+            if (*budget < 0) {
+                TV_LOG("time out:%d", *budget);
+                return -1;
+            }
+        }
         if (*budget > 0 && _wait_fd(fd, POLLIN, budget) <= 0) {
             TV_LOG("%s failed ", __func__);
             return -1;
         }
-        const ssize_t result = recv(fd, dst + received, count - received, 0);
+        const int missing = count - received;
+        const int step = limited && missing > receiveStep ? receiveStep : missing;
+        const ssize_t result = recv(fd, dst + received, step, 0);
         if (result == 0) {
             TV_LOG("the remote peer closed");
             return -1;
@@ -214,7 +232,7 @@ char *tcp_impl_receive(int fd, int *len)
     return tcp_impl_receive_with_timeout(fd, len, 0);
 }
 
-// ---- setting sockets up
+// ---- setting sockets up: no descriptor is handed on to a program that the application executes
 
 // A text that is no dotted IPv4 address leaves the address 0.0.0.0.
 static struct sockaddr_in make_address(const char *ip, int port)
@@ -238,7 +256,7 @@ static void set_nodelay(int fd)
 
 int impl_create_server_socket(const char *ip, int port)
 {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         TV_LOG("%s, failed on create socket", __func__);
         return -1;
@@ -299,7 +317,7 @@ int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrle
 
 int impl_create_client_socket(const char *ip, int port, int timeoutMs)
 {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         TV_LOG("%s, failed on create socket", __func__);
         return -1;
@@ -329,7 +347,7 @@ int tcp_impl_accept_socket(int listenFd)
 {
     struct sockaddr_in peer;
     socklen_t size = 0; // the peer is known by the URL of its login, not by its address
-    const int fd = accept(listenFd, (struct sockaddr *)&peer, &size);
+    const int fd = accept4(listenFd, (struct sockaddr *)&peer, &size, SOCK_CLOEXEC);
     if (fd >= 0) {
         _set_fd_nonblock(fd);
         set_nodelay(fd);

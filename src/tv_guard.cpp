@@ -19,6 +19,7 @@ void guard_channel(channel_guard *guard, tv_channel *channel)
     guard->channel = channel;
     guard->closing = false;
     guard->closed = false;
+    guard->telling = false;
     guard->outer = guards;
     guards = guard;
 }
@@ -66,8 +67,13 @@ bool report_linkdown(tv_channel *channel)
 {
     if (channel->linkdownCallback == NULL)
         return false;
+    for (const channel_guard *guard = guards; guard != NULL; guard = guard->outer) {
+        if (guard->channel == channel && guard->telling)
+            return false;
+    }
     channel_guard guard; // the callback is shown the record's URL
     guard_channel(&guard, channel);
+    guard.telling = true;
     channel->linkdownCallback(channel->channelId, channel->url);
     unguard_channel(&guard);
     return true;

@@ -21,6 +21,7 @@ struct channel_guard {
     tv_channel *channel;
     bool closing; // the channel is being closed: a nested close has nothing to do
     bool closed;  // the channel is gone, its record is kept for the guards on it
+    bool telling; // the channel's link-down callback runs
     channel_guard *outer;
 };
 
@@ -44,8 +45,9 @@ bool is_closing(const tv_channel *channel);
 // outermost guard on it ends.
 void release_channel(tv_channel *channel);
 
-// Call the channel's link-down callback, if it has one; it may close the channel. Returns whether
-// there was one. The caller does not touch the record again.
+// Call the channel's link-down callback, if it has one and that does not run already: it may send
+// on its own channel, or to all, and that fails again. It may close the channel. Returns whether it
+// was called. The caller does not touch the record again.
 bool report_linkdown(tv_channel *channel);
 
 // Walks nest like guards. next_channel returns null at the end, also when it
@@ -56,6 +58,10 @@ void end_walk(list_walk *walk);
 
 // Before an entry is removed: the walks that would visit it next go on with the one behind it.
 void step_walks_over(const tv_channel_list *entry);
+
+// tv_loop.cpp: a frame is about to be received on the descriptor. Unless that is what the loop has
+// called a handler for, the loop asks anew for what is ready before it calls the next one.
+void frame_expected(int fd);
 
 // tv_channel_repo.cpp: make a head an empty list.
 void init_channel_list(tv_channel_list *head);

@@ -7,6 +7,7 @@
 // Failure  the loop ends when poll() fails with anything but EINTR.
 // State    the table, in static storage, set up on first use.
 
+#include "tv_guard.h"
 #include "tv_log.h"
 
 #include "ruvo_timer.h"
@@ -24,9 +25,19 @@ static uint8_t fdTableInitialized;
 static int fdHandlerCount;
 static fd_handler_slot fdHandlerTable[TV_MAX_POLLING_FDS];
 
-// Set by every registration, cleared before every poll(): whether a number that poll() reported
-// may belong to another descriptor by now.
-static bool registeredSincePoll;
+// Cleared before every poll(): whether what it reported may be out of date by now, since a reported
+// number may have got to another descriptor, or its bytes have been received already.
+static bool changedSincePoll;
+
+// The descriptor whose handler runs, until it has received a frame there; else -1.
+static int servedFd = -1;
+
+// The timer library's two functions that the loop calls, by their own names: a site's library may
+// declare an argument for them, and is handed the number of listed descriptors, and poll()'s result.
+extern "C" {
+int expected_interval(int listed) __asm__("ruvo_timer_get_expected_interval");
+void fire_timer(int ready) __asm__("ruvo_fire_timer");
+}
 
 static const fd_handler_slot freeSlot = {-1, 0, 0, NULL};
 
@@ -74,7 +85,7 @@ int tv_register_polling_fd(int fd, tv_fd_handler handler, intptr_t arg1, intptr_
         return -1;
     }
     fdHandlerTable[index] = {fd, arg1, arg2, handler};
-    registeredSincePoll = true;
+    changedSincePoll = true;
     TV_LOG("tv_register_polling_fd, fd[%d]", fd);
     return 0;
 }
@@ -112,11 +123,19 @@ int build_polling_fd_list(struct pollfd *list, int size)
     return count;
 }
 
+void frame_expected(int fd)
+{
+    if (fd != servedFd)
+        changedSincePoll = true;
+    servedFd = -1;
+}
+
 // An earlier handler of this pass may have closed the descriptor that was reported, and another
-// one may have got its number: its handler must not run and block for data that is not there.
+// one may have got its number; or it has received there what was reported. A handler must not run
+// and block for data that is not there.
 static bool is_still_ready(int fd)
 {
-    if (!registeredSincePoll)
+    if (!changedSincePoll)
         return true;
     struct pollfd entry = {fd, POLLIN, 0};
     return poll(&entry, 1, 0) > 0;
@@ -125,10 +144,13 @@ static bool is_still_ready(int fd)
 static void handle_polling_socket(int fd)
 {
     const fd_handler_slot *slot = find_slot(fd);
-    if (slot == NULL)
+    if (slot == NULL) {
         TV_LOG("unknown socket[%d], not registerd", fd);
-    else if (is_still_ready(fd))
+    } else if (is_still_ready(fd)) {
+        servedFd = fd;
         slot->handler(fd, slot->arg1, slot->arg2);
+        servedFd = -1;
+    }
 }
 
 void tv_main_loop(void)
@@ -137,15 +159,16 @@ void tv_main_loop(void)
     for (;;) {
         struct pollfd list[TV_MAX_POLLING_FDS];
         const int count = build_polling_fd_list(list, TV_MAX_POLLING_FDS);
-        registeredSincePoll = false;
-        const int ready = poll(list, count, ruvo_timer_get_expected_interval());
+        changedSincePoll = false;
+        const int ready = poll(list, count, expected_interval(count));
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready < 0) {
             perror("poll");
+            changedSincePoll = true; // for the pass of an outer loop, if this one is nested
             return;
         }
-        ruvo_fire_timer();
+        fire_timer(ready);
         for (int i = 0; ready > 0 && i < count; i++) {
             if (list[i].revents != 0)
                 handle_polling_socket(list[i].fd);

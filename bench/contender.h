@@ -6,14 +6,14 @@
 #define CONTENDER_H
 
 #include <cstddef>
+#include <cstdint>
 
 struct contender {
     const char *name;
     void (*serve)(int port);   // answers each request with an equal payload
     void (*request)(int port); // one request at a time, or one way as many as it can
     bool heartbeats;
-    int clients;  // growth only: connections to the server
-    bool ownLoop; // growth only: the application's epoll loop instead of the library's
+    int clients; // growth only: connections to the server
 };
 
 struct task {
@@ -29,17 +29,17 @@ void server_is_ready();
 void message_received();
 
 // Requesting: one more round trip is over, or one way one more message sent. Waits here between
-// two slices of time.
-void tick();
+// two slices of time. False: that was the last one, the clients are to leave.
+bool tick();
 
-// The contenders for the round trip and the one-way stream (the first is the limit of all), and
-// for growth with the number of clients.
-extern const contender contenders[];
-extern const size_t contenderCount;
-extern const contender growths[];
-extern const size_t growthCount;
+// growth.cpp: an application's own event loop. The handlers have the library's form, and are
+// timed while clients log in and leave.
+typedef int fd_handler(int fd, intptr_t, intptr_t);
+void watch(int fd);
+void serve_many(int listening, fd_handler *accepting, fd_handler *serving);
+void run_handler(fd_handler *handler, int fd); // driver.cpp
 
-// sockets.cpp: plain TCP, shared with what drives the library by plain connections.
+// sockets.cpp: plain TCP, shared with what drives a server by plain connections.
 int listen_on(int port);
 int accept_one(int listening);
 int connect_to(int port);
@@ -55,8 +55,10 @@ extern const size_t channelSize; // of the library
 void raw_serve(int port);
 void raw_request(int port);
 void floor_serve(int port);
+void floor_serve_many(int port);
 void floor_request(int port);
 void library_serve(int port);
+void library_serve_many(int port);
 void library_request(int port);
 void growth_request(int port);
 void zmq_serve(int port);

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -19,7 +20,6 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
-#include <map>
 #include <netinet/in.h>
 #include <numeric>
 #include <poll.h>
@@ -27,6 +27,7 @@
 #include <string>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,40 +35,35 @@
 
 task theTask;
 
-const contender contenders[] = {
-    {"raw TCP", raw_serve, raw_request, false, 0, false},
-    {"floor", floor_serve, floor_request, false, 0, false},
-    {"library", library_serve, library_request, false, 0, false},
-    {"library, heartbeats", library_serve, library_request, true, 0, false},
-    {"libzmq", zmq_serve, zmq_request, false, 0, false},
-    {"nanomsg", nanomsg_serve, nanomsg_request, false, 0, false},
-    {"nng", nng_serve, nng_request, false, 0, false},
+// The first is the limit of all.
+static const contender contenders[] = {
+    {"raw TCP", raw_serve, raw_request, false, 0},
+    {"floor", floor_serve, floor_request, false, 0},
+    {"library", library_serve, library_request, false, 0},
+    {"library, heartbeats", library_serve, library_request, true, 0},
+    {"libzmq", zmq_serve, zmq_request, false, 0},
+    {"nanomsg", nanomsg_serve, nanomsg_request, false, 0},
+    {"nng", nng_serve, nng_request, false, 0},
 };
-const size_t contenderCount = sizeof(contenders) / sizeof(contenders[0]);
+static const size_t contenderCount = sizeof(contenders) / sizeof(contenders[0]);
 
-const contender growths[] = {
-    {"loop", library_serve, growth_request, false, 1, false},
-    {"loop", library_serve, growth_request, false, 4, false},
-    {"loop", library_serve, growth_request, false, 15, false},
-    {"epoll", library_serve, growth_request, false, 15, true},
-    {"epoll", library_serve, growth_request, false, 100, true},
-    {"epoll", library_serve, growth_request, false, 500, true},
-    {"epoll", library_serve, growth_request, false, 1000, true},
-    {"loop", library_serve, growth_request, true, 15, false},
-    {"epoll", library_serve, growth_request, true, 15, true},
-    {"epoll", library_serve, growth_request, true, 1000, true},
-};
-const size_t growthCount = sizeof(growths) / sizeof(growths[0]);
+// Growth is measured from so many clients to so many.
+static const int fewClients = 15;
+static const int manyClients = 10000;
 
 // ---- the two processes of a contender
 
 static const size_t maxSamples = 1 << 17;
-static const int patience = 30000; // ms until a contender is given up
+static const int loginHandlers = 3; // accept, login, a first round trip
+static const int patience = 30000;  // ms until a contender is given up
 
 struct shared_state {
     std::atomic<long> received;   // one way
     size_t count;                 // of this slice
     uint32_t samples[maxSamples]; // ns
+    size_t handlersToTime;        // so many more
+    size_t handlersTimed;
+    uint32_t handlerTimes[loginHandlers * manyClients]; // ns
 };
 
 struct running {
@@ -99,13 +95,25 @@ void message_received()
     self.shared->received.fetch_add(1, std::memory_order_relaxed);
 }
 
-void tick()
+void run_handler(fd_handler *handler, int fd)
+{
+    shared_state &shared = *self.shared;
+    if (shared.handlersTimed == shared.handlersToTime) {
+        handler(fd, 0, 0);
+        return;
+    }
+    const int64_t begin = now_ns();
+    handler(fd, 0, 0);
+    shared.handlerTimes[shared.handlersTimed++] = (uint32_t)(now_ns() - begin);
+}
+
+bool tick()
 {
     static int64_t last = 0;
     static int64_t end = 0;
     if (ticksLeft > 0) {
         ticksLeft--;
-        return;
+        return true;
     }
     const int64_t now = now_ns();
     if (now < end) {
@@ -113,7 +121,7 @@ void tick()
             self.shared->samples[self.shared->count] = (uint32_t)(now - last);
         self.shared->count++;
         last = now;
-        return;
+        return true;
     }
     int milliseconds;
     check(write(self.fromClient, "d", 1) == 1, "write");
@@ -121,6 +129,7 @@ void tick()
     self.shared->count = 0;
     last = now_ns();
     end = last + milliseconds * 1000000LL;
+    return milliseconds > 0;
 }
 
 static pid_t start_process(int cpu, const std::function<void()> &run)
@@ -171,6 +180,7 @@ static running start(const contender &who, bool twoCores)
     pair.shared = (shared_state *)mmap(nullptr, sizeof(shared_state), PROT_READ | PROT_WRITE,
                                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     check(pair.shared != MAP_FAILED, "mmap");
+    pair.shared->handlersToTime = (size_t)loginHandlers * who.clients;
     self.shared = pair.shared;
     self.fromServer = ready[1];
     self.fromClient = done[1];
@@ -200,10 +210,13 @@ static void stop(running &pair)
 
 // ---- measuring
 
+typedef std::vector<double> per_round;
+
 struct figures {
-    std::vector<uint32_t> samples;   // all rounds together
-    std::vector<double> roundMedian; // of each round, ns; one way: ns a message
-    double residentBytes;
+    std::vector<uint32_t> samples; // all rounds together
+    per_round roundMedian;         // ns; one way: ns a message
+    // Growth only: bytes, and ns in handlers with many clients and with few.
+    per_round resident, loginMany, loginFew, closeMany, closeFew;
 };
 
 static double quantile(std::vector<uint32_t> &samples, double q)
@@ -215,7 +228,7 @@ static double quantile(std::vector<uint32_t> &samples, double q)
     return samples[index];
 }
 
-static double median(std::vector<double> values)
+static double median(per_round values)
 {
     std::sort(values.begin(), values.end());
     const size_t n = values.size();
@@ -242,15 +255,41 @@ static size_t run_slice(const contender &who, running &pair, int milliseconds, i
     return count;
 }
 
+// What is not shared with files or other processes.
 static double resident_bytes(pid_t pid)
 {
-    long pages = 0;
+    long pages = 0, shared = 0;
     FILE *file = fopen(("/proc/" + std::to_string(pid) + "/statm").c_str(), "r");
-    if (file == nullptr || fscanf(file, "%*d %ld", &pages) != 1)
-        pages = 0;
-    if (file != nullptr)
-        fclose(file);
-    return (double)pages * sysconf(_SC_PAGESIZE);
+    check(file != nullptr && fscanf(file, "%*d %ld %ld", &pages, &shared) == 2, "statm");
+    fclose(file);
+    return (double)(pages - shared) * sysconf(_SC_PAGESIZE);
+}
+
+// The median time of so many logins, or closes, from the first of them on. Either needs the first
+// ones of its handlers.
+static double handler_time(const shared_state &shared, int first, int count, bool login)
+{
+    std::vector<uint32_t> times;
+    for (int i = first; i < first + count; i++) {
+        const uint32_t *of = shared.handlerTimes + (size_t)i * (login ? loginHandlers : 1);
+        times.push_back(login ? of[0] + of[1] : of[0]);
+    }
+    return quantile(times, 0.5);
+}
+
+// The times of the logins, before anything else, and of the closes: all clients leave.
+static void measure_handlers(const contender &who, running &pair, figures &result)
+{
+    static const int few = 20; // around the fifteenth
+    const int n = who.clients, many = std::min(300, n / 2), first = fewClients - few / 2;
+    int64_t elapsed;
+    result.loginFew.push_back(handler_time(*pair.shared, first, few, true));
+    result.loginMany.push_back(handler_time(*pair.shared, n - many, many, true));
+    pair.shared->handlersTimed = 0;
+    pair.shared->handlersToTime = n;
+    run_slice(who, pair, 0, &elapsed);
+    result.closeMany.push_back(handler_time(*pair.shared, 0, many, false));
+    result.closeFew.push_back(handler_time(*pair.shared, n - few - first, few, false));
 }
 
 // One round: all contenders are started, then take turns. The first turn only warms up.
@@ -283,7 +322,10 @@ static void run_round(const contender *list, size_t n, bool twoCores, int millis
         const double perMessage = time[i] / std::max(1.0, messages[i]);
         results[i].roundMedian.push_back(theTask.oneWay ? perMessage : quantile(samples[i], 0.5));
         results[i].samples.insert(results[i].samples.end(), samples[i].begin(), samples[i].end());
-        results[i].residentBytes = resident_bytes(pairs[i].server);
+        if (list[i].clients > 0)
+            results[i].resident.push_back(resident_bytes(pairs[i].server));
+        if (list[i].clients > fewClients && list[i].serve == library_serve_many)
+            measure_handlers(list[i], pairs[i], results[i]);
         stop(pairs[i]);
     }
 }
@@ -308,18 +350,26 @@ static std::vector<figures> measure(const contender *list, size_t n, bool oneWay
     return results;
 }
 
-// The median over the rounds of a's median to b's, and the lowest and the highest.
+// The median over the rounds, the lowest and the highest.
 struct ratio {
     double middle, low, high;
 };
 
-static ratio ratio_of(const figures &a, const figures &b)
+static ratio spread(const per_round &values)
 {
-    std::vector<double> ratios;
-    for (size_t i = 0; i < a.roundMedian.size(); i++)
-        ratios.push_back(a.roundMedian[i] / b.roundMedian[i]);
-    const auto ends = std::minmax_element(ratios.begin(), ratios.end());
-    return {median(ratios), *ends.first, *ends.second};
+    const auto ends = std::minmax_element(values.begin(), values.end());
+    return {median(values), *ends.first, *ends.second};
+}
+
+static per_round divided(per_round a, const per_round &b)
+{
+    std::transform(a.begin(), a.end(), b.begin(), a.begin(), std::divides<>());
+    return a;
+}
+
+static ratio ratio_of(const per_round &a, const per_round &b)
+{
+    return spread(divided(a, b));
 }
 
 // ---- tables
@@ -352,18 +402,20 @@ struct target {
 
 static const target targets[] = {
     // the median round trip on one core
-    {5, "library", "floor", true, 1.05},      {61440, "library", "floor", true, 1.15},
+    {5, "library", "floor", true, 1.04},      {61440, "library", "floor", true, 1.15},
     {5, "library", "raw TCP", true, 2.0},     {5, "libzmq", "library", false, 2.0},
     {5, "nanomsg", "library", false, 1.8},    {5, "nng", "library", false, 3.0},
     {61440, "libzmq", "library", false, 2.0}, {5, "library, heartbeats", "library", true, 1.05},
 };
 
-static void write_target(const std::string &what, const std::string &bound, const ratio &r,
-                         const char *verdict)
+// The verdict is on the figures as they are printed.
+static void write_target(const std::string &what, bool atMost, double limit, const ratio &r)
 {
+    const long excess = lround(r.middle * 100) - lround(limit * 100);
     FILE *file = open_file("targets.md", "a");
-    fprintf(file, "| %s | %s | %.2f (%.2f to %.2f) | %s |\n", what.c_str(), bound.c_str(), r.middle,
-            r.low, r.high, verdict);
+    fprintf(file, "| %s | %s %.2f | %.2f (%.2f to %.2f) | %s |\n", what.c_str(),
+            atMost ? "at most" : "at least", limit, r.middle, r.low, r.high,
+            (atMost ? excess <= 0 : excess >= 0) ? "yes" : "**no**");
     fclose(file);
 }
 
@@ -372,12 +424,11 @@ static void check_targets(int len, const std::vector<figures> &results)
     for (const target &t : targets) {
         if (t.len != len)
             continue;
-        const ratio r = ratio_of(results[index_of(t.dividend)], results[index_of(t.divisor)]);
-        const bool met = t.atMost ? r.middle <= t.limit : r.middle >= t.limit;
         write_target("p50, one core, " + std::to_string(len) + " B: " + t.dividend + " / " +
                          t.divisor,
-                     (t.atMost ? "at most " : "at least ") + std::to_string(t.limit).substr(0, 4),
-                     r, met ? "yes" : "**no**");
+                     t.atMost, t.limit,
+                     ratio_of(results[index_of(t.dividend)].roundMedian,
+                              results[index_of(t.divisor)].roundMedian));
     }
 }
 
@@ -396,11 +447,12 @@ static void print_contender(size_t i, std::vector<figures> &results, FILE *plot)
         printf("| %.0f ", own.samples.size() / total * 1e9);
     }
     for (const char *name : {"raw TCP", "floor", "library"}) {
-        const figures &other = results[index_of(name)];
-        const ratio r = theTask.oneWay ? ratio_of(other, own) : ratio_of(own, other);
-        printf("| %.2f ", r.middle);
-        if (&other == &results[0])
-            fprintf(plot, " %.3f", r.middle);
+        const per_round &other = results[index_of(name)].roundMedian;
+        const double r = median(theTask.oneWay ? divided(other, own.roundMedian)
+                                               : divided(own.roundMedian, other));
+        printf("| %.2f ", r);
+        if (&other == &results[0].roundMedian)
+            fprintf(plot, " %.3f", r);
     }
     puts("|");
 }
@@ -433,39 +485,74 @@ static void compare_all(bool oneWay, int rounds, int milliseconds)
     fclose(plot);
 }
 
+// The most clients, up to so many, that one process may have descriptors for.
+static int fitting_clients(int wanted)
+{
+    static const int others = 16; // standard streams, pipes, epoll, what listens
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const int fitting = (int)std::min(limit.rlim_max, (rlim_t)(wanted + others)) - others;
+    if (fitting < wanted)
+        printf("\n**The limit of open files is too low for %d clients: %d are measured.**\n",
+               wanted, fitting);
+    return fitting;
+}
+
 static void growth(int rounds, int milliseconds)
 {
-    const auto results = measure(growths, growthCount, false, 5, false, rounds, milliseconds);
     puts("\n### Growth: round trip of 5 B with many clients, both processes on one core\n\n"
-         "The clients are plain connections in one process, which sends on one after the other:\n"
-         "what grows is the server's part.\n\n"
-         "| clients | server's loop | heartbeats | p50 µs | to 15 clients in that loop | server "
-         "resident, KiB |\n|--:|---|---|--:|--:|--:|");
-    FILE *plot = open_file("growth.dat");
-    std::map<std::string, const figures *> base;
-    for (size_t i = 0; i < growthCount; i++) {
-        if (growths[i].clients == 15 && !growths[i].heartbeats)
-            base[growths[i].name] = &results[i];
+         "An application's epoll loop drives the server. The clients are plain connections in one\n"
+         "process, which sends on one after the other, in random order. The floor server finds\n"
+         "a connection in one step: what the kernel needs for more of them is in both. Logins and\n"
+         "closes are the time inside the server's handlers, with all clients to with 15.");
+    std::vector<contender> list;
+    for (int clients : {fewClients, fitting_clients(1000), fitting_clients(manyClients)}) {
+        list.push_back({"floor", floor_serve_many, growth_request, false, clients});
+        list.push_back({"library", library_serve_many, growth_request, false, clients});
+        list.push_back({"library, heartbeats", library_serve_many, growth_request, true, clients});
     }
-    for (size_t i = 0; i < growthCount; i++) {
-        const double p50 = median(results[i].roundMedian) / 1000;
-        printf("| %d | %s | %s | %.1f | %.2f | %.0f |\n", growths[i].clients,
-               growths[i].ownLoop ? "epoll, the application's" : "the library's",
-               growths[i].heartbeats ? "on" : "off", p50,
-               ratio_of(results[i], *base[growths[i].name]).middle,
-               results[i].residentBytes / 1024);
-        if (!growths[i].heartbeats)
-            fprintf(plot, "%d %.3f\n", growths[i].clients, p50);
-        if (i + 1 < growthCount && growths[i + 1].ownLoop != growths[i].ownLoop)
-            fputs("\n\n", plot); // another curve
-        const int more = growths[i].clients - 15;
-        if (growths[i].clients == 1000 && !growths[i].heartbeats)
-            write_target("round trip with 1,000 clients / 15, epoll loop", "measured",
-                         ratio_of(results[i], *base["epoll"]), "");
-        if (growths[i].clients == 1000 && growths[i].heartbeats)
-            printf("\nA channel's record has %.1f KiB, of which small messages touch %.1f KiB.\n",
-                   channelSize / 1024.0,
-                   (results[i].residentBytes - base["epoll"]->residentBytes) / more / 1024);
+    const size_t kinds = 3;
+    const auto results = measure(list.data(), list.size(), false, 5, false, rounds, milliseconds);
+    puts("\n| clients | server | p50 µs | to the floor | over the same with 15 "
+         "| resident memory, KiB a client | last login / 15th | close / with 15 |\n"
+         "|--:|---|--:|--:|--:|--:|--:|--:|");
+    FILE *plot = open_file("growth.dat");
+    for (size_t i = 0; i < list.size(); i++) {
+        const int clients = list[i].clients;
+        const size_t floor = i - i % kinds;
+        const figures &own = results[i], &few = results[i % kinds];
+        const per_round toFloor = divided(own.roundMedian, results[floor].roundMedian);
+        const double p50 = median(own.roundMedian) / 1000;
+        printf("| %d | %s | %.1f | %.2f ", clients, list[i].name, p50, median(toFloor));
+        if (i == floor)
+            fprintf(plot, "\n%d", clients);
+        fprintf(plot, " %.3f", p50);
+        if (clients == fewClients || i == floor) {
+            puts("| | | | |");
+            continue;
+        }
+        const ratio grown = ratio_of(toFloor, divided(few.roundMedian, results[0].roundMedian));
+        per_round memory;
+        for (int round = 0; round < rounds; round++)
+            memory.push_back((own.resident[round] - few.resident[round]) / 1024 /
+                             (clients - fewClients));
+        const ratio resident = spread(memory);
+        const ratio login = ratio_of(own.loginMany, own.loginFew);
+        const ratio close = ratio_of(own.closeMany, own.closeFew);
+        printf("| %.2f | %.2f | %.2f | %.2f |\n", grown.middle, resident.middle, login.middle,
+               close.middle);
+        if (list[i].heartbeats)
+            continue;
+        const std::string many = std::to_string(clients) + " clients";
+        write_target("5 B, " + many + ": library / floor, over the same with 15", true,
+                     i < 2 * kinds ? 1.08 : 1.15, grown);
+        if (i < 2 * kinds)
+            continue;
+        write_target("a login with " + many + " / the 15th", true, 2, login);
+        write_target("a close with " + many + " / with 15", true, 2, close);
+        write_target("resident memory, KiB a client after small messages", true, 5, resident);
     }
     fclose(plot);
 }

@@ -5,9 +5,10 @@ set style histogram clustered gap 1
 set style fill solid 0.85 noborder
 set boxwidth 0.9
 set grid ytics lc "#dddddd"
-set key outside right top
-set bmargin 4
-set auto x
+set key at screen 0.5,0.07 center center horizontal maxrows 2 width -3 Left reverse samplen 2
+set bmargin 6
+set xrange [-0.6:5.6]
+set xtics scale 0
 array names[7] = ["raw TCP", "floor", "library", "library, heartbeats", "libzmq", "nanomsg", "nng"]
 array colours[7] = ["#999999", "#555555", "#d1495b", "#edae49", "#00798c", "#30638e", "#7fb685"]
 
@@ -23,14 +24,15 @@ set yrange [0.01:*]
 plot for [i=1:7] "oneway.dat" using i+1:xtic(1) title names[i] lc rgb colours[i]
 
 set output "growth.svg"
-set title "Round trip of 5 B on one core, by number of clients"
+set title "Round trip of 5 B on one core, by number of clients (less is better)"
+set key inside center bottom vertical maxrows 3
+set bmargin 3.5
 set xlabel "clients"
 set ylabel "p50, µs"
 set logscale x
 unset logscale y
 set yrange [0:*]
-set xrange [0.9:1200]
-plot "growth.dat" index 0 using 1:2 with linespoints lw 2 pt 7 lc rgb colours[3] \
-         title "the library's loop", \
-     "" index 1 using 1:2 with linespoints lw 2 pt 7 lc rgb colours[5] \
-         title "an application's epoll loop"
+set xrange [12:12500]
+set xtics scale 1
+plot for [i=2:4] "growth.dat" using 1:i:xtic(1) with linespoints lw 2 pt 7 lc rgb colours[i] \
+    title names[i]

@@ -21,6 +21,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 void check(bool ok, const char *what)
 {
@@ -141,7 +142,6 @@ static const int timeout = 1000;
 static const char headerText[] = "1000\nvelun_tolvane_request\ntcp://127.0.0.1:6000"
                                  "\nvelun_tolvane_payload\n";
 static const int headerTextLen = sizeof(headerText) - 1;
-static char msgBuf[1 << 16]; // as the library's, one a connection
 
 static long long now_ms()
 {
@@ -170,7 +170,7 @@ static void floor_transfer(int fd, bool sending, char *bytes, int len, int flags
     }
 }
 
-static void floor_send(int fd, const char *payload, int len)
+static void floor_send(int fd, char *msgBuf, const char *payload, int len)
 {
     char header[frameHeaderSize] = "TCP_WATER_MARK";
     const uint32_t bodyLen = htonl(headerTextLen + len);
@@ -189,7 +189,7 @@ static char *floor_receive(int fd, int *len)
     uint32_t bodyLen;
     memcpy(&bodyLen, header + frameHeaderSize - sizeof(bodyLen), sizeof(bodyLen));
     *len = (int)ntohl(bodyLen);
-    check(*len >= headerTextLen, "frame");
+    check(*len >= theTask.len, "frame");
     char *body = (char *)malloc(*len + 1);
     floor_transfer(fd, false, body, *len, 0, &budget);
     return body;
@@ -203,39 +203,73 @@ static void floor_loop_wait(int fd, int listening, int milliseconds)
     check(poll(entries, listening == -1 ? 1 : 2, milliseconds) == 1, "poll");
 }
 
-static int floor_connection(int fd)
+static int floor_connection(int fd, char *msgBuf)
 {
     check(fcntl(fd, F_SETFL, O_NONBLOCK) == 0, "fcntl");
     memcpy(msgBuf, headerText, headerTextLen);
     return fd;
 }
 
+// Receive a message, and answer it with the payload at its end.
+static void floor_answer(int fd, char *msgBuf)
+{
+    int len = 0;
+    char *msg = floor_receive(fd, &len);
+    if (theTask.oneWay) {
+        message_received();
+    } else {
+        char *reply = copy_of(msg + len - theTask.len, theTask.len);
+        floor_send(fd, msgBuf, reply, theTask.len);
+        free(reply);
+    }
+    free(msg);
+}
+
+static char onlyMsgBuf[1 << 16];
+
 void floor_serve(int port)
 {
     const int listening = listen_on(port);
     server_is_ready();
-    const int fd = floor_connection(accept_one(listening));
+    const int fd = floor_connection(accept_one(listening), onlyMsgBuf);
     for (;;) {
         floor_loop_wait(fd, listening, -1);
-        int len = 0;
-        char *msg = floor_receive(fd, &len);
-        if (theTask.oneWay) {
-            message_received();
-        } else {
-            len -= headerTextLen;
-            char *reply = copy_of(msg + headerTextLen, len);
-            floor_send(fd, reply, len);
-            free(reply);
-        }
-        free(msg);
+        floor_answer(fd, onlyMsgBuf);
     }
+}
+
+// Many connections, each with a block as large as the library's record of one, found in one step.
+static std::vector<char *> msgBufs; // by descriptor
+
+static int floor_accept(int listening, intptr_t, intptr_t)
+{
+    char *msgBuf = (char *)malloc(channelSize);
+    const int fd = floor_connection(accept_one(listening), msgBuf);
+    if (msgBufs.size() <= (size_t)fd)
+        msgBufs.resize(fd + 1);
+    msgBufs[fd] = msgBuf;
+    watch(fd);
+    int len;
+    free(floor_receive(fd, &len)); // the login
+    return 0;
+}
+
+static int floor_serve_one(int fd, intptr_t, intptr_t)
+{
+    floor_answer(fd, msgBufs[fd]);
+    return 0;
+}
+
+void floor_serve_many(int port)
+{
+    serve_many(listen_on(port), floor_accept, floor_serve_one);
 }
 
 void floor_request(int port)
 {
-    const int fd = floor_connection(connect_to(port));
+    const int fd = floor_connection(connect_to(port), onlyMsgBuf);
     for (;;) {
-        floor_send(fd, theTask.payload, theTask.len);
+        floor_send(fd, onlyMsgBuf, theTask.payload, theTask.len);
         if (!theTask.oneWay) {
             now_ms(); // the request's timer is started,
             now_ms(); // asked for its remaining time,

@@ -215,8 +215,11 @@ typedef std::vector<double> per_round;
 struct figures {
     std::vector<uint32_t> samples; // all rounds together
     per_round roundMedian;         // ns; one way: ns a message
-    // Growth only: bytes, and ns in handlers with many clients and with few.
-    per_round resident, loginMany, loginFew, closeMany, closeFew;
+    // Growth only: bytes, and ns in the server's handlers with many clients and with few.
+    per_round resident;
+    struct {
+        per_round many, few;
+    } accept, login, close;
 };
 
 static double quantile(std::vector<uint32_t> &samples, double q)
@@ -265,31 +268,28 @@ static double resident_bytes(pid_t pid)
     return (double)(pages - shared) * sysconf(_SC_PAGESIZE);
 }
 
-// The median time of so many logins, or closes, from the first of them on. Either needs the first
-// ones of its handlers.
-static double handler_time(const shared_state &shared, int first, int count, bool login)
-{
-    std::vector<uint32_t> times;
-    for (int i = first; i < first + count; i++) {
-        const uint32_t *of = shared.handlerTimes + (size_t)i * (login ? loginHandlers : 1);
-        times.push_back(login ? of[0] + of[1] : of[0]);
-    }
-    return quantile(times, 0.5);
-}
-
-// The times of the logins, before anything else, and of the closes: all clients leave.
+// The handlers that served the clients' accepts and logins, which came first, and then their logouts:
+// all of them leave.
 static void measure_handlers(const contender &who, running &pair, figures &result)
 {
     static const int few = 20; // around the fifteenth
     const int n = who.clients, many = std::min(300, n / 2), first = fewClients - few / 2;
-    int64_t elapsed;
-    result.loginFew.push_back(handler_time(*pair.shared, first, few, true));
-    result.loginMany.push_back(handler_time(*pair.shared, n - many, many, true));
+    const auto median_of = [&](int from, int count, int handlersEach, int which) {
+        std::vector<uint32_t> times;
+        for (int i = from; i < from + count; i++)
+            times.push_back(pair.shared->handlerTimes[i * handlersEach + which]);
+        return quantile(times, 0.5);
+    };
+    result.accept.few.push_back(median_of(first, few, loginHandlers, 0));
+    result.accept.many.push_back(median_of(n - many, many, loginHandlers, 0));
+    result.login.few.push_back(median_of(first, few, loginHandlers, 1));
+    result.login.many.push_back(median_of(n - many, many, loginHandlers, 1));
     pair.shared->handlersTimed = 0;
     pair.shared->handlersToTime = n;
+    int64_t elapsed;
     run_slice(who, pair, 0, &elapsed);
-    result.closeMany.push_back(handler_time(*pair.shared, 0, many, false));
-    result.closeFew.push_back(handler_time(*pair.shared, n - few - first, few, false));
+    result.close.many.push_back(median_of(0, many, 1, 0));
+    result.close.few.push_back(median_of(n - few - first, few, 1, 0));
 }
 
 // One round: all contenders are started, then take turns. The first turn only warms up.
@@ -500,13 +500,43 @@ static int fitting_clients(int wanted)
     return fitting;
 }
 
+// What the library's server with many clients costs, beside the same with few. grown: its round
+// trip to the floor's, over the same with few.
+static void print_growth(const contender &who, const figures &own, const figures &few,
+                         const ratio &grown)
+{
+    per_round each;
+    for (size_t i = 0; i < own.resident.size(); i++)
+        each.push_back((own.resident[i] - few.resident[i]) / 1024 / (who.clients - fewClients));
+    const ratio memory = spread(each);
+    const ratio accept = ratio_of(own.accept.many, own.accept.few);
+    const ratio login = ratio_of(own.login.many, own.login.few);
+    const ratio close = ratio_of(own.close.many, own.close.few);
+    printf("%.2f | %.2f | %.2f | %.2f | %.2f |\n", grown.middle, memory.middle, accept.middle,
+           login.middle, close.middle);
+    if (who.heartbeats)
+        return;
+    const std::string clients = std::to_string(who.clients) + " clients";
+    const bool most = who.clients > 1000;
+    write_target("5 B, " + clients + ": library / floor, over the same with 15", true,
+                 most ? 1.15 : 1.08, grown);
+    if (!most)
+        return;
+    write_target("a login with " + clients + " / the 15th", true, 2, login);
+    write_target("a close with " + clients + " / with 15", true, 2, close);
+    write_target("resident memory, KiB a client after small messages", true, 5, memory);
+}
+
 static void growth(int rounds, int milliseconds)
 {
     puts("\n### Growth: round trip of 5 B with many clients, both processes on one core\n\n"
          "An application's epoll loop drives the server. The clients are plain connections in one\n"
          "process, which sends on one after the other, in random order. The floor server finds\n"
-         "a connection in one step: what the kernel needs for more of them is in both. Logins and\n"
-         "closes are the time inside the server's handlers, with all clients to with 15.");
+         "a connection in one step: what the kernel needs for more of them is in both. Accept, "
+         "login\n"
+         "and close are the time inside the server's handler, the last ones, or the first to "
+         "leave,\n"
+         "to those with 15 clients.");
     std::vector<contender> list;
     for (int clients : {fewClients, fitting_clients(1000), fitting_clients(manyClients)}) {
         list.push_back({"floor", floor_serve_many, growth_request, false, clients});
@@ -516,43 +546,23 @@ static void growth(int rounds, int milliseconds)
     const size_t kinds = 3;
     const auto results = measure(list.data(), list.size(), false, 5, false, rounds, milliseconds);
     puts("\n| clients | server | p50 µs | to the floor | over the same with 15 "
-         "| resident memory, KiB a client | last login / 15th | close / with 15 |\n"
-         "|--:|---|--:|--:|--:|--:|--:|--:|");
+         "| resident memory, KiB a client | accept | login | close |\n"
+         "|--:|---|--:|--:|--:|--:|--:|--:|--:|");
     FILE *plot = open_file("growth.dat");
     for (size_t i = 0; i < list.size(); i++) {
-        const int clients = list[i].clients;
         const size_t floor = i - i % kinds;
         const figures &own = results[i], &few = results[i % kinds];
         const per_round toFloor = divided(own.roundMedian, results[floor].roundMedian);
         const double p50 = median(own.roundMedian) / 1000;
-        printf("| %d | %s | %.1f | %.2f ", clients, list[i].name, p50, median(toFloor));
         if (i == floor)
-            fprintf(plot, "\n%d", clients);
+            fprintf(plot, "\n%d", list[i].clients);
         fprintf(plot, " %.3f", p50);
-        if (clients == fewClients || i == floor) {
+        printf("| %d | %s | %.1f | %.2f | ", list[i].clients, list[i].name, p50, median(toFloor));
+        if (i == floor || floor == 0)
             puts("| | | | |");
-            continue;
-        }
-        const ratio grown = ratio_of(toFloor, divided(few.roundMedian, results[0].roundMedian));
-        per_round memory;
-        for (int round = 0; round < rounds; round++)
-            memory.push_back((own.resident[round] - few.resident[round]) / 1024 /
-                             (clients - fewClients));
-        const ratio resident = spread(memory);
-        const ratio login = ratio_of(own.loginMany, own.loginFew);
-        const ratio close = ratio_of(own.closeMany, own.closeFew);
-        printf("| %.2f | %.2f | %.2f | %.2f |\n", grown.middle, resident.middle, login.middle,
-               close.middle);
-        if (list[i].heartbeats)
-            continue;
-        const std::string many = std::to_string(clients) + " clients";
-        write_target("5 B, " + many + ": library / floor, over the same with 15", true,
-                     i < 2 * kinds ? 1.08 : 1.15, grown);
-        if (i < 2 * kinds)
-            continue;
-        write_target("a login with " + many + " / the 15th", true, 2, login);
-        write_target("a close with " + many + " / with 15", true, 2, close);
-        write_target("resident memory, KiB a client after small messages", true, 5, resident);
+        else
+            print_growth(list[i], own, few,
+                         ratio_of(toFloor, divided(few.roundMedian, results[0].roundMedian)));
     }
     fclose(plot);
 }

@@ -6,19 +6,20 @@
 // State    the repository and the generator of ids, both valid from load.
 
 #include "tv_guard.h"
+#include "tv_index.h"
 #include "tv_log.h"
 
 #include <stdlib.h>
 #include <string.h>
 
-static tv_channel_list repository = {&repository, &repository};
+tv_channel_list tv_repository = {&tv_repository, &tv_repository};
 static uint32_t nextChannelId = 0;
 
 // The channel with the id. A miss is logged in the caller's name.
 static tv_channel *find_channel(int channelId, const char *caller = __builtin_FUNCTION(),
                                 int line = __builtin_LINE())
 {
-    tv_channel *channel = get_channel(&repository, channelId);
+    tv_channel *channel = find_by_id(&tv_repository, channelId);
     if (channel == NULL)
         TV_LOG_AT(caller, line, "could not get channel with id[%d] in %s", channelId, caller);
     return channel;
@@ -33,19 +34,24 @@ int tv_get_channel_id(void)
     return (int)nextChannelId++;
 }
 
+tv_channel *find_listed_channel(int channelId)
+{
+    return find_channel(channelId, "tv_get_channel");
+}
+
 tv_channel *tv_get_channel(int channelId)
 {
-    return find_channel(channelId);
+    return index_handed_out(find_channel(channelId));
 }
 
 tv_channel_node *tv_add_channel(tv_channel *channel)
 {
-    return add_channel(&repository, channel);
+    return add_channel(&tv_repository, channel);
 }
 
 int tv_remove_channel(tv_channel *channel)
 {
-    return remove_channel(&repository, channel->channelId);
+    return remove_channel(&tv_repository, channel->channelId);
 }
 
 void tv_close_channel(int channelId)
@@ -60,11 +66,11 @@ void tv_close_channel(int channelId)
     if (channel->pairSocket != NULL)
         server_remove_channel(channel);
     else if (tv_service_server.pairList.next != NULL) // perhaps a pair whose socket is closed
-        remove_channel(&tv_service_server.pairList, channelId);
+        unlist_channel(&tv_service_server.pairList, channel);
     close_channel(channel);
     if (channel == tv_service_server.serverChannel)
         tv_service_server.serverChannel = NULL;
-    remove_channel(&repository, channelId);
+    unlist_channel(&tv_repository, channel);
     release_channel(channel);
     unguard_channel(&guard);
 }
@@ -106,7 +112,7 @@ int tv_register_linkdown_callback(int channelId, tv_linkdown_cb cb)
 
 int tv_set_poll_timeout(int channelId, int timeoutMs)
 {
-    tv_channel *channel = tv_get_channel(channelId);
+    tv_channel *channel = find_listed_channel(channelId);
     if (channel == NULL || timeoutMs <= 0)
         return -1;
     channel->pollTimeout = timeoutMs;
@@ -143,7 +149,7 @@ int tv_create_client_channel(const tv_client_addr *addr)
         free(channel);
         return -1;
     }
-    if (tv_add_channel(channel) == NULL) {
+    if (list_channel(&tv_repository, channel) == NULL) {
         TV_LOG("malloc error in function %s", __func__);
         close_channel(channel);
         release_channel(channel);

@@ -11,6 +11,7 @@
 // State      none but the channel records.
 
 #include "tv_guard.h"
+#include "tv_index.h"
 #include "tv_log.h"
 
 #include "ruvo_timer.h"
@@ -54,7 +55,7 @@ void init_channel(tv_channel *channel, int channelId)
 
 int get_channel_type(int channelId)
 {
-    const tv_channel *channel = tv_get_channel(channelId);
+    const tv_channel *channel = find_listed_channel(channelId);
     if (channel == NULL)
         return TV_CHANNEL_NONE;
     if (channel->clientSocket != NULL)
@@ -213,7 +214,7 @@ int send_resp(tv_channel *channel, const char *payload, int len)
 
 static void rqst_timeout(intptr_t channelId, intptr_t)
 {
-    tv_channel *channel = tv_get_channel((int)channelId);
+    tv_channel *channel = find_listed_channel((int)channelId);
     if (channel == NULL)
         return;
     channel->rqstTimerId = -1;
@@ -304,7 +305,7 @@ static void switch_heartbeat_off(tv_channel *channel)
 
 static void channel_disconnected(int channelId)
 {
-    tv_channel *channel = tv_get_channel(channelId);
+    tv_channel *channel = find_listed_channel(channelId);
     if (channel == NULL) {
         TV_LOG("channel_disconnected , channel[%d] not found", channelId);
         return;
@@ -316,7 +317,7 @@ static void channel_disconnected(int channelId)
 static void active_hb_timeout(intptr_t arg, intptr_t)
 {
     const int channelId = (int)arg;
-    tv_channel *channel = tv_get_channel(channelId);
+    tv_channel *channel = find_listed_channel(channelId);
     if (channel == NULL) {
         TV_LOG("active_hb_timeout , channel[%d] not found", channelId);
         return;

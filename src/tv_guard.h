@@ -63,7 +63,4 @@ void step_walks_over(const tv_channel_list *entry);
 // called a handler for, the loop asks anew for what is ready before it calls the next one.
 void frame_expected(int fd);
 
-// tv_channel_repo.cpp: make a head an empty list.
-void init_channel_list(tv_channel_list *head);
-
 #endif

@@ -7,6 +7,7 @@
 // State    tv_service_server.
 
 #include "tv_guard.h"
+#include "tv_index.h"
 #include "tv_log.h"
 
 #include <stdlib.h>
@@ -68,7 +69,7 @@ int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandle
     }
     channel->respHandler = respHandler;
     channel->timeoutHandler = timeoutHandler;
-    if (tv_add_channel(channel) == NULL) {
+    if (list_channel(&tv_repository, channel) == NULL) {
         TV_LOG("malloc error in function %s", __func__);
         close_channel(channel);
         release_channel(channel);
@@ -92,11 +93,12 @@ static void close_for_stop(tv_channel *channel)
     guard_channel(&guard, channel);
     tv_close_channel(channel->channelId);
     if (!guard.closed && is_closing(channel)) {
-        remove_channel(&tv_service_server.pairList, channel->channelId);
+        unlist_channel(&tv_service_server.pairList, channel);
     } else if (!guard.closed) {
         guard.closing = true;
         server_remove_channel(channel);
         close_channel(channel);
+        unlist_channel(&tv_repository, channel); // listed there if its id is used twice
         release_channel(channel);
     }
     unguard_channel(&guard);
@@ -160,11 +162,11 @@ static void inherit_supervision(tv_channel *pair, const tv_channel *server)
 // Put a pair into the repository and into pairList: both or neither.
 static bool list_pair(tv_channel *pair)
 {
-    if (tv_add_channel(pair) == NULL)
+    if (list_channel(&tv_repository, pair) == NULL)
         return false;
-    if (add_channel(&tv_service_server.pairList, pair) != NULL)
+    if (list_channel(&tv_service_server.pairList, pair) != NULL)
         return true;
-    tv_remove_channel(pair);
+    unlist_channel(&tv_repository, pair);
     return false;
 }
 
@@ -234,8 +236,10 @@ int tv_server_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
 
 int update_pair_channel(tv_channel *channel, const char *url)
 {
+    index_renaming(channel);
     if (url != channel->url)
         snprintf(channel->url, sizeof(channel->url), "%s", url);
+    index_renamed(channel);
     return 0;
 }
 
@@ -248,10 +252,13 @@ int server_remove_channel(tv_channel *channel)
 {
     if (channel == NULL)
         return 0;
-    const int channelId = channel->channelId; // the callback may close the channel
+    channel_guard guard; // the callback may close the channel
+    guard_channel(&guard, channel);
     if (channel->pairSocket != NULL && tv_service_server.clientFdCloseCallback != NULL)
         tv_service_server.clientFdCloseCallback(channel->pairSocket->fd);
-    return remove_channel(&tv_service_server.pairList, channelId);
+    const int result = guard.closed ? 1 : unlist_channel(&tv_service_server.pairList, channel);
+    unguard_channel(&guard);
+    return result;
 }
 
 // ---- what arrives on a pair
@@ -260,12 +267,15 @@ static tv_channel *get_pair_by_fd(int fd)
 {
     const tv_channel_list *head = &tv_service_server.pairList;
     const tv_channel_list *link = head->next;
-    for (; link != NULL && link != head; link = link->next) {
+    for (int steps = 0; link != NULL && link != head; link = link->next) {
         tv_channel *pair = ((const tv_channel_node *)link)->channel;
         if (pair == NULL || pair->pairSocket == NULL)
             TV_LOG("internal list error, should never reach here");
         else if (pair->pairSocket->fd == fd)
             return pair;
+        const tv_channel_node *found = ++steps == INDEX_FROM ? index_find(INDEX_FD, fd) : NULL;
+        if (found != NULL)
+            return found->channel;
     }
     if (link == NULL)
         TV_LOG("channel list is null");
@@ -299,7 +309,7 @@ int login_msg_received(tv_channel *channel, char *msg)
     }
     channel_guard guard;
     guard_channel(&guard, channel);
-    const tv_channel *older = get_channel_by_ip(&tv_service_server.pairList, url);
+    const tv_channel *older = find_by_url(&tv_service_server.pairList, url);
     if (older != NULL && older != channel) {
         TV_LOG("login_msg_received, close previous channel for url: %s", url);
         replace_pair(older->channelId, url);
@@ -433,7 +443,7 @@ int tv_get_client_channel(const char *ip, int port)
         return -1;
     char url[TV_URL_SIZE];
     snprintf(url, sizeof(url), "tcp://%s:%d", ip, port);
-    const tv_channel *pair = get_channel_by_ip(&tv_service_server.pairList, url);
+    const tv_channel *pair = find_by_url(&tv_service_server.pairList, url);
     return pair == NULL ? -1 : pair->channelId;
 }
 

@@ -17,6 +17,7 @@
 static const std::vector<fault> faults = {
     {" malloc realloc ", {ENOMEM}, SEEN, ""},
     {" calloc ", {ENOMEM}, SEEN, "malloc error in function"},
+    {" reallocarray ", {ENOMEM}, SAME, ""},
     {" socket ", {EMFILE}, SEEN, "failed on create socket"},
     {" setsockopt ", {ENOBUFS}, EITHER, "failed on setsockopt"},
     {" getsockopt ", {ENOBUFS}, SEEN, "getsockopt error:No buffer space"},

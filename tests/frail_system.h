@@ -83,6 +83,8 @@ static void *allocated(void *block)
 WRAP(void *, malloc, (size_t size), nullptr, allocated(__real_malloc(size)))
 WRAP(void *, calloc, (size_t items, size_t size), nullptr, allocated(__real_calloc(items, size)))
 WRAP(void *, realloc, (void *old, size_t size), nullptr, __real_realloc(old, size))
+WRAP(void *, reallocarray, (void *old, size_t items, size_t size), nullptr,
+     allocated(__real_reallocarray(old, items, size)))
 WRAP(void, free, (void *block), (void)0, (blocks -= block != nullptr, __real_free(block)))
 WRAP(int, socket, (int, int type, int), -1, __real_socket(AF_UNIX, type, 0))
 WRAP(int, setsockopt, (int, int, int, const void *, socklen_t), -1, 0)

@@ -149,25 +149,15 @@ static int _impl_receive_with_timeout(int fd, char *dst, int count, int *budget,
 {
     if (count <= 0)
         return count;
+    const int most = limited && count > receiveStep ? receiveStep : count;
     long long deadline = -1; // known from the second pass on: most transfers need but one
-    for (int received = 0, passes = 0; received < count; passes++) {
-        if (limited && passes > 0) {
-            const long long now = monotonic_ms();
-            if (deadline < 0)
-                deadline = now + (*budget > 0 ? *budget : 0);
-            *budget = (int)(deadline - now);
-            if (*budget < 0) {
-                TV_LOG("time out:%d", *budget);
-                return -1;
-            }
-        }
+    for (int received = 0;;) {
         if (*budget > 0 && _wait_fd(fd, POLLIN, budget) <= 0) {
             TV_LOG("%s failed ", __func__);
             return -1;
         }
         const int missing = count - received;
-        const int step = limited && missing > receiveStep ? receiveStep : missing;
-        const ssize_t result = recv(fd, dst + received, step, 0);
+        const ssize_t result = recv(fd, dst + received, missing < most ? missing : most, 0);
         if (result == 0) {
             TV_LOG("the remote peer closed");
             return -1;
@@ -183,8 +173,19 @@ static int _impl_receive_with_timeout(int fd, char *dst, int count, int *budget,
             TV_LOG("failed receive error:%s", strerror(errno));
             return -1;
         }
+        if (received == count)
+            return count;
+        if (!limited)
+            continue;
+        const long long now = monotonic_ms();
+        if (deadline < 0)
+            deadline = now + (*budget > 0 ? *budget : 0);
+        *budget = (int)(deadline - now);
+        if (*budget < 0) {
+            TV_LOG("time out:%d", *budget);
+            return -1;
+        }
     }
-    return count;
 }
 
 char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs)

@@ -7,6 +7,7 @@
 // State    none but the channel's socket.
 
 #include "tv_guard.h"
+#include "tv_index.h"
 #include "tv_log.h"
 
 #include <stdlib.h>
@@ -98,6 +99,7 @@ void tv_impl_close_channel(tv_channel *channel)
 {
     if (channel == NULL)
         return;
+    index_closing(channel);
     close(tv_impl_get_polling_fd(channel));
     if (!free_socket(&channel->clientSocket) && !free_socket(&channel->serverSocket))
         free_socket(&channel->pairSocket);

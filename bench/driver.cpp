@@ -488,7 +488,7 @@ static void compare_all(bool oneWay, int rounds, int milliseconds)
 // The most clients, up to so many, that one process may have descriptors for.
 static int fitting_clients(int wanted)
 {
-    static const int others = 16; // standard streams, pipes, epoll, what listens
+    static const int others = 64; // the pipes of all contenders, the loop, what listens
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
@@ -503,7 +503,7 @@ static int fitting_clients(int wanted)
 // What the library's server with many clients costs, beside the same with few. grown: its round
 // trip to the floor's, over the same with few.
 static void print_growth(const contender &who, const figures &own, const figures &few,
-                         const ratio &grown)
+                         const ratio &grown, bool most)
 {
     per_round each;
     for (size_t i = 0; i < own.resident.size(); i++)
@@ -517,7 +517,6 @@ static void print_growth(const contender &who, const figures &own, const figures
     if (who.heartbeats)
         return;
     const std::string clients = std::to_string(who.clients) + " clients";
-    const bool most = who.clients > 1000;
     write_target("5 B, " + clients + ": library / floor, over the same with 15", true,
                  most ? 1.15 : 1.08, grown);
     if (!most)
@@ -562,7 +561,8 @@ static void growth(int rounds, int milliseconds)
             puts("| | | | |");
         else
             print_growth(list[i], own, few,
-                         ratio_of(toFloor, divided(few.roundMedian, results[0].roundMedian)));
+                         ratio_of(toFloor, divided(few.roundMedian, results[0].roundMedian)),
+                         floor == 2 * kinds);
     }
     fclose(plot);
 }

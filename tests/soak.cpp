@@ -1,5 +1,5 @@
 // soak.cpp - a server and 15 clients with random traffic both ways, for as many seconds as the
-// argument says, while clients log out, reset their connections, break off a frame, log in anew
+// first argument says, while clients log out, reset their connections, break off a frame, log in anew
 // over the old connection, and are stopped and continued.
 //
 // Every process accounts for its own requests: those sent are those answered, timed out, and lost
@@ -138,6 +138,7 @@ static void settle_account()
 
 // ---- a client
 
+static int trouble; // times as often as usual
 static tv_client_addr address = {"127.0.0.1", "soak", 0, 0};
 static int channel = -1;
 
@@ -186,7 +187,7 @@ static void live(intptr_t, intptr_t)
     }
     if (tv_get_channel(channel) == nullptr)
         connect_now();
-    else if (random() % 200 == 0)
+    else if (random() % (200 / trouble) == 0)
         misbehave();
     else
         send_request(channel);
@@ -207,6 +208,7 @@ static void live(intptr_t, intptr_t)
 
 static pid_t clients[clientCount];
 static int ready; // an epoll of all descriptors: the library's loop has room for 16
+static bool stopped[clientCount];
 static std::map<int, long long> stoppedAt; // when the client was, by pair
 static long long slowest;
 
@@ -238,6 +240,7 @@ static void continue_client(intptr_t id, intptr_t which)
     REQUIRE(tv_get_channel(id) == nullptr); // found dead
     stoppedAt.erase(id);
     kill(clients[which], SIGCONT);
+    stopped[which] = false;
 }
 
 static void command(intptr_t, intptr_t)
@@ -246,7 +249,8 @@ static void command(intptr_t, intptr_t)
     send_request(id);
     if (random() % 100 == 0)
         tv_broadcast_rqst_to_client("0:", 2);
-    if (random() % 150 == 0 && tv_get_channel(id) != nullptr) {
+    if (random() % (150 / trouble) == 0 && tv_get_channel(id) != nullptr && !stopped[which]) {
+        stopped[which] = true;
         kill(clients[which], SIGSTOP);
         stoppedAt[id] = now_ms();
         ruvo_start_timer(hbLimit + hbMargin, continue_client, id, which);
@@ -269,6 +273,7 @@ static void serve_until_end(int listening)
 int main(int argc, char **argv)
 {
     const int seconds = argc > 1 ? atoi(argv[1]) : 20;
+    trouble = argc > 2 ? atoi(argv[2]) : 1;
     endsAt = now_ms() + seconds * 1000LL;
     alarm(seconds + 60);
     totals = (std::atomic<long> *)mmap(nullptr, sizeof(counts), PROT_READ | PROT_WRITE,

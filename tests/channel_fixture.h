@@ -115,7 +115,7 @@ struct ChannelTest : testing::Test {
         descriptors = count_descriptors();
         hand_timer_reset();
         hub = impl_create_server_socket("127.0.0.1", 0);
-        peerFds = {hub};
+        peerFds.assign(1, hub);
         startServer();
         log.take();
     }

@@ -7,7 +7,7 @@
 # A piece is a block that begins with ```c. One that begins with "// NAME.c" is a whole program and
 # is linked; any other is compiled alone, behind the includes that the guide names.
 set -eu
-cc=$1
+cc="$1 ${CFLAGS-}"
 libraries=$2
 source=$3
 shift 3

@@ -28,8 +28,10 @@ check_library() { # <library> <header> <linker script> <names in its dynamic sec
     expect_same "listed in $3" "$exported" "$(listed "$3")"
     [ -n "$sanitizers" ] || expect_same "name and needs of $1" "$4" \
         "$(readelf -d "$1" | sed -n 's/.*(\(NEEDED\|SONAME\)).*\[\(.*\)\]/\1 \2/p' | sort | xargs)"
-    "$cc" -x c -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only "$2"
-    "$cxx" -x c++ -std=c++17 -Wall -Wextra -Wpedantic -Werror -fsyntax-only "$2"
+    # shellcheck disable=SC2086 # words on purpose
+    "$cc" $CFLAGS -x c -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only "$2"
+    # shellcheck disable=SC2086 # words on purpose
+    "$cxx" $CXXFLAGS -x c++ -std=c++17 -Wall -Wextra -Wpedantic -Werror -fsyntax-only "$2"
 }
 
 check_library "$tolvane" "$source/include/tolvane.h" "$source/src/tolvane.map" \

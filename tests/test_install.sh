@@ -39,7 +39,7 @@ consumer_by_cmake() { # <what> <option...>
 consumer_by_pkg_config() { # <what>: C without the C++ compiler, also for linking
     folder=$(dirname "$(find "$work/$1" -name tolvane.pc)")
     flags=$(PKG_CONFIG_PATH=$folder pkg-config --cflags --libs tolvane)
-    for compiler in "$cc -std=c11 -x c" "$cxx -std=c++17 -x c++"; do
+    for compiler in "$cc $CFLAGS -std=c11 -x c" "$cxx $CXXFLAGS -std=c++17 -x c++"; do
         # shellcheck disable=SC2086 # words on purpose
         $compiler -Wall -Wextra -Wpedantic -Werror "$consumer/consumer.c" -x none \
             -o "$work/program" $flags "-Wl,-rpath,$(dirname "$folder")"
@@ -55,7 +55,9 @@ done
 consumer_by_cmake shared "-DCMAKE_PREFIX_PATH=$work/shared"
 consumer_by_pkg_config shared
 
-consumer_by_cmake subfolder "-DTOLVANE_SOURCE=$source" -DBUILD_SHARED_LIBS=OFF
+consumer_by_cmake subfolder "-DTOLVANE_SOURCE=$source" -DTOLVANE_INSTALL=ON -DCMAKE_CXX_STANDARD=20
+grep -q -- "-std=\(c\|gnu\)++20.*tv_loop" "$work/build-subfolder/compile_commands.json" ||
+    fail "the standard of the project around it is not honoured"
 install_moved static "$work/build-subfolder"
 consumer_by_cmake static "-DCMAKE_PREFIX_PATH=$work/static"
 consumer_by_pkg_config static

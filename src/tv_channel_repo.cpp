@@ -54,14 +54,19 @@ static tv_channel_node *next_node(const tv_channel_list *head, const tv_channel_
     return (tv_channel_node *)link->next;
 }
 
-static void remove_node(tv_channel_list *head, tv_channel_node *node)
+static void unlink_and_free(tv_channel_node *node)
 {
-    index_changing(head, node);
     step_walks_over(&node->links);
     node->links.next->prev = node->links.prev;
     node->links.prev->next = node->links.next;
-    index_changed(head, NULL);
     free(node);
+}
+
+static void remove_node(tv_channel_list *head, tv_channel_node *node)
+{
+    index_changing(head, node);
+    unlink_and_free(node);
+    index_changed(head, NULL);
 }
 
 // The oldest node of a channel with the id, or null. Every message asks for it twice.
@@ -145,6 +150,8 @@ tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url)
 
 void clean_channel_repo(tv_channel_list *head)
 {
+    index_forget_list(head);
     while (head->next != head || head->prev != head)
-        remove_node(head, (tv_channel_node *)head->next);
+        unlink_and_free((tv_channel_node *)head->next);
+    index_changed(head, NULL);
 }

@@ -28,15 +28,15 @@ static tv_channel_list repositoryEnds, pairEnds; // as the library left them
 
 static uint32_t tag_of_number(index_key key, int number)
 {
-    return ((uint32_t)number * 2654435769u & ~3u) | key;
+    return ((uint32_t)number * 2654435769U & ~3U) | key;
 }
 
 static uint32_t tag_of_url(const char *url)
 {
-    uint32_t hash = 2166136261u; // FNV-1a
+    uint32_t hash = 2166136261U; // FNV-1a
     for (; *url != '\0'; url++)
-        hash = (hash ^ (unsigned char)*url) * 16777619u;
-    return (hash * 2654435769u & ~3u) | INDEX_URL;
+        hash = (hash ^ (unsigned char)*url) * 16777619U;
+    return (hash * 2654435769U & ~3U) | INDEX_URL;
 }
 
 // The tag by which a channel is found. Returns false for one that is not found by the key.
@@ -87,11 +87,12 @@ static bool grow(void)
 {
     tv_channel_node **const oldNodes = nodes;
     const uint32_t *const oldTags = tags;
-    const uint32_t oldCapacity = capacity, newCapacity = capacity + capacity / 3 + 16;
-    void *block = reallocarray(NULL, newCapacity, sizeof(*nodes) + sizeof(*tags));
+    const uint32_t oldCapacity = capacity;
+    const uint32_t newCapacity = capacity + capacity / 3 + 16;
+    void *block = reallocarray(NULL, newCapacity, sizeof(void *) + sizeof(uint32_t));
     if (block == NULL)
         return false;
-    nodes = (tv_channel_node **)memset(block, 0, newCapacity * sizeof(*nodes));
+    nodes = (tv_channel_node **)memset(block, 0, newCapacity * sizeof(void *));
     tags = (uint32_t *)(nodes + newCapacity);
     capacity = newCapacity;
     used = 0;
@@ -161,11 +162,9 @@ tv_channel *index_handed_out(tv_channel *channel)
     return channel;
 }
 
-// Forget a list that has been changed by hand.
-static void check_ends(const tv_channel_list *head)
+void index_forget_list(const tv_channel_list *head)
 {
-    const tv_channel_list *const ends = ends_of(head);
-    if (head->next == ends->next && head->prev == ends->prev)
+    if (ends_of(head) == NULL)
         return;
     index_distrust_list(head);
     for (uint32_t place = 0; place < capacity; place++) {
@@ -173,6 +172,14 @@ static void check_ends(const tv_channel_list *head)
             erase(place);
     }
     free_if_empty();
+}
+
+// Forget a list that has been changed by hand.
+static void check_ends(const tv_channel_list *head)
+{
+    const tv_channel_list *const ends = ends_of(head);
+    if (head->next != ends->next || head->prev != ends->prev)
+        index_forget_list(head);
 }
 
 // ---- finding
@@ -226,10 +233,10 @@ static void enter(index_key key, tv_channel_node *node)
         insert(node, tag);
 }
 
-static void drop(index_key key, const tv_channel_node *node)
+static void drop(index_key key, const tv_channel_node *node, const tv_channel *channel)
 {
     uint32_t tag;
-    if (used != 0 && get_tag(key, node->channel, &tag)) {
+    if (used != 0 && get_tag(key, channel, &tag)) {
         for (uint32_t place = first_place(tag); nodes[place] != NULL; place = next_place(place)) {
             if (nodes[place] == node && tags[place] == tag)
                 return erase(place);
@@ -244,13 +251,16 @@ static void drop(index_key key, const tv_channel_node *node)
 
 void index_changing(const tv_channel_list *head, const tv_channel_node *leaving)
 {
-    if (ends_of(head) != NULL)
+    const bool indexed = ends_of(head) != NULL;
+    if (indexed)
         check_ends(head);
     if (leaving == NULL)
         return;
     for (const index_key key : keys) {
-        if (ends_of(head) == NULL || is_of(key, head)) // a node may have been moved by hand
-            drop(key, leaving);
+        if (!indexed) // a node may have been moved by hand, and its record freed
+            drop(key, leaving, NULL);
+        else if (is_of(key, head))
+            drop(key, leaving, leaving->channel);
     }
     free_if_empty();
 }
@@ -281,7 +291,7 @@ void index_renaming(const tv_channel *channel)
 {
     const tv_channel_node *node = node_of(channel);
     if (node != NULL)
-        drop(INDEX_URL, node);
+        drop(INDEX_URL, node, channel);
     else
         trusted[INDEX_URL] = false;
 }

@@ -39,7 +39,10 @@ void index_closing(const tv_channel *channel);
 // whose keys it may write at any time.
 void index_distrust_list(const tv_channel_list *head);
 
-// The same of pairs by URL, after a pair's record has been handed to the application. Returns the
+// The same, and look at none of the list's records: they may be gone.
+void index_forget_list(const tv_channel_list *head);
+
+// The same as the first of pairs by URL, after a pair's record has been handed to the application. Returns the
 // record, which may be null.
 tv_channel *index_handed_out(tv_channel *channel);
 

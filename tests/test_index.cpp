@@ -99,6 +99,18 @@ static void clean_by_hand()
     pairs->next = pairs->prev = pairs;
 }
 
+// A list of the application's own, whose records are gone when it is cleaned.
+static void own_list()
+{
+    tv_channel_list list = {&list, &list};
+    for (int i = 0; i < 2; i++) {
+        tv_channel *channel = (tv_channel *)calloc(1, sizeof(tv_channel));
+        add_channel(&list, channel);
+        free(channel);
+    }
+    clean_channel_repo(&list);
+}
+
 static void change(int what, int number)
 {
     const std::vector<tv_channel *> all = walk(&tv_repository), listed = walk(pairs);
@@ -131,6 +143,8 @@ static void change(int what, int number)
         tv_impl_close_channel(pair);
     else if (what == 87)
         clean_channel_repo(pairs);
+    else if (what == 90)
+        own_list();
     else if (what == 88)
         remove_channel(pairs, number);
     else if (what == 89 || all.size() > 15) // from the beginning

@@ -158,7 +158,9 @@ static void wait_for(int fd, short events, int *budget)
     *budget -= (int)(now_ms() - start);
 }
 
-static void floor_transfer(int fd, bool sending, char *bytes, int len, int flags, int *budget)
+// Inlined, so that the limit does not depend on how many places call it.
+[[gnu::always_inline]] static inline void floor_transfer(int fd, bool sending, char *bytes, int len,
+                                                         int flags, int *budget)
 {
     for (int moved = 0; moved < len;) {
         wait_for(fd, sending ? POLLOUT : POLLIN, budget);

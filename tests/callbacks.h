@@ -1,10 +1,21 @@
-// callbacks.h - every callback of the library but the actor, led to one function of the program.
+// callbacks.h - every callback of the library but the actor, led to one function of the program; and
+// how many descriptors it has open.
 #ifndef CALLBACKS_H
 #define CALLBACKS_H
 
 #include "tolvane.h"
 
+#include <fcntl.h>
 #include <string.h>
+
+// Those open, of the first 256.
+inline int count_descriptors()
+{
+    int count = 0;
+    for (int fd = 0; fd < 256; fd++)
+        count += fcntl(fd, F_GETFD) != -1;
+    return count;
+}
 
 // To be defined by the program: what it does in a callback, which is "resp", "timeout", "linkdown",
 // "connected", "disconnected", "fd-open" or "fd-close". The text is the payload or the URL; a reply

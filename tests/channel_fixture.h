@@ -47,14 +47,6 @@ inline int port_of(int fd)
     return ntohs(address.sin_port);
 }
 
-inline int count_descriptors()
-{
-    int count = 0;
-    for (int fd = 0; fd < 256; fd++)
-        count += fcntl(fd, F_GETFD) != -1;
-    return count;
-}
-
 inline std::string message(int number, const std::string &tag, const std::string &url,
                            const std::string &payload)
 {

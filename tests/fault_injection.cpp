@@ -7,7 +7,6 @@
 
 #include "frail_system.h"
 
-#include "callbacks.h"
 #include "ruvo_timer.h"
 
 #include <map>

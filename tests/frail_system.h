@@ -4,6 +4,7 @@
 #ifndef FRAIL_SYSTEM_H
 #define FRAIL_SYSTEM_H
 
+#include "callbacks.h"
 #include "tolvane.h"
 
 #include <errno.h>
@@ -144,13 +145,6 @@ static void run_loop(int ms)
     now = std::max(now, stopAt);
 }
 
-static int lowest_free_fd()
-{
-    const int fd = dup(idleFd);
-    __real_close(fd);
-    return fd;
-}
-
 // The log since the last call, which is to come first.
 static std::string take_log()
 {
@@ -188,13 +182,13 @@ static std::string problem(const std::function<void()> &play, const std::string 
     take_log();
     seen.clear();
     calls = failed = blocks = 0;
-    const int free = lowest_free_fd();
+    const int descriptors = count_descriptors();
     armed = true;
     play();
     armed = false;
     run_loop(4000000); // timers of closed channels, also after the leap
     const bool same = seen == undisturbed, down = seen.find("linkdown") != std::string::npos;
-    if (blocks != 0 || lowest_free_fd() != free)
+    if (blocks != 0 || count_descriptors() != descriptors)
         return "a block or a descriptor is left";
     if (failed == 0)
         return "";

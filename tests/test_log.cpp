@@ -21,12 +21,18 @@ TEST(Log, EachEntryGoesToOneSinkUntilThatIsFull)
 
     EXPECT_EQ(entry(), Growth(0, 0)); // no sink yet
     tv_set_log_file(path);
-    const time_t before = time(nullptr);
-    const long size = entry().second;
-    const time_t after = time(nullptr);
-    char date[20] = "";
-    EXPECT_EQ(pread(file, date, 19, 0), 19);
-    EXPECT_TRUE(date == std::string(ctime(&before), 19) || date == std::string(ctime(&after), 19));
+    long size = 0;
+    for (const char *const zone : {"XXX-1", "YYY+2"}) {
+        const long start = lseek(file, 0, SEEK_END);
+        const time_t before = time(nullptr);
+        setenv("TZ", zone, 1);
+        size = entry().second;
+        const time_t after = time(nullptr);
+        char date[20] = "";
+        EXPECT_EQ(pread(file, date, 19, start), 19);
+        EXPECT_TRUE(date == std::string(ctime(&before), 19) ||
+                    date == std::string(ctime(&after), 19));
+    }
 
     for (const long limit : {TV_LOG_LIMIT - 1, TV_LOG_LIMIT, TV_LOG_LIMIT + 1}) {
         EXPECT_EQ(ftruncate(file, limit) + fseek(stream, limit, SEEK_SET), 0);

@@ -39,6 +39,7 @@ TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
             socklen_t size = sizeof(noDelay);
             getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, &size);
             EXPECT_TRUE((fcntl(fd, F_GETFL) & O_NONBLOCK) && noDelay);
+            EXPECT_TRUE(fcntl(fd, F_GETFD) & fcntl(listener, F_GETFD) & FD_CLOEXEC);
         }
         close(accepted); // first: its address stays in use for a while
         close(client);

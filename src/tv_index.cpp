@@ -18,7 +18,11 @@ static tv_channel_node **nodes; // null: free
 static uint32_t *tags;          // in the same block, behind the nodes
 static uint32_t capacity, used;
 
-static const index_key keys[] = {INDEX_ID, INDEX_FD, INDEX_URL};
+// A pair comes by its descriptor first, and leaves so last: that entry tells whether there is one by
+// URL.
+static const index_key keys[] = {INDEX_ID, INDEX_FD, INDEX_URL},
+                       reverse[] = {INDEX_URL, INDEX_FD, INDEX_ID};
+static const uint32_t named = 4; // in the tag of a descriptor, beside the key's two bits
 
 // A key is trusted from the first entry of its list on: every later one is in the table then, and
 // no two have the same key.
@@ -28,7 +32,7 @@ static tv_channel_list repositoryEnds, pairEnds; // as the library left them
 
 static uint32_t tag_of_number(index_key key, int number)
 {
-    return ((uint32_t)number * 2654435769U & ~3U) | key;
+    return ((uint32_t)number * 2654435769U & ~7U) | key;
 }
 
 static uint32_t tag_of_url(const char *url)
@@ -36,7 +40,7 @@ static uint32_t tag_of_url(const char *url)
     uint32_t hash = 2166136261U; // FNV-1a
     for (; *url != '\0'; url++)
         hash = (hash ^ (unsigned char)*url) * 16777619U;
-    return (hash * 2654435769U & ~3U) | INDEX_URL;
+    return (hash * 2654435769U & ~7U) | INDEX_URL;
 }
 
 // The tag by which a channel is found. Returns false for one that is not found by the key.
@@ -191,7 +195,7 @@ static tv_channel_node *find(index_key key, uint32_t tag, int number, const char
         return NULL;
     for (uint32_t place = first_place(tag); nodes[place] != NULL; place = next_place(place)) {
         tv_channel_node *node = nodes[place];
-        if (tags[place] == tag && has_key(key, node->channel, number, url) &&
+        if ((tags[place] & ~named) == tag && has_key(key, node->channel, number, url) &&
             node->links.prev != NULL && node->links.prev->next == &node->links)
             return node;
     }
@@ -215,6 +219,19 @@ bool index_find_url(const char *url, tv_channel_node **node)
 
 // ---- keeping in step
 
+// The tag of the node's entry by the key, or null: it has none, or the key was written by hand.
+static uint32_t *tag_of_entry(index_key key, const tv_channel_node *node, const tv_channel *channel)
+{
+    uint32_t tag;
+    if (used == 0 || !get_tag(key, channel, &tag))
+        return NULL;
+    for (uint32_t place = first_place(tag); nodes[place] != NULL; place = next_place(place)) {
+        if (nodes[place] == node && (tags[place] & ~named) == tag)
+            return &tags[place];
+    }
+    return NULL;
+}
+
 static void enter(index_key key, tv_channel_node *node)
 {
     uint32_t tag;
@@ -231,19 +248,23 @@ static void enter(index_key key, tv_channel_node *node)
         trusted[key] = false;
     else
         insert(node, tag);
+    uint32_t *byFd = key == INDEX_URL ? tag_of_entry(INDEX_FD, node, node->channel) : NULL;
+    if (byFd != NULL)
+        *byFd |= named;
 }
 
+// The record may be gone: null, then.
 static void drop(index_key key, const tv_channel_node *node, const tv_channel *channel)
 {
-    uint32_t tag;
-    if (used != 0 && get_tag(key, channel, &tag)) {
-        for (uint32_t place = first_place(tag); nodes[place] != NULL; place = next_place(place)) {
-            if (nodes[place] == node && tags[place] == tag)
-                return erase(place);
-        }
-    }
-    // It is not listed by this key, or the key was written by hand meanwhile.
-    for (uint32_t place = 0; place < capacity; place++) {
+    uint32_t *byFd = key == INDEX_URL ? tag_of_entry(INDEX_FD, node, channel) : NULL;
+    if (byFd != NULL && (*byFd & named) == 0)
+        return;
+    if (byFd != NULL)
+        *byFd &= ~named;
+    const uint32_t *entry = tag_of_entry(key, node, channel);
+    if (entry != NULL)
+        return erase((uint32_t)(entry - tags));
+    for (uint32_t place = 0; place < capacity; place++) { // the key was written by hand
         if (nodes[place] == node && (tags[place] & 3) == key)
             return erase(place);
     }
@@ -256,7 +277,7 @@ void index_changing(const tv_channel_list *head, const tv_channel_node *leaving)
         check_ends(head);
     if (leaving == NULL)
         return;
-    for (const index_key key : keys) {
+    for (const index_key key : reverse) {
         if (!indexed) // a node may have been moved by hand, and its record freed
             drop(key, leaving, NULL);
         else if (is_of(key, head))

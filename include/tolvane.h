@@ -22,13 +22,19 @@
  *            returns, unless its type says otherwise.
  * Threads    none are started and nothing is locked. One thread makes every call, and every
  *            callback runs on it, inside such a call or inside the event loop.
- * Blocking   a connect, a send or a receive waits for at most the channel's connect time-out or
- *            poll time-out. Both are unlimited until set: set them (section 2).
+ * Blocking   a connect, a send or a receive takes at most the channel's connect time-out or
+ *            poll time-out, also if the peer sends without a pause. Until they are set, a
+ *            connect takes as long as the system tries, about two minutes, and a transfer up
+ *            to 24.8 days: set them (section 2).
  * Closing    where a callback type forbids closing its own channel, do it later, for example
  *            from a timer. Closing there all the same is safe for memory: the channel is gone
  *            at once, and the operation that called back stops when the callback returns.
  * Callbacks  return normally: no C++ exception and no longjmp() may leave one.
- * Signals    none are raised: a peer that vanished is a failed send, never SIGPIPE.
+ * Signals    none are raised: a peer that vanished is a failed send, never SIGPIPE. A log
+ *            stream of the application's is another matter: a pipe that nobody reads.
+ * Children   all descriptors are close-on-exec. After fork() one of the two processes only may
+ *            go on using them: they share the connections and the listening port, and of two
+ *            that accept one hangs.
  */
 #ifndef TOLVANE_H
 #define TOLVANE_H
@@ -102,8 +108,9 @@ enum { TV_HEARTBEAT_ON = 0, TV_HEARTBEAT_OFF = 2 };
  *
  * While a deferred reply is owed, up to TV_RQST_QUEUE_SIZE further requests wait their turn. An
  * actor that runs its channel's descriptor handler, or a loop, before it returns gives up a
- * request that was deferred there: its payload is gone, and it gets no reply. Must not close its
- * own channel. */
+ * request that was deferred there, if it then replies or defers its own: the other's payload is
+ * gone, and it gets no reply. If it returns without a reply, the other one stays owed. Must not
+ * close its own channel. */
 typedef int (*tv_actor)(int channelId, const char *payload, int payloadLen, char **respPayload,
                         int *respLen);
 
@@ -113,19 +120,24 @@ typedef void (*tv_resp_handler)(int channelId, const char *payload, int payloadL
 
 /* Tells that a request's time-out passed: at most once a request, and not after its reply.
  * The request still counts as outstanding until the handler returns: a request sent from here on
- * the same channel is refused. Must not close its own channel. */
+ * the same channel is refused. Only a handler that runs the channel's own descriptor handler, or a
+ * loop, may find the reply after all: the response handler runs then, too, and the next request
+ * is not refused any more. Must not close its own channel. */
 typedef void (*tv_timeout_handler)(int channelId);
 
-/* Tells that the link is down: after every failed send or receive on a connection, and once when
- * the heartbeat gives up. url is the channel's own field. The channel stays open until it is
- * closed, here or later; its descriptor may stay readable, so unregister it from the loop at the
- * latest here. May close its channel, except when a reply fails while queued requests are being
- * served; as that cannot be told from here, the library copes with both. */
+/* Tells that the link is down: after every failed send or receive on a connection, after an empty
+ * frame, and once when the heartbeat gives up. It does not run inside itself: what it sends on
+ * the channel just fails. Without a connection, and on the listening channel, it is not called.
+ * url is the channel's own field. The channel stays open until it is closed, here or later; its
+ * descriptor may stay readable, so unregister it from the loop at the latest here. May close its
+ * channel, except when a reply fails while queued requests are being served; as that cannot be
+ * told from here, the library copes with both. */
 typedef void (*tv_linkdown_cb)(int channelId, const char *url);
 
-/* Tells the server that a client has logged in on pair channelId. An older pair with the same
- * URL is closed by then; tv_get_client_channel finds the new one once the callback has returned.
- * Must not close the pair. */
+/* Tells the server that a client has logged in on pair channelId. An older pair with the same URL
+ * is closed by then, unless the URL is longer than 63 characters or the application has taken
+ * that pair out of the repository; tv_get_client_channel finds the new one once the callback has
+ * returned. Must not close the pair. */
 typedef void (*tv_connected_cb)(int channelId, const char *url);
 
 /* Tells the server that a client is gone. After a logout the pair is closed already and the id
@@ -144,7 +156,8 @@ typedef int (*tv_fd_handler)(int fd, intptr_t arg1, intptr_t arg2);
 
 /* Addresses of a new client channel. */
 typedef struct tv_client_addr {
-    char serverIp[TV_IP_SIZE]; /* dotted IPv4 text of the server */
+    char serverIp[TV_IP_SIZE]; /* dotted IPv4 text of the server; any other, a host name too, means
+                                  0.0.0.0: this machine */
     char clientIp[TV_IP_SIZE]; /* names this client in its URL; need not be its real address */
     uint16_t serverPort;
     uint16_t clientPort; /* names this client in its URL */
@@ -232,8 +245,10 @@ extern tv_server tv_service_server;
 
 /* ---- 2  Channels by id ---------------------------------------------------------------------
  *
- * Every operation here first finds its channel by id. When there is none it logs
- * "could not get channel with id[%d] in %s" and returns -1, null, or nothing. */
+ * Every operation here that takes an id first finds its channel. When there is none it logs
+ * "could not get channel with id[%d] in %s", with its own name, and returns -1, null, or nothing.
+ * get_channel_type returns TV_CHANNEL_NONE and tv_channel_fd_handler 0; what get_channel_type and
+ * tv_set_poll_timeout log is a miss of tv_get_channel. */
 
 /* Return the next channel id: 0, 1, 2 and so on through all 32-bit numbers but -1. Uses it up.
  * An id comes round again after all the others. */
@@ -247,7 +262,8 @@ tv_channel *tv_get_channel(int channelId);
 int get_channel_type(int channelId);
 
 /* List a record in the repository, so that its id finds it. The record stays its owner's until
- * tv_close_channel releases it with free(). Returns the new node, which belongs to the
+ * tv_close_channel releases it with free(), and takes it out however often it is listed. Returns
+ * the new node, which belongs to the
  * repository, or null without memory. The library lists the channels it creates itself. */
 tv_channel_node *tv_add_channel(tv_channel *channel);
 
@@ -297,22 +313,24 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  * Returns 0 when the request is sent, or -1: no such channel, a request still awaits its reply,
  * the message does not fit, not connected, or the send failed (then, and only then, the link-down
  * callback has run). After 0 with a positive timeout exactly one of the response handler and the
- * time-out handler runs, unless the channel is closed first or the timer could not be started
- * (logged: only a reply ends the wait then). Blocks for at most the channel's poll time-out.
+ * time-out handler runs, unless the channel is closed first, the timer could not be started
+ * (logged: only a reply ends the wait then), or the time-out handler itself receives on the
+ * channel (both may run then). Blocks for at most the channel's poll time-out.
  *
  * A message whose send failed has used up its number, and the peer refuses what follows on that
  * connection: give the connection up.
  *
- * While the channel awaits a reply, the peer's requests wait in its queue: two requests that cross
- * wait for each other until one of them times out.
+ * While the channel awaits a reply, the peer's requests wait in its queue, until the reply, the
+ * time-out, or a tv_send_resp that answers the one before them: two requests that cross wait for
+ * each other until one of them times out.
  *
  * A payload must not contain "velun_tolvane_" before its first 0x00: the receiver searches the
  * whole text for the type of the message, and a payload could change it.
  *
- * A reply that comes while no request awaits one is discarded: one that is too late, or one to a
- * request without a time-out. Replies carry no number of their request: one that is late while a
- * newer request waits is taken for that one's. Where this matters, put a mark of your own into
- * the payload, and have it returned. */
+ * A reply that comes while no request awaits one is discarded. Replies carry no number of their
+ * request: one that is too late, or one to a request without a time-out, is taken for the reply
+ * to a newer request if that one waits when it comes. Where this matters, put a mark of your own
+ * into the payload, and have it returned; and do not answer what needs no answer. */
 int tv_send_rqst(int channelId, const char *payload, int len, int timeout);
 
 /* Answer the request for which an actor returned TV_ACTOR_DEFERRED, then serve the requests that
@@ -354,8 +372,8 @@ int tv_create_client_channel(const tv_client_addr *addr);
  *
  * The channel goes on numbering where it was, in both directions, while the server numbers each
  * connection from 0. A channel that had accepted a message numbered 1 or more therefore refuses
- * the server's messages on the next connection: to reconnect, close the channel and create a
- * new one with the same addresses. */
+ * the server's messages on the next connection up to that number: to reconnect, close the channel
+ * and create a new one with the same addresses. */
 int tv_connect_server(int channelId);
 
 /* Send the logout message. The server closes its end when it reads it; the channel stays open
@@ -441,10 +459,11 @@ int tv_register_client_fd_close_callback(tv_client_fd_cb callback);
  * whatever it receives. Returns 0, also while no server runs (nothing happens then). */
 int tv_service_enable_heartbeat(int interval, int count, tv_linkdown_cb linkdownCallback);
 
-/* Send one request to every pair, in order of acceptance, without awaiting replies: a reply to it
- * is discarded. A pair that still awaits the reply to an earlier request is passed over; a pair
- * whose send fails has its link-down callback called, which may close any pair. Returns 0,
- * whatever came of the single sends. Blocks for at most the sum of the pairs' poll time-outs. */
+/* Send one request to every pair, in order of acceptance, without awaiting replies: a client
+ * should not answer it, see the last paragraph of tv_send_rqst. A pair that still awaits the
+ * reply to an earlier request is passed over; a pair whose send fails has its link-down callback
+ * called, which may close any pair. Returns 0, whatever came of the single sends. Blocks for at
+ * most the sum of the pairs' poll time-outs. */
 int tv_broadcast_rqst_to_client(const void *data, int length);
 
 /* Write the pairs' descriptors to fds, at most maxsize of them, in order of acceptance, and
@@ -589,8 +608,9 @@ int handle_client_polling_fd(tv_channel *channel);
 
 /* ---- 9  Channel lists ----------------------------------------------------------------------
  *
- * Circular lists in order of insertion, searched from the oldest entry on. Searches are linear:
- * lists are short. A head whose links are null is no list; searching it is logged. */
+ * Circular lists in order of insertion, searched from the oldest entry on: step by step, but for
+ * the library's own two, which are indexed. A head whose links are null is no list; searching it
+ * is logged. */
 
 /* Append a record. Returns the new node, which belongs to the list, or null without memory (the
  * list is unchanged then). A record that is listed already gets a second node. */
@@ -659,7 +679,8 @@ int tv_impl_send_resp(tv_channel *channel, const char *msg, int len);
 
 /* Receive one message within a time-out, or the channel's poll time-out; 0 or less: no limit.
  * Return the message, to be released with tv_impl_free_msg, and its length in *len, or null. A
- * failed receive and an empty message (returned with length 0) call the link-down callback, which
+ * failed receive and an empty message (returned with length 0) call the link-down callback, but
+ * without a descriptor, or on the listening channel, nothing does. The callback
  * may have closed the channel: touch the record only after a message with bytes. */
 char *tv_impl_recv_with_timeout(tv_channel *channel, int *len, int timeoutMs);
 char *tv_impl_recv(tv_channel *channel, int *len);
@@ -678,13 +699,15 @@ int tv_impl_set_retransmit_interval(int interval);
  * A frame is 36 bytes of header, with the watermark and the body's length, and the body. A frame
  * that fails part-way leaves the stream out of step: give the connection up. */
 
-/* Send one frame within timeoutMs; 0 or less: fails at once. Returns len, or -1. */
+/* Send one frame within timeoutMs; 0 or less: fails at once. Returns len, or -1. The time is kept
+ * on a non-blocking descriptor only. */
 int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs);
 
 /* Receive one frame within timeoutMs; 0 or less, and the second one: no limit, and on a
- * non-blocking descriptor no waiting between two tries. Return the body in a block from malloc(),
- * followed by one 0x00 that is not counted, and its length in *len; or null (*len means nothing
- * then). Memory is used up as the bytes arrive, not as the length announces them. */
+ * non-blocking descriptor no waiting between two tries; on a blocking one no time is kept. Return
+ * the body in a block from malloc(), followed by one 0x00 that is not counted, and its length in
+ * *len; or null (*len means nothing then). Memory is used up as the bytes arrive, not as the
+ * length announces them. */
 char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs);
 char *tcp_impl_receive(int fd, int *len);
 

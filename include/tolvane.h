@@ -11,7 +11,8 @@
  * CONVENTIONS, true of every entry below unless it says otherwise
  *
  * Results    0 is success and -1 failure, or a length, an id or a descriptor, or -1. A record
- *            that is not found is a null pointer. errno carries no meaning. Most failures are
+ *            that is not found is a null pointer. errno is no result: what a failed system
+ *            call left in it is good for a message to a reader, and no more. Most failures are
  *            logged, once, where they are detected (section 6). A failed operation changes
  *            nothing but what its entry names.
  * Time       milliseconds, measured on the monotonic clock: a changed wall clock moves nothing.

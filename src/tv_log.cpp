@@ -8,6 +8,7 @@
 
 #include "tv_log.h"
 
+#include <errno.h>
 #include <stdarg.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -42,6 +43,7 @@ static void append_to_file(const char *module, const char *function, int line, c
 
 void tv_log_write(const char *module, const char *function, int line, const char *format, ...)
 {
+    const int error = errno; // the caller's own, or its application's
     va_list args;
     va_start(args, format);
     if (fp_log == NULL)
@@ -49,4 +51,5 @@ void tv_log_write(const char *module, const char *function, int line, const char
     else if (ftell(fp_log) < TV_LOG_LIMIT)
         write_entry(fp_log, module, function, line, format, args);
     va_end(args);
+    errno = error;
 }

@@ -48,7 +48,7 @@ static void on_linkdown(int id, const char *)
     if (replaced)
         fail("replaced by a newer login under this name, ending");
     if (!retrying)
-        tell("no link to the server, trying again every %d ms", retryInterval);
+        tell("no link to the server, trying again every %d ms (%s)", retryInterval, why().c_str());
     retrying = true;
     if (ruvo_start_timer(retryInterval, connect_now, 0, 0) == -1)
         fail("could not start a timer");
@@ -69,7 +69,10 @@ static void on_timeout(int)
 // Serves the server's requests. Must not close the channel.
 static int on_rqst(int, const char *payload, int len, char **respPayload, int *respLen)
 {
-    const auto [verb, text] = split_word(std::string(payload, len));
+    const std::string_view rqst(payload, len);
+    if (rqst.size() > maxReply) // not even copied
+        return reply_at_once(rqst, respPayload, respLen);
+    const auto [verb, text] = split_word(std::string(rqst));
     if (verb == "ask") {
         tell("the server asks: %s", text.c_str());
         return reply_at_once(speaker + " is well", respPayload, respLen);
@@ -156,9 +159,9 @@ int main(int argc, char **argv)
     set_log_option(argc, argv);
     if (argc - optind < 4)
         fail("arguments: [-l LOGFILE] SERVER_ADDRESS SERVER_PORT OWN_ADDRESS OWN_PORT [LABEL]");
-    snprintf(address.serverIp, sizeof(address.serverIp), "%s", argv[optind]);
+    copy_name(address.serverIp, to_address(argv[optind]));
     address.serverPort = static_cast<uint16_t>(to_port(argv[optind + 1]));
-    snprintf(address.clientIp, sizeof(address.clientIp), "%s", argv[optind + 2]);
+    copy_name(address.clientIp, argv[optind + 2]);
     address.clientPort = static_cast<uint16_t>(to_port(argv[optind + 3]));
     speaker = argv[argc - optind > 4 ? optind + 4 : optind + 2];
 

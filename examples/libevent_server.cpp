@@ -54,7 +54,7 @@ static void on_linkdown(int id, const char *)
 
 static int on_rqst(int, const char *payload, int len, char **respPayload, int *respLen)
 {
-    return reply_at_once(std::string(payload, len), respPayload, respLen);
+    return reply_at_once({payload, static_cast<size_t>(len)}, respPayload, respLen);
 }
 
 static void on_timer(int, short, void *)
@@ -68,9 +68,10 @@ int main(int argc, char **argv)
     speaker = "server";
     if (argc != 3)
         fail("arguments: ADDRESS PORT");
-    const int server = tv_start_server(argv[1], to_port(argv[2]));
+    keep_log();
+    const int server = tv_start_server(to_address(argv[1]), to_port(argv[2]));
     if (server == -1)
-        fail("cannot listen on that address and port");
+        fail("cannot listen: %s (%s)", strerror(errno), why().c_str());
     if (tv_register_actor(server, on_rqst) != 0 || tv_set_poll_timeout(server, ioTimeout) != 0)
         fail("could not set the server up");
     tv_register_client_fd_open_callback(on_open);

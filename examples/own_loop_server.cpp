@@ -58,14 +58,14 @@ static void on_linkdown(int id, const char *)
 
 static int on_rqst(int, const char *payload, int len, char **respPayload, int *respLen)
 {
-    return reply_at_once(std::string(payload, len), respPayload, respLen);
+    return reply_at_once({payload, static_cast<size_t>(len)}, respPayload, respLen);
 }
 
 static void start(const char *ip, int port)
 {
     const int server = tv_start_server(ip, port);
     if (server == -1)
-        fail("cannot listen on that address and port");
+        fail("cannot listen on %s port %d: %s (%s)", ip, port, strerror(errno), why().c_str());
     if (tv_register_actor(server, on_rqst) != 0 || tv_set_poll_timeout(server, ioTimeout) != 0)
         fail("could not set the server up");
     tv_register_client_fd_open_callback(watch);
@@ -88,7 +88,8 @@ int main(int argc, char **argv)
     descriptors.rlim_cur = descriptors.rlim_max; // one for each client
     setrlimit(RLIMIT_NOFILE, &descriptors);
     epollFd = epoll_create1(EPOLL_CLOEXEC);
-    start(argv[1], to_port(argv[2]));
+    keep_log();
+    start(to_address(argv[1]), to_port(argv[2]));
 
     for (;;) {
         epoll_event events[64];

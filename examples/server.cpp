@@ -10,7 +10,7 @@
 //
 // At the end of its input it goes on serving, so it can run with </dev/null.
 
-#include "common.h"
+#include "places.h"
 #include "ruvo_timer.h"
 #include "tolvane.h"
 
@@ -23,45 +23,12 @@ static const int hbInterval = 1000; // a client silent for (hbCount + 1) * hbInt
 static const int hbCount = 2;       // is taken for lost
 static const int laterDelay = 400;  // before the reply to "later"
 static const int loseDelay = 1500;  // before the reply to "lose": longer than the client waits
-static const int maxText = TV_MSG_BUF_SIZE - 256; // of a reply: leaves room for any header
-
-static int listenFd = -1;
-static bool listening; // listenFd has a place in the event loop
 
 // A pair has no URL before its client has logged in.
 static const char *name_of(int id)
 {
     const tv_channel *pair = tv_get_channel(id);
     return pair != nullptr && pair->url[0] != '\0' ? pair->url : "an unknown client";
-}
-
-// ---- the places in the event loop
-
-// Take new clients while there is a place for the listening descriptor.
-static void listen_again()
-{
-    if (listenFd != -1 && !listening)
-        listening = tv_register_polling_fd(listenFd, tv_server_fd_handler, 0, 0) == 0;
-}
-
-// A client has connected. When the loop is full it gets the place of the listening descriptor:
-// further clients wait in the system's queue until one leaves. If the descriptor stayed
-// registered, the loop would accept clients that nobody could ever serve.
-static void on_fd_open(int fd)
-{
-    if (tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0) == 0)
-        return;
-    tv_unregister_polling_fd(listenFd);
-    listening = false;
-    if (tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0) != 0)
-        fail("no place in the event loop"); // cannot happen: one was given up just now
-    tell("full, further clients have to wait");
-}
-
-static void on_fd_close(int fd)
-{
-    tv_unregister_polling_fd(fd);
-    listen_again();
 }
 
 // ---- clients come and go
@@ -118,8 +85,13 @@ static int answer_after(int delay, int id, const std::string &reply)
 // Serves every request of a client. Must not close its pair.
 static int on_rqst(int id, const char *payload, int len, char **respPayload, int *respLen)
 {
-    const auto [verb, text] = split_word(std::string(payload, len));
-    std::string reply = text.substr(0, maxText);
+    const std::string_view rqst(payload, len);
+    if (rqst.size() > maxReply) { // not even copied
+        tell("%s requests too much: %d B", name_of(id), len);
+        return reply_at_once(rqst, respPayload, respLen);
+    }
+    const auto [verb, text] = split_word(std::string(rqst));
+    std::string reply = text;
     for (char &letter : reply)
         letter = static_cast<char>(toupper(static_cast<unsigned char>(letter)));
 
@@ -169,9 +141,7 @@ static void tell_all(const std::string &text)
 
 __attribute__((noreturn)) static void stop()
 {
-    if (listening)
-        tv_unregister_polling_fd(listenFd);
-    listenFd = -1; // or on_fd_close would register it again
+    stop_listening();
     tv_stop_server();
     tell("stopped");
     exit(EXIT_SUCCESS); // tv_main_loop has no other end
@@ -205,16 +175,12 @@ static void start(const char *ip, int port)
 {
     const int server = tv_start_service_server(ip, port, on_reply, on_timeout, on_connected);
     if (server == -1)
-        fail("cannot listen on that address and port");
+        fail("cannot listen on %s port %d: %s (%s)", ip, port, strerror(errno), why().c_str());
     if (tv_register_actor(server, on_rqst) != 0 || tv_set_poll_timeout(server, ioTimeout) != 0)
         fail("could not set the server up");
     tv_register_disconnected_callback(server, on_disconnected);
-    tv_register_client_fd_open_callback(on_fd_open);
-    tv_register_client_fd_close_callback(on_fd_close);
     tv_service_enable_heartbeat(hbInterval, hbCount, on_linkdown);
-    listenFd = tv_get_server_polling_fd();
-    listen_again();
-    tell("listening on port %d", port_of(listenFd));
+    start_listening();
 }
 
 int main(int argc, char **argv)
@@ -226,7 +192,7 @@ int main(int argc, char **argv)
         fail("arguments: [-l LOGFILE] ADDRESS PORT");
     if (tv_register_polling_fd(STDIN_FILENO, on_terminal, 0, 0) != 0)
         fail("the event loop is full");
-    start(argv[optind], to_port(argv[optind + 1]));
+    start(to_address(argv[optind]), to_port(argv[optind + 1]));
     tv_main_loop();
     return EXIT_FAILURE; // only when poll() fails
 }

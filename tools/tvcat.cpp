@@ -6,13 +6,15 @@
 //
 // tvcat.1 is its manual. It lives with the 16 places of the library's loop.
 
-#include "../examples/common.h"
+#include "../examples/places.h"
 #include "tolvane.h"
 
+#include <getopt.h>
 #include <queue>
 
-static const char *const usage = "arguments: [-t MILLISECONDS] ADDRESS PORT [NAME]\n"
-                                 "       or: -l [-a ANSWER] ADDRESS PORT";
+static const char *const usage = "tvcat [-t MILLISECONDS] ADDRESS PORT [NAME]\n"
+                                 "tvcat -l [-a ANSWER] ADDRESS PORT\n"
+                                 "tvcat --help, tvcat --version";
 static const int ioTimeout = 5000; // of a connect, and of one message on the wire
 static const int hbInterval = 1000;
 static const int hbCount = 4;
@@ -22,18 +24,6 @@ static void print_line(const char *payload, int len)
     if (len > 0)
         fwrite(payload, 1, len, stdout);
     putchar('\n');
-}
-
-__attribute__((noreturn)) static void stop(const char *text)
-{
-    fprintf(stderr, "tvcat: %s\n", text);
-    exit(EXIT_FAILURE);
-}
-
-static void watch(int fd, tv_fd_handler handler, int arg1)
-{
-    if (tv_register_polling_fd(fd, handler, arg1, 0) != 0)
-        stop("more clients than there are places in the loop");
 }
 
 // ---- client
@@ -53,13 +43,13 @@ static void send_next()
         exit(EXIT_SUCCESS);
     }
     if (lines.empty()) {
-        watch(STDIN_FILENO, on_input, 0);
+        tv_register_polling_fd(STDIN_FILENO, on_input, 0, 0);
         return;
     }
     const std::string line = lines.front();
     lines.pop();
     if (tv_send_rqst(client, line.data(), static_cast<int>(line.size()), rqstTimeout) != 0)
-        stop("a line is too long to be sent"); // a lost link has ended the program
+        fail("a line is too long to be sent"); // a lost link has ended the program
 }
 
 static void keep_line(const std::string &line)
@@ -84,19 +74,19 @@ static void on_reply(int, const char *payload, int len)
 // A late reply could not be told from the next request's.
 static void on_timeout(int)
 {
-    stop("no reply");
+    fail("no reply within %d ms", rqstTimeout);
 }
 
 static void on_linkdown(int, const char *)
 {
-    stop("the link is lost");
+    fail("the link is lost: %s", why().c_str());
 }
 
 static void start_client(const char *ip, int port, const char *name)
 {
     tv_client_addr address = {};
-    snprintf(address.serverIp, sizeof(address.serverIp), "%s", ip);
-    snprintf(address.clientIp, sizeof(address.clientIp), "%s", name);
+    copy_name(address.serverIp, ip);
+    copy_name(address.clientIp, name);
     address.serverPort = static_cast<uint16_t>(port);
     address.clientPort =
         static_cast<uint16_t>(getpid()); // two of one name do not replace each other
@@ -107,9 +97,9 @@ static void start_client(const char *ip, int port, const char *name)
     tv_register_timeout_handler(client, on_timeout);
     tv_client_enable_heartbeat(client, hbInterval, hbCount, on_linkdown);
     if (tv_connect_server(client) != 0)
-        stop("cannot connect");
-    watch(tv_get_polling_fd(client), tv_channel_fd_handler, client);
-    watch(STDIN_FILENO, on_input, 0);
+        fail("cannot connect to %s port %d: %s", ip, port, why().c_str());
+    tv_register_polling_fd(tv_get_polling_fd(client), tv_channel_fd_handler, client, 0);
+    tv_register_polling_fd(STDIN_FILENO, on_input, 0, 0);
 }
 
 // ---- server
@@ -119,18 +109,8 @@ static const char *answer; // null: the request itself
 static int on_rqst(int, const char *payload, int len, char **respPayload, int *respLen)
 {
     print_line(payload, len);
-    const std::string reply = answer != nullptr ? answer : std::string(payload, len);
-    return reply_at_once(reply, respPayload, respLen);
-}
-
-static void on_open(int fd)
-{
-    watch(fd, tv_pair_fd_handler, 0);
-}
-
-static void on_close(int fd)
-{
-    tv_unregister_polling_fd(fd);
+    const std::string_view echo(payload, len);
+    return reply_at_once(answer != nullptr ? answer : echo, respPayload, respLen);
 }
 
 static void on_client_lost(int id, const char *)
@@ -142,40 +122,45 @@ static void start_server(const char *ip, int port)
 {
     const int server = tv_start_server(ip, port);
     if (server == -1)
-        stop("cannot listen on that address and port");
+        fail("cannot listen on %s port %d: %s (%s)", ip, port, strerror(errno), why().c_str());
     tv_register_actor(server, on_rqst);
     tv_set_poll_timeout(server, ioTimeout);
-    tv_register_client_fd_open_callback(on_open);
-    tv_register_client_fd_close_callback(on_close);
     tv_service_enable_heartbeat(hbInterval, hbCount, on_client_lost);
-    const int listenFd = tv_get_server_polling_fd();
-    watch(listenFd, tv_server_fd_handler, 0);
-    fprintf(stderr, "tvcat: listening on port %d\n", port_of(listenFd));
+    start_listening();
 }
 
 int main(int argc, char **argv)
 {
     speaker = "tvcat";
+    voice = stderr; // the other one is for payloads
+    keep_log();
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    bool listening = false;
-    for (int option; (option = getopt(argc, argv, "la:t:")) != -1;) {
-        if (option == 'l')
-            listening = true;
-        else if (option == 'a')
+    bool server = false;
+    static const option words[] = {
+        {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'v'}, {}};
+    for (int letter; (letter = getopt_long(argc, argv, "la:t:", words, nullptr)) != -1;) {
+        if (letter == 'l')
+            server = true;
+        else if (letter == 'a')
             answer = optarg;
-        else if (option == 't')
-            rqstTimeout = atoi(optarg);
-        else
-            stop(usage);
+        else if (letter == 't' && (rqstTimeout = atoi(optarg)) < 1)
+            fail("%s: a time-out is a number of milliseconds, at least 1", optarg);
+        else if (letter == 'h' || letter == 'v')
+            return puts(letter == 'h' ? usage : "tvcat " TV_VERSION) < 0;
+        else if (letter == '?') // getopt_long() has said what is wrong
+            return EXIT_FAILURE;
     }
-    const int count = argc - optind;
-    if (count < 2 || count > (listening ? 2 : 3) || rqstTimeout < 1)
-        stop(usage);
-    char **arguments = argv + optind;
-    if (listening)
-        start_server(arguments[0], to_port(arguments[1]));
+    const int most = server ? 2 : 3;
+    if (argc - optind < 2)
+        fail("ADDRESS and PORT are wanted, see tvcat --help");
+    if (argc - optind > most)
+        fail("%s: one argument too many, see tvcat --help", argv[optind + most]);
+    const char *const ip = to_address(argv[optind]);
+    const int port = to_port(argv[optind + 1]);
+    if (server)
+        start_server(ip, port);
     else
-        start_client(arguments[0], to_port(arguments[1]), count > 2 ? arguments[2] : "tvcat");
+        start_client(ip, port, argc - optind == 3 ? argv[optind + 2] : "tvcat");
     tv_main_loop();
     return EXIT_FAILURE; // only when poll() fails
 }

@@ -1,6 +1,5 @@
 #!/bin/sh
-# Compile every piece of C in the pages given, and run the guide's first two programs against each
-# other.
+# Compile every piece of C in the pages given, and run the guide's whole programs against each other.
 #
 #   check_snippets.sh CC LIBRARY_FOLDER SOURCE_FOLDER PAGE...
 #
@@ -42,19 +41,48 @@ for piece in "$work"/*.c; do
 done
 echo "$count pieces compile"
 
-# The server wants a port. If somebody else has the one tried, it ends, and the client gets no reply
-# or not this one: try another.
-reply=
+server=
 port=$((10000 + $$ % 10000))
-for try in 1 2 3 4 5; do
-    timeout 60 "$work/server" "$port" >/dev/null &
-    server=$!
-    for wait in 1 2 3 4 5 6 7 8 9 10; do
-        reply=$(timeout 5 "$work/client" "$port" hello 2>&1) && [ "$reply" = HELLO ] && break 2
-        sleep 0.1
+
+# converse PATTERN SERVER_COMMAND CLIENT_COMMAND: both with the port behind the program's name. If
+# somebody else has the one tried, the server ends, and the client gets no reply or not this one:
+# try another.
+converse() {
+    # shellcheck disable=SC2086 # words on purpose
+    for try in 1 2 3 4 5; do
+        port=$((port + 101))
+        timeout 60 "$work/${2%% *}" "$port" ${2#* } >"$work/output" 2>&1 &
+        server=$!
+        for wait in 1 2 3 4 5 6 7 8 9 10; do
+            output=$(timeout 20 "$work/${3%% *}" "$port" ${3#* } 2>&1) || true
+            # shellcheck disable=SC2254 # a pattern on purpose
+            case $output in $1) echo "${3%% *} prints: $output" && return ;; esac
+            sleep 0.1
+        done
+        kill "$server" 2>/dev/null || true
     done
-    kill "$server" 2>/dev/null || true
-    port=$((port + 101))
-done
-echo "the client prints: $reply"
-[ "$reply" = HELLO ]
+    echo "${3%% *} prints: $output"
+    return 1
+}
+
+await() { # PATTERN: a line of the epoll client's, for 20 s at most
+    timeout 20 sh -c 'until grep -q "$1" "$2"; do sleep 0.1; done' - "$1" "$work/lines"
+}
+
+converse HELLO "server _" "client hello"
+
+# A client in its own loop comes back to a server that was away.
+timeout 60 "$work/epoll_client" "$port" hello >"$work/lines" &
+client=$!
+await HELLO
+kill "$server"
+await "no link"
+timeout 60 "$work/server" "$port" &
+server=$!
+: >"$work/lines"
+await HELLO
+kill "$client" "$server"
+
+converse "100 of 100 *, 0 time-outs" "two_ways hub" "two_ways sensor"
+wait "$server"
+grep '[1-9][0-9]* of .* answered' "$work/output"

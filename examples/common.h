@@ -52,7 +52,8 @@ __attribute__((noreturn, format(printf, 1, 2))) inline void fail(const char *for
 // ---- reasons
 
 // The library's functions tell of a failure by -1, and of its reason in the log: the last entries.
-inline std::deque<std::string> entries;
+// The log is flushed at the very end, when static objects are gone.
+inline std::deque<std::string> &entries = *new std::deque<std::string>;
 
 // Keep the entries of one write(): each ends with an empty line.
 inline ssize_t keep_entries(void *, const char *text, size_t size)

@@ -38,11 +38,14 @@ consumer_by_cmake() { # <what> <option...>
 
 consumer_by_pkg_config() { # <what>: C without the C++ compiler, also for linking
     folder=$(dirname "$(find "$work/$1" -name tolvane.pc)")
-    flags=$(PKG_CONFIG_PATH=$folder pkg-config --cflags --libs tolvane)
+    cflags=$(PKG_CONFIG_PATH=$folder pkg-config --cflags tolvane)
+    libs=$(PKG_CONFIG_PATH=$folder pkg-config --libs tolvane)
     for compiler in "$cc $CFLAGS -std=c11 -x c" "$cxx $CXXFLAGS -std=c++17 -x c++"; do
         # shellcheck disable=SC2086 # words on purpose
-        $compiler -Wall -Wextra -Wpedantic -Werror "$consumer/consumer.c" -x none \
-            -o "$work/program" $flags "-Wl,-rpath,$(dirname "$folder")"
+        $compiler -Wall -Wextra -Wpedantic -Werror $cflags -c "$consumer/consumer.c" \
+            -o "$work/consumer.o"
+        # shellcheck disable=SC2086
+        ${compiler% -x *} "$work/consumer.o" -o "$work/program" $libs "-Wl,-rpath,$(dirname "$folder")"
         expect_pong "$work/program"
     done
 }

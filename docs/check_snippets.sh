@@ -83,6 +83,7 @@ server=$!
 await HELLO
 kill "$client" "$server"
 
-converse "100 of 100 *, 0 time-outs" "two_ways hub" "two_ways sensor"
+converse "* of 100 *" "two_ways hub" "two_ways sensor"
+[ "$output" = "100 of 100 values confirmed, 0 time-outs" ] # at the first run that got through
 wait "$server"
 grep '[1-9][0-9]* of .* answered' "$work/output"

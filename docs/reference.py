@@ -257,7 +257,7 @@ class ManWriter:
         if name == "tolvane":
             lines += [".SH EXAMPLES"]
             for program, title in self.programs:
-                lines += [".SS " + title.capitalize()] + roff_code(program.rstrip().split("\n"))
+                lines += [".SS " + title.replace("_", " ").capitalize()] + roff_code(program.rstrip().split("\n"))
         others = [other.file.split(".")[0] for other in self.headers if other is not header]
         lines += [".SH SEE ALSO", ",\n".join("\\fB%s\\fP(7)" % other for other in others)]
         self.write(name, 7, lines)

@@ -50,8 +50,8 @@ void release_channel(tv_channel *channel);
 // was called. The caller does not touch the record again.
 bool report_linkdown(tv_channel *channel);
 
-// Walks nest like guards. next_channel returns null at the end, also when it
-// meets a null link: a head with null links is walked like an empty list.
+// Walks nest like guards. next_channel returns null at the end, also when it meets a null link: a
+// head with null links is walked like an empty list.
 void begin_walk(list_walk *walk, tv_channel_list *head);
 tv_channel *next_channel(list_walk *walk);
 void end_walk(list_walk *walk);
@@ -59,8 +59,9 @@ void end_walk(list_walk *walk);
 // Before an entry is removed: the walks that would visit it next go on with the one behind it.
 void step_walks_over(const tv_channel_list *entry);
 
-// tv_loop.cpp: a frame is about to be received on the descriptor. Unless that is what the loop has
-// called a handler for, the loop asks anew for what is ready before it calls the next one.
-void frame_expected(int fd);
+// tv_loop.cpp: a frame is about to be received on the descriptor, or a connection accepted. Unless
+// that is all that the loop has called a handler for, it asks anew for what is ready before it calls
+// the next one.
+void input_expected(int fd);
 
 #endif

@@ -26,10 +26,10 @@ static int fdHandlerCount;
 static fd_handler_slot fdHandlerTable[TV_MAX_POLLING_FDS];
 
 // Cleared before every poll(): whether what it reported may be out of date by now, since a reported
-// number may have got to another descriptor, or its bytes have been received already.
+// number may have got to another descriptor, or what was there has been taken already.
 static bool changedSincePoll;
 
-// The descriptor whose handler runs, until it has received a frame there; else -1.
+// The descriptor whose handler runs, until it has taken a frame or a connection there; else -1.
 static int servedFd = -1;
 
 // The timer library's two functions that the loop calls, by their own names: a site's library may
@@ -59,6 +59,14 @@ static fd_handler_slot *find_slot(int fd)
             return &slot;
     }
     return NULL;
+}
+
+static bool has_two_slots(int fd)
+{
+    int count = 0;
+    for (const fd_handler_slot &slot : fdHandlerTable)
+        count += slot.fd == fd;
+    return count > 1;
 }
 
 int reserve_fd_index(void)
@@ -123,15 +131,15 @@ int build_polling_fd_list(struct pollfd *list, int size)
     return count;
 }
 
-void frame_expected(int fd)
+void input_expected(int fd)
 {
-    if (fd != servedFd)
+    if (fd != servedFd || has_two_slots(fd)) // with two it has been reported twice
         changedSincePoll = true;
     servedFd = -1;
 }
 
 // An earlier handler of this pass may have closed the descriptor that was reported, and another
-// one may have got its number; or it has received there what was reported. A handler must not run
+// one may have got its number; or it has taken there what was reported. A handler must not run
 // and block for data that is not there.
 static bool is_still_ready(int fd)
 {

@@ -226,6 +226,7 @@ int tv_server_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
 {
     (void)arg1;
     (void)arg2;
+    input_expected(fd);
     const int pairFd = tcp_impl_accept_socket(fd);
     if (pairFd < 0) {
         TV_LOG("%s, failed on accept", __func__);

@@ -4,6 +4,8 @@
 #include "log_capture.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <functional>
 #include <map>
 #include <sys/eventfd.h>
@@ -151,7 +153,13 @@ TEST_F(Loop, AHandlersChangesCountInTheSamePassIfWhatItRegistersIsReady)
     }
 }
 
-TEST_F(Loop, WhatAHandlerReceivesElsewhereIsNotServedAgain)
+// Each is sent to a descriptor by the second function, and taken from it by the third.
+struct Source {
+    int fd;
+    std::function<void()> give, take;
+};
+
+TEST_F(Loop, WhatAHandlerHasTakenIsNotServedAgain)
 {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
@@ -159,19 +167,48 @@ TEST_F(Loop, WhatAHandlerReceivesElsewhereIsNotServedAgain)
     static tv_socket socket = {ends[0]};
     init_channel(&channel, -2);
     channel.pairSocket = &socket;
-    for (const int frames : {1, 2}) { // the second one is served in the same pass
-        for (int i = 0; i < frames; i++)
-            tcp_impl_send_with_timeout(ends[1], "frame", 5, 1000);
-        actions[watch(1)] = [&] {
-            int len;
-            free(tv_impl_recv_with_timeout(&channel, &len, 1000));
-        };
-        watch(2, ends[0]);
-        EXPECT_EQ(pass(), frames == 1 ? Served{1} : (Served{1, 2}));
-        for (const int fd : listed())
-            tv_unregister_polling_fd(fd);
+
+    const int listening = impl_create_server_socket("127.0.0.1", 0);
+    fcntl(listening, F_SETFL, O_NONBLOCK);
+    struct sockaddr_in address = {};
+    socklen_t size = sizeof(address);
+    getsockname(listening, (struct sockaddr *)&address, &size);
+
+    const Source frames = {ends[0],
+                           [&] { tcp_impl_send_with_timeout(ends[1], "frame", 5, 1000); },
+                           [] {
+                               int len;
+                               free(tv_impl_recv_with_timeout(&channel, &len, 1000));
+                           }};
+    const Source connections = {
+        listening,
+        [&] {
+            const int fd = impl_create_client_socket("127.0.0.1", ntohs(address.sin_port), 1000);
+            EXPECT_GE(fd, 0);
+            close(fd);
+        },
+        [=] { tv_server_fd_handler(listening, 0, 0); }};
+
+    for (const Source &source : {frames, connections}) {
+        for (const bool elsewhere : {false, true}) { // or by a handler registered twice
+            for (const int given : {1, 2}) {         // the second one is served in the same pass
+                for (int i = 0; i < given; i++)
+                    source.give();
+                const int first = elsewhere ? watch(1) : watch(1, source.fd);
+                actions[first] = source.take;
+                watch(elsewhere ? 2 : 1, source.fd);
+                const Served both = elsewhere ? Served{1, 2} : Served{1, 1};
+                EXPECT_EQ(pass(), given == 1 ? Served{1} : both);
+                for (const int fd : listed())
+                    tv_unregister_polling_fd(fd);
+                if (elsewhere)
+                    close(first);
+                actions.clear();
+            }
+        }
     }
-    close(ends[1]);
+    for (const int fd : {ends[0], ends[1], listening})
+        close(fd);
 }
 
 TEST_F(Loop, FiresTimersBeforeItServes)

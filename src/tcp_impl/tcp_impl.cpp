@@ -69,7 +69,7 @@ char *tv_impl_recv_with_timeout(tv_channel *channel, int *len, int timeoutMs)
         *len = 0;
         return NULL;
     }
-    frame_expected(fd);
+    input_expected(fd);
     char *msg = tcp_impl_receive_with_timeout(fd, len, timeoutMs);
     if (msg == NULL || *len == 0)
         report_linkdown(channel);

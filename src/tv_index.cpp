@@ -68,7 +68,7 @@ static bool has_key(index_key key, const tv_channel *channel, int number, const 
 
 static uint32_t first_place(uint32_t tag)
 {
-    return (uint32_t)((uint64_t)tag * capacity >> 32);
+    return (uint32_t)((uint64_t)(tag & ~named) * capacity >> 32);
 }
 
 static uint32_t next_place(uint32_t place)
@@ -238,16 +238,13 @@ static void enter(index_key key, tv_channel_node *node)
     if (!trusted[key] || !get_tag(key, node->channel, &tag))
         return;
     const int number = key == INDEX_FD ? node->channel->pairSocket->fd : node->channel->channelId;
-    if (find(key, tag, number, node->channel->url) != NULL) {
-        // The older one is found, and when it has left, this one is searched. Which one is older
-        // is known here for new entries only.
-        trusted[key] = key != INDEX_URL;
+    // Of two with the same key a walk tells which one is older, also after one more has come.
+    const bool taken = find(key, tag, number, node->channel->url) != NULL;
+    if (taken || ((used + 1) * 5ULL > capacity * 4ULL && !grow() && used + 1 >= capacity)) {
+        trusted[key] = false;
         return;
     }
-    if ((used + 1) * 5ULL > capacity * 4ULL && !grow() && used + 1 >= capacity)
-        trusted[key] = false;
-    else
-        insert(node, tag);
+    insert(node, tag);
     uint32_t *byFd = key == INDEX_URL ? tag_of_entry(INDEX_FD, node, node->channel) : NULL;
     if (byFd != NULL)
         *byFd |= named;

@@ -42,8 +42,8 @@ void index_distrust_list(const tv_channel_list *head);
 // The same, and look at none of the list's records: they may be gone.
 void index_forget_list(const tv_channel_list *head);
 
-// The same as the first of pairs by URL, after a pair's record has been handed to the application. Returns the
-// record, which may be null.
+// Say nothing of pairs by URL until their list has been empty, if this is one: it is handed to the
+// application, which may write its URL. Returns the record, which may be null.
 tv_channel *index_handed_out(tv_channel *channel);
 
 // ---- tv_channel_repo.cpp: what the exported operations on lists do, for the library's own use.

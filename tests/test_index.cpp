@@ -145,6 +145,8 @@ static void change(int what, int number)
         clean_channel_repo(pairs);
     else if (what == 90)
         own_list();
+    else if (what == 91 && pair != nullptr && pair->pairSocket != nullptr && all.size() < 20)
+        create_pair_channel(pair->pairSocket->fd); // its number comes round again while it is used
     else if (what == 88)
         remove_channel(pairs, number);
     else if (what == 89 || all.size() > 15) // from the beginning

@@ -264,8 +264,8 @@ int get_channel_type(int channelId);
 
 /* List a record in the repository, so that its id finds it. The record stays its owner's until
  * tv_close_channel releases it with free(), and takes it out however often it is listed. Returns
- * the new node, which belongs to the
- * repository, or null without memory. The library lists the channels it creates itself. */
+ * the new node, which belongs to the repository, or null without memory. The library lists the
+ * channels it creates itself. */
 tv_channel_node *tv_add_channel(tv_channel *channel);
 
 /* Take the channel with the record's id out of the repository. Returns 0, or 1 when it was not

@@ -153,7 +153,7 @@ TEST_F(Loop, AHandlersChangesCountInTheSamePassIfWhatItRegistersIsReady)
     }
 }
 
-// Each is sent to a descriptor by the second function, and taken from it by the third.
+// A descriptor, what makes it ready once, and what its handler does about it.
 struct Source {
     int fd;
     std::function<void()> give, take;
@@ -174,22 +174,17 @@ TEST_F(Loop, WhatAHandlerHasTakenIsNotServedAgain)
     socklen_t size = sizeof(address);
     getsockname(listening, (struct sockaddr *)&address, &size);
 
-    const Source frames = {ends[0],
-                           [&] { tcp_impl_send_with_timeout(ends[1], "frame", 5, 1000); },
-                           [] {
-                               int len;
-                               free(tv_impl_recv_with_timeout(&channel, &len, 1000));
-                           }};
-    const Source connections = {
-        listening,
-        [&] {
-            const int fd = impl_create_client_socket("127.0.0.1", ntohs(address.sin_port), 1000);
-            EXPECT_GE(fd, 0);
-            close(fd);
-        },
-        [=] { tv_server_fd_handler(listening, 0, 0); }};
+    const auto send = [&] { tcp_impl_send_with_timeout(ends[1], "frame", 5, 1000); };
+    const auto receive = [] {
+        int len;
+        free(tv_impl_recv_with_timeout(&channel, &len, 1000));
+    };
+    const auto connect = [&] {
+        close(impl_create_client_socket("127.0.0.1", ntohs(address.sin_port), 1000));
+    };
+    const auto accept = [=] { tv_server_fd_handler(listening, 0, 0); };
 
-    for (const Source &source : {frames, connections}) {
+    for (const Source &source : {Source{ends[0], send, receive}, {listening, connect, accept}}) {
         for (const bool elsewhere : {false, true}) { // or by a handler registered twice
             for (const int given : {1, 2}) {         // the second one is served in the same pass
                 for (int i = 0; i < given; i++)

@@ -25,7 +25,7 @@ static const std::vector<fault> faults = {
     {" listen ", {EADDRINUSE}, SEEN, "impl_create_server_socket, failed on listen"},
     {" accept4 ", {EINTR, ECONNABORTED}, SAME_IF_ONCE, "tv_server_fd_handler, failed on accept"},
     {" connect ", {ECONNREFUSED}, SEEN, "create client or connect server fail"},
-    {" connect ", {EINTR}, EITHER, ""},
+    {" connect ", {EINTR, EALREADY}, SAME, ""},
     {" fcntl ", {EBADF}, SAME, "_set_fd_nonblock,fail to"},
     {" poll ", {EINTR}, SAME_IF_ONCE, ""},
     {" poll ", {ENOMEM}, SEEN, ""},

@@ -100,6 +100,9 @@ TEST_F(Client, AnIdThatNamesNothingOrNoClientIsLoggedInTheOperationsName)
         log.expect({"failed on tv_" + operations[i].first + ", channel[" + std::to_string(server) +
                     "] is not a client"});
     }
+    EXPECT_EQ(tv_send_rqst(server, "", 0, 0), -1);
+    log.expect({"error in tv_impl_send_rqst, could not send msg to listening socket",
+                "failed to send rqst"});
 }
 
 TEST_F(Client, SettersRefuseWhatMakesNoSenseAndTextsAreCut)

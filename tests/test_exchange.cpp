@@ -110,6 +110,19 @@ TEST_P(Exchange, RequestsWaitWhileTheChannelAwaitsAReply)
     }
 }
 
+TEST_P(Exchange, AChannelThatIsClosedInANestedActorIsClosedForTheOuterOne)
+{
+    script = {"Hpong"};
+    link.say("request", "outer");
+    link.say("request", "inner");
+    inside["actor0"] = [&] {
+        inside["actor0"] = [&] { tv_close_channel(link.id); };
+        serve(link);
+    };
+    serve(link);
+    EXPECT_EQ(link.hear(), "closed");
+}
+
 TEST_P(Exchange, WhatCannotBeSentLeavesTheChannelAsItWas)
 {
     script = {"D"};

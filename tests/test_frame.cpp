@@ -35,6 +35,7 @@ static std::string receive(int timeoutMs)
     char *body = timeoutMs == 0 ? tcp_impl_receive(ends[0], &len)
                                 : tcp_impl_receive_with_timeout(ends[0], &len, timeoutMs);
     const std::string result = body == nullptr ? failed : std::string(body, len);
+    EXPECT_TRUE(body != nullptr || len == 0);
     free(body);
     return result;
 }
@@ -88,6 +89,9 @@ TEST_F(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
     log.expect(
         {"tcp_impl_receive, invalid watermark", "tcp_impl_receive, invalid length[2147483648]",
          "_impl_receive_with_timeout failed ", "tcp_impl_receive, failed on receive header"});
+    peer_writes(frame("").replace(32, 4, "\x7f\xff\xff\xff")); // without memory or its body
+    EXPECT_EQ(receive(10), failed);
+    EXPECT_NE(log.take().back(), "tcp_impl_receive, invalid length[2147483647]");
 
     EXPECT_EQ(send("ping", 4, 0), -1);
     EXPECT_EQ(send("ping", 4, -1), -1);

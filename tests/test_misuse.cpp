@@ -37,16 +37,21 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     LogCapture log;
     static tv_channel channel;
     init_channel(&channel, -2);
+    EXPECT_TRUE(channel.rqstTimerId == -1 && channel.hbTimerId == -1); // 0 may be a timer's id
     int ends[2], len = 7;
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
     EXPECT_EQ(connect_server(&channel), -1);
     EXPECT_EQ(tv_impl_recv(&channel, &len), nullptr);
+    EXPECT_EQ(len, 0);
     log.expect({"could not get channel with id[-2] in tv_get_channel",
                 "tv_impl_get_polling_fd, channel is invalid"});
 
-    channel.pollTimeout = 1000;
     channel.clientSocket = (tv_socket *)malloc(sizeof(tv_socket));
     channel.clientSocket->fd = ends[0];
+    EXPECT_EQ(tv_impl_recv_with_timeout(&channel, &len, 1), nullptr); // not the channel's limit
+    channel.pollTimeout = 1;
+    EXPECT_EQ(tv_impl_recv(&channel, &len), nullptr);
+    channel.pollTimeout = 1000;
     EXPECT_EQ(tv_impl_send_rqst(&channel, "", -1), -1);
     EXPECT_EQ(tv_impl_send_resp(&channel, "ping", 4), 0);
     channel.clientSocket->fd = ends[1];
@@ -68,4 +73,12 @@ TEST(Misuse, AListWithNullLinksIsEmpty)
     EXPECT_EQ(remove_channel(&none, 2), 1);
     EXPECT_EQ(log.take(), std::vector<std::string>(3, "channel list is null"));
     EXPECT_EQ(log.places[1], "tv_channel_repo.cpp->get_channel_by_ip");
+
+    none = {&none, &none}; // nor does an entry without a record stand for anything
+    add_channel(&none, nullptr);
+    EXPECT_EQ(get_channel(&none, 2), nullptr);
+    EXPECT_EQ(get_channel_by_ip(&none, "tcp://a:80"), nullptr);
+    EXPECT_EQ(remove_channel(&none, 2), 1);
+    clean_channel_repo(&none);
+    log.expect({});
 }

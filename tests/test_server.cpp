@@ -97,6 +97,23 @@ TEST_F(Server, FindsListsAndAddressesItsClients)
     log.expect({"no outgoing request, response discarded"});
 }
 
+TEST_F(Server, ABroadcastInsideABroadcastMayCloseThePairThatComesNext)
+{
+    Link a = login("tcp://a:1"), b = login("tcp://b:1"), c = login("tcp://c:1");
+    for (const int id : {a.id, b.id})
+        tv_get_channel(id)->pollTimeout = 0; // sends fail
+    inside["linkdown"] = [&] {
+        inside["linkdown"] = [&] { tv_close_channel(b.id); };
+        tv_broadcast_rqst_to_client("inner", 5);
+    };
+    happened();
+    tv_broadcast_rqst_to_client("outer", 5);
+    EXPECT_EQ(happened(),
+              Events({"linkdown pair1 tcp://a:1", "linkdown pair2 tcp://b:1", "fd-close pair2"}));
+    c.expect("request", "inner");
+    c.expect("request", "outer");
+}
+
 TEST_F(Server, StopsInOrderAndStartsAgain)
 {
     Link a = login("tcp://a:1"), b = login("tcp://b:1"), c = login("tcp://c:1");

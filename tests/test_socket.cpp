@@ -58,7 +58,7 @@ TEST_F(Socket, FailedConnectsLeaveNothingOpen)
     EXPECT_EQ(impl_create_client_socket(ip, refused, 0), -1);
     EXPECT_EQ(impl_create_client_socket(ip, refused, 1000), -1);
     EXPECT_EQ(impl_create_client_socket("255.255.255.255", refused, 1000), -1);
-    EXPECT_EQ(impl_create_client_socket(ip, port, 20), -1);
+    EXPECT_EQ(impl_create_client_socket(ip, port, 1), -1);
     const std::string attempt = "nonblock connecting mode for fd " + std::to_string(first + 1),
                       inProgress = "Operation now in progress 115";
     log.expect({"impl_create_client_socket, failed on connect", attempt, inProgress,

@@ -499,9 +499,9 @@ int server_remove_channel(tv_channel *channel);
  * ruvo_fire_timer(), both from ruvo_timer.h. */
 
 /* Serve a descriptor with a handler: it is polled from the next pass on, and served in this one
- * already if its number was reported ready and it is. fd is open, handler is not null;
- * neither is tested. A descriptor that is registered twice takes two places. Returns 0, or -1
- * when all places are taken. */
+ * already if its number was reported ready and it is. fd is open, handler is not null; neither is
+ * tested. A descriptor that is registered twice takes two places; the handler of the lower one
+ * serves for both. Returns 0, or -1 when all places are taken. */
 int tv_register_polling_fd(int fd, tv_fd_handler handler, intptr_t arg1, intptr_t arg2);
 
 /* Serve a descriptor no longer, at once. Returns 0, or -1 when it is not registered. */

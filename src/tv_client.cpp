@@ -43,10 +43,8 @@ int connect_server(tv_channel *channel)
     tv_socket *socket = channel->clientSocket;
     if (socket == NULL)
         return -1;
-    if (socket->fd != -1) {
+    if (socket->fd != -1)
         close(socket->fd);
-        socket->fd = -1;
-    }
     socket->fd =
         impl_create_client_socket(channel->serverIp, channel->serverPort, channel->connectTimeout);
     if (socket->fd == -1) {

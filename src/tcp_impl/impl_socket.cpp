@@ -346,9 +346,8 @@ int impl_create_client_socket(const char *ip, int port, int timeoutMs)
 
 int tcp_impl_accept_socket(int listenFd)
 {
-    struct sockaddr_in peer;
-    socklen_t size = 0; // the peer is known by the URL of its login, not by its address
-    const int fd = accept4(listenFd, (struct sockaddr *)&peer, &size, SOCK_CLOEXEC);
+    // The peer is known by the URL of its login, not by its address.
+    const int fd = accept4(listenFd, NULL, NULL, SOCK_CLOEXEC);
     if (fd >= 0) {
         _set_fd_nonblock(fd);
         set_nodelay(fd);

@@ -61,14 +61,6 @@ static fd_handler_slot *find_slot(int fd)
     return NULL;
 }
 
-static bool has_two_slots(int fd)
-{
-    int count = 0;
-    for (const fd_handler_slot &slot : fdHandlerTable)
-        count += slot.fd == fd;
-    return count > 1;
-}
-
 int reserve_fd_index(void)
 {
     init_fd_handler_table();
@@ -133,7 +125,7 @@ int build_polling_fd_list(struct pollfd *list, int size)
 
 void input_expected(int fd)
 {
-    if (fd != servedFd || has_two_slots(fd)) // with two it has been reported twice
+    if (fd != servedFd)
         changedSincePoll = true;
     servedFd = -1;
 }
@@ -149,12 +141,18 @@ static bool is_still_ready(int fd)
     return poll(&entry, 1, 0) > 0;
 }
 
-static void handle_polling_socket(int fd)
+// latest is the slot that was served before in this pass; they come in the order of the table.
+static void handle_polling_socket(int fd, const fd_handler_slot **latest)
 {
     const fd_handler_slot *slot = find_slot(fd);
     if (slot == NULL) {
         TV_LOG("unknown socket[%d], not registerd", fd);
-    } else if (is_still_ready(fd)) {
+        return;
+    }
+    if (slot <= *latest) // fd has two, and has been served for the first
+        changedSincePoll = true;
+    *latest = slot;
+    if (is_still_ready(fd)) {
         servedFd = fd;
         slot->handler(fd, slot->arg1, slot->arg2);
         servedFd = -1;
@@ -177,9 +175,10 @@ void tv_main_loop(void)
             return;
         }
         fire_timer(ready);
+        const fd_handler_slot *latest = NULL;
         for (int i = 0; ready > 0 && i < count; i++) {
             if (list[i].revents != 0)
-                handle_polling_socket(list[i].fd);
+                handle_polling_socket(list[i].fd, &latest);
         }
     }
 }

@@ -24,9 +24,10 @@
  * Threads    none are started and nothing is locked. One thread makes every call, and every
  *            callback runs on it, inside such a call or inside the event loop.
  * Blocking   a connect, a send or a receive takes at most the channel's connect time-out or
- *            poll time-out, also if the peer sends without a pause. Until they are set, a
- *            connect takes as long as the system tries, about two minutes, and a transfer up
- *            to 24.8 days: set them (section 2).
+ *            poll time-out, also if the peer sends without a pause; to give back the memory of
+ *            what it has sent takes about a tenth more. Until they are set, a connect takes as
+ *            long as the system tries, about two minutes, and a transfer up to 24.8 days: set
+ *            them (section 2).
  * Closing    where a callback type forbids closing its own channel, do it later, for example
  *            from a timer. Closing there all the same is safe for memory: the channel is gone
  *            at once, and the operation that called back stops when the callback returns.
@@ -128,17 +129,17 @@ typedef void (*tv_timeout_handler)(int channelId);
 
 /* Tells that the link is down: after every failed send or receive on a connection, after an empty
  * frame, and once when the heartbeat gives up. It does not run inside itself: what it sends on
- * the channel just fails. Without a connection, and on the listening channel, it is not called.
- * url is the channel's own field. The channel stays open until it is closed, here or later; its
- * descriptor may stay readable, so unregister it from the loop at the latest here. May close its
- * channel, except when a reply fails while queued requests are being served; as that cannot be
- * told from here, the library copes with both. */
+ * the channel just fails. A send or receive without a connection, or on the listening channel,
+ * does not call it. url is the channel's own field. The channel stays open until it is closed,
+ * here or later; its descriptor may stay readable, so unregister it from the loop at the latest
+ * here. May close its channel, except when a reply fails while queued requests are being served;
+ * as that cannot be told from here, the library copes with both. */
 typedef void (*tv_linkdown_cb)(int channelId, const char *url);
 
 /* Tells the server that a client has logged in on pair channelId. An older pair with the same URL
- * is closed by then, unless the URL is longer than 63 characters or the application has taken
- * that pair out of the repository; tv_get_client_channel finds the new one once the callback has
- * returned. Must not close the pair. */
+ * is closed by then, and tv_get_client_channel finds the new one once the callback has returned:
+ * neither if the URL is longer than 63 characters, or if the application has taken the older pair
+ * out of the repository. Must not close the pair. */
 typedef void (*tv_connected_cb)(int channelId, const char *url);
 
 /* Tells the server that a client is gone. After a logout the pair is closed already and the id
@@ -300,7 +301,8 @@ int tv_register_linkdown_callback(int channelId, tv_linkdown_cb cb);
 int tv_set_poll_timeout(int channelId, int timeoutMs);
 
 /* Set how long a connect of the client channel may block, in milliseconds. A value below 1
- * changes nothing. */
+ * changes nothing. Until it is set, a signal whose handler does not restart calls makes a connect
+ * fail. */
 void tv_set_connect_timeout(int channelId, int timeoutMs);
 
 /* Send one request on a channel and start waiting for its reply.
@@ -681,8 +683,8 @@ int tv_impl_send_resp(tv_channel *channel, const char *msg, int len);
 /* Receive one message within a time-out, or the channel's poll time-out; 0 or less: no limit.
  * Return the message, to be released with tv_impl_free_msg, and its length in *len, or null. A
  * failed receive and an empty message (returned with length 0) call the link-down callback, but
- * without a descriptor, or on the listening channel, nothing does. The callback
- * may have closed the channel: touch the record only after a message with bytes. */
+ * without a descriptor, or on the listening channel, nothing does. The callback may have closed
+ * the channel: touch the record only after a message with bytes. */
 char *tv_impl_recv_with_timeout(tv_channel *channel, int *len, int timeoutMs);
 char *tv_impl_recv(tv_channel *channel, int *len);
 
@@ -700,15 +702,15 @@ int tv_impl_set_retransmit_interval(int interval);
  * A frame is 36 bytes of header, with the watermark and the body's length, and the body. A frame
  * that fails part-way leaves the stream out of step: give the connection up. */
 
-/* Send one frame within timeoutMs; 0 or less: fails at once. Returns len, or -1. The time is kept
- * on a non-blocking descriptor only. */
+/* Send one frame within timeoutMs, which is kept on a non-blocking descriptor only; 0 or less:
+ * fails at once. Returns len, or -1. */
 int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs);
 
-/* Receive one frame within timeoutMs; 0 or less, and the second one: no limit, and on a
- * non-blocking descriptor no waiting between two tries; on a blocking one no time is kept. Return
- * the body in a block from malloc(), followed by one 0x00 that is not counted, and its length in
- * *len; or null (*len means nothing then). Memory is used up as the bytes arrive, not as the
- * length announces them. */
+/* Receive one frame. The first one takes at most timeoutMs, which is kept on a non-blocking
+ * descriptor only. With 0 or less, and in the second one, there is no limit: a non-blocking
+ * descriptor is then tried again and again without a pause. Return the body in a block from
+ * malloc(), followed by one 0x00 that is not counted, and its length in *len; or null (*len means
+ * nothing then). Memory is used up as the bytes arrive, not as the length announces them. */
 char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs);
 char *tcp_impl_receive(int fd, int *len);
 

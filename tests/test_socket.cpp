@@ -4,7 +4,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 static const char ip[] = "127.0.0.1";
@@ -41,6 +43,9 @@ TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
             EXPECT_TRUE((fcntl(fd, F_GETFL) & O_NONBLOCK) && noDelay);
             EXPECT_TRUE(fcntl(fd, F_GETFD) & fcntl(listener, F_GETFD) & FD_CLOEXEC);
         }
+        int unsent = -1; // of an empty frame: its header waits for nothing
+        EXPECT_EQ(tcp_impl_send_with_timeout(client, "", 0, 1000), 0);
+        EXPECT_TRUE(ioctl(client, SIOCOUTQNSD, &unsent) != 0 || unsent == 0);
         close(accepted); // first: its address stays in use for a while
         close(client);
     }

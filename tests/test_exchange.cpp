@@ -39,6 +39,16 @@ TEST_P(Exchange, ATimeOutEndsTheWaitAndWithoutATimerOnlyTheReplyDoes)
                 "failed on start timer for channel[" + std::to_string(link.id) + "]"});
     receive(link, "reply", "told");
     EXPECT_EQ(happened(), Events({"timeout link", "resp link told"}));
+
+    hand_timer_fail_starts(false);
+    EXPECT_EQ(request(link, "ask", 100), 0);
+    inside["timeout"] = [&] {
+        receive(link, "reply", "just in time");
+        EXPECT_EQ(request(link, "next", 100), 0);
+    };
+    hand_timer_advance(100);
+    EXPECT_EQ(request(link, "too early", 100), -1); // the next one goes on waiting
+    EXPECT_EQ(happened(), Events({"timeout link", "resp link just in time"}));
 }
 
 TEST_P(Exchange, ActorsAreAskedInOrderUntilOneTakesTheRequest)

@@ -1,0 +1,286 @@
+#!/usr/bin/env python3
+"""Peers in plain Python, of examples/peer.py, against programs of the library. Times are in seconds.
+
+usage: test_peers.py peer <examples/server> <examples/client>       every kind of message both ways
+       test_peers.py own_loop <server with a loop of its own>...    many clients at a time
+       test_peers.py hostile <examples/server>     what bad peers cost the server and a healthy one
+"""
+import itertools, multiprocessing, os, select, signal, socket, subprocess, sys, tempfile, time
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../examples"))
+import peer
+
+signal.signal(signal.SIGALRM, signal.default_int_handler)  # whatever hangs: tell where, and end
+signal.alarm(110)
+PATIENCE = 20
+programs = []
+
+
+class Program:
+    """A program of the library: lines go in, what it prints can be waited for."""
+
+    def __init__(self, *command):
+        self.output = tempfile.NamedTemporaryFile()
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=self.output)
+        programs.append(self)
+
+    def say(self, line):
+        self.process.stdin.write(line + b"\n")
+        self.process.stdin.flush()
+
+    def printed(self):
+        with open(self.output.name, "rb") as output:
+            return output.read()
+
+    def wait_for(self, text, step=lambda: time.sleep(0.02), times=1):
+        while self.printed().count(text) < times:
+            step()
+
+
+class Server(Program):
+    def __init__(self, program):
+        super().__init__(program, "127.0.0.1", "0")
+        self.wait_for(b"listening on port ")
+        self.address = "127.0.0.1", int(self.printed().split()[-1])
+
+    def connect(self, name, port=1):
+        return peer.connect(*self.address, name, port, PATIENCE, io_timeout=PATIENCE, interval=60)
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def kilobytes(self, which):
+        with open(f"/proc/{self.process.pid}/status") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith(which))
+
+
+def body(number, url, payload=b""):
+    return b"\n".join((number, peer.REQUEST, url, peer.MARKER, payload))
+
+
+# ---- peer
+
+
+class Dripping(socket.socket):
+    """Sends each byte in a segment of its own."""
+
+    def sendall(self, data):
+        for i in range(len(data)):
+            super().sendall(data[i:i + 1])
+
+
+def clients_at(program):
+    server = Server(program)
+    asked, kinds = [], []  # since the login
+
+    def answer(payload):
+        asked.append(payload)
+        return b"well\0\1" if payload.startswith(b"ask ") else None
+
+    for round, number, dripping, interval, beat in (  # who is silent for longer gets heartbeats only
+            (1, 0, False, 0.2, peer.ACKNOWLEDGEMENT),
+            (2, peer.LAST_NUMBER - 3, True, 60, peer.HEARTBEAT),
+            (3, peer.LAST_NUMBER, False, 60, peer.HEARTBEAT)):
+        link = peer.Link(socket.create_connection(server.address), b"tcp://py:1", answer,
+                         interval=interval)
+        link.number = number  # any is taken for the first one; then it has to go round
+        if dripping:
+            link.connection = Dripping(fileno=link.connection.detach())
+        link.send(peer.LOGIN, link.url + b"\0")
+        largest = peer.LARGEST - len(body(b"0000000000", link.url))
+        for request, reply in ((b"say hello", b"HELLO"), (b"say \0a\xff", b"\0A\xff"), (b"say", b""),
+                               (b"later on", b"ON"), (b"say".ljust(3 if dripping else largest), None)):
+            got = link.request(request)
+            assert got == reply if reply is not None else got is not None, (number, request, got)
+        server.say(b"all news")
+        server.say(b"ask py 1 how are you")
+        until = time.monotonic() + 10
+        while asked[-2:] != [b"all news", b"ask how are you"]:
+            assert link.step(1)[0] != peer.REPLY and time.monotonic() < until
+        server.wait_for(b"reply of tcp://py:1: well", times=round)
+        assert link.request(b"lose it", 0.1) is None  # its reply comes while nobody waits for one
+        while peer.REPLY not in kinds or kinds.count(beat) <= round:  # one unanswered: silent
+            kinds.append(link.step(5)[0])
+        link.logout()
+        server.wait_for(b"tcp://py:1 has logged out", times=round)
+        asked.clear()
+        kinds.clear()
+    for text in (b"lost its link", b"fallen silent"):
+        assert text not in server.printed()
+
+
+def server_for(program):
+    server = peer.Server("127.0.0.1", 0, serve=lambda payload: payload[::-1], interval=60)
+    port = str(server.listener.getsockname()[1])
+
+    def step():
+        server.step(0.05)
+
+    for stays in False, True:  # the second one takes the name, and the first one's link is closed
+        client = Program(program, "127.0.0.1", port, "cc", "7")
+        client.wait_for(b"logging in", step)
+        line = b"say " + (b"o" * 65400 if stays else b"hello")
+        client.say(line)
+        client.wait_for(b"reply: " + line[::-1], step)
+        if not stays:
+            server.links[0].send(peer.REQUEST, b"replaced")
+    programs[-2].wait_for(b"replaced by a newer login", step)
+    link, = server.links
+    link.number = peer.LAST_NUMBER - 1  # its first message was numbered 0: any is taken next
+    link.connection = Dripping(fileno=link.connection.detach())
+    for question in b"ask me", b"ask \0again", b"all news", b"ask once more":
+        awaited = question.startswith(b"ask")
+        assert link.request(question, 5 if awaited else 0) == (b"cc is well" if awaited else None)
+    link.interval = 0.2
+    while link.accepted < 6:  # acknowledgements, and the client's heartbeats
+        step()
+    client.say(b"logout")
+    while server.links:
+        step()
+    assert link.url == b"tcp://cc:7" and b"no link" not in client.printed()
+
+
+# ---- own_loop
+
+
+def ask(links):
+    for i, link in enumerate(links):
+        link.send(peer.REQUEST, b"hello %d" % i)
+    for i, link in enumerate(links):
+        assert link.step(PATIENCE) == (peer.REPLY, b"hello %d" % i)  # no heartbeat for 10 s
+
+
+# In one pass of the server's loop a login closes an older client of that name, a newcomer gets the
+# descriptor's number, and the older one has sent something, too: nobody may wait for that on the
+# newcomer's connection, and give it up.
+def send_stale_event(server):
+    older, other = server.connect("older"), server.connect("other")
+    ask([older, other])
+    server.process.send_signal(signal.SIGSTOP)
+    os.waitpid(server.process.pid, os.WUNTRACED)
+    other.send(peer.LOGIN, older.url + b"\0")
+    newcomer = socket.create_connection(server.address)
+    older.send(peer.REQUEST, b"hello")
+    server.process.send_signal(signal.SIGCONT)
+    ask([other])
+    assert not select.select([newcomer], [], [], 0)[0], "the newcomer was given up"
+
+
+# Half of them leave, with a logout or without a word, while others come.
+def serve_many(program, count=500):
+    server = Server(program)
+    send_stale_event(server)
+    links = [server.connect("many", i) for i in range(count)]
+    ask(links)
+    for i in range(0, count, 2):
+        if i % 4 == 0:
+            links[i].logout()
+        links[i].connection.close()
+        links[i] = server.connect("many", count + i)
+    ask(links)
+
+
+# ---- hostile
+
+
+def frame(length, text=b""):
+    return peer.HEADER.pack(peer.WATERMARK, length) + text
+
+
+def read_until_closed(connection):
+    connection.settimeout(PATIENCE)
+    while connection.recv(65536):
+        pass
+
+
+def is_closed(*pieces):
+    """An attack: send the pieces, then nothing, until the server closes the connection."""
+    def attack(server):
+        start, sent = time.monotonic(), 0
+        with socket.create_connection(server.address, PATIENCE) as connection:
+            try:
+                for piece in itertools.chain(*pieces):
+                    connection.sendall(piece)
+                    sent += len(piece)
+                read_until_closed(connection)
+            except ConnectionError:
+                pass
+        # A message may take 1 s, also one that never makes the server wait.
+        assert sent < 2 ** 31 or time.monotonic() - start < 2, "2 GiB were taken"
+    return attack
+
+
+def logins(server):
+    link = server.connect("again")
+    for _ in range(1000):
+        link.send(peer.LOGIN, link.url + b"\0")
+    assert link.request(b"say served", PATIENCE) == b"SERVED"
+
+
+def newer_logins(server):
+    link = server.connect("same")
+    for _ in range(300):
+        older, link = link, server.connect("same")
+        read_until_closed(older.connection)
+    assert link.request(b"say served", PATIENCE) == b"SERVED"
+
+
+ATTACKS = {
+    "half a header": is_closed([frame(4)[:20]]),
+    "half a body": is_closed([frame(4, b"ab")]),
+    "a byte a millisecond": is_closed(
+        [frame(2 ** 31 - 1)], (time.sleep(0.001) or b"x" for _ in itertools.count())),
+    "2 GiB announced, 1 MB sent": is_closed([frame(2 ** 31 - 1, bytes(1000000))]),
+    "a length above 2147483647": is_closed([frame(2 ** 31)]),
+    "an empty frame": is_closed([frame(0)]),
+    "garbage": is_closed([b"x" * 100000]),
+    "replies never read": is_closed(
+        itertools.repeat(frame(60000, body(b"0", b"", b"say ").ljust(60000, b"x")))),
+    "1000 logins on one connection": logins,
+    "300 connections under one name": newer_logins,
+    "2 GiB without a pause": is_closed([frame(2 ** 31 - 1)], itertools.repeat(bytes(1000000))),
+}
+
+
+def endure(program):
+    server = Server(program)
+    healthy = server.connect("healthy")
+
+    def delay():
+        start = time.monotonic()
+        assert healthy.request(b"say ping", PATIENCE) == b"PING"
+        return time.monotonic() - start
+
+    delay()
+    descriptors, memory = server.descriptors(), server.kilobytes("VmRSS")
+    # The address sanitizer keeps what is freed; it tells of leaks at the end.
+    bound = 4096 if server.kilobytes("VmSize") < 2 ** 33 else float("inf")
+    for what, attack in ATTACKS.items():
+        print(what, end=": ", flush=True)
+        attacker = multiprocessing.get_context("fork").Process(target=attack, args=(server,))
+        attacker.start()
+        worst = delay()
+        while attacker.is_alive() or server.descriptors() != descriptors:
+            worst = max(worst, delay())
+        most, more = (server.kilobytes(which) - memory for which in ("VmHWM", "VmRSS"))
+        print("%.0f ms, at most %d KiB more, now %d" % (worst * 1000, most, more))
+        assert attacker.exitcode == 0 and more < bound
+        assert most < bound or what == "2 GiB without a pause"
+    server.say(b"stop")
+    assert server.process.wait(PATIENCE) == 0
+
+
+PARTS = {"peer": (clients_at, server_for), "own_loop": itertools.repeat(serve_many),
+         "hostile": (endure,)}
+try:
+    for part, program in zip(PARTS[sys.argv[1]], sys.argv[2:]):
+        part(program)
+    print("ok")
+except BaseException:
+    for program in programs:
+        sys.stderr.buffer.write(program.printed()[-4000:])
+    raise
+finally:
+    for program in programs:
+        program.process.kill()

@@ -37,6 +37,7 @@ TEST_P(Heartbeat, ASilentPeerIsDeclaredDownOnceAndItsChannelStays)
         receive(link, "heartbeat", "{}"); // is answered, and restarts nothing
         link.expect("heartbeatack", "{sequence:" + std::to_string(count) + "}" + '\0');
         EXPECT_EQ(hand_timer_pending(), Intervals());
+        EXPECT_EQ(tv_get_channel(link.id)->hbTimerId, -1);
     }
 }
 

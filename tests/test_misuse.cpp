@@ -40,6 +40,9 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     EXPECT_TRUE(channel.rqstTimerId == -1 && channel.hbTimerId == -1); // 0 may be a timer's id
     int ends[2], len = 7;
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+    tv_add_channel(&channel);
+    EXPECT_EQ(get_channel_type(-2), TV_CHANNEL_NONE);
+    tv_remove_channel(&channel);
     EXPECT_EQ(connect_server(&channel), -1);
     EXPECT_EQ(tv_impl_recv(&channel, &len), nullptr);
     EXPECT_EQ(len, 0);

@@ -15,6 +15,7 @@ TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
     Link first = dial(id);
     tv_client_enable_heartbeat(id, 100, 1, on_linkdown);
     EXPECT_EQ(hand_timer_pending(), std::vector<int>());
+    EXPECT_EQ(tv_get_channel(id)->hbMode, TV_HEARTBEAT_ON);
     Link second = dial(id);
     EXPECT_EQ(hand_timer_pending(), std::vector<int>({100}));
     first.heard = 1;
@@ -32,8 +33,11 @@ TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
     tv_get_channel(id)->serverPort = 1;
     for (const int timeout : {-1, 100}) { // with the system's limit, and with the channel's
         tv_set_connect_timeout(id, timeout);
+        log.take();
         EXPECT_EQ(tv_connect_server(id), -1);
-        EXPECT_EQ(log.take().back(), "create client or connect server fail");
+        const auto entries = log.take();
+        EXPECT_EQ(entries.front().rfind("nonblock connecting mode", 0) == 0, timeout == 100);
+        EXPECT_EQ(entries.back(), "create client or connect server fail");
         EXPECT_EQ(tv_get_polling_fd(id), -1);
     }
     EXPECT_EQ(happened(), Events());

@@ -49,7 +49,8 @@ TEST_F(Server, DropsALoginWithoutAUrlAndCutsALongOne)
 TEST_F(Server, SupervisesAllClientsWithOneTimerEach)
 {
     Link a = login("tcp://a:1");
-    inside["fd-open"] = [&] { // the settings are read afterwards
+    inside["fd-open"] = [&] { // the settings are read afterwards, the callbacks before, too
+        EXPECT_EQ(tv_get_channel(newestPair)->linkdownCallback, on_linkdown);
         tv_set_poll_timeout(server, 700);
         tv_client_enable_heartbeat(server, 100, 1, nullptr);
     };
@@ -131,8 +132,12 @@ TEST_F(Server, StopsInOrderAndStartsAgain)
     log.take();
     EXPECT_EQ(tv_start_server("127.0.0.1", port_of(hub)), -1); // taken
     log.expect({"impl_create_server_socket, failed on bind"});
-    server = tv_start_server(tv_service_server.listenIp, port); // its own copy of the address
-    EXPECT_EQ(server, id + 2);                                  // a failed start uses up an id
+    const auto resp = [](int, const char *, int) {};
+    const auto timeout = [](int) {};
+    server = tv_start_service_server(tv_service_server.listenIp, port, resp, timeout, nullptr);
+    EXPECT_EQ(tv_get_channel(server)->respHandler, resp);
+    EXPECT_EQ(tv_get_channel(server)->timeoutHandler, timeout);
+    EXPECT_EQ(server, id + 2); // a failed start uses up an id
     EXPECT_EQ(tv_service_server.listenIp, std::string("127.0.0.1"));
     login("tcp://a:1"); // the start without a connected callback has cleared it, and no other
     EXPECT_EQ(happened(), Events({"fd-open pair1"}));

@@ -33,7 +33,9 @@ static void connect_now(intptr_t, intptr_t);
 static void close_link()
 {
     // Unregister first: once it is closed, the descriptor's number may soon be another one's.
-    tv_unregister_polling_fd(tv_get_polling_fd(channel));
+    const int fd = tv_get_polling_fd(channel);
+    if (fd != -1) // a connect that failed leaves none
+        tv_unregister_polling_fd(fd);
     tv_close_channel(channel);
     channel = -1;
 }
@@ -157,7 +159,7 @@ int main(int argc, char **argv)
     setvbuf(stdout, nullptr, _IOLBF, 0);
     speaker = "client";
     set_log_option(argc, argv);
-    if (argc - optind < 4)
+    if (argc - optind < 4 || argc - optind > 5)
         fail("arguments: [-l LOGFILE] SERVER_ADDRESS SERVER_PORT OWN_ADDRESS OWN_PORT [LABEL]");
     copy_name(address.serverIp, to_address(argv[optind]));
     address.serverPort = static_cast<uint16_t>(to_port(argv[optind + 1]));

@@ -120,8 +120,10 @@ inline void set_log_option(int argc, char **argv)
 {
     keep_log();
     for (int option; (option = getopt(argc, argv, "l:")) != -1;) {
-        if (option != 'l')
-            exit(EXIT_FAILURE); // getopt() has said what is wrong
+        if (option != 'l') { // getopt() has said what is wrong
+            optind = argc;   // no arguments then: main() says which are wanted
+            return;
+        }
         tv_set_log_fd(nullptr);
         tv_set_log_file(optarg);
     }
@@ -136,14 +138,19 @@ inline std::pair<std::string, std::string> split_word(const std::string &text)
     return {text.substr(0, end), text.substr(end + 1)};
 }
 
-// Read a port number, or fail: atoi() would take "http" for 0, which means any port.
-inline int to_port(const char *text)
+// Read a number, or fail: atoi() would take "http" for 0, which means any port.
+inline int to_number(const char *text, const char *what, int least, int most)
 {
     char *end = nullptr;
-    const long port = strtol(text, &end, 10);
-    if (end == text || *end != '\0' || port < 0 || port > 65535)
-        fail("%s: a port is a number from 0 to 65535", text);
-    return static_cast<int>(port);
+    const long long number = strtoll(text, &end, 10);
+    if (end == text || *end != '\0' || number < least || number > most)
+        fail("%s: %s is a number from %d to %d", text, what, least, most);
+    return static_cast<int>(number);
+}
+
+inline int to_port(const char *text)
+{
+    return to_number(text, "a port", 0, 65535);
 }
 
 // Check an address: to the library any other text is this machine, or all of its addresses.

@@ -190,9 +190,9 @@ int main(int argc, char **argv)
     set_log_option(argc, argv);
     if (argc - optind != 2)
         fail("arguments: [-l LOGFILE] ADDRESS PORT");
+    start(to_address(argv[optind]), to_port(argv[optind + 1]));
     if (tv_register_polling_fd(STDIN_FILENO, on_terminal, 0, 0) != 0)
         fail("the event loop is full");
-    start(to_address(argv[optind]), to_port(argv[optind + 1]));
     tv_main_loop();
     return EXIT_FAILURE; // only when poll() fails
 }

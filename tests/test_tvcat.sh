@@ -67,11 +67,14 @@ in?use -l 127.0.0.1 $port
 names localhost 4711
 names -l example.com 0
 number 127.0.0.1 http
-number -t soon 127.0.0.1 4711
+number -t 5s 127.0.0.1 4711
+number -t 99999999999 127.0.0.1 4711
+server -l -t 500 127.0.0.1 0
+server -a pong 127.0.0.1 4711
 characters 127.0.0.1 $port sixteen_letters_
 wanted 127.0.0.1
 argument 127.0.0.1 4711 me you
-option -x 127.0.0.1 4711
+option*--help -x 127.0.0.1 4711
 END
 expect 0 "*-a ANSWER*" "$tvcat" --help
 expect 0 "tvcat 1.*" "$tvcat" --version

@@ -10,6 +10,7 @@
 #include "tolvane.h"
 
 #include <getopt.h>
+#include <limits.h>
 #include <queue>
 
 static const char *const usage = "tvcat [-t MILLISECONDS] ADDRESS PORT [NAME]\n"
@@ -136,6 +137,7 @@ int main(int argc, char **argv)
     keep_log();
     setvbuf(stdout, nullptr, _IOLBF, 0);
     bool server = false;
+    const char *timeout = nullptr;
     static const option words[] = {
         {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'v'}, {}};
     for (int letter; (letter = getopt_long(argc, argv, "la:t:", words, nullptr)) != -1;) {
@@ -143,13 +145,19 @@ int main(int argc, char **argv)
             server = true;
         else if (letter == 'a')
             answer = optarg;
-        else if (letter == 't' && (rqstTimeout = atoi(optarg)) < 1)
-            fail("%s: a time-out is a number of milliseconds, at least 1", optarg);
+        else if (letter == 't')
+            timeout = optarg;
         else if (letter == 'h' || letter == 'v')
             return puts(letter == 'h' ? usage : "tvcat " TV_VERSION) < 0;
-        else if (letter == '?') // getopt_long() has said what is wrong
-            return EXIT_FAILURE;
+        else // getopt_long() has said what is wrong
+            fail("see tvcat --help");
     }
+    if (server && timeout != nullptr)
+        fail("-t %s: a server does not wait for replies, see tvcat --help", timeout);
+    if (!server && answer != nullptr)
+        fail("-a %s: an answer wants a server, -l, see tvcat --help", answer);
+    if (timeout != nullptr)
+        rqstTimeout = to_number(timeout, "a time-out in milliseconds", 1, INT_MAX);
     const int most = server ? 2 : 3;
     if (argc - optind < 2)
         fail("ADDRESS and PORT are wanted, see tvcat --help");

@@ -19,14 +19,15 @@ execute_process(COMMAND ${GZIP} -9nf debian/changelog WORKING_DIRECTORY ${PROJEC
 file(CONFIGURE OUTPUT debian/copyright CONTENT
 "Copyright: the tolvane developers
 
-The source is the project's own. It comes without any warranty.
+The source is the project's own. It comes without any warranty. No licence has been
+chosen yet by the owner: ask before you use, copy, change or pass it on.
 " @ONLY)
 foreach(package ${packages})
     install(FILES ${PROJECT_BINARY_DIR}/debian/changelog.gz ${PROJECT_BINARY_DIR}/debian/copyright
         DESTINATION ${doc}/${package} COMPONENT ${package})
 endforeach()
 install(DIRECTORY examples DESTINATION ${doc}/libtolvane-dev COMPONENT libtolvane-dev
-    FILES_MATCHING PATTERN *.cpp PATTERN *.h)
+    FILES_MATCHING PATTERN *.cpp PATTERN *.h PATTERN *.py)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)

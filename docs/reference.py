@@ -352,6 +352,7 @@ def anchored(path):
         if not code and line.startswith("##"):
             name = re.sub(r"[^a-z0-9 -]", "", line.lstrip("# ").lower()).replace(" ", "-")
             line += " {#%s-%s}" % (page, name)
+        line = re.sub(r"\[([^]]+)\]\(\.\./.*?\)", r"\1", line)  # that file is not among the pages
         line = re.sub(r"\]\(#", "](#%s-" % page, line)
         text.append(re.sub(r"\]\((\w+)\.md#", r"](#\1-", line))
     return "\n".join(text)

@@ -145,6 +145,9 @@ TEST_F(Server, StopsInOrderAndStartsAgain)
     EXPECT_EQ(tv_service_server.listenIp, std::string("127.0.0.1"));
     login("tcp://a:1"); // the start without a connected callback has cleared it, and no other
     EXPECT_EQ(happened(), Events({"fd-open pair1"}));
+    tv_remove_channel(tv_get_channel(server)); // it cannot be closed by its id, either
+    tv_stop_server();
+    EXPECT_EQ(happened(), Events({"fd-close pair1"})); // and the callback is for pairs only
 }
 
 TEST_F(Server, AServerThatIsStartedInsideAStopStays)

@@ -64,6 +64,10 @@ inline ssize_t keep_entries(void *, const char *text, size_t size)
         std::string &entry = entries.emplace_back(rest.substr(start, end - start));
         if (const size_t at = entry.find("error:"); at != std::string::npos)
             entry += std::string(" ") + strerror(atoi(&entry[at + strlen("error:")]));
+        // Of a connect that timed out the log says only that it was in progress.
+        if (entry.rfind("create client", 0) == 0 && entries.size() > 1 &&
+            entries[entries.size() - 2].rfind(strerror(EINPROGRESS), 0) == 0)
+            entry += std::string(": ") + strerror(ETIMEDOUT);
         rest.remove_prefix(std::min(end + 2, rest.size()));
         if (entries.size() > 3)
             entries.pop_front();

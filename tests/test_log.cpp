@@ -15,7 +15,9 @@ TEST(Log, EachEntryGoesToOneSinkUntilThatIsFull)
     using Growth = std::pair<long, long>; // of the stream and the file, by one entry
     const auto entry = [=] {
         const long position = ftell(stream), size = lseek(file, 0, SEEK_END);
+        errno = EDOM;
         disable_polling_timer();
+        EXPECT_EQ(errno, EDOM); // the application's
         return Growth(ftell(stream) - position, lseek(file, 0, SEEK_END) - size);
     };
 

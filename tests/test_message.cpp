@@ -65,6 +65,11 @@ TEST_F(Message, WhatDoesNotFitIsNotBuilt)
     EXPECT_EQ(pack_outgoing_rqst(&channel, nullptr, 5), 0);
     EXPECT_EQ(pack_outgoing_resp(&channel, nullptr, 5), 0);
     EXPECT_EQ(channel.msgSequence, 2);
+    const int more = TV_URL_SIZE - (int)strlen(channel.url),
+              bare = pack_outgoing_rqst(&channel, "", 0);
+    memset(channel.url, 'u', TV_URL_SIZE); // without an end
+    channel.waitingResp = 'v';             // is behind it
+    EXPECT_EQ(pack_outgoing_rqst(&channel, "", 0), bare + more);
 }
 
 TEST_F(Message, NumbersOfStrangers)

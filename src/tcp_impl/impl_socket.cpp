@@ -142,6 +142,9 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 // The most bytes that one recv() takes: the clock is looked at in between.
 static const int receiveStep = 256 * 1024;
 
+// What is given back in a millisecond when a receive of many megabytes fails: the limit is for all.
+static const int releasedPerMs = 10 * 1024 * 1024;
+
 // Without a limit never wait, only read. With one, read on without waiting when the budget is used
 // up, until nothing is there; and from the second pass on the time worked counts as well as the
 // time waited: a peer must not hold its receiver longer by dripping bytes, nor by flooding it.
@@ -180,7 +183,7 @@ static int _impl_receive_with_timeout(int fd, char *dst, int count, int *budget,
         const long long now = monotonic_ms();
         if (deadline < 0)
             deadline = now + (*budget > 0 ? *budget : 0);
-        *budget = (int)(deadline - now);
+        *budget = (int)(deadline - now) - received / releasedPerMs;
         if (*budget < 0) {
             TV_LOG("time out:%d", *budget);
             return -1;

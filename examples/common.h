@@ -179,7 +179,7 @@ inline int port_of(int listenFd)
 {
     sockaddr_in bound = {};
     socklen_t size = sizeof(bound);
-    if (getsockname(listenFd, reinterpret_cast<sockaddr *>(&bound), &size) != 0)
+    if (listenFd < 0 || getsockname(listenFd, reinterpret_cast<sockaddr *>(&bound), &size) != 0)
         fail("the listening socket has no address");
     return ntohs(bound.sin_port);
 }

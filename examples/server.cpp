@@ -75,10 +75,9 @@ static void answer_now(intptr_t id, intptr_t arg2)
 
 static int answer_after(int delay, int id, const std::string &reply)
 {
-    auto copy = std::make_unique<std::string>(reply);
-    if (ruvo_start_timer(delay, answer_now, id, reinterpret_cast<intptr_t>(copy.get())) == -1)
+    auto *copy = new std::string(reply); // answer_now frees it
+    if (ruvo_start_timer(delay, answer_now, id, reinterpret_cast<intptr_t>(copy)) == -1)
         fail("could not start a timer");
-    (void)copy.release(); // answer_now frees it
     return TV_ACTOR_DEFERRED;
 }
 

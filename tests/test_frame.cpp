@@ -5,6 +5,7 @@
 #include "log_capture.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
 #include <string_view>
 #include <sys/resource.h>
@@ -35,7 +36,7 @@ static std::string receive(int timeoutMs)
     char *body = timeoutMs == 0 ? tcp_impl_receive(ends[0], &len)
                                 : tcp_impl_receive_with_timeout(ends[0], &len, timeoutMs);
     const std::string result = body == nullptr ? failed : std::string(body, len);
-    EXPECT_TRUE(body != nullptr || len == 0);
+    EXPECT_TRUE(body != nullptr || len == 0 || len == INT_MAX); // for which there is no memory
     free(body);
     return result;
 }

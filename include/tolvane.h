@@ -24,10 +24,9 @@
  * Threads    none are started and nothing is locked. One thread makes every call, and every
  *            callback runs on it, inside such a call or inside the event loop.
  * Blocking   a connect, a send or a receive takes at most the channel's connect time-out or
- *            poll time-out, also if the peer sends without a pause; to give back the memory of
- *            what it has sent takes about a tenth more. Until they are set, a connect takes as
- *            long as the system tries, about two minutes, and a transfer up to 24.8 days: set
- *            them (section 2).
+ *            poll time-out, also if the peer sends without a pause. Until they are set, a
+ *            connect takes as long as the system tries, about two minutes, and a transfer up to
+ *            24.8 days: set them (section 2).
  * Closing    where a callback type forbids closing its own channel, do it later, for example
  *            from a timer. Closing there all the same is safe for memory: the channel is gone
  *            at once, and the operation that called back stops when the callback returns.

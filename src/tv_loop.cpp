@@ -141,17 +141,18 @@ static bool is_still_ready(int fd)
     return poll(&entry, 1, 0) > 0;
 }
 
-// latest is the slot that was served before in this pass; they come in the order of the table.
-static void handle_polling_socket(int fd, const fd_handler_slot **latest)
+// latest is the place that was served before in this pass; they come in the order of the table.
+static void handle_polling_socket(int fd, int *latest)
 {
     const fd_handler_slot *slot = find_slot(fd);
     if (slot == NULL) {
         TV_LOG("unknown socket[%d], not registerd", fd);
         return;
     }
-    if (slot <= *latest) // fd has two, and has been served for the first
+    const int place = (int)(slot - fdHandlerTable);
+    if (place <= *latest) // fd has two, and has been served for the first
         changedSincePoll = true;
-    *latest = slot;
+    *latest = place;
     if (is_still_ready(fd)) {
         servedFd = fd;
         slot->handler(fd, slot->arg1, slot->arg2);
@@ -175,7 +176,7 @@ void tv_main_loop(void)
             return;
         }
         fire_timer(ready);
-        const fd_handler_slot *latest = NULL;
+        int latest = -1;
         for (int i = 0; ready > 0 && i < count; i++) {
             if (list[i].revents != 0)
                 handle_polling_socket(list[i].fd, &latest);

@@ -1,5 +1,6 @@
 // test_index.cpp - random changes of the library's two lists, through the interface and by hand.
-// After each one every search has to give what a walk gives. Arguments: steps, and a number to draw from.
+// Every search has to give what a walk gives afterwards. Arguments: steps, and a number to draw
+// from.
 
 #include "tolvane.h"
 #include "tv_index.h"

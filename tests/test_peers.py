@@ -1,58 +1,13 @@
-#!/usr/bin/env python3
+#!/usr/bin/env -S python3 -B
 """Peers in plain Python, of examples/peer.py, against programs of the library. Times are in seconds.
 
 usage: test_peers.py peer <examples/server> <examples/client>       every kind of message both ways
        test_peers.py own_loop <server with a loop of its own>...    many clients at a time
        test_peers.py hostile <examples/server>     what bad peers cost the server and a healthy one
 """
-import itertools, multiprocessing, os, select, signal, socket, subprocess, sys, tempfile, time
+import itertools, multiprocessing, os, select, signal, socket, time
 
-sys.dont_write_bytecode = True
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../examples"))
-import peer
-
-signal.signal(signal.SIGALRM, signal.default_int_handler)  # whatever hangs: tell where, and end
-signal.alarm(110)
-PATIENCE = 20
-programs = []
-
-
-class Program:
-    """A program of the library: lines go in, what it prints can be waited for."""
-
-    def __init__(self, *command):
-        self.output = tempfile.NamedTemporaryFile()
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=self.output)
-        programs.append(self)
-
-    def say(self, line):
-        self.process.stdin.write(line + b"\n")
-        self.process.stdin.flush()
-
-    def printed(self):
-        with open(self.output.name, "rb") as output:
-            return output.read()
-
-    def wait_for(self, text, step=lambda: time.sleep(0.02), times=1):
-        while self.printed().count(text) < times:
-            step()
-
-
-class Server(Program):
-    def __init__(self, program):
-        super().__init__(program, "127.0.0.1", "0")
-        self.wait_for(b"listening on port ")
-        self.address = "127.0.0.1", int(self.printed().split()[-1])
-
-    def connect(self, name, port=1):
-        return peer.connect(*self.address, name, port, PATIENCE, io_timeout=PATIENCE, interval=60)
-
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
-
-    def kilobytes(self, which):
-        with open(f"/proc/{self.process.pid}/status") as status:
-            return next(int(line.split()[1]) for line in status if line.startswith(which))
+from programs import PATIENCE, Program, Server, peer, programs, run
 
 
 def body(number, url, payload=b""):
@@ -141,6 +96,11 @@ def server_for(program):
     assert link.url == b"tcp://cc:7" and b"no link" not in client.printed()
 
 
+def talk(server, client):
+    clients_at(server)
+    server_for(client)
+
+
 # ---- own_loop
 
 
@@ -168,8 +128,7 @@ def send_stale_event(server):
 
 
 # Half of them leave, with a logout or without a word, while others come.
-def serve_many(program, count=500):
-    server = Server(program)
+def serve_many(server, count=500):
     send_stale_event(server)
     links = [server.connect("many", i) for i in range(count)]
     ask(links)
@@ -179,6 +138,11 @@ def serve_many(program, count=500):
         links[i].connection.close()
         links[i] = server.connect("many", count + i)
     ask(links)
+
+
+def own_loops(*programs):
+    for program in programs:
+        serve_many(Server(program))
 
 
 # ---- hostile
@@ -273,16 +237,4 @@ def endure(program):
     assert server.process.wait(PATIENCE) == 0
 
 
-PARTS = {"peer": (clients_at, server_for), "own_loop": itertools.repeat(serve_many),
-         "hostile": (endure,)}
-try:
-    for part, program in zip(PARTS[sys.argv[1]], sys.argv[2:]):
-        part(program)
-    print("ok")
-except BaseException:
-    for program in programs:
-        sys.stderr.buffer.write(program.printed()[-4000:])
-    raise
-finally:
-    for program in programs:
-        program.process.kill()
+run(peer=talk, own_loop=own_loops, hostile=endure)

@@ -3,6 +3,8 @@
 
 #include "tolvane.h"
 
+#include <algorithm>
+#include <limits.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,6 +16,22 @@ static const std::string marker = "\nvelun_tolvane_payload\n";
 static const std::string tags[] = {"velun_tolvane_login\n",     "velun_tolvane_logout\n",
                                    "velun_tolvane_request\n",   "velun_tolvane_reply\n",
                                    "velun_tolvane_heartbeat\n", "velun_tolvane_heartbeatack\n"};
+
+// A stranger's number: 31 characters of it are read, and one that is out of range is the nearest.
+static int number_of(const std::string &text)
+{
+    const long number = strtol(text.substr(0, 31).c_str(), nullptr, 10);
+    return (int)std::clamp(number, (long)INT_MIN, (long)INT_MAX);
+}
+
+static int heartbeat_value(const std::string &text, const std::string &key)
+{
+    const size_t at = text.find(key), end = text.find('}', at);
+    if (end == std::string::npos) // as it also is behind no key
+        return -1;
+    const size_t value = at + key.size() + 1; // behind a colon, or behind the brace in its place:
+    return number_of(text.substr(value, end - value)); // then it is what follows, to the end
+}
 
 // msg holds len bytes and the NUL behind them that the transport stores.
 static void check_readers(const char *msg, int len)
@@ -42,10 +60,13 @@ static void check_readers(const char *msg, int len)
         REQUIRE(get_msg_url(msg, stored, size) == (hasUrl ? 0 : -1));
         REQUIRE(stored == (hasUrl ? text.substr(url, at - url).substr(0, size - 1) : "untouched"));
     }
-    get_msg_sequence(msg); // these only have to end within the message
-    get_heartbeat_sequence(msg);
-    get_heartbeat_interval(msg);
-    get_heartbeat_count(msg);
+
+    const size_t prefix = text.find("velun_tolvane_");
+    REQUIRE(get_msg_sequence(msg) ==
+            (prefix == std::string::npos ? 0 : number_of(text.substr(0, prefix))));
+    REQUIRE(get_heartbeat_sequence(msg) == heartbeat_value(text, "sequence"));
+    REQUIRE(get_heartbeat_interval(msg) == heartbeat_value(text, "interval"));
+    REQUIRE(get_heartbeat_count(msg) == heartbeat_value(text, "count"));
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -16,8 +16,8 @@ class Program:
 
     def __init__(self, *command):
         self.output = tempfile.NamedTemporaryFile()
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=self.output,
-                                        stderr=subprocess.STDOUT)
+        self.process = subprocess.Popen([*map(str, command)], stdin=subprocess.PIPE,
+                                        stdout=self.output, stderr=subprocess.STDOUT)
         programs.append(self)
 
     def say(self, line):
@@ -54,7 +54,8 @@ class Server(Program):
 
 def run(seconds=110, **tests):
     """Call the test that the command line names, with the rest of it. No program outlives it."""
-    signal.signal(signal.SIGALRM, signal.default_int_handler)  # whatever hangs: tell where, and end
+    for number in signal.SIGALRM, signal.SIGTERM:  # whatever hangs: tell where, and end
+        signal.signal(number, signal.default_int_handler)
     signal.alarm(seconds)
     try:
         tests[sys.argv[1]](*sys.argv[2:])

@@ -1,0 +1,180 @@
+#!/usr/bin/env -S python3 -B
+"""What comes with the library, as its users meet it. Exits with 77 where a test cannot be made.
+
+usage: test_programs.py tvcat <tvcat> <examples/server>
+       test_programs.py two_hosts <folder of the examples>
+       test_programs.py wireshark <dissector>
+"""
+import contextlib, os, re, shutil, subprocess, sys, tempfile, time
+
+from programs import Program, Server, peer, run
+
+# ---- tvcat
+
+
+# It answers itself, and tells in its exit status when something was not answered.
+def cat(tvcat, example):
+    def expect(status, pattern, *arguments, lines=b""):
+        done = subprocess.run([tvcat, *map(str, arguments)], input=lines, timeout=60,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        assert done.returncode == status, done
+        assert re.fullmatch(pattern, done.stdout, re.DOTALL), (pattern, done)
+
+    server = Server(tvcat, "-l")
+    lines = b"one\n\ntwo words\nlast, without an end"
+    expect(0, lines + b"\n", *server.address, lines=lines)
+    assert server.printed().partition(b"\n")[2] == lines + b"\n"  # the requests
+    expect(0, b"", *server.address, "me")
+    # A request that fits while its reply does not, and one behind it.
+    expect(0, b"too long to be answered\nshort\n", *server.address,
+           lines=b"x" * 65440 + b"\nshort\n")
+    # The loop has 16 places; who comes later is served when one leaves.
+    served = [Program(tvcat, *server.address) for _ in range(16)]
+    server.wait_for(b"full")
+    expect(1, b".*no reply within 300 ms\n", "-t", 300, *server.address, lines=b"early\n")
+    served[-1].process.kill()
+    expect(0, b"late\n", *server.address, lines=b"late\n")
+
+    pong = Server(tvcat, "-l", "-a", "pong")
+    expect(0, b"pong\n", "-t", 9000, *pong.address, "me", lines=b"ping\n")
+
+    shouter = Server(example)
+    shouter.process.stdin.close()  # it goes on serving
+    expect(1, b".*no reply within 100 ms\n", "-t", 100, *shouter.address, lines=b"lose this\n")
+    expect(1, b".*too long.*", *shouter.address, lines=b"x" * 100000)
+
+    port = shouter.address[1]
+    for status, pattern, arguments in (
+            (1, b"refused", "127.0.0.1 1"),
+            (1, b"in use", f"-l 127.0.0.1 {port}"),
+            (1, b"names", "localhost 4711"),
+            (1, b"names", "-l example.com 0"),
+            (1, b"number", "127.0.0.1 http"),
+            (1, b"number", "-t 5s 127.0.0.1 4711"),
+            (1, b"number", "-t 99999999999 127.0.0.1 4711"),
+            (1, b"server", "-l -t 500 127.0.0.1 0"),
+            (1, b"wants a server", "-a pong 127.0.0.1 4711"),
+            (1, b"characters", f"127.0.0.1 {port} sixteen_letters_"),
+            (1, b"wanted", "127.0.0.1"),
+            (1, b"argument", "127.0.0.1 4711 me you"),
+            (1, b"option.*--help", "-x 127.0.0.1 4711"),
+            (0, b"-a ANSWER", "--help"),
+            (0, b"tvcat 1\\.", "--version")):
+        expect(status, b".*" + pattern + b".*", *arguments.split())
+
+
+# ---- two hosts
+
+
+# In two network namespaces with a cable between them, which is pulled out and put back.
+def pull_cable(folder):
+    a, b = (f"tolvane-{host}-{os.getpid()}" for host in "ab")
+
+    def ip(words):
+        subprocess.run(["ip", *words.split()], check=True, stderr=subprocess.PIPE, text=True)
+
+    with contextlib.ExitStack() as at_end:
+        try:
+            for host in a, b:
+                ip(f"netns add {host}")
+                at_end.callback(ip, f"netns del {host}")
+            ip(f"-n {a} link add wire type veth peer name wire netns {b}")
+        except (OSError, subprocess.CalledProcessError) as error:
+            print("skipped: no network namespaces here:", getattr(error, "stderr", error))
+            sys.exit(77)
+        for host, address in (a, "10.213.0.1"), (b, "10.213.0.2"):
+            ip(f"-n {host} address add {address}/30 dev wire")
+            ip(f"-n {host} link set wire up")
+
+        server = Server("ip", "netns", "exec", a, f"{folder}/server", address="10.213.0.1")
+        client = Program("ip", "netns", "exec", b, f"{folder}/client", *server.address, "far", 1)
+        server.wait_for(b"tcp://far:1 has logged in")
+        client.say(b"say over the wire")
+        client.wait_for(b"reply: OVER THE WIRE")
+        time.sleep(1.2)  # idle, with the last heartbeat answered up to a second ago
+
+        ip(f"-n {a} link set wire down")
+        pulled = time.monotonic()
+        # Both examples send a heartbeat a second and give up after two that went unanswered.
+        for name, program, text in (("client", client, b"no link to the server"),
+                                    ("server", server, b"tcp://far:1 has fallen silent")):
+            program.wait_for(text)
+            took = round(1000 * (time.monotonic() - pulled))
+            print(f"the {name} found the lost link after {took} ms, 2000 to 3000 are promised")
+            assert 1900 <= took <= 3500
+
+        ip(f"-n {a} link set wire up")
+        server.wait_for(b"tcp://far:1 has logged in", times=2)
+        client.say(b"say back again")
+        client.wait_for(b"reply: BACK AGAIN")
+
+
+# ---- wireshark
+
+
+def frame(body):
+    return peer.HEADER.pack(peer.WATERMARK, len(body)) + body
+
+
+def message(number, kind, payload):
+    return frame(b"\n".join((b"%d" % number, kind, b"tcp://a:1", peer.MARKER, payload)))
+
+
+PIECES = message(2, peer.REQUEST, b"in pieces of " + b"0" * 300)
+FIELDS = ("tolvane.type", "tolvane.length", "_ws.col.Info", "tolvane.answer_in",
+          "tolvane.answer_to", "tolvane.time", "tolvane.heartbeat.interval", "_ws.expert.message")
+SEGMENTS = (  # the sender, Outwards a client; what it sends; FIELDS, if that ends a message
+    ("O", message(0, peer.LOGIN, b"tcp://a:1\0"), '0|64|login 0 tcp://a:1 "tcp://a:1"  |||||'),
+    ("O", message(1, peer.REQUEST, b"ping"), '2|60|request 1 tcp://a:1 "ping"  |3||||'),
+    ("I", message(0, peer.REPLY, b"pong\0"), '3|59|reply 0 tcp://a:1 "pong"  ||2|3||'),
+    ("O", PIECES[:7], None),
+    ("O", PIECES[7:47], None),
+    ("O", PIECES[47:] + message(3, peer.HEARTBEAT, b"{sequence:1}, {interval:200},{count:3}\0"),
+     '2,4|369,97|request 2 tcp://a:1 "in pieces of ' + "0" * 47 + '"  '
+     'heartbeat 3 tcp://a:1 "{sequence:1}, {interval:200},{count:3}"  |8,7|||200|'),
+    ("I", message(1, peer.ACKNOWLEDGEMENT, b"{sequence:0}\0"),
+     '5|74|heartbeatack 1 tcp://a:1 "{sequence:0}"  ||6|3||'),
+    ("I", message(2, peer.REPLY, b""), "3|54|reply 2 tcp://a:1  ||6|6||"),
+    ("I", message(3, peer.REPLY, b"nobody asked"), '3|66|reply 3 tcp://a:1 "nobody asked"  |||||'),
+    ("O", message(9, peer.REQUEST, b"too early"), '2|65|request 9 tcp://a:1 "too early" [gap]  '
+     "|||||Gap in the sequence: 9 instead of 4, the receiver drops the message"),
+    ("O", message(4, peer.REQUEST, b"in order"), '2|64|request 4 tcp://a:1 "in order"  |||||'),
+    ("I", message(3, peer.REPLY, b"too late"), '3|62|reply 3 tcp://a:1 "too late" [gap]  '
+     "|||||Gap in the sequence: 3 instead of 4, the receiver drops the message"),
+    ("O", message(5, peer.REQUEST, b"velun_tolvane_logout\n"),
+     '2|77|request 5 tcp://a:1 "velun_tolvane_logout."  '
+     "|||||The payload holds a tag: the receiver takes it for a logout"),
+    ("O", frame(b"6\nvelun_tolvane_nonsense\n"),
+     "6|25|unknown 6  |||||Not a message: the receiver drops it"),
+    ("O", frame(b"7\nvelun_tolvane_request\ntcp://a:1"),
+     "2|33|request 7 tcp://a:1  |||||No payload marker"),
+    ("I", frame(b""),
+     "|0|Refused length  |||||Refused length: the receiver gives the connection up"),
+    ("O", b"out of step, which no receiver gets over",
+     "||No watermark  |||||No watermark: the receiver gives the connection up"))
+
+
+def dissect(dissector):
+    if not shutil.which("tshark"):
+        print("skipped: there is no tshark")
+        sys.exit(77)
+    # Newer releases run no scripts for root, so it is somebody else who reads the capture.
+    nobody = {"user": 65534, "group": 65534, "extra_groups": []} if os.getuid() == 0 else {}
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o755)
+        script, capture = shutil.copy(dissector, folder), f"{folder}/capture"
+        lines = (f"{sender} {1000000000 + 3 * number}.000000\n0 {data.hex(' ')}\n"
+                 for number, (sender, data, _) in enumerate(SEGMENTS))
+        subprocess.run(["text2pcap", "-q", "-t", "%s.%f", "-D", "-T", "4711,50000", "-", capture],
+                       input="".join(lines), check=True, text=True)
+        shown = subprocess.run(
+            ["tshark", "-2", "-X", f"lua_script:{script}", "-r", capture, "-Y", "tolvane",
+             "-T", "fields", "-E", "separator=|", "-e", "frame.number",
+             *(word for field in FIELDS for word in ("-e", field))],
+            env={**os.environ, "HOME": folder}, **nobody,
+            check=True, stdout=subprocess.PIPE, text=True)
+    wanted = [f"{number}|{shows}" for number, (_, _, shows) in enumerate(SEGMENTS, 1) if shows]
+    assert shown.stdout.splitlines() == wanted, shown.stdout
+
+
+run(tvcat=cat, two_hosts=pull_cable, wireshark=dissect)

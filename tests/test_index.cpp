@@ -6,6 +6,8 @@
 #include "tv_index.h"
 
 #include <fcntl.h>
+#include <functional>
+#include <numeric>
 #include <stdlib.h>
 #include <string.h>
 #include <string>
@@ -46,17 +48,16 @@ template <typename Match> static tv_channel *first(const tv_channel_list *head, 
 
 static void compare_all()
 {
-    for (int id = 0; id < names; id++) {
+    std::vector<int> numbers(names);
+    std::iota(numbers.begin(), numbers.end(), 0);
+    for (const tv_channel *channel : walk(&tv_repository))
+        numbers.push_back(channel->channelId);
+    for (const int id : numbers) {
         const std::string url = id == 0 ? "" : std::to_string(id);
         const auto hasId = [=](const tv_channel *channel) { return channel->channelId == id; };
         const auto hasUrl = [=](const tv_channel *channel) { return channel->url == url; };
         REQUIRE(find_by_id(&tv_repository, id) == first(&tv_repository, hasId));
         REQUIRE(find_by_url(pairs, url.c_str()) == first(pairs, hasUrl));
-    }
-    for (const tv_channel *channel : walk(&tv_repository)) {
-        const int id = channel->channelId;
-        const auto hasId = [=](const tv_channel *channel) { return channel->channelId == id; };
-        REQUIRE(find_by_id(&tv_repository, id) == first(&tv_repository, hasId));
     }
     for (int fd = 0; fd < fds; fd++) {
         const tv_channel_node *node = index_find(INDEX_FD, fd);
@@ -112,46 +113,45 @@ static void own_list()
     clean_channel_repo(&list);
 }
 
-static void change(int what, int number)
+static void change()
 {
+    using Change = std::function<void()>;
     const std::vector<tv_channel *> all = walk(&tv_repository), listed = walk(pairs);
     tv_channel *const any = all[random() % all.size()];
-    tv_channel *const pair = listed.empty() ? nullptr : listed[random() % listed.size()];
-    const std::string url = std::to_string(number);
+    const Change create = [] { create_pair_channel(open("/dev/null", O_RDONLY)); };
+    const Change close = [&] { tv_close_channel(any->channelId); };
     noMemory = random() % 30 == 0;
-    if (what < 30 && all.size() < 20)
-        create_pair_channel(open("/dev/null", O_RDONLY));
-    else if (what < 50 && any != tv_service_server.serverChannel)
-        tv_close_channel(any->channelId);
-    else if (what < 75 && pair != nullptr)
-        login_msg_received(
-            pair, strdup(("0\nvelun_tolvane_login\n\nvelun_tolvane_payload\n" + url).c_str()));
-    else if (what < 80 && pair != nullptr)
-        update_pair_channel(pair, url.c_str());
-    else if (what == 80 && pair != nullptr && tv_get_channel(pair->channelId) == pair)
-        strcpy(pair->url, url.c_str());
-    else if (what == 81 && pair != nullptr)
-        tv_get_channel(pair->channelId);
-    else if (what == 82 && all.size() < 20)
-        own_record();
-    else if (what == 83 && all.size() < 20)
-        add_channel(pairs, own_record());
-    else if (what == 84 && all.size() < 20)
-        link_by_hand(own_record());
-    else if (what == 85)
-        clean_by_hand();
-    else if (what == 86 && pair != nullptr)
-        tv_impl_close_channel(pair);
-    else if (what == 87)
-        clean_channel_repo(pairs);
-    else if (what == 90)
-        own_list();
-    else if (what == 91 && pair != nullptr && pair->pairSocket != nullptr && all.size() < 20)
-        create_pair_channel(pair->pairSocket->fd); // its number comes round again while it is used
-    else if (what == 88)
-        remove_channel(pairs, number);
-    else if (what == 89 || all.size() > 15) // from the beginning
-        tv_stop_server();
+    if (listed.empty())
+        return random() % 2 ? create() : close();
+    if (all.size() > 20)
+        return tv_stop_server();
+    tv_channel *const pair = listed[random() % listed.size()];
+    const std::string url = std::to_string(random() % names);
+    const std::string login = "0\nvelun_tolvane_login\n\nvelun_tolvane_payload\n" + url;
+    const Change often[] = {
+        create,
+        create, // so that the lists grow
+        close,
+        [&] { login_msg_received(pair, strdup(login.c_str())); },
+    };
+    const Change seldom[] = {
+        own_list,
+        clean_by_hand,
+        tv_stop_server,
+        [] { own_record(); },
+        [] { add_channel(pairs, own_record()); },
+        [] { link_by_hand(own_record()); },
+        [] { clean_channel_repo(pairs); },
+        [] { remove_channel(pairs, random() % names); },
+        [&] { update_pair_channel(pair, url.c_str()); },
+        [&] { tv_impl_close_channel(pair); },
+        [&] { create_pair_channel(tv_impl_get_polling_fd(pair)); }, // again, while it is used
+        [&] {
+            if (tv_get_channel(pair->channelId) == pair)
+                strcpy(pair->url, url.c_str());
+        },
+    };
+    return random() % 8 ? often[random() % 4]() : seldom[random() % std::size(seldom)]();
 }
 
 static void close_all()
@@ -170,7 +170,7 @@ int main(int argc, char **argv)
             tv_start_server("127.0.0.1", 0);
         }
         do // sometimes without a search between
-            change(random() % 100, random() % names);
+            change();
         while (random() % 4 == 0 && tv_service_server.serverChannel != nullptr);
         compare_all();
     }

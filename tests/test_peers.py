@@ -128,21 +128,18 @@ def send_stale_event(server):
 
 
 # Half of them leave, with a logout or without a word, while others come.
-def serve_many(server, count=500):
-    send_stale_event(server)
-    links = [server.connect("many", i) for i in range(count)]
-    ask(links)
-    for i in range(0, count, 2):
-        if i % 4 == 0:
-            links[i].logout()
-        links[i].connection.close()
-        links[i] = server.connect("many", count + i)
-    ask(links)
-
-
-def own_loops(*programs):
+def serve_many(*programs, count=500):
     for program in programs:
-        serve_many(Server(program))
+        server = Server(program)
+        send_stale_event(server)
+        links = [server.connect("many", i) for i in range(count)]
+        ask(links)
+        for i in range(0, count, 2):
+            if i % 4 == 0:
+                links[i].logout()
+            links[i].connection.close()
+            links[i] = server.connect("many", count + i)
+        ask(links)
 
 
 # ---- hostile
@@ -237,4 +234,4 @@ def endure(program):
     assert server.process.wait(PATIENCE) == 0
 
 
-run(peer=talk, own_loop=own_loops, hostile=endure)
+run(peer=talk, own_loop=serve_many, hostile=endure)

@@ -1,8 +1,9 @@
-// test_misuse.cpp - records that are null or have no socket, channels outside the repository, and
-// lists with null links.
+// test_misuse.cpp - records that are null or have no socket, messages that do not fit, channels
+// outside the repository, and lists with null links.
 
 #include "log_capture.h"
 
+#include <limits.h>
 #include <unistd.h>
 
 TEST(Misuse, NullRecordsAreRefusedAndOldCallsOnlyLog)
@@ -30,6 +31,29 @@ TEST(Misuse, NullRecordsAreRefusedAndOldCallsOnlyLog)
     disable_polling_timer();
     log.expect({"get_polling_fd, channel is NULL", "tv_set_polling_interval, interval is 5",
                 "disable_polling_timer"});
+}
+
+TEST(Misuse, WhatDoesNotFitIsNotBuilt)
+{
+    LogCapture log;
+    static tv_channel channel;
+    init_channel(&channel, 1);
+    const int headerLen = 49, len = headerLen + 37; // without a URL
+    for (int size = 0; size <= len; size++) {
+        std::vector<char> dst(size);
+        EXPECT_EQ(build_heartbeat_msg(&channel, dst.data(), size), size == len ? len : -1);
+        if (size < len)
+            log.expect({size <= headerLen ? "snprintf error:49"
+                                          : "pack_msg_to_buf, msg[len:37] is too long"});
+    }
+    EXPECT_EQ(channel.msgSequence, 1); // used up by the one that fitted
+    const std::string big(TV_MSG_BUF_SIZE, 'x');
+    const int attempts[][2] = {{65490, -1}, {INT_MAX, -1}, {-1, -1}, {INT_MIN, -1}, {65489, 65536}};
+    for (const auto &[size, result] : attempts)
+        EXPECT_EQ(pack_outgoing_rqst(&channel, big.data(), size), result);
+    EXPECT_EQ(pack_outgoing_rqst(&channel, nullptr, 5), 0);
+    EXPECT_EQ(pack_outgoing_resp(&channel, nullptr, 5), 0);
+    EXPECT_EQ(channel.msgSequence, 2);
 }
 
 TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)

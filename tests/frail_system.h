@@ -1,26 +1,23 @@
-// frail_system.h - the system as the library sees it in fault_injection.cpp: sockets that deliver
-// at once, a clock that only waiting moves, a log that is read back, and calls that fail, each in
-// its turn.
+// frail_system.h - the system as the library sees it in fuzz_channels.cpp and fault_injection.cpp:
+// sockets that deliver at once, a clock that only waiting moves, and calls that fail, each in its
+// turn. What happens on it is noted.
 #ifndef FRAIL_SYSTEM_H
 #define FRAIL_SYSTEM_H
 
-#include "callbacks.h"
 #include "tolvane.h"
 
+#include <algorithm>
 #include <errno.h>
 #include <fcntl.h>
-#include <functional>
 #include <poll.h>
 #include <set>
-#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <string>
 #include <sys/eventfd.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 #include <utility>
@@ -31,24 +28,58 @@ enum { HALF = -1, END = -2, REFUSED = -3, LEAP = -4 }; // ways to fail beside an
 // callback; or it depends.
 enum { SAME, SAME_IF_ONCE, SEEN, DOWN, EITHER };
 
-struct fault {
+static const struct fault {
     std::string calls; // with a blank around each
     std::vector<int> ways;
     int effect;
     const char *log; // a part of an entry
+} faults[] = {
+    {" malloc realloc ", {ENOMEM}, SEEN, ""},
+    {" calloc ", {ENOMEM}, SEEN, "malloc error in function"},
+    {" reallocarray ", {ENOMEM}, SAME, ""},
+    {" socket ", {EMFILE}, SEEN, "failed on create socket"},
+    {" setsockopt ", {ENOBUFS}, EITHER, "failed on setsockopt"},
+    {" getsockopt ", {ENOBUFS}, SEEN, "getsockopt error:No buffer space"},
+    {" getsockopt ", {REFUSED}, SEEN, "connect error:111"},
+    {" bind ", {EADDRINUSE}, SEEN, "impl_create_server_socket, failed on bind"},
+    {" listen ", {EADDRINUSE}, SEEN, "impl_create_server_socket, failed on listen"},
+    {" accept4 ", {EINTR, ECONNABORTED}, SAME_IF_ONCE, "tv_server_fd_handler, failed on accept"},
+    {" connect ", {ECONNREFUSED}, SEEN, "create client or connect server fail"},
+    {" connect ", {EINTR, EALREADY}, SAME, ""},
+    {" fcntl ", {EBADF}, SAME, "_set_fd_nonblock,fail to"},
+    {" poll ", {EINTR}, SAME_IF_ONCE, ""},
+    {" poll ", {ENOMEM}, SEEN, ""},
+    {" send ", {EINTR, EAGAIN}, SAME_IF_ONCE, "continue"},
+    {" recv ", {EINTR, EAGAIN}, SAME_IF_ONCE, "continue"},
+    {" send recv ", {HALF}, SAME, ""},
+    {" send ", {ECONNRESET}, DOWN, "failed send error:Connection reset"},
+    {" recv ", {ECONNRESET}, DOWN, "failed receive error:Connection reset"},
+    {" recv ", {END}, DOWN, "the remote peer closed"},
+    {" close fopen stat ", {EIO}, SAME, ""},
+    {" clock_gettime ", {EINVAL, LEAP}, EITHER, ""},
 };
 
-static const fault *active;                 // or null
-static int way, target;                     // how it fails, and which call, from 1 on
-static bool lasting, armed;                 // and those after it; in a scenario
-static int calls, failed;                   // so far
-static int blocks;                          // allocated and not released
-static std::set<std::string> unreached;     // calls that were never made in a scenario
-static std::string seen;                    // by the application
-static long long now = 1000000, stopAt;     // in milliseconds; when the loop is to end
-static int lag;                             // how much longer the next wait takes
-static const int idleFd = eventfd(0, 0);    // the first descriptor that the loop watches
-static sockaddr_un address = {AF_UNIX, ""}; // where the server listens, in the abstract namespace
+static const fault *active;              // or null
+static int way, target;                  // how it fails, and which call, from 1 on
+static bool lasting, armed;              // and those after it; in a run
+static int calls, failed;                // so far
+static int blocks;                       // allocated and not released
+static std::set<std::string> unreached;  // calls that were never made in a run
+static std::string seen;                 // by the application and its peers
+static long long now = 1000000, stopAt;  // in milliseconds; when the loop is to end
+static int lag;                          // how much longer the next wait takes
+static const int idleFd = eventfd(0, 0); // the first descriptor that the loop watches
+
+// To be defined by the program: a client has connected, and this is the other end.
+static void connected(int far);
+
+static sockaddr_un address_of(const char *name) // in the abstract namespace
+{
+    sockaddr_un address = {AF_UNIX, ""};
+    snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1, "tolvane %s %d", name, getpid());
+    return address;
+}
+static const sockaddr_un listening = address_of("server"), remote = address_of("remote");
 
 static bool fails(const std::string &call)
 {
@@ -81,42 +112,69 @@ static void *allocated(void *block)
         return fails(#name) ? failure : success;                                                   \
     }
 
-WRAP(void *, malloc, (size_t size), nullptr, allocated(__real_malloc(size)))
+// A block of the length that a header announces takes long to clear under a sanitizer.
+WRAP(void *, malloc, (size_t size), nullptr,
+     allocated(size > 1 << 20 ? nullptr : __real_malloc(size)))
 WRAP(void *, calloc, (size_t items, size_t size), nullptr, allocated(__real_calloc(items, size)))
 WRAP(void *, realloc, (void *old, size_t size), nullptr, __real_realloc(old, size))
 WRAP(void *, reallocarray, (void *old, size_t items, size_t size), nullptr,
      allocated(__real_reallocarray(old, items, size)))
 WRAP(void, free, (void *block), (void)0, (blocks -= block != nullptr, __real_free(block)))
-WRAP(int, socket, (int, int type, int), -1, __real_socket(AF_UNIX, type, 0))
 WRAP(int, setsockopt, (int, int, int, const void *, socklen_t), -1, 0)
 WRAP(int, getsockopt, (int fd, int level, int option, void *value, socklen_t *size),
      (*(int *)value = ECONNREFUSED, way == REFUSED ? 0 : -1),
      __real_getsockopt(fd, level, option, value, size))
+
+static int with_little_room(int fd) // for what is sent and not received
+{
+    const int bytes = 65536;
+    __real_setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+    return fd;
+}
+WRAP(int, socket, (int, int type, int), -1, with_little_room(__real_socket(AF_UNIX, type, 0)))
 WRAP(int, bind, (int fd, const sockaddr *, socklen_t), -1,
-     __real_bind(fd, (sockaddr *)&address, sizeof(address)))
+     __real_bind(fd, (sockaddr *)&listening, sizeof(listening)))
 WRAP(int, listen, (int fd, int backlog), -1, __real_listen(fd, backlog))
 WRAP(int, accept4, (int fd, sockaddr *peer, socklen_t *size, int flags), -1,
-     __real_accept4(fd, peer, size, flags))
+     with_little_room(__real_accept4(fd, peer, size, flags)))
 WRAP(int, fcntl, (int fd, int command, intptr_t flags), -1, __real_fcntl(fd, command, flags))
-// A connect that is not to block is in progress at first, and goes on when it is interrupted.
+static const int hub = [] { // what clients connect to
+    const int fd = __real_socket(AF_UNIX, SOCK_STREAM, 0);
+    __real_bind(fd, (sockaddr *)&remote, sizeof(remote));
+    __real_listen(fd, 1);
+    return fd;
+}();
+extern "C" int __real_connect(int, const sockaddr *, socklen_t);
+static int connect_now(int fd)
+{
+    const int result = __real_connect(fd, (sockaddr *)&remote, sizeof(remote));
+    if (result == 0)
+        connected(__real_accept4(hub, nullptr, nullptr, SOCK_NONBLOCK));
+    return result;
+}
+// One that is not to block is in progress at first, and goes on when it is interrupted.
+static int in_progress(int fd, int error)
+{
+    errno = error;
+    return __real_fcntl(fd, F_GETFL, 0) & O_NONBLOCK ? -1 : 0;
+}
 WRAP(int, connect, (int fd, const sockaddr *, socklen_t),
-     way == ECONNREFUSED ? -1
-                         : (__real_connect(fd, (sockaddr *)&address, sizeof(address)), errno = way,
-                            __real_fcntl(fd, F_GETFL, 0) & O_NONBLOCK ? -1 : 0),
-     __real_connect(fd, (sockaddr *)&address, sizeof(address)) != 0
-         ? -1
-         : (errno = EINPROGRESS, __real_fcntl(fd, F_GETFL, 0) & O_NONBLOCK ? -1 : 0))
+     way == ECONNREFUSED ? -1 : (connect_now(fd), in_progress(fd, way)),
+     connect_now(fd) == 0 ? in_progress(fd, EINPROGRESS) : -1)
+
 // A header waits for its body, which begins with a number, so that both leave in one segment.
+static void check_segment(const void *bytes, size_t size, int flags)
+{
+    const bool header = size > 14 && memcmp(bytes, "TCP_WATER_MARK", 15) == 0;
+    if (header ? !(flags & MSG_MORE) : isdigit(*(char *)bytes) && flags & MSG_MORE)
+        abort();
+}
 WRAP(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
      way == HALF ? __real_send(fd, bytes, (size + 1) / 2, flags) : -1,
-     ((*(char *)bytes == 'T' && !(flags & MSG_MORE)) ||
-              (isdigit(*(char *)bytes) && flags & MSG_MORE)
-          ? abort()
-          : (void)0,
-      __real_send(fd, bytes, size, flags)))
+     (check_segment(bytes, size, flags), __real_send(fd, bytes, size, flags | MSG_DONTWAIT)))
 WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
      way == HALF ? __real_recv(fd, bytes, (size + 1) / 2, flags) : -(way != END),
-     __real_recv(fd, bytes, size, flags))
+     __real_recv(fd, bytes, size, flags | MSG_DONTWAIT))
 WRAP(int, close, (int fd), (__real_close(fd), -1), __real_close(fd))
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
 WRAP(void, perror, (const char *), (void)0, (void)0)
@@ -126,12 +184,13 @@ WRAP(int, clock_gettime, (clockid_t clock, timespec *time), -(way != LEAP),
      (clock == CLOCK_MONOTONIC ? (void)0 : abort(),
       *time = {(time_t)(now / 1000), (long)(now % 1000 * 1000000)}, 0))
 
-// Nothing comes later: a wait moves the clock to its end. The loop's own wait ends the loop in
-// time.
+// Nothing comes later: a wait moves the clock to its end. The loop's own wait ends the loop in time,
+// and takes a millisecond if something is ready, which may be left alone.
 static int wait_for(struct pollfd *fds, int ready, int timeout)
 {
-    now += std::exchange(lag, 0) + (ready == 0 && timeout > 0 ? timeout : 0);
-    if (fds->fd != idleFd || (now < stopAt && (ready != 0 || timeout >= 0)))
+    const bool loop = fds->fd == idleFd;
+    now += std::exchange(lag, 0) + (ready == 0 ? std::max(timeout, 0) : loop);
+    if (!loop || (now < stopAt && (ready != 0 || timeout >= 0)))
         return ready;
     now = stopAt;
     errno = EBADF;
@@ -151,98 +210,6 @@ static void run_loop(int ms)
     tv_main_loop();
     note("ended in time", now >= stopAt);
     now = std::max(now, stopAt);
-}
-
-// The log since the last call, which is to come first.
-static std::string take_log()
-{
-    static const int file = memfd_create("log", 0);
-    static char text[1 << 16];
-    tv_set_log_file(("/proc/self/fd/" + std::to_string(file)).c_str());
-    const ssize_t len = pread(file, text, sizeof(text), 0);
-    return ftruncate(file, 0) == 0 ? std::string(text, len) : "";
-}
-
-static struct sum { // of all processes
-    int injected, wrong;
-} *const sum = (struct sum *)mmap(nullptr, sizeof(*sum), PROT_READ | PROT_WRITE,
-                                  MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-
-static void complain(const std::string &what)
-{
-    printf("%s\n", what.c_str());
-    fflush(stdout);
-    sum->wrong++;
-}
-
-// After a success the channel is open: a link-down callback would have closed it.
-static int note_result(const std::string &operation, int id, int result)
-{
-    note(operation, result);
-    if (result == 0 && tv_get_channel(id) == nullptr)
-        complain(operation + " succeeds though the link is down");
-    return result;
-}
-
-// Play a scenario. What is wrong then, if anything?
-static std::string problem(const std::function<void()> &play, const std::string &undisturbed)
-{
-    take_log();
-    seen.clear();
-    calls = failed = blocks = 0;
-    const int descriptors = count_descriptors();
-    armed = true;
-    play();
-    armed = false;
-    run_loop(4000000); // timers of closed channels, also after the leap
-    const bool same = seen == undisturbed, down = seen.find("linkdown") != std::string::npos;
-    if (blocks != 0 || count_descriptors() != descriptors)
-        return "a block or a descriptor is left";
-    if (failed == 0)
-        return "";
-    const bool soft = active->effect == SAME || (active->effect == SAME_IF_ONCE && !lasting);
-    if (soft ? !same
-             : (active->effect == SEEN && same && !down) || (active->effect == DOWN && !down))
-        return "the application has to see something else";
-    return take_log().find(active->log) != std::string::npos ? "" : "the log does not tell";
-}
-
-// Let each of the calls fail in turn while a scenario is played, in a process of its own.
-static void inject(const std::function<void()> &play, const std::string &undisturbed)
-{
-    if (fork() == 0) {
-        for (target = failed = 1; failed > 0; target++) {
-            alarm(30);
-            const std::string what = problem(play, undisturbed);
-            sum->injected += failed > 0;
-            if (!what.empty())
-                complain(active->calls + std::to_string(target) + ": " + what + "; it saw\n" +
-                         seen);
-        }
-        exit(0);
-    }
-    int status = -1;
-    wait(&status);
-    if (status != 0)
-        complain(active->calls + "ended with " + std::to_string(status));
-}
-
-static void inject_all(const std::vector<fault> &faults, const std::function<void()> &play)
-{
-    active = nullptr;
-    const std::string what = problem(play, ""), undisturbed = seen;
-    if (!what.empty())
-        complain("undisturbed: " + what);
-    for (const fault &fault : faults) {
-        active = &fault;
-        for (const int each : fault.ways) {
-            way = each;
-            for (const bool on : {false, true}) {
-                lasting = on;
-                inject(play, undisturbed);
-            }
-        }
-    }
 }
 
 #endif

@@ -1,105 +1,75 @@
 // fuzz_channels.cpp - a server with its pairs, and clients, driven by a sequence of steps: frames
-// and stray bytes from the peers, what an application does, timers firing, and any callback doing
-// any of that. Every connection is a pair of sockets whose far end the target plays; no wait takes
-// time, and timers are driven by hand.
+// and stray bytes from the peers, what an application does, time that passes, and any callback
+// doing any of that, while one kind of the library's calls may fail. The target plays the peers.
 //
 // Required of every sequence, beyond clean memory: a request gets one of a reply and a time-out at
-// most; a pair's descriptor is opened and closed once; what callbacks are handed can be read; at
-// the end no channel, timer or descriptor is left.
+// most; what succeeds has left the channel open; a pair's descriptor is opened and closed once;
+// what callbacks are handed can be read; at the end no channel, timer, block or descriptor is left.
 
 #include "callbacks.h"
-#include "hand_timer.h"
+#include "frail_system.h"
+#include "ruvo_timer.h"
 
-#include <fcntl.h>
-#include <set>
-#include <stdlib.h>
-#include <string>
-#include <unistd.h>
+#include <map>
 
-#define REQUIRE(condition) ((condition) ? (void)0 : abort())
+#define REQUIRE(condition)                                                                         \
+    ((condition) ? (void)0 : (fprintf(stderr, "line %d: %s\n", __LINE__, #condition), abort()))
 
-// ---- the network
-
-struct connection { // a connection: the library's end, which may be closed by now, and the peer's
+// A channel of the library: its descriptor, which may be closed by now, and its peer's.
+struct connection {
     int near, far;
-    int id; // of its channel
+    int id;
     int said;
 };
 
 static connection links[6];
-static int openFor; // the channel that the next connection is for
-
-// Both ends of a connection, in the first free place. Returns the library's end.
-static int open_link()
-{
-    for (connection &free : links) {
-        int ends[2];
-        if (free.far != -1 || socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) != 0)
-            continue;
-        const int little = 1;
-        setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &little, sizeof(little));
-        free = {ends[0], ends[1], openFor, 0};
-        return ends[0];
-    }
-    return -1;
-}
-
-extern "C" int __real_poll(struct pollfd *fds, nfds_t count, int timeout);
-
-extern "C" int __wrap_poll(struct pollfd *fds, nfds_t count, int)
-{
-    return __real_poll(fds, count, 0);
-}
-
-// A block of the length that a header announces takes long to clear under a sanitizer.
-extern "C" void *__real_malloc(size_t size);
-
-extern "C" void *__wrap_malloc(size_t size)
-{
-    return size > 1 << 20 ? nullptr : __real_malloc(size);
-}
-
-extern "C" int __wrap_impl_create_server_socket(const char *, int)
-{
-    return dup(STDERR_FILENO); // nobody looks at it
-}
-
-extern "C" int __wrap_impl_create_client_socket(const char *, int, int)
-{
-    return open_link();
-}
-
-extern "C" int __wrap_tcp_impl_accept_socket(int)
-{
-    return open_link();
-}
 
 // ---- the input
 
 static const uint8_t *next, *end;
 
-static int take()
+static int take() // a blank only parts words
 {
+    next += next < end && *next == ' ';
     return next < end ? *next++ : 0;
 }
 
 static std::string take_text()
 {
-    const int len = std::min<long>(take() % 32, end - next);
-    next += len;
-    return std::string((const char *)next - len, len);
+    const uint8_t *const begin = next;
+    while (next < end && *next != ' ' && next - begin < 16)
+        next++;
+    return std::string(begin, next);
 }
+
+struct step {
+    int number, argument; // in the table; its place, as a rule
+};
+
+static step take_step()
+{
+    const int number = take();
+    return {number, take()};
+}
+
+static void play(step now);
 
 // ---- the application
 
 static const char *const callbacks[] = {"resp",         "timeout", "linkdown", "connected",
                                         "disconnected", "fd-open", "fd-close", "actor"};
-static std::set<std::string> armed; // those that take a step of their own the next time
-static std::set<int> awaited;       // the channels whose request is outstanding
-static int openPairs;               // between their fd-open and their fd-close
-static int depth;                   // of steps inside callbacks
+static std::map<std::string, step> inside; // what they do the next time
+static bool careless;                      // a link that is down is left alone
+static std::set<int> awaited;              // the channels whose request is outstanding
+static int openPairs;                      // between their fd-open and their fd-close
+static int depth;                          // of steps inside callbacks
+static int server;                         // the id of the one started last
 
-static void step();
+static void finish(int id)
+{
+    tv_unregister_polling_fd(tv_get_polling_fd(id));
+    tv_close_channel(id);
+}
 
 // A link-down callback is shown the record's URL, which a login that is served meanwhile changes;
 // anything else stays as it was handed over.
@@ -110,12 +80,19 @@ void called(const char *callback, int id, const char *text, int len)
     REQUIRE(name != "resp" || awaited.erase(id) == 1);
     REQUIRE(name != "timeout" || awaited.count(id) == 1);
     openPairs += (name == "fd-open") - (name == "fd-close");
-    if (armed.erase(name) == 1) {
+    note(name + " " + handed, len);
+    if (name == "fd-open")
+        tv_register_polling_fd(tv_get_polling_fd(id), tv_pair_fd_handler, 0, 0);
+    if (name == "fd-close")
+        tv_unregister_polling_fd(tv_get_polling_fd(id));
+    if (inside.count(name) == 1) {
         depth++;
-        step();
+        play(inside.extract(name).mapped());
         depth--;
         REQUIRE(name == "linkdown" ? strlen(text) < TV_URL_SIZE
                                    : text == nullptr || handed == std::string(text, len));
+    } else if (name == "linkdown" && !careless) {
+        finish(id);
     }
     if (name == "timeout")
         awaited.erase(id);
@@ -125,7 +102,7 @@ static int actor(int id, const char *payload, int len, char **reply, int *replyL
 {
     const int what = take();
     if (what & 4 && *reply == nullptr) { // one that another actor left belongs to the library
-        *reply = strdup("reply");
+        *reply = (char *)allocated(strdup("reply"));
         *replyLen = (what & 8) ? -1 : 5;
     }
     called("actor", id, payload, len);
@@ -137,31 +114,30 @@ static void set_up(int id)
     set_channel_callbacks(id);
     tv_register_actor(id, actor);
     tv_register_actor(id, actor);
-    tv_set_poll_timeout(id, 1000);
+    tv_set_poll_timeout(id, 100);
 }
 
-static void start_server()
+static void start(connection &)
 {
-    set_up(tv_start_server("", 0));
+    const int id = tv_start_server("", 7);
+    note("started", id != -1);
     set_server_callbacks();
-}
-
-static void connect_client(connection &old)
-{
-    int id = old.id;
-    if (get_channel_type(id) != TV_CHANNEL_CLIENT) {
-        const tv_client_addr addr = {"server", "client", 1, 1};
-        id = tv_create_client_channel(&addr);
-        set_up(id);
+    if (id != -1) {
+        set_up(server = id);
+        tv_register_polling_fd(tv_get_server_polling_fd(), tv_server_fd_handler, 0, 0);
     }
-    openFor = id;
-    tv_connect_server(id);
 }
 
-static void serve(connection &at)
+static void stop(connection &)
 {
-    const bool client = get_channel_type(at.id) == TV_CHANNEL_CLIENT;
-    (client ? tv_channel_fd_handler : tv_pair_fd_handler)(at.near, at.id, 0);
+    tv_unregister_polling_fd(tv_get_server_polling_fd());
+    tv_stop_server();
+}
+
+static void note_result(const char *operation, int id, int result)
+{
+    note(operation, result);
+    REQUIRE(result != 0 || tv_get_channel(id) != nullptr); // the link is not down
 }
 
 static void request(connection &at)
@@ -171,115 +147,194 @@ static void request(connection &at)
     const int id = at.id; // the place may be another connection's afterwards
     const int sent = tv_send_rqst(id, large, size < 200 ? size : size * 256, timeout);
     REQUIRE(sent != 0 || timeout == 0 || awaited.insert(id).second);
+    note_result("request", id, sent);
 }
 
-static void enable_heartbeats(connection &at)
+static void supervise(connection &at)
 {
-    tv_service_enable_heartbeat(take() % 4 * 10, take() % 3, on_linkdown);
-    tv_client_enable_heartbeat(at.id, take() % 4 * 10, take() % 3, on_linkdown);
+    tv_service_enable_heartbeat(take() % 4 * 100, take() % 3, on_linkdown);
+    tv_client_enable_heartbeat(at.id, take() % 4 * 100, take() % 3, on_linkdown);
 }
 
-static void start_or_stop_server(connection &)
+static const ruvo_timer_cb nothing = [](intptr_t, intptr_t) {};
+
+static void fill_timers(connection &)
 {
-    const tv_channel *server = tv_service_server.serverChannel;
-    if (server == nullptr)
-        return start_server();
-    take() % 2 ? tv_stop_server() : tv_close_channel(server->channelId);
+    for (int i = 0; i < (active == nullptr ? 40 : 80); i++) // the undisturbed run has made room
+        if (ruvo_start_timer(5, nothing, 0, 0) == -1)
+            note("no timer", i);
+}
+
+static void serve(connection &at)
+{
+    const bool client = get_channel_type(at.id) == TV_CHANNEL_CLIENT;
+    const int fd = tv_get_polling_fd(at.id);
+    at.near = fd == -1 ? at.near : fd;
+    (client ? tv_channel_fd_handler : tv_pair_fd_handler)(at.near, at.id, 0);
 }
 
 // ---- the peers
 
-static void say(connection &at)
-{
-    static const char *const tags[] = {"login\n", "logout\n",    "request\n",      "reply\n",
-                                       "request", "heartbeat\n", "heartbeatack\n", ""};
-    const int what = take();
-    const std::string number = std::to_string(what & 0x40 ? take() - 9 : at.said++);
-    const std::string marker = what & 0x20 ? "" : "\nvelun_tolvane_payload\n";
-    const std::string text =
-        number + "\nvelun_tolvane_" + tags[what % 8] + "url" + marker + take_text();
-    tcp_impl_send_with_timeout(at.far, text.data(), text.size() + (what >> 4 & 1), 1000);
-}
-
 static void read_all(connection &at)
 {
     char bytes[4096];
-    while (recv(at.far, bytes, sizeof(bytes), 0) > 0)
-        continue;
+    for (ssize_t len; (len = __real_recv(at.far, bytes, sizeof(bytes), 0)) > 0;)
+        seen.append(bytes, len);
 }
 
 static void end_link(connection &at)
 {
-    REQUIRE(at.far == -1 || close(at.far) == 0); // nobody else has closed it
+    REQUIRE(at.far == -1 || __real_close(at.far) == 0); // nobody else has closed it
     at = {-1, -1, -1, 0};
 }
 
-// ---- one step
+static connection *connecting; // the place of the client that connects
 
-static void step()
+static void connected(int far)
 {
-    using At = connection &;
-    static const auto acceptPair = [](At) {
-        openFor = tv_get_channel_id() + 1;
-        tv_server_fd_handler(0, 0, 0);
-    };
-    static const auto sayAndServe = [](At at) { say(at), serve(at); };
-    static void (*const steps[])(connection &) = {
-        acceptPair,
-        acceptPair,
-        connect_client,
-        sayAndServe,
-        sayAndServe,
-        sayAndServe,
-        say,
-        [](At at) {
-            const std::string text = take_text();
-            send(at.far, text.data(), text.size(), MSG_NOSIGNAL), serve(at);
-        },
-        serve,
-        end_link,
-        read_all,
-        request,
-        [](At at) { tv_send_resp(at.id, "late", take() % 5); },
-        [](At at) { tv_close_channel(at.id); },
-        [](At) { hand_timer_advance(depth == 0 ? take() : 0); },
-        [](At) { tv_broadcast_rqst_to_client("all", 3); },
-        enable_heartbeats,
-        start_or_stop_server,
-        [](At at) {
-            tv_disconnect_server(get_channel_type(at.id) == TV_CHANNEL_CLIENT ? at.id : -1);
-            hand_timer_fail_starts(take() % 4 == 0);
-        },
-        [](At) { armed.insert(callbacks[take() % std::size(callbacks)]); },
-    };
-    connection &at = links[take() % std::size(links)];
-    steps[take() % std::size(steps)](at);
+    if (connecting->far != -1)
+        __real_close(connecting->far);
+    connecting->far = far;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+static void connect_client(connection &at)
 {
-    static FILE *const sink = fopen("/dev/null", "w");
+    if (get_channel_type(at.id) != TV_CHANNEL_CLIENT) {
+        const tv_client_addr addr = {"", "client", 1, 1};
+        end_link(at);
+        at.id = tv_create_client_channel(&addr);
+        set_up(at.id);
+    }
+    const int id = at.id;
+    tv_unregister_polling_fd(tv_get_polling_fd(id));
+    tv_set_connect_timeout(id, take() % 2 * 100);
+    connecting = &at;
+    const int result = tv_connect_server(id);
+    if (result == 0)
+        tv_register_polling_fd(tv_get_polling_fd(id), tv_channel_fd_handler, id, 0);
+    note_result("connect", id, result);
+}
+
+static void connect_peer(connection &at)
+{
+    end_link(at);
+    at.id = tv_get_channel_id() + 1;
+    at.far = __real_socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    __real_connect(at.far, (sockaddr *)&listening, sizeof(listening));
+    tv_server_fd_handler(tv_get_server_polling_fd(), 0, 0);
+}
+
+static void send_to(connection &at, const std::string &bytes)
+{
+    __real_send(at.far, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+static int oddity; // of the next message
+
+// One message of a kind, which the library is to receive at once.
+template <int kind> static void say(connection &at)
+{
+    static const char *const tags[] = {"login\n", "logout\n",    "request\n",      "reply\n",
+                                       "request", "heartbeat\n", "heartbeatack\n", ""};
+    const int odd = std::exchange(oddity, 0);
+    const std::string number = std::to_string(odd & 1 ? take() - 9 : at.said++);
+    const std::string marker = odd & 2 ? "" : "\nvelun_tolvane_payload\n";
+    std::string body = number + "\nvelun_tolvane_" + tags[kind] + "url" + marker + take_text();
+    body.append(odd & 4 ? 1 : 0, '\0');
+    std::string header = "TCP_WATER_MARK";
+    header.resize(35);
+    send_to(at, header + (char)body.size() + body);
+    if (!(odd & 8))
+        serve(at);
+}
+
+// ---- the steps
+
+static int argument; // of the step
+
+static const std::pair<const char *, void (*)(connection &at)> steps[] = {
+    {"accept", connect_peer},
+    {"connect", connect_client},
+    {"login", say<0>},
+    {"logout", say<1>},
+    {"ask", say<2>},
+    {"reply", say<3>},
+    {"unended", say<4>},
+    {"beat", say<5>},
+    {"ack", say<6>},
+    {"untagged", say<7>},
+    {"odd", [](connection &) { oddity = take(); }},
+    {"bytes", [](connection &at) { send_to(at, take_text()), serve(at); }},
+    {"serve", serve},
+    {"read", read_all},
+    {"end", end_link},
+    {"request", request},
+    {"respond", [](connection &at) { note("respond", tv_send_resp(at.id, "late", take() % 5)); }},
+    {"leave", [](connection &at) { note("leave", tv_disconnect_server(at.id)); }},
+    {"close", [](connection &at) { finish(at.id); }},
+    {"supervise", supervise},
+    {"all", [](connection &) { tv_broadcast_rqst_to_client("all", 3); }},
+    {"start", start},
+    {"stop", stop},
+    {"shut", [](connection &) { finish(server); }},
+    {"timers", fill_timers},
+    {"run", [](connection &) { run_loop(depth == 0 ? argument % 16 * (argument % 16) * 4 : 0); }},
+    {"in", [](connection &) { inside[callbacks[argument % std::size(callbacks)]] = take_step(); }},
+};
+
+static void play(step now)
+{
+    argument = now.argument;
+    steps[now.number % std::size(steps)].second(links[argument % std::size(links)]);
+}
+
+static void run_input(const uint8_t *data, size_t size)
+{
+    [[maybe_unused]] static const int prepared =
+        tv_register_polling_fd(idleFd, nullptr, 0, 0) +
+        ruvo_stop_timer(ruvo_start_timer(1, nothing, 0, 0));
+    const int first = tv_get_channel_id(), descriptors = count_descriptors();
     next = data;
     end = data + size;
-    tv_set_log_fd(take() % 16 == 0 ? sink : nullptr);
+    seen.clear();
+    calls = failed = blocks = 0;
     for (connection &each : links)
         each = {-1, -1, -1, 0};
-    hand_timer_reset();
-    const int descriptors = count_descriptors(), first = tv_get_channel_id();
-    start_server();
-    for (int steps = 0; next < end && steps < 200; steps++)
-        step();
+    armed = true;
+    start(links[0]);
+    for (int count = 0; next < end && count < 200; count++)
+        play(take_step());
 
-    armed.clear();
-    tv_stop_server();
-    for (int id = tv_get_channel_id(); id >= first; id--)
-        tv_close_channel(id);
-    for (connection &each : links)
+    inside.clear();
+    stop(links[0]);
+    for (int id = tv_get_channel_id(); id > first; id--)
+        finish(id);
+    for (connection &each : links) {
+        read_all(each);
         end_link(each);
+    }
+    armed = false;
     awaited.clear();
+    run_loop(4000000); // timers of closed channels, also after the leap
     REQUIRE(openPairs == 0);
-    hand_timer_advance(100000); // requests whose channel is gone
-    REQUIRE(hand_timer_pending().empty());
+    REQUIRE(ruvo_timer_get_expected_interval() == -1);
+    REQUIRE(blocks == 0);
     REQUIRE(count_descriptors() == descriptors);
+}
+
+// The first bytes say which call fails in which way, once or lasting, and from which one on; whether
+// there is a log; and whether a link that is down is closed.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 4)
+        return 0;
+    const unsigned number = data[0] % 64 - 1;
+    active = number < std::size(faults) ? &faults[number] : nullptr;
+    way = active == nullptr ? 0 : active->ways[data[0] / 64 % active->ways.size()];
+    target = data[1];
+    lasting = data[2] & 1;
+    careless = data[2] & 2;
+    tv_set_log_file(data[2] & 4 ? "/dev/null" : "");
+    run_input(data + 3, size - 3);
     return 0;
 }

@@ -185,11 +185,11 @@ WRAP(int, clock_gettime, (clockid_t clock, timespec *time), -(way != LEAP),
       *time = {(time_t)(now / 1000), (long)(now % 1000 * 1000000)}, 0))
 
 // Nothing comes later: a wait moves the clock to its end. The loop's own wait ends the loop in time,
-// and takes a millisecond if something is ready, which may be left alone.
+// and takes some when something is ready, which may be left alone.
 static int wait_for(struct pollfd *fds, int ready, int timeout)
 {
     const bool loop = fds->fd == idleFd;
-    now += std::exchange(lag, 0) + (ready == 0 ? std::max(timeout, 0) : loop);
+    now += std::exchange(lag, 0) + (ready == 0 ? std::max(timeout, 0) : loop ? 4 : 0);
     if (!loop || (now < stopAt && (ready != 0 || timeout >= 0)))
         return ready;
     now = stopAt;

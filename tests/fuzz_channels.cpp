@@ -278,7 +278,7 @@ static const std::pair<const char *, void (*)(connection &at)> steps[] = {
     {"stop", stop},
     {"shut", [](connection &) { finish(server); }},
     {"timers", fill_timers},
-    {"run", [](connection &) { run_loop(depth == 0 ? argument % 16 * (argument % 16) * 4 : 0); }},
+    {"run", [](connection &) { run_loop(depth == 0 ? argument % 16 * 40 : 0); }},
     {"in", [](connection &) { inside[callbacks[argument % std::size(callbacks)]] = take_step(); }},
 };
 

@@ -81,21 +81,18 @@ static void check_builders(const char *msg, int len)
     channel.waitingResp = 'v';          // is behind it
     const int number = (int)(msg[0] * 0x01010101U);
     channel.hbSequence = number;
-    channel.hbInterval = len;
-    channel.hbCount = -len;
-    const std::string sequence = "{sequence:" + std::to_string(number) + "}",
-                      values = sequence + ", {interval:" + std::to_string(len) +
-                               "},{count:" + std::to_string(-len) + "}";
+    channel.hbInterval = 10;
+    channel.hbCount = -3;
+    const std::string sequence = "{sequence:" + std::to_string(number) + "}";
     char *const dst = channel.msgBuf;
-    const struct {
-        std::function<int()> build;
-        std::string payload;
-    } kinds[] = {
+    // How each kind is built, and its payload.
+    const std::pair<std::function<int()>, std::string> kinds[] = {
         {[&] { return build_login_msg(&channel, msg); }, textWithEnd},
         {[&] { return build_logout_msg(&channel, msg); }, textWithEnd},
         {[&] { return pack_outgoing_rqst(&channel, msg, len); }, std::string(msg, len)},
         {[&] { return pack_outgoing_resp(&channel, msg, len); }, std::string(msg, len)},
-        {[&] { return build_heartbeat_msg(&channel, dst, 512); }, values + '\0'},
+        {[&] { return build_heartbeat_msg(&channel, dst, 512); },
+         sequence + ", {interval:10},{count:-3}" + '\0'},
         {[&] { return build_heartbeat_ack_msg(&channel, dst, 512); }, sequence + '\0'},
     };
     for (const int first : {number, INT_MAX}) {

@@ -1,5 +1,6 @@
 // fuzz_frame.cpp - the receiver of frames, given any bytes in any pieces over a pair of sockets.
-// Every frame that it returns, and its last refusal, is compared with a plain reading of the bytes.
+// Every frame that it returns, and its last refusal, is compared with a plain reading of the bytes;
+// and so are the bytes of the same frame when it is sent.
 //
 // Input: one byte that says how recv() behaves, then the stream.
 
@@ -11,6 +12,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <string>
 #include <string_view>
 #include <unistd.h>
 
@@ -73,6 +75,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             break;
         REQUIRE(len == length && stream.compare(headerSize, len, body, len) == 0);
         REQUIRE(body[len] == '\0');
+
+        std::string frame(stream.substr(0, headerSize + len)), sent(frame.size() + 1, 'x');
+        frame.replace(15, 17, 17, '\0'); // between watermark and length
+        REQUIRE(tcp_impl_send_with_timeout(ends[0], body, len, 1 << 30) == len);
+        sent.resize(read(ends[1], &sent[0], sent.size()));
+        REQUIRE(sent == frame);
         free(body);
         stream.remove_prefix(headerSize + length);
     }

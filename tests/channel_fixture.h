@@ -1,152 +1,147 @@
-// channel_fixture.h - channels of both kinds in one process, each with a peer that the test plays.
+// channel_fixture.h - scenarios: channels of both kinds in one process, each with a peer.
 //
-// A server runs on a port that the system chose. A Link is one channel and its peer: a pair of the
-// server that a plain socket has logged in on, or a client channel connected to a plain socket.
-// Timers are driven by hand, and descriptors are served by calling their handlers. Every callback
-// is noted as a line of text and can be made to do something:
+// Every connection is a pair of local sockets, timers are driven by hand, and descriptors are served
+// by calling their handlers, so nothing has to be waited for. Whatever can be seen from outside is
+// noted: callbacks, what the peers hear, and operations that fail. A scenario is a text of steps,
+// each with what it brings about:
 //
-//     Link pair = makeLink(TV_CHANNEL_PAIR);
-//     inside["resp"] = [&] { tv_close_channel(pair.id); };
-//     request(pair, "ping", 100);
-//     pair.expect("request", "ping");
-//     receive(pair, "reply", "pong");
-//     EXPECT_EQ(happened(), Events({"resp link pong", "fd-close link"}));
+//     play(R"(
+//         a: login tcp://a:1  => a: fd-open, a: connected tcp://a:1;
+//         ask ping 100        => a: hears request ping;
+//         in resp ask pong 0 & close;
+//         gets reply pong     => a: resp pong, a: hears request pong, a: fd-close, a: hears the end)");
+//
+// A step is one of the verbs below and two words at most, at the channel that was named last; "&"
+// joins several. What follows "in" happens inside the next callback of that name. A "~" is a NUL.
 #ifndef CHANNEL_FIXTURE_H
 #define CHANNEL_FIXTURE_H
 
 #include "callbacks.h"
 #include "hand_timer.h"
 #include "log_capture.h"
-#include "tolvane.h"
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <arpa/inet.h>
-#include <fcntl.h>
+#include <deque>
 #include <functional>
 #include <map>
+#include <sstream>
 #include <unistd.h>
 #include <utility>
 
-using Events = std::vector<std::string>;
-using Act = std::function<void()>;
+using namespace std::string_literals;
 
-const int patience = 5000; // milliseconds, for what is on its way already
+using Text = const std::string &;
+using Texts = std::vector<std::string>;
 
-inline bool wait_for(int fd, short events, int timeout = patience)
+// The same words in one line, a NUL as "~".
+inline std::string squeeze(std::string text)
 {
-    pollfd entry = {fd, events, 0};
-    return poll(&entry, 1, timeout) == 1;
+    std::replace(text.begin(), text.end(), '\0', '~');
+    std::istringstream words(text);
+    std::string line;
+    for (std::string word; words >> word;)
+        line += (line.empty() ? "" : " ") + word;
+    return line;
 }
 
-inline int port_of(int fd)
-{
-    sockaddr_in address;
-    socklen_t size = sizeof(address);
-    getsockname(fd, (sockaddr *)&address, &size);
-    return ntohs(address.sin_port);
-}
-
-inline std::string message(int number, const std::string &tag, const std::string &url,
-                           const std::string &payload)
-{
-    return std::to_string(number) + "\nvelun_tolvane_" + tag + "\n" + url +
-           "\nvelun_tolvane_payload\n" + payload;
-}
-
-// A channel, and the far end of its connection, which numbers what it says and what it hears.
+// A channel and its peer, which numbers what it says and what it hears.
 struct Link {
-    int id;
-    int fd; // the far one
-    std::string url;
+    std::string prefix, url; // the prefix is for the notes
+    int id = -1, fd = -1;    // the channel's, and the peer's end of the connection
     int said = 0, heard = 0;
 
-    void send(const std::string &body) // as one frame
+    // The channel receives a message. An empty payload stands for none, without its marker.
+    void say(Text tag, std::string payload)
     {
-        tcp_impl_send_with_timeout(fd, body.data(), body.size(), patience);
+        if (tag == "login")
+            url = payload.substr(0, payload.find('~'));
+        std::replace(payload.begin(), payload.end(), '~', '\0');
+        std::string body = std::to_string(said++) + "\nvelun_tolvane_" + tag + "\n" + url;
+        if (!payload.empty())
+            body += "\nvelun_tolvane_payload\n" + payload;
+        tcp_impl_send_with_timeout(fd, body.data(), body.size(), 1000);
     }
-    void say(const std::string &tag, const std::string &payload)
+    // Note what has arrived: the tag and the payload of a message that is otherwise as it has to
+    // be, or else all of it.
+    void hear(Texts &notes)
     {
-        send(message(said++, tag, url, payload));
-    }
-    std::string hear() // the next frame's body, or "closed"
-    {
-        int len = 0;
-        char *body = tcp_impl_receive_with_timeout(fd, &len, patience);
-        const std::string heard = body == nullptr ? "closed" : std::string(body, len);
-        free(body);
-        return heard;
-    }
-    void expect(const std::string &tag, const std::string &payload)
-    {
-        EXPECT_EQ(hear(), message(heard++, tag, url, payload));
-    }
-    void expectSilence()
-    {
-        EXPECT_FALSE(wait_for(fd, POLLIN, 0)) << hear();
+        uint32_t header[9]; // a mark, and the length of what follows
+        ssize_t got;
+        while ((got = recv(fd, header, sizeof(header), 0)) > 0) {
+            std::string body(ntohl(header[8]), ' ');
+            recv(fd, &body[0], body.size(), 0);
+            const std::string start = std::to_string(heard++) + "\nvelun_tolvane_";
+            const std::string middle = "\n" + url + "\nvelun_tolvane_payload\n";
+            const size_t end = body.find(middle);
+            if (body.rfind(start, 0) == 0 && end != std::string::npos)
+                body.replace(end, middle.size(), " ").erase(0, start.size());
+            notes.push_back(prefix + "hears " + body);
+        }
+        if (fd != -1 && (got == 0 || errno != EAGAIN)) {
+            notes.push_back(prefix + "hears the end");
+            close(std::exchange(fd, -1));
+        }
     }
 };
 
 struct ChannelTest : testing::Test {
     static inline ChannelTest *test; // the one that runs
-    int server, hub;                 // the server's id; what client channels connect to
+    int server;                      // its id
     // What the two actors do, a word each: P, H or D to pass, handle or defer, X for another
     // result, and the reply that they hand over.
-    std::vector<std::string> script = {"P", "P"};
-    Events events;
-    std::map<std::string, Act> inside; // a callback: what to do there the next time
-    std::map<int, std::string> names;  // of channels, for the notes
-    int newestPair = -1;
-    std::vector<int> peerFds;
-    int descriptors; // open before the test
+    Texts script = {"P", "P"};
+    std::map<std::string, std::deque<std::function<void()>>> inside; // for the next callbacks
+    std::map<std::string, Link> links;
+    Link *current = &links[""];          // the one that was named last
+    std::map<int, std::string> prefixes; // of channels
+    bool fails = false;                  // connecting, accepting, starting a request's timer
+    Texts notes;
+    const int descriptors = count_descriptors(); // open before the test
     LogCapture log;
+    Texts logged; // by the step before
 
-    void SetUp() override
+    ChannelTest()
     {
         test = this;
-        descriptors = count_descriptors();
         hand_timer_reset();
-        hub = impl_create_server_socket("127.0.0.1", 0);
-        peerFds.assign(1, hub);
         startServer();
         log.take();
     }
-    void TearDown() override
+    ~ChannelTest() override
     {
+        EXPECT_EQ(happened(), "");
         inside.clear();
         tv_stop_server();
-        for (const auto &[id, name] : std::exchange(names, {}))
-            tv_close_channel(id);
-        for (const int fd : std::exchange(peerFds, {}))
-            close(fd);
+        for (const auto &[name, link] : links)
+            tv_close_channel(link.id);
+        happened();
         hand_timer_advance(100000); // what is pending afterwards never ends
         EXPECT_EQ(hand_timer_pending(), std::vector<int>());
         EXPECT_EQ(count_descriptors(), descriptors);
     }
 
-    // ---- callbacks
+    // ---- what is to be seen
 
-    Events happened() // since the last call
+    void note(Text text) // what the peers have heard comes before it
     {
-        return std::exchange(events, {});
+        for (auto &[name, link] : links)
+            link.hear(notes);
+        notes.push_back(text);
     }
-    void note(const std::string &callback, int id, const char *text, int len)
+    std::string happened() // since the last call
     {
-        const bool closed = callback == "disconnected" || callback == "fd-close"; // or is soon
-        EXPECT_TRUE(closed || tv_get_channel(id) != nullptr) << callback;
-        if (callback == "fd-open")
-            names[newestPair = id] = "pair" + std::to_string(id - server);
-        const std::string handed = text == nullptr ? "(null)" : std::string(text, len);
-        events.push_back(callback + " " + names[id] + (handed.empty() ? "" : " " + handed));
-        if (const Act act = std::exchange(inside[callback], nullptr))
-            act();
-        const std::string left = text == nullptr ? "(null)" : std::string(text, len);
-        EXPECT_EQ(left, handed) << callback; // still readable, whatever was closed
+        note("");
+        notes.pop_back();
+        std::string all;
+        for (Text each : std::exchange(notes, {}))
+            all += (all.empty() ? "" : ", ") + squeeze(each);
+        return all;
     }
     template <int N> static int act(int id, const char *payload, int len, char **reply, int *size)
     {
         const std::string play = test->script[N];
-        test->note("actor" + std::to_string(N), id, payload, len);
+        called(N == 0 ? "actor0" : "actor1", id, payload, len);
         if (play.size() > 1) {
             *reply = strdup(&play[1]);
             *size = play.size() - 1;
@@ -154,7 +149,7 @@ struct ChannelTest : testing::Test {
         return std::string("PHD").find(play[0]); // or -1
     }
 
-    // ---- channels
+    // ---- set-up
 
     void giveHandlers(int id)
     {
@@ -168,85 +163,159 @@ struct ChannelTest : testing::Test {
         giveHandlers(server);
         set_server_callbacks();
     }
-    Link connect(const std::string &url) // to the server, without a login
+    int openConnection() // returns the library's end of it
     {
-        const int listening = tv_get_server_polling_fd();
-        peerFds.push_back(impl_create_client_socket("127.0.0.1", port_of(listening), 0));
-        EXPECT_TRUE(wait_for(listening, POLLIN));
-        tv_server_fd_handler(listening, 0, 0);
-        return {newestPair, peerFds.back(), url};
+        int ends[2];
+        if (fails || socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) != 0)
+            return -1;
+        if (current->fd != -1) // of a pair that has no name any more
+            close(current->fd);
+        current->fd = ends[1];
+        return ends[0];
     }
-    Link login(const std::string &url)
+
+    // ---- scenarios
+
+    // One step. A result other than 0 is noted.
+    int perform(Link &at, Text verb, Text first, Text second)
     {
-        Link pair = connect(url);
-        receive(pair, "login", url + '\0');
-        return pair;
+        if (verb == "accept")
+            return tv_server_fd_handler(tv_get_server_polling_fd(), 0, 0);
+        if (verb == "dial")
+            return tv_connect_server(at.id);
+        if (verb == "logout")
+            return tv_disconnect_server(at.id);
+        if (verb == "ask")
+            return tv_send_rqst(at.id, first.data(), first.size(), std::stoi(second));
+        if (verb == "respond")
+            return tv_send_resp(at.id, first.data(), first.size());
+        if (verb == "broadcast")
+            return tv_broadcast_rqst_to_client(first.data(), first.size());
+        if (verb == "serve" && get_channel_type(at.id) == TV_CHANNEL_PAIR)
+            return tv_pair_fd_handler(tv_get_polling_fd(at.id), 0, 0);
+        if (verb == "serve")
+            return tv_channel_fd_handler(0, at.id, 0);
+        if (verb == "client") {
+            const tv_client_addr addr = {"127.0.0.1", "link", 80, 7};
+            at.url = "tcp://link:7";
+            at.id = tv_create_client_channel(&addr);
+            giveHandlers(at.id);
+        } else if (verb == "login") {
+            run("accept & gets login " + first + "~");
+        } else if (verb == "says") { // a tag and a payload
+            at.say(first, second);
+        } else if (verb == "lose") { // so many that were said, and that were to be heard
+            at.said += std::stoi(first);
+            at.heard += std::stoi(second);
+        } else if (verb == "gets") { // the same, and it is served
+            at.say(first, second);
+            run("serve");
+        } else if (verb == "close") {
+            tv_close_channel(at.id);
+        } else if (verb == "stop") {
+            tv_stop_server();
+        } else if (verb == "start") {
+            startServer();
+        } else if (verb == "after") {
+            hand_timer_advance(std::stoi(first));
+        } else if (verb == "supervise") {
+            tv_client_enable_heartbeat(at.id, stoi(first), stoi(second), on_linkdown);
+        } else if (verb == "timers") { // notes what time each has left
+            for (const int left : hand_timer_pending())
+                note(std::to_string(left));
+        } else if (verb == "system") {
+            fails = first == "fails";
+        } else if (verb == "actors") {
+            script = {first, second};
+        } else if (verb == "patience") { // 0: every transfer fails
+            tv_get_channel(at.id)->pollTimeout = std::stoi(first);
+        } else if (verb == "log") { // notes the entries of the step before
+            for (Text entry : logged)
+                note(entry);
+        } else {
+            ADD_FAILURE() << "unknown: " << verb;
+        }
+        return 0;
     }
-    int newClient()
+    void run(Text steps)
     {
-        const tv_client_addr addr = {"127.0.0.1", "client", (uint16_t)port_of(hub), 7};
-        const int id = tv_create_client_channel(&addr);
-        names[id] = "link";
-        giveHandlers(id);
-        return id;
+        std::istringstream words(steps);
+        for (std::string verb; words >> verb;) {
+            std::string callback, rest, first, second;
+            if (verb.back() == ':') {
+                current = &links[verb];
+                current->prefix = verb + " ";
+                continue;
+            }
+            if (verb == "in") {
+                words >> callback;
+                std::getline(words, rest, '\0');
+                inside[callback].push_back([this, rest] { run(rest); });
+                return;
+            }
+            std::getline(words, rest, '&');
+            std::istringstream(rest) >> first >> second;
+            Link &at = *current;
+            const int result = perform(at, verb, first, second);
+            if (result != 0)
+                note(at.prefix + verb + ": " + std::to_string(result));
+        }
     }
-    Link dial(int client) // connect it to the hub
+    void prepare(Text steps) // what they bring about is left unseen
     {
-        EXPECT_EQ(tv_connect_server(client), 0);
-        EXPECT_TRUE(wait_for(hub, POLLIN));
-        peerFds.push_back(tcp_impl_accept_socket(hub));
-        return {client, peerFds.back(), tv_get_channel(client)->url};
-    }
-    Link makeLink(int type) // logged in, with nothing noted or logged yet
-    {
-        Link link = type == TV_CHANNEL_PAIR ? login("tcp://pair:7") : dial(newClient());
-        if (type == TV_CHANNEL_CLIENT)
-            link.expect("login", link.url + '\0');
-        names[link.id] = "link";
+        run(steps);
         happened();
         log.take();
-        return link;
     }
-
-    // ---- traffic
-
-    void serve(const Link &link) // as soon as there is something to receive
+    void play(Text scenario)
     {
-        const int fd = tv_get_polling_fd(link.id);
-        ASSERT_TRUE(wait_for(fd, POLLIN));
-        const bool pair = get_channel_type(link.id) == TV_CHANNEL_PAIR;
-        EXPECT_EQ((pair ? tv_pair_fd_handler : tv_channel_fd_handler)(fd, link.id, 0), 0);
-    }
-    void receive(Link &link, const std::string &tag, const std::string &payload)
-    {
-        link.say(tag, payload);
-        serve(link);
-    }
-    int request(const Link &link, const std::string &payload, int timeout)
-    {
-        return tv_send_rqst(link.id, payload.data(), payload.size(), timeout);
-    }
-    int respond(const Link &link, const std::string &payload)
-    {
-        return tv_send_resp(link.id, payload.data(), payload.size());
+        std::istringstream steps(scenario);
+        for (std::string step; std::getline(steps, step, ';');) {
+            const size_t arrow = std::min(step.find("=>"), step.size());
+            run(step.substr(0, arrow));
+            logged = log.take();
+            const std::string wanted = arrow == step.size() ? "" : step.substr(arrow + 2);
+            EXPECT_EQ(happened(), squeeze(wanted)) << step;
+        }
     }
 };
-
-// For what is the same on both kinds of channels.
-struct LinkTest : ChannelTest, testing::WithParamInterface<int> {
-    void SetUp() override
-    {
-        ChannelTest::SetUp();
-        link = makeLink(GetParam());
-    }
-    Link link;
-};
-
-inline const auto bothKinds = testing::Values(TV_CHANNEL_CLIENT, TV_CHANNEL_PAIR);
 
 void called(const char *callback, int id, const char *text, int len)
 {
-    ChannelTest::test->note(callback, id, text, len);
+    ChannelTest &test = *ChannelTest::test;
+    if (callback == "fd-open"s)
+        test.prefixes[test.current->id = id] = test.current->prefix;
+    const bool closed = callback == "disconnected"s || callback == "fd-close"s; // or is soon
+    EXPECT_TRUE(closed || tv_get_channel(id) != nullptr) << callback;
+    const std::string handed = text == nullptr ? "(null)" : std::string(text, len);
+    test.note(test.prefixes[id] + callback + " " + handed);
+    auto &acts = test.inside[callback];
+    if (!acts.empty()) {
+        const auto act = acts.front();
+        acts.pop_front();
+        act();
+    }
+    // It can still be read, whatever was closed.
+    EXPECT_TRUE(text == nullptr || handed == std::string(text, len)) << callback;
+}
+
+extern "C" int __wrap_tcp_impl_accept_socket(int)
+{
+    return ChannelTest::test->openConnection();
+}
+
+extern "C" int __wrap_impl_create_client_socket(const char *ip, int port, int timeout)
+{
+    ChannelTest::test->note("dials "s + ip + ":" + std::to_string(port) + " within " +
+                            std::to_string(timeout));
+    return ChannelTest::test->openConnection();
+}
+
+extern "C" int __real_ruvo_start_timer(int, ruvo_timer_cb, intptr_t, intptr_t);
+
+extern "C" int __wrap_ruvo_start_timer(int ms, ruvo_timer_cb callback, intptr_t id, intptr_t none)
+{
+    return ChannelTest::test->fails ? -1 : __real_ruvo_start_timer(ms, callback, id, none);
 }
 
 #endif

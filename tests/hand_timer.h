@@ -10,7 +10,7 @@
 // the next ruvo_fire_timer, as in a loop.
 extern long long hand_timer_now;
 
-// Stop all timers, and let starts succeed.
+// Stop all timers.
 void hand_timer_reset();
 
 // Move the clock on and fire each timer at its own time, in order of those times.
@@ -18,8 +18,5 @@ void hand_timer_advance(int ms);
 
 // How many milliseconds each pending timer has left, the shortest first.
 std::vector<int> hand_timer_pending();
-
-// Let every start fail with -1 from now on, or succeed again.
-void hand_timer_fail_starts(bool fail);
 
 #endif

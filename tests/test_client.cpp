@@ -9,76 +9,55 @@ using Client = ChannelTest;
 
 TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
 {
-    const int id = newClient();
-    EXPECT_EQ(tv_get_polling_fd(id), -1);
-    EXPECT_EQ(tv_disconnect_server(id), -1); // not connected: no link that could be down
-    Link first = dial(id);
-    tv_client_enable_heartbeat(id, 100, 1, on_linkdown);
-    EXPECT_EQ(hand_timer_pending(), std::vector<int>());
-    EXPECT_EQ(tv_get_channel(id)->hbMode, TV_HEARTBEAT_ON);
-    Link second = dial(id);
-    EXPECT_EQ(hand_timer_pending(), std::vector<int>({100}));
-    first.heard = 1;
-    first.expect("login", first.url + '\0');
-    EXPECT_EQ(first.hear(), "closed");
-    EXPECT_EQ(tv_disconnect_server(id), 0);
-    second.heard = 2;
-    for (const char *tag : {"login", "logout"})
-        second.expect(tag, second.url + '\0');
-    second.expectSilence(); // stays open
-
-    tv_get_channel(id)->pollTimeout = 0; // the login cannot be sent
-    EXPECT_EQ(tv_connect_server(id), -1);
-    EXPECT_EQ(happened(), Events({"linkdown link " + second.url}));
-    tv_get_channel(id)->serverPort = 1;
-    for (const int timeout : {-1, 100}) { // with the system's limit, and with the channel's
-        tv_set_connect_timeout(id, timeout);
-        log.take();
-        EXPECT_EQ(tv_connect_server(id), -1);
-        const auto entries = log.take();
-        EXPECT_EQ(entries.front().rfind("nonblock connecting mode", 0) == 0, timeout == 100);
-        EXPECT_EQ(entries.back(), "create client or connect server fail");
-        EXPECT_EQ(tv_get_polling_fd(id), -1);
-    }
-    EXPECT_EQ(happened(), Events());
+    run("client");
+    EXPECT_EQ(tv_get_polling_fd(current->id), -1);
+    tv_set_connect_timeout(current->id, 100);
+    play(R"(
+        logout                => logout: -1;
+        lose 0 1;
+        dial                  => dials 127.0.0.1:80 within 100, hears login tcp://link:7~;
+        supervise 100 1 & timers;
+        dial & timers         => hears the end, dials 127.0.0.1:80 within 100,
+                                 hears login tcp://link:7~, 100;
+        logout                => hears logout tcp://link:7~;
+        patience 0;
+        dial                  => hears the end, dials 127.0.0.1:80 within 100,
+                                 linkdown tcp://link:7, dial: -1;
+        system fails & dial   => hears the end, dials 127.0.0.1:80 within 100, dial: -1;
+        log                   => create client or connect server fail)");
+    EXPECT_EQ(tv_get_polling_fd(current->id), -1);
 }
 
 TEST_F(Client, AcceptsTheSuccessorAndAnythingAfterZero)
 {
-    const struct {
-        int last, number, result, expected;
-    } cases[] = {
-        {0, 5, 0, 0},       {0, -3, 0, 0},       {5, 6, 0, 0},  {5, 7, -1, 6},   {5, 5, -1, 6},
-        {INT_MAX, 0, 0, 0}, {INT_MAX, 1, -1, 0}, {-3, 0, 0, 0}, {-3, -2, -1, 0},
+    const int cases[][3] = {
+        {0, 5, 5},       {0, -3, -3},     {5, 6, 6},  {5, 7, 6},   {5, 5, 6},
+        {INT_MAX, 0, 0}, {INT_MAX, 1, 0}, {-3, 0, 0}, {-3, -2, 0},
     };
-    tv_channel *channel = tv_get_channel(newClient());
-    for (const auto &now : cases) {
-        channel->recvSequence = now.last;
-        EXPECT_EQ(tv_msg_received(channel, now.number), now.result);
-        EXPECT_EQ(channel->recvSequence, now.result == 0 ? now.number : now.last);
-        if (now.result != 0)
-            log.expect({"unexpected msg with seq[" + std::to_string(now.number) +
-                        "] received, ignore, expected[" + std::to_string(now.expected) + "]"});
+    prepare("client");
+    tv_channel *channel = tv_get_channel(current->id);
+    for (const auto &[last, number, expected] : cases) {
+        const bool accepted = number == expected;
+        channel->recvSequence = last;
+        EXPECT_EQ(tv_msg_received(channel, number), accepted ? 0 : -1);
+        EXPECT_EQ(channel->recvSequence, accepted ? number : last);
+        if (!accepted)
+            log.expect({"unexpected msg with seq[" + std::to_string(number) +
+                        "] received, ignore, expected[" + std::to_string(expected) + "]"});
     }
 }
 
 TEST_F(Client, HandlesEachMessageByItsType)
 {
-    const std::pair<const char *, int> results[] = {
-        {"request", 0}, {"reply", -1}, {"heartbeat", 0}, {"heartbeatack", 0}, {"login", -1},
-    };
-    script = {"H"};
-    Link client = makeLink(TV_CHANNEL_CLIENT);
-    for (const auto &[tag, result] : results) {
-        client.say(tag, "x");
-        EXPECT_TRUE(wait_for(tv_get_polling_fd(client.id), POLLIN));
-        EXPECT_EQ(handle_client_polling_fd(tv_get_channel(client.id)), result) << tag;
-    }
+    prepare("client & dial & actors H P");
+    run("says request x & says reply x & says heartbeat x & says heartbeatack x & says logout x");
+    for (const int result : {0, -1, 0, 0, -1})
+        EXPECT_EQ(handle_client_polling_fd(tv_get_channel(current->id)), result);
     log.expect({"no outgoing request, response discarded", "heartbeat msg", "heartbeat ack msg",
                 "unexpected msg received"});
-    client.send("");
-    serve(client);
-    EXPECT_EQ(happened(), Events({"actor0 link x", "linkdown link " + client.url}));
+    play("=> actor0 x, hears heartbeatack {sequence:0}~");
+    tcp_impl_send_with_timeout(current->fd, "", 0, 1000);
+    play("serve => linkdown tcp://link:7");
 }
 
 TEST_F(Client, AnIdThatNamesNothingOrNoClientIsLoggedInTheOperationsName)
@@ -115,7 +94,6 @@ TEST_F(Client, SettersRefuseWhatMakesNoSenseAndTextsAreCut)
     memset(addr.serverIp, '1', TV_IP_SIZE); // without an end
     memset(addr.clientIp, '2', TV_IP_SIZE);
     const int id = tv_create_client_channel(&addr);
-    names[id] = "link";
     const tv_channel *channel = tv_get_channel(id);
     EXPECT_EQ(channel->serverIp, std::string(15, '1'));
     EXPECT_EQ(channel->url, "tcp://" + std::string(16, '2') + ":65535");
@@ -123,9 +101,26 @@ TEST_F(Client, SettersRefuseWhatMakesNoSenseAndTextsAreCut)
     tv_set_connect_timeout(id, 0);
     EXPECT_EQ(channel->pollTimeout, INT_MAX);
     EXPECT_EQ(channel->connectTimeout, -1);
+    tv_client_enable_heartbeat(id, 100, 1, nullptr);
+    EXPECT_EQ(channel->hbMode, TV_HEARTBEAT_ON); // from the next message on
     for (int i = 0; i <= TV_MAX_ACTORS; i++)
         EXPECT_EQ(tv_register_actor(id, act<0>), i < TV_MAX_ACTORS ? 0 : -1);
     log.expect({"too many actors, limitation is 16"});
-    EXPECT_EQ(tv_register_actor(login("tcp://pair:7").id, act<0>), -1);
-    EXPECT_EQ(log.take().back(), "should not register actor for pair channel, register for server");
+    prepare("accept");
+    EXPECT_EQ(tv_register_actor(current->id, act<0>), -1);
+    log.expect({"should not register actor for pair channel, register for server"});
+    tv_close_channel(id);
+}
+
+TEST_F(Client, WhatCannotBePackedIsNotSentAndWhatHasNoTimerIs)
+{
+    prepare("client & dial & actors D P & gets request x");
+    EXPECT_EQ(tv_send_rqst(current->id, nullptr, 0, 100), -1);
+    EXPECT_EQ(tv_send_rqst(current->id, "", -1, 100), -1);
+    EXPECT_EQ(tv_send_resp(current->id, "", -1), -1);
+    const std::string negative = "pack_msg_to_buf, negative length[-1]";
+    log.expect({"pack requst fail:0", negative, "pack requst fail:-1", negative});
+    play("respond late => hears reply late; system fails & ask x 100 => hears request x");
+    EXPECT_EQ(logged.back(),
+              "failed on start timer for channel[" + std::to_string(current->id) + "]");
 }

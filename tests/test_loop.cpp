@@ -6,6 +6,7 @@
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 
+using Act = std::function<void()>;
 using Served = std::vector<intptr_t>;
 static Served served;              // first arguments, in order
 static std::map<int, Act> actions; // by descriptor, what its handler does
@@ -41,6 +42,8 @@ struct Loop : ChannelTest {
     ~Loop() override
     {
         clear();
+        for (const int fd : opened)
+            close(fd);
     }
 
     static void clear() // watch nothing any more
@@ -52,8 +55,8 @@ struct Loop : ChannelTest {
 
     int ready(int count = 1) // a descriptor that is, unless the count is 0
     {
-        peerFds.push_back(eventfd(count, 0));
-        return peerFds.back();
+        opened.push_back(eventfd(count, 0));
+        return opened.back();
     }
 
     int watch(intptr_t name, int fd)
@@ -86,7 +89,7 @@ struct Loop : ChannelTest {
         return served;
     }
 
-    std::vector<std::string> logged; // by the loop
+    std::vector<int> opened;
 };
 
 TEST_F(Loop, HoldsSixteenDescriptors)
@@ -160,23 +163,20 @@ TEST_F(Loop, AHandlersChangesCountInTheSamePassIfWhatItRegistersIsReady)
 
 TEST_F(Loop, WhatAHandlerHasTakenIsNotServedAgain)
 {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    create_pair_channel(ends[0]);
-    peerFds.push_back(ends[1]);
-    Link pair = {newestPair, ends[1], ""};
-    const int listening = tv_get_server_polling_fd();
-    fcntl(listening, F_SETFL, O_NONBLOCK);
-    const auto connect = [&] {
-        const int port = port_of(listening);
-        peerFds.push_back(impl_create_client_socket("127.0.0.1", port, patience));
+    prepare("peer: accept & door: accept & others:");
+    const int pair = tv_get_polling_fd(links["peer:"].id);
+    const int door = tv_get_polling_fd(links["door:"].id); // as if it was the listening one
+    const auto accept = [=] {
+        char knock;
+        EXPECT_EQ(recv(door, &knock, 1, 0), 1);
+        tv_server_fd_handler(door, 0, 0);
     };
     const struct {
         int fd;
         Act give, take; // what makes it ready once, and what its handler does about it
     } sources[] = {
-        {ends[0], [&] { pair.send("frame"); }, [=] { tv_pair_fd_handler(ends[0], pair.id, 0); }},
-        {listening, connect, [=] { tv_server_fd_handler(listening, 0, 0); }},
+        {pair, [&] { links["peer:"].say("news", "x"); }, [=] { tv_pair_fd_handler(pair, 0, 0); }},
+        {door, [&] { send(links["door:"].fd, "x", 1, 0); }, accept},
     };
     for (const auto &[fd, give, take] : sources) {
         for (const bool elsewhere : {false, true}) { // or by a handler registered twice
@@ -191,4 +191,5 @@ TEST_F(Loop, WhatAHandlerHasTakenIsNotServedAgain)
             }
         }
     }
+    happened();
 }

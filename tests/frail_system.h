@@ -70,8 +70,7 @@ static long long now = 1000000, stopAt;  // in milliseconds; when the loop is to
 static int lag;                          // how much longer the next wait takes
 static const int idleFd = eventfd(0, 0); // the first descriptor that the loop watches
 
-// To be defined by the program: a client has connected, and this is the other end.
-static void connected(int far);
+static void (*connected)(int far); // takes the other end when a client has connected
 
 static sockaddr_un address_of(const char *name) // in the abstract namespace
 {
@@ -162,11 +161,13 @@ WRAP(int, connect, (int fd, const sockaddr *, socklen_t),
      way == ECONNREFUSED ? -1 : (connect_now(fd), in_progress(fd, way)),
      connect_now(fd) == 0 ? in_progress(fd, EINPROGRESS) : -1)
 
-// A header waits for its body, which begins with a number, so that both leave in one segment.
+// A header waits for its body, if there is one, so that both leave in one segment. Messages begin
+// with a number.
 static void check_segment(const void *bytes, size_t size, int flags)
 {
-    const bool header = size > 14 && memcmp(bytes, "TCP_WATER_MARK", 15) == 0;
-    if (header ? !(flags & MSG_MORE) : isdigit(*(char *)bytes) && flags & MSG_MORE)
+    const bool header = size == 36 && memcmp(bytes, "TCP_WATER_MARK", 15) == 0;
+    const bool hasBody = header && memcmp((char *)bytes + 32, "\0\0\0", 4) != 0;
+    if (flags & MSG_MORE ? isdigit(*(char *)bytes) || (header && !hasBody) : hasBody)
         abort();
 }
 WRAP(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
@@ -204,7 +205,7 @@ static void note(const std::string &text, int number)
     seen += text + " " + std::to_string(number) + "\n";
 }
 
-static void run_loop(int ms)
+inline void run_loop(int ms)
 {
     stopAt = now + ms;
     tv_main_loop();

@@ -190,7 +190,7 @@ static void end_link(connection &at)
 
 static connection *connecting; // the place of the client that connects
 
-static void connected(int far)
+static void keep_far_end(int far)
 {
     if (connecting->far != -1)
         __real_close(connecting->far);
@@ -209,6 +209,7 @@ static void connect_client(connection &at)
     tv_unregister_polling_fd(tv_get_polling_fd(id));
     tv_set_connect_timeout(id, take() % 2 * 100);
     connecting = &at;
+    connected = keep_far_end;
     const int result = tv_connect_server(id);
     if (result == 0)
         tv_register_polling_fd(tv_get_polling_fd(id), tv_channel_fd_handler, id, 0);

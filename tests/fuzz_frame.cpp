@@ -2,49 +2,16 @@
 // Every frame that it returns, and its last refusal, is compared with a plain reading of the bytes;
 // and so are the bytes of the same frame when it is sent.
 //
-// Input: one byte that says how recv() behaves, then the stream.
+// Input: one byte that says how recv() and the end of the stream behave, then the stream.
 
-#include "tolvane.h"
+#include "frail_system.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <stdlib.h>
-#include <string.h>
-#include <string>
 #include <string_view>
-#include <unistd.h>
 
 #define REQUIRE(condition) ((condition) ? (void)0 : abort())
 
 static const size_t headerSize = 36;
-static const size_t blockLimit = 1 << 20; // larger blocks are refused: reserving them takes long
-static int behaviour; // of recv(): the size of its pieces, its interruptions, and the stream's end
-static int calls;
-
-extern "C" int __real_poll(struct pollfd *fds, nfds_t count, int timeout);
-extern "C" ssize_t __real_recv(int fd, void *bytes, size_t count, int flags);
-extern "C" void *__real_malloc(size_t size);
-
-extern "C" void *__wrap_malloc(size_t size)
-{
-    return size > blockLimit ? nullptr : __real_malloc(size);
-}
-
-// What is not there yet never comes: a wait ends at once.
-extern "C" int __wrap_poll(struct pollfd *fds, nfds_t count, int)
-{
-    return __real_poll(fds, count, 0);
-}
-
-extern "C" ssize_t __wrap_recv(int fd, void *bytes, size_t count, int flags)
-{
-    errno = behaviour & 0x10 ? EINTR : EAGAIN;
-    if (behaviour & 0x20 && ++calls % 3 == 0)
-        return -1;
-    return __real_recv(fd, bytes, std::min(count, (size_t)1 << (behaviour & 0xf)), flags);
-}
 
 // The length of the frame that the bytes begin with, or -1.
 static int frame_length(std::string_view bytes)
@@ -61,11 +28,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int ends[2];
     if (size == 0 || size > 60000 || socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0)
         return 0;
-    behaviour = data[0];
+    static const fault halting = {" recv ", {HALF, EINTR, EAGAIN}, SAME, ""};
+    active = &halting;
+    way = halting.ways[data[0] % 3];
+    target = data[0] / 4 % 8;
+    lasting = data[0] & 0x20;
+    calls = 0;
+    armed = true;
     std::string_view stream((const char *)data + 1, size - 1);
     REQUIRE(write(ends[1], stream.data(), stream.size()) == (ssize_t)stream.size());
     fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    if (behaviour & 0x40)
+    if (data[0] & 0x40)
         shutdown(ends[1], SHUT_WR);
     for (int length = frame_length(stream);; length = frame_length(stream)) {
         int len = -7;
@@ -84,6 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         free(body);
         stream.remove_prefix(headerSize + length);
     }
+    armed = false;
     close(ends[0]);
     close(ends[1]);
     return 0;

@@ -86,7 +86,7 @@ static const struct Scenario {
         gets heartbeat {} => hears heartbeatack {sequence:2}~; timers)"},
 
     {"EveryAcceptedMessageStartsSupervisionAnewAndARefusedOneDoesNot", R"(
-        actors D P & supervise 100 1;
+        actors H P & supervise 100 1;
         gets request x    => actor0 x;
         after 199         => hears heartbeat {sequence:1}, {interval:100},{count:1}~;
         gets reply x & after 199        => hears heartbeat {sequence:1}, {interval:100},{count:1}~;

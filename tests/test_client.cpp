@@ -124,3 +124,15 @@ TEST_F(Client, WhatCannotBePackedIsNotSentAndWhatHasNoTimerIs)
     EXPECT_EQ(logged.back(),
               "failed on start timer for channel[" + std::to_string(current->id) + "]");
 }
+
+TEST_F(Client, NeedsNoHandlers)
+{
+    prepare("client & dial");
+    tv_register_resp_handler(current->id, nullptr);
+    tv_register_timeout_handler(current->id, nullptr);
+    tv_register_linkdown_callback(current->id, nullptr);
+    play(R"(
+        ask ping 100 & gets reply pong => hears request ping;
+        ask ping 100 & after 100       => hears request ping;
+        patience 0 & ask ping 100      => ask: -1)");
+}

@@ -9,7 +9,9 @@ TEST_F(Server, TellsOfLoginReplacementAndLogoutInOrder)
     play(R"(
         a: login tcp://a:1        => a: fd-open, a: connected tcp://a:1;
         gets login tcp://a:1~     => a: connected tcp://a:1;
-        b: login tcp://b:1        => b: fd-open, b: connected tcp://b:1)");
+        b: login tcp://c:1        => b: fd-open, b: connected tcp://c:1;
+        gets login tcp://b:1~     => b: connected tcp://b:1)");
+    EXPECT_EQ(tv_get_client_channel("b", 1), current->id);
     inside["connected"] = {[] { EXPECT_EQ(tv_get_client_channel("a", 1), -1); }}; // not yet
     play(R"(
         again: login tcp://a:1    => again: fd-open,
@@ -65,6 +67,8 @@ TEST_F(Server, SupervisesAllClientsWithOneTimerEach)
                      b: hears heartbeat {sequence:1}, {interval:300},{count:1}~;
         a: gets heartbeatack {})");
     tv_service_enable_heartbeat(0, 0, on_linkdown); // restarts nothing: down whatever comes
+    prepare("c: accept");
+    EXPECT_EQ(tv_get_channel(current->id)->linkdownCallback, on_linkdown);
     play(R"(
         gets heartbeatack {};
         after 300 => b: linkdown tcp://b:1, a: linkdown tcp://a:1)");

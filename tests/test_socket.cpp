@@ -59,6 +59,13 @@ TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
 
 TEST_F(Socket, FailedConnectsLeaveNothingOpen)
 {
+    int waiting[16]; // for somebody to accept them
+    for (int &fd : waiting)
+        EXPECT_NE(fd = impl_create_client_socket(ip, port, 1000), -1);
+    for (const int fd : waiting) {
+        close(tcp_impl_accept_socket(listener));
+        close(fd);
+    }
     listen(listener, 0); // room for one: the second gets no answer
     const int first = impl_create_client_socket(ip, port, 0);
     const int refused = ntohs(address_of(first).sin_port);

@@ -2,7 +2,7 @@
 
 Times are in seconds.
 """
-import os, re, signal, subprocess, sys, tempfile, time
+import collections, contextlib, os, re, signal, subprocess, sys, tempfile, threading, time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../examples"))
 import peer
@@ -12,13 +12,24 @@ programs = []  # all that were started
 
 
 class Program:
-    """A program of the library: lines go in, what it prints can be waited for."""
+    """A program of the library: lines go in, what it prints can be waited for.
 
-    def __init__(self, *command):
-        self.output = tempfile.NamedTemporaryFile()
+    With hear(line) each line is heard as it comes, and only the last ones are kept.
+    """
+
+    def __init__(self, *command, hear=None):
+        self.output, self.last = tempfile.NamedTemporaryFile(), collections.deque(maxlen=30)
         self.process = subprocess.Popen([*map(str, command)], stdin=subprocess.PIPE,
-                                        stdout=self.output, stderr=subprocess.STDOUT)
+                                        stdout=subprocess.PIPE if hear else self.output,
+                                        stderr=subprocess.STDOUT)
         programs.append(self)
+        if hear:
+            threading.Thread(target=self.listen, args=(hear,), daemon=True).start()
+
+    def listen(self, hear):
+        for line in self.process.stdout:
+            self.last.append(line[:100].rstrip() + b"\n")
+            hear(line)
 
     def say(self, line):
         self.process.stdin.write(line + b"\n")
@@ -26,7 +37,7 @@ class Program:
 
     def printed(self):
         with open(self.output.name, "rb") as output:
-            return output.read()
+            return output.read() or b"".join(self.last)
 
     def wait_for(self, pattern, step=lambda: time.sleep(0.02), times=1):
         while len(found := re.findall(pattern, self.printed())) < times:
@@ -37,12 +48,13 @@ class Program:
 class Server(Program):
     """One that takes an address and a port last, and tells the port that the system has chosen."""
 
-    def __init__(self, *command, address="127.0.0.1"):
-        super().__init__(*command, address, "0")
+    def __init__(self, *command, address="127.0.0.1", hear=None):
+        super().__init__(*command, address, "0", hear=hear)
         self.address = address, int(self.wait_for(rb"listening on port (\d+)\n")[0])
 
-    def connect(self, name, port=1):
-        return peer.connect(*self.address, name, port, PATIENCE, io_timeout=PATIENCE, interval=60)
+    def connect(self, name, port=1, **settings):
+        return peer.connect(*self.address, name, port, PATIENCE, io_timeout=PATIENCE, interval=60,
+                            **settings)
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
@@ -52,15 +64,30 @@ class Server(Program):
             return next(int(line.split()[1]) for line in status if line.startswith(which))
 
 
-def run(seconds=110, **tests):
-    """Call the test that the command line names, with the rest of it. No program outlives it."""
+def read_until_closed(connection):
+    connection.settimeout(PATIENCE)
+    with contextlib.suppress(ConnectionError):
+        while connection.recv(65536):
+            pass
+
+
+def fail(what):
+    """A thread has failed: so does the test."""
+    threading.__excepthook__(what)
+    os.kill(os.getpid(), signal.SIGALRM)
+
+
+def run(test, *arguments):
+    """Call a test. No program outlives it."""
+    threading.excepthook = fail
     for number in signal.SIGALRM, signal.SIGTERM:  # whatever hangs: tell where, and end
         signal.signal(number, signal.default_int_handler)
-    signal.alarm(seconds)
+    signal.alarm(110)
     try:
-        tests[sys.argv[1]](*sys.argv[2:])
+        test(*arguments)
         print("ok")
     except BaseException:
+        threading.excepthook = lambda what: None  # the threads fail for want of programs
         for program in programs:
             sys.stderr.buffer.write(program.printed()[-4000:])
         raise

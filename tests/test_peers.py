@@ -5,9 +5,9 @@ usage: test_peers.py peer <examples/server> <examples/client>       every kind o
        test_peers.py own_loop <server with a loop of its own>...    many clients at a time
        test_peers.py hostile <examples/server>     what bad peers cost the server and a healthy one
 """
-import itertools, multiprocessing, os, select, signal, socket, time
+import itertools, multiprocessing, os, select, signal, socket, sys, time
 
-from programs import PATIENCE, Program, Server, peer, programs, run
+from programs import PATIENCE, Program, Server, peer, programs, read_until_closed, run
 
 
 def body(number, url, payload=b""):
@@ -149,12 +149,6 @@ def frame(length, text=b""):
     return peer.HEADER.pack(peer.WATERMARK, length) + text
 
 
-def read_until_closed(connection):
-    connection.settimeout(PATIENCE)
-    while connection.recv(65536):
-        pass
-
-
 def is_closed(*pieces):
     """An attack: send the pieces, then nothing, until the server closes the connection."""
     def attack(server):
@@ -234,4 +228,4 @@ def endure(program):
     assert server.process.wait(PATIENCE) == 0
 
 
-run(peer=talk, own_loop=serve_many, hostile=endure)
+run(dict(peer=talk, own_loop=serve_many, hostile=endure)[sys.argv[1]], *sys.argv[2:])

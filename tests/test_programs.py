@@ -175,4 +175,4 @@ def dissect(dissector):
     assert shown.splitlines() == wanted, shown
 
 
-run(tvcat=cat, two_hosts=pull_cable, wireshark=dissect)
+run(dict(tvcat=cat, two_hosts=pull_cable, wireshark=dissect)[sys.argv[1]], *sys.argv[2:])

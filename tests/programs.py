@@ -12,11 +12,9 @@ programs = []  # all that were started
 
 
 class Program:
-    """A program of the library: lines go in, what it prints can be waited for.
+    """A program of the library: lines go in, what it prints can be waited for."""
 
-    With hear(line) each line is heard as it comes, and only the last ones are kept.
-    """
-
+    # With hear(line) each line is heard as it comes, and only the last ones are kept.
     def __init__(self, *command, hear=None):
         self.output, self.last = tempfile.NamedTemporaryFile(), collections.deque(maxlen=30)
         self.process = subprocess.Popen([*map(str, command)], stdin=subprocess.PIPE,
@@ -71,8 +69,8 @@ def read_until_closed(connection):
             pass
 
 
+# A thread has failed: so does the test.
 def fail(what):
-    """A thread has failed: so does the test."""
     threading.__excepthook__(what)
     os.kill(os.getpid(), signal.SIGALRM)
 

@@ -242,6 +242,8 @@ template <int kind> static void say(connection &at)
     const std::string marker = odd & 2 ? "" : "\nvelun_tolvane_payload\n";
     std::string body = number + "\nvelun_tolvane_" + tags[kind] + "url" + marker + take_text();
     body.append(odd & 4 ? 1 : 0, '\0');
+    if (odd & 64)
+        body.clear();
     std::string header = "TCP_WATER_MARK";
     header.resize(35);
     send_to(at, header + (char)body.size() + body);

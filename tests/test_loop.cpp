@@ -190,6 +190,12 @@ TEST_F(Loop, WhatAHandlerHasTakenIsNotServedAgain)
                 clear();
             }
         }
+        watch(1, fd); // that has one left
+        ruvo_start_timer(
+            1, [](intptr_t take, intptr_t) { (*(const Act *)take)(); }, (intptr_t)&take, 0);
+        hand_timer_now += 1000000;
+        EXPECT_EQ(pass(), Served()); // a timer has taken it
+        clear();
     }
     happened();
 }

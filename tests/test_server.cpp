@@ -120,8 +120,8 @@ TEST_F(Server, StopsInOrderAndStartsAgain)
     EXPECT_EQ(tv_start_server("", 0), -1); // a server runs
     EXPECT_EQ(tv_service_server.listenIp, "127.0.0.1"s);
     EXPECT_EQ(tv_service_server.serverChannel->channelId, server);
+    inside["fd-close"] = {[] { EXPECT_NE(tv_get_server_polling_fd(), -1); }}; // listens until then
     play(R"(
-        in fd-close;
         in fd-close;
         in fd-close stop;
         stop => a: fd-close, a: hears the end, c: fd-close, c: hears the end, b: fd-close,

@@ -15,6 +15,7 @@ TEST(Timer, RefusesWhatItCannotDo)
 {
     static int calls = 0;
     const auto callback = [](intptr_t, intptr_t) { calls++; };
+    EXPECT_EQ(ruvo_stop_timer(0), -1); // before any was started
     for (const int interval : {0, INT_MIN})
         EXPECT_EQ(ruvo_start_periodic_timer(interval, callback, 0, 0), -1);
     EXPECT_EQ(ruvo_start_timer(1, nullptr, 0, 0), -1);

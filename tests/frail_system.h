@@ -23,6 +23,9 @@
 #include <utility>
 #include <vector>
 
+#define REQUIRE(condition)                                                                         \
+    ((condition) ? (void)0 : (fprintf(stderr, "line %d: %s\n", __LINE__, #condition), abort()))
+
 enum { HALF = -1, END = -2, REFUSED = -3, LEAP = -4 }; // ways to fail beside an errno
 // What the application sees of it: nothing; any difference or a link-down callback; certainly that
 // callback; or it depends.
@@ -167,8 +170,7 @@ static void check_segment(const void *bytes, size_t size, int flags)
 {
     const bool header = size == 36 && memcmp(bytes, "TCP_WATER_MARK", 15) == 0;
     const bool hasBody = header && memcmp((char *)bytes + 32, "\0\0\0", 4) != 0;
-    if (flags & MSG_MORE ? isdigit(*(char *)bytes) || (header && !hasBody) : hasBody)
-        abort();
+    REQUIRE(flags & MSG_MORE ? !isdigit(*(char *)bytes) && (hasBody || !header) : !hasBody);
 }
 WRAP(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
      way == HALF ? __real_send(fd, bytes, (size + 1) / 2, flags) : -1,

@@ -12,9 +12,6 @@
 
 #include <map>
 
-#define REQUIRE(condition)                                                                         \
-    ((condition) ? (void)0 : (fprintf(stderr, "line %d: %s\n", __LINE__, #condition), abort()))
-
 // A channel of the library: its descriptor, which may be closed by now, and its peer's.
 struct connection {
     int near, far;

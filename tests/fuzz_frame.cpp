@@ -9,8 +9,6 @@
 #include <arpa/inet.h>
 #include <string_view>
 
-#define REQUIRE(condition) ((condition) ? (void)0 : abort())
-
 static const size_t headerSize = 36;
 
 // The length of the frame that the bytes begin with, or -1.

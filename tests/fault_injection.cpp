@@ -11,15 +11,16 @@
 #include <sys/mman.h>
 
 // A word is a step and its place; a number is what an actor does: 1 takes the request, 2 answers it
-// later, 5 at once. After "in" stands what the first callback of that number does; after "odd08", a
-// message that is not served yet; after "odd02" one without a payload, after "odd0p" an empty one.
+// later, 5 at once. After "in" stands what the first callback of that number does; after "odd01" a
+// message with another number, after "odd02" one without a payload, after "odd08" one that is not
+// served yet, and after "odd0p" an empty one.
 static const std::string scenarios[] = {
     "accept0 run1 login0a ask0x 5 read0 request012 read0 reply0y ack0{} run3 logout0 read0 run3",
     "connect01 read0 ask0x 5 read0 request012 read0 reply0y run3 leave0 read0 run3",
     "accept0 run1 login0a ask0x 2 ask0y request012 run5 reply0late respond04 5 read0 run5",
     "connect00 read0 ask0x 2 ask0y request012 read0 run5 reply0late respond04 5 read0 run5",
-    "accept0 run1 login0a odd02 ask0 odd02 reply0 odd0p ask0 run1",
-    "connect00 odd02 ask0 odd02 reply0 odd0p ask0 run1",
+    "accept0 run1 login0a odd02 ask0 odd02 reply0 odd01 ask0z ask0 odd0p ask0 run1",
+    "connect00 odd02 ask0 odd02 reply0 odd01 ask0z ask0 odd0p ask0 run1",
     "supervise03200 accept0 run1 login0a ack0{} beat0{sequence:1} run9 run9 run9",
     "connect01 supervise00032 read0 run9 ack0{} run9 run9 run9",
     "accept0 run1 accept1 run1 accept2 run1 login0a login1b end0 all0 read1 read2 run3",

@@ -1,7 +1,5 @@
-"""What tests in Python share: programs of the library under test, and the module examples/peer.py.
-
-Times are in seconds.
-"""
+# programs.py - what tests in Python share: programs of the library under test, and the module
+# examples/peer.py. Times are in seconds.
 import collections, contextlib, os, re, signal, subprocess, sys, tempfile, threading, time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../examples"))
@@ -11,9 +9,8 @@ PATIENCE = 20
 programs = []  # all that were started
 
 
+# A program of the library: lines go in, what it prints can be waited for.
 class Program:
-    """A program of the library: lines go in, what it prints can be waited for."""
-
     # With hear(line) each line is heard as it comes, and only the last ones are kept.
     def __init__(self, *command, hear=None):
         self.output, self.last = tempfile.NamedTemporaryFile(), collections.deque(maxlen=30)
@@ -43,9 +40,8 @@ class Program:
         return found
 
 
+# One that takes an address and a port last, and tells the port that the system has chosen.
 class Server(Program):
-    """One that takes an address and a port last, and tells the port that the system has chosen."""
-
     def __init__(self, *command, address="127.0.0.1", hear=None):
         super().__init__(*command, address, "0", hear=hear)
         self.address = address, int(self.wait_for(rb"listening on port (\d+)\n")[0])
@@ -75,8 +71,8 @@ def fail(what):
     os.kill(os.getpid(), signal.SIGALRM)
 
 
+# Call a test. No program outlives it.
 def run(test, *arguments):
-    """Call a test. No program outlives it."""
     threading.excepthook = fail
     for number in signal.SIGALRM, signal.SIGTERM:  # whatever hangs: tell where, and end
         signal.signal(number, signal.default_int_handler)

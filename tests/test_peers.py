@@ -1,10 +1,10 @@
 #!/usr/bin/env -S python3 -B
-"""Peers in plain Python, of examples/peer.py, against programs of the library. Times are in seconds.
-
-usage: test_peers.py peer <examples/server> <examples/client>       every kind of message both ways
-       test_peers.py own_loop <server with a loop of its own>...    many clients at a time
-       test_peers.py hostile <examples/server>     what bad peers cost the server and a healthy one
-"""
+# test_peers.py - peers in plain Python, of examples/peer.py, against programs of the library. Times
+# are in seconds.
+#
+# usage: test_peers.py peer <examples/server> <examples/client>       every kind of message both ways
+#        test_peers.py own_loop <server with a loop of its own>...    many clients at a time
+#        test_peers.py hostile <examples/server>     what bad peers cost the server and a healthy one
 import contextlib, itertools, multiprocessing, os, select, signal, socket, sys, time
 
 from programs import PATIENCE, Program, Server, peer, programs, read_until_closed, run
@@ -17,9 +17,8 @@ def body(number, url, payload=b""):
 # ---- peer
 
 
+# Sends each byte in a segment of its own.
 class Dripping(socket.socket):
-    """Sends each byte in a segment of its own."""
-
     def sendall(self, data):
         for i in range(len(data)):
             super().sendall(data[i:i + 1])
@@ -149,8 +148,8 @@ def frame(length, text=b""):
     return peer.HEADER.pack(peer.WATERMARK, length) + text
 
 
+# An attack: send the pieces, then nothing, until the server closes the connection.
 def is_closed(*pieces):
-    """An attack: send the pieces, then nothing, until the server closes the connection."""
     def attack(server):
         start, sent = time.monotonic(), 0
         with socket.create_connection(server.address, PATIENCE) as connection:

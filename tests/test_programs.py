@@ -1,10 +1,9 @@
 #!/usr/bin/env -S python3 -B
-"""What comes with the library, as its users meet it. Exits with 77 where a test cannot be made.
-
-usage: test_programs.py tvcat <tvcat> <examples/server>
-       test_programs.py two_hosts <folder of the examples>
-       test_programs.py wireshark <dissector>
-"""
+# test_programs.py - what comes with the library, as its users meet it. Exits with 77 where a test cannot be made.
+#
+# usage: test_programs.py tvcat <tvcat> <examples/server>
+#        test_programs.py two_hosts <folder of the examples>
+#        test_programs.py wireshark <dissector>
 import contextlib, os, re, shutil, subprocess, sys, tempfile, time
 
 from programs import Program, Server, peer, run

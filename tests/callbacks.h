@@ -28,7 +28,7 @@ inline int pair_on(int fd)
     const tv_channel_list *const head = &tv_service_server.pairList;
     for (const tv_channel_list *link = head->next; link != head; link = link->next) {
         const tv_channel *pair = ((const tv_channel_node *)link)->channel;
-        if (pair->pairSocket->fd == fd)
+        if (pair != nullptr && pair->pairSocket->fd == fd)
             return pair->channelId;
     }
     return -1;
@@ -51,7 +51,7 @@ inline void set_channel_callbacks(int id)
 inline void set_server_callbacks()
 {
     tv_register_connected_callback(
-        0, [](int id, const char *url) { called("connected", id, url, strlen(url)); });
+        -1, [](int id, const char *url) { called("connected", id, url, strlen(url)); });
     tv_register_disconnected_callback(
         0, [](int id, const char *url) { called("disconnected", id, url, strlen(url)); });
     tv_register_client_fd_open_callback([](int fd) { called("fd-open", pair_on(fd), "", 0); });

@@ -85,6 +85,7 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     char *msg = tv_impl_recv(&channel, &len);
     EXPECT_EQ(std::string(msg, len), "ping");
     tv_impl_free_msg(msg);
+    EXPECT_EQ(tv_impl_send_rqst(&channel, "", 0), 0);
     close(ends[0]);
     EXPECT_EQ(tv_impl_send_rqst(&channel, "", 0), -1); // nobody to be told, and no SIGPIPE
     tv_impl_close_channel(&channel);

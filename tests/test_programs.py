@@ -1,5 +1,6 @@
 #!/usr/bin/env -S python3 -B
-# test_programs.py - what comes with the library, as its users meet it. Exits with 77 where a test cannot be made.
+# test_programs.py - what comes with the library, as its users meet it. Exits with 77 where a test
+# cannot be made.
 #
 # usage: test_programs.py tvcat <tvcat> <examples/server>
 #        test_programs.py two_hosts <folder of the examples>

@@ -159,7 +159,7 @@ static void close_all()
 
 int main(int argc, char **argv)
 {
-    const long steps = argc > 1 ? atol(argv[1]) : 20000;
+    const long steps = argc > 1 ? atol(argv[1]) : 50000;
     srandom(argc > 2 ? atoi(argv[2]) : 1);
     for (stepNumber = 0; stepNumber < steps; stepNumber++) {
         if (tv_service_server.serverChannel == nullptr) {

@@ -8,7 +8,6 @@
 #include "fuzz_channels.cpp"
 
 #include <sstream>
-#include <sys/mman.h>
 
 // A word is a step and its place; a number is what an actor does: 1 takes the request, 2 answers it
 // later, 5 at once. After "in" stands what the first callback of that number does; after "odd01" a
@@ -33,11 +32,14 @@ static const std::string scenarios[] = {
 // The log since the last call.
 static std::string take_log()
 {
-    static const int file = memfd_create("log", 0);
-    static char text[1 << 16];
-    tv_set_log_file(("/proc/self/fd/" + std::to_string(file)).c_str());
-    const ssize_t len = pread(file, text, sizeof(text), 0);
-    return ftruncate(file, 0) == 0 ? std::string(text, len) : "";
+    static char *text;
+    static size_t size;
+    static FILE *const stream = open_memstream(&text, &size);
+    tv_set_log_fd(active != nullptr && active->log == nullptr ? nullptr : stream);
+    fflush(stream);
+    const std::string log(text, size);
+    rewind(stream);
+    return log;
 }
 
 // The input that makes these steps: a word is the name of one with its argument and text, or what an
@@ -88,7 +90,7 @@ static void inject(const std::string &words, const std::string &undisturbed)
         injected++;
         if (soft ? !same : active->effect == DOWN ? !down : active->effect == SEEN && same && !down)
             complain(std::to_string(target) + " shows as\n" + seen + "\nbeside\n" + undisturbed);
-        if (take_log().find(active->log) == std::string::npos)
+        if (active->log != nullptr && take_log().find(active->log) == std::string::npos)
             complain(std::to_string(target) + " is not in the log");
     }
 }
@@ -114,6 +116,7 @@ static void inject_all(const std::string &words)
 
 int main()
 {
+    tv_set_log_file("/dev/null");
     for (const std::string &words : scenarios)
         inject_all(words);
     for (int callback = 0; callback < 8; callback++) // which closes its channel

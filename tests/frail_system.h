@@ -35,7 +35,7 @@ static const struct fault {
     std::string calls; // with a blank around each
     std::vector<int> ways;
     int effect;
-    const char *log; // a part of an entry
+    const char *log; // a part of an entry, or null: entries go to a file
 } faults[] = {
     {" malloc realloc ", {ENOMEM}, SEEN, ""},
     {" calloc ", {ENOMEM}, SEEN, "malloc error in function"},
@@ -58,7 +58,7 @@ static const struct fault {
     {" send ", {ECONNRESET}, DOWN, "failed send error:Connection reset"},
     {" recv ", {ECONNRESET}, DOWN, "failed receive error:Connection reset"},
     {" recv ", {END}, DOWN, "the remote peer closed"},
-    {" close fopen stat ", {EIO}, SAME, ""},
+    {" close fopen stat ", {EIO}, SAME, nullptr},
     {" clock_gettime ", {EINVAL, LEAP}, EITHER, ""},
 };
 

@@ -104,7 +104,6 @@ struct ChannelTest : testing::Test {
     ChannelTest()
     {
         test = this;
-        hand_timer_reset();
         startServer();
         log.take();
     }
@@ -116,8 +115,8 @@ struct ChannelTest : testing::Test {
         for (const auto &[name, link] : links)
             tv_close_channel(link.id);
         happened();
-        hand_timer_advance(100000); // what is pending afterwards never ends
-        EXPECT_EQ(hand_timer_pending(), std::vector<int>());
+        advance(100000); // what is pending afterwards never ends
+        EXPECT_EQ(ruvo_timer_get_expected_interval(), -1);
         EXPECT_EQ(count_descriptors(), descriptors);
     }
 
@@ -176,67 +175,68 @@ struct ChannelTest : testing::Test {
 
     // ---- scenarios
 
-    // One step. A result other than 0 is noted.
-    int perform(Link &at, Text verb, Text first, Text second)
+    // Move the clock on and fire each timer at its own time.
+    static void advance(int ms)
     {
-        if (verb == "accept")
-            return tv_server_fd_handler(tv_get_server_polling_fd(), 0, 0);
-        if (verb == "dial")
-            return tv_connect_server(at.id);
-        if (verb == "logout")
-            return tv_disconnect_server(at.id);
-        if (verb == "ask")
-            return tv_send_rqst(at.id, first.data(), first.size(), std::stoi(second));
-        if (verb == "respond")
-            return tv_send_resp(at.id, first.data(), first.size());
-        if (verb == "broadcast")
-            return tv_broadcast_rqst_to_client(first.data(), first.size());
-        if (verb == "serve" && get_channel_type(at.id) == TV_CHANNEL_PAIR)
-            return tv_pair_fd_handler(tv_get_polling_fd(at.id), 0, 0);
-        if (verb == "serve")
-            return tv_channel_fd_handler(0, at.id, 0);
-        if (verb == "client") {
-            const tv_client_addr addr = {"127.0.0.1", "link", 80, 7};
-            at.url = "tcp://link:7";
-            at.id = tv_create_client_channel(&addr);
-            giveHandlers(at.id);
-        } else if (verb == "login") {
-            run("accept & gets login " + first + "~");
-        } else if (verb == "says") { // a tag and a payload
-            at.say(first, second);
-        } else if (verb == "lose") { // so many that were said, and that were to be heard
-            at.said += std::stoi(first);
-            at.heard += std::stoi(second);
-        } else if (verb == "gets") { // the same, and it is served
-            at.say(first, second);
-            run("serve");
-        } else if (verb == "close") {
-            tv_close_channel(at.id);
-        } else if (verb == "stop") {
-            tv_stop_server();
-        } else if (verb == "start") {
-            startServer();
-        } else if (verb == "after") {
-            hand_timer_advance(std::stoi(first));
-        } else if (verb == "supervise") {
-            tv_client_enable_heartbeat(at.id, stoi(first), stoi(second), on_linkdown);
-        } else if (verb == "timers") { // notes what time each has left
-            for (const int left : hand_timer_pending())
-                note(std::to_string(left));
-        } else if (verb == "system") {
-            fails = first == "fails";
-        } else if (verb == "actors") {
-            script = {first, second};
-        } else if (verb == "patience") { // 0: every transfer fails
-            tv_get_channel(at.id)->pollTimeout = std::stoi(first);
-        } else if (verb == "log") { // notes the entries of the step before
-            for (Text entry : logged)
-                note(entry);
-        } else {
-            ADD_FAILURE() << "unknown: " << verb;
+        const long long end = hand_timer_now + ms * nsPerMs;
+        while (heapCount > 0 && entry_of(heap[0])->due <= end) {
+            hand_timer_now = std::max<long long>(hand_timer_now, entry_of(heap[0])->due);
+            ruvo_fire_timer();
         }
-        return 0;
+        hand_timer_now = end;
     }
+    void createClient(Link &at)
+    {
+        const tv_client_addr addr = {"127.0.0.1", "link", 80, 7};
+        at.url = "tcp://link:7";
+        at.id = tv_create_client_channel(&addr);
+        giveHandlers(at.id);
+    }
+    static int serve(int id)
+    {
+        return get_channel_type(id) == TV_CHANNEL_PAIR
+                   ? tv_pair_fd_handler(tv_get_polling_fd(id), 0, 0)
+                   : tv_channel_fd_handler(0, id, 0);
+    }
+    void noteTimers() // what time each has left
+    {
+        for (uint32_t i = 0; i < heapCount; i++)
+            note(std::to_string((entry_of(heap[i])->due - hand_timer_now) / nsPerMs));
+    }
+
+    struct Step {
+        Link &at;
+        int id;           // of its channel
+        std::string a, b; // its words
+        int m, n;         // the same as numbers
+    };
+    // A result other than 0 is noted.
+    const std::map<std::string, std::function<int(Step)>> operations = {
+        {"accept", [](Step) { return tv_server_fd_handler(tv_get_server_polling_fd(), 0, 0); }},
+        {"dial", [](Step s) { return tv_connect_server(s.id); }},
+        {"logout", [](Step s) { return tv_disconnect_server(s.id); }},
+        {"ask", [](Step s) { return tv_send_rqst(s.id, &s.a[0], s.a.size(), s.n); }},
+        {"respond", [](Step s) { return tv_send_resp(s.id, &s.a[0], s.a.size()); }},
+        {"broadcast", [](Step s) { return tv_broadcast_rqst_to_client(&s.a[0], s.a.size()); }},
+        {"serve", [](Step s) { return serve(s.id); }},
+    };
+    const std::map<std::string, std::function<void(Step)>> others = {
+        {"client", [this](Step s) { createClient(s.at); }},
+        {"login", [this](Step s) { run("accept & gets login " + s.a + "~"); }},
+        {"says", [](Step s) { s.at.say(s.a, s.b); }}, // the peer, a tag and a payload
+        {"gets", [this](Step s) { s.at.say(s.a, s.b), run("serve"); }},
+        {"lose", [](Step s) { s.at.said += s.m, s.at.heard += s.n; }}, // so many messages
+        {"close", [](Step s) { tv_close_channel(s.id); }},
+        {"stop", [](Step) { tv_stop_server(); }},
+        {"start", [this](Step) { startServer(); }},
+        {"after", [](Step s) { advance(s.m); }},
+        {"timers", [this](Step) { noteTimers(); }},
+        {"supervise", [](Step s) { tv_client_enable_heartbeat(s.id, s.m, s.n, on_linkdown); }},
+        {"system", [this](Step s) { fails = s.a == "fails"; }},
+        {"actors", [this](Step s) { script[0] = s.a, script[1] = s.b; }},
+        {"patience", [](Step s) { tv_get_channel(s.id)->pollTimeout = s.m; }}, // 0: nothing is sent
+        {"log", [this](Step) { notes.insert(notes.end(), logged.begin(), logged.end()); }},
+    };
     void run(Text steps)
     {
         std::istringstream words(steps);
@@ -255,10 +255,15 @@ struct ChannelTest : testing::Test {
             }
             std::getline(words, rest, '&');
             std::istringstream(rest) >> first >> second;
-            Link &at = *current;
-            const int result = perform(at, verb, first, second);
+            const Step step = {*current, current->id,         first,
+                               second,   atoi(first.c_str()), atoi(second.c_str())};
+            if (operations.count(verb) == 0) {
+                others.at(verb)(step);
+                continue;
+            }
+            const int result = operations.at(verb)(step);
             if (result != 0)
-                note(at.prefix + verb + ": " + std::to_string(result));
+                note(step.at.prefix + verb + ": " + std::to_string(result));
         }
     }
     void prepare(Text steps) // what they bring about is left unseen

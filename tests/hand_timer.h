@@ -1,22 +1,29 @@
-// hand_timer.h - the timer library on a clock that is moved by hand, in place of libruvo_timer.so.
+// hand_timer.h - the timer library on a clock that is moved by hand, in place of libruvo_timer.so:
+// part of the one file that includes it.
 #ifndef HAND_TIMER_H
 #define HAND_TIMER_H
 
-#include "ruvo_timer.h"
-
-#include <vector>
+#include <stdlib.h>
+#include <time.h>
 
 // The monotonic clock in nanoseconds, free to be moved on. That alone fires nothing: it is left to
 // the next ruvo_fire_timer, as in a loop.
-extern long long hand_timer_now;
+static long long hand_timer_now = 5000000000123456;
 
-// Stop all timers.
-void hand_timer_reset();
+static int read_clock(clockid_t clock, struct timespec *time)
+{
+    if (clock != CLOCK_MONOTONIC)
+        abort();
+    *time = {(time_t)(hand_timer_now / 1000000000), (long)(hand_timer_now % 1000000000)};
+    return 0;
+}
 
-// Move the clock on and fire each timer at its own time, in order of those times.
-void hand_timer_advance(int ms);
+// The library itself, but for its clock.
+#define clock_gettime read_clock
+#include "ruvo_timer.cpp"
+#undef clock_gettime
 
-// How many milliseconds each pending timer has left, the shortest first.
-std::vector<int> hand_timer_pending();
+// Let the ids begin again soon.
+[[maybe_unused]] static const int begin = lastId = INT_MAX - 5000;
 
 #endif

@@ -1,12 +1,13 @@
-// frail_system.h - the system as the library sees it in fuzz_channels.cpp and fault_injection.cpp:
-// sockets that deliver at once, a clock that only waiting moves, and calls that fail, each in its
-// turn. What happens on it is noted.
+// frail_system.h - the system as the library sees it in scenarios and in fuzz_frame.cpp: sockets that
+// deliver at once, a clock that only waiting moves, and calls that fail, each in its turn.
 #ifndef FRAIL_SYSTEM_H
 #define FRAIL_SYSTEM_H
 
+#include "ruvo_timer.h"
 #include "tolvane.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -14,6 +15,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <string>
+#include <string_view>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -58,6 +60,7 @@ static const struct fault {
     {" send ", {ECONNRESET}, DOWN, "failed send error:Connection reset"},
     {" recv ", {ECONNRESET}, DOWN, "failed receive error:Connection reset"},
     {" recv ", {END}, DOWN, "the remote peer closed"},
+    {" ruvo_start_timer ", {ENOMEM}, EITHER, "failed on start timer for channel"},
     {" close fopen stat ", {EIO}, SAME, nullptr},
     {" clock_gettime ", {EINVAL, LEAP}, EITHER, ""},
 };
@@ -68,10 +71,43 @@ static bool lasting, armed;              // and those after it; in a run
 static int calls, failed;                // so far
 static int blocks;                       // allocated and not released
 static std::set<std::string> unreached;  // calls that were never made in a run
-static std::string seen;                 // by the application and its peers
+static std::string complaint;            // of perror(), the last one
 static long long now = 1000000, stopAt;  // in milliseconds; when the loop is to end
 static int lag;                          // how much longer the next wait takes
 static const int idleFd = eventfd(0, 0); // the first descriptor that the loop watches
+
+// ---- what stands on the wire
+
+static const size_t headerSize = 36;
+
+static std::string frame(const std::string &body)
+{
+    const uint32_t size = htonl(body.size());
+    std::string header = "TCP_WATER_MARK";
+    header.resize(headerSize - sizeof(size));
+    return header.append((const char *)&size, sizeof(size)) + body;
+}
+
+// The length of the frame that the bytes begin with, or -1.
+static int frame_length(std::string_view bytes)
+{
+    uint32_t length;
+    if (bytes.size() < headerSize || memcmp(bytes.data(), "TCP_WATER_MARK", 15) != 0)
+        return -1;
+    bytes.copy((char *)&length, sizeof(length), headerSize - sizeof(length));
+    return ntohl(length) > bytes.size() - headerSize ? -1 : (int)ntohl(length);
+}
+
+// Descriptors that are open, of the first 64.
+inline int count_descriptors()
+{
+    int count = 0;
+    for (int fd = 0; fd < 64; fd++)
+        count += fcntl(fd, F_GETFD) != -1;
+    return count;
+}
+
+// ---- the calls
 
 static void (*connected)(int far); // takes the other end when a client has connected
 
@@ -180,7 +216,10 @@ WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
      __real_recv(fd, bytes, size, flags | MSG_DONTWAIT))
 WRAP(int, close, (int fd), (__real_close(fd), -1), __real_close(fd))
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
-WRAP(void, perror, (const char *), (void)0, (void)0)
+WRAP(void, perror, (const char *text), (void)0,
+     (void)(complaint = std::string(text) + ": " + strerror(errno)))
+WRAP(int, ruvo_start_timer, (int ms, ruvo_timer_cb callback, intptr_t id, intptr_t none), -1,
+     __real_ruvo_start_timer(ms, callback, id, none))
 WRAP(int, stat, (const char *path, struct stat *status), -1, __real_stat(path, status))
 // The wall clock may change at any time: nobody is to ask for it.
 WRAP(int, clock_gettime, (clockid_t clock, timespec *time), -(way != LEAP),
@@ -193,7 +232,7 @@ static int wait_for(struct pollfd *fds, int ready, int timeout)
 {
     const bool loop = fds->fd == idleFd;
     now += std::exchange(lag, 0) + (ready == 0 ? std::max(timeout, 0) : loop ? 4 : 0);
-    if (!loop || (now < stopAt && (ready != 0 || timeout >= 0)))
+    if (!loop || (now <= stopAt && (ready != 0 || timeout >= 0)))
         return ready;
     now = stopAt;
     errno = EBADF;
@@ -201,18 +240,5 @@ static int wait_for(struct pollfd *fds, int ready, int timeout)
 }
 WRAP(int, poll, (struct pollfd * fds, nfds_t count, int timeout),
      (now += std::exchange(lag, 0), -1), wait_for(fds, __real_poll(fds, count, 0), timeout))
-
-static void note(const std::string &text, int number)
-{
-    seen += text + " " + std::to_string(number) + "\n";
-}
-
-inline void run_loop(int ms)
-{
-    stopAt = now + ms;
-    tv_main_loop();
-    note("ended in time", now >= stopAt);
-    now = std::max(now, stopAt);
-}
 
 #endif

@@ -16,15 +16,15 @@ TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
         logout                => logout: -1;
         lose 0 1;
         dial                  => dials 127.0.0.1:80 within 100, hears login tcp://link:7~;
-        supervise 100 1 & timers;
-        dial & timers         => hears the end, dials 127.0.0.1:80 within 100,
+        supervise 100 1 & left => -1;
+        dial & left           => hears the end, dials 127.0.0.1:80 within 100,
                                  hears login tcp://link:7~, 100;
         logout                => hears logout tcp://link:7~;
-        patience 0;
+        fail send;
         dial                  => hears the end, dials 127.0.0.1:80 within 100,
                                  linkdown tcp://link:7, dial: -1;
-        system fails & dial   => hears the end, dials 127.0.0.1:80 within 100, dial: -1;
-        log                   => create client or connect server fail)");
+        fail connect & dial   => hears the end, dials 127.0.0.1:80 within 100, dial: -1)");
+    EXPECT_EQ(logged.back(), "create client or connect server fail");
     EXPECT_EQ(tv_get_polling_fd(current->id), -1);
 }
 
@@ -56,8 +56,7 @@ TEST_F(Client, HandlesEachMessageByItsType)
     log.expect({"no outgoing request, response discarded", "heartbeat msg", "heartbeat ack msg",
                 "unexpected msg received"});
     play("=> actor0 x, hears heartbeatack {sequence:0}~");
-    tcp_impl_send_with_timeout(current->fd, "", 0, 1000);
-    play("serve => linkdown tcp://link:7");
+    play("empty => linkdown tcp://link:7");
 }
 
 TEST_F(Client, AnIdThatNamesNothingOrNoClientIsLoggedInTheOperationsName)
@@ -120,7 +119,7 @@ TEST_F(Client, WhatCannotBePackedIsNotSentAndWhatHasNoTimerIs)
     EXPECT_EQ(tv_send_resp(current->id, "", -1), -1);
     const std::string negative = "pack_msg_to_buf, negative length[-1]";
     log.expect({"pack requst fail:0", negative, "pack requst fail:-1", negative});
-    play("respond late => hears reply late; system fails & ask x 100 => hears request x");
+    play("respond late => hears reply late; fail ruvo_start_timer & ask x 100 => hears request x");
     EXPECT_EQ(logged.back(),
               "failed on start timer for channel[" + std::to_string(current->id) + "]");
 }
@@ -131,8 +130,9 @@ TEST_F(Client, NeedsNoHandlers)
     tv_register_resp_handler(current->id, nullptr);
     tv_register_timeout_handler(current->id, nullptr);
     tv_register_linkdown_callback(current->id, nullptr);
-    play(R"(
-        ask ping 100 & gets reply pong => hears request ping;
-        ask ping 100 & after 100       => hears request ping;
-        patience 0 & ask ping 100      => ask: -1)");
+    for (const char *const end : {"gets reply pong", "after 100"}) {
+        play("ask ping 100 & "s + end + " => hears request ping");
+        awaited.clear();
+    }
+    play("fail send & ask ping 100 => ask: -1");
 }

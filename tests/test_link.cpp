@@ -12,16 +12,16 @@ static const struct Scenario {
         log               => has pending outgoing request, could not send request now;
         in resp ask next 200;
         gets reply c~d    => resp c~d, hears request next;
-        timers => 200; gets reply => resp (null))"},
+        left => 200; gets reply => resp (null))"},
 
     {"ATimeOutEndsTheWaitAndWithoutATimerOnlyTheReplyDoes", R"(
         ask ping 100      => hears request ping;
         in timeout ask early 100; after 99; after 1 => timeout, ask: -1;
         ask tell 0 & ask tell -1 => hears request tell, hears request tell;
         gets reply late; log => no outgoing request, response discarded;
-        system fails & ask more 100    => hears request more;
+        fail ruvo_start_timer & ask more 100 => hears request more;
         gets reply told   => resp told;
-        system works & ask ping 100 => hears request ping;
+        fail nothing & ask ping 100 => hears request ping;
         in timeout gets reply just-in-time & ask next 100;
         after 100         => timeout, resp just-in-time, hears request next;
         ask early 100     => ask: -1)"},
@@ -68,22 +68,22 @@ static const struct Scenario {
 
     {"WhatCannotBeSentLeavesTheChannelAsItWas", R"(
         actors D P & gets request x => actor0 x;
-        patience 0 & in linkdown ask untold 0;
+        fail send & in linkdown ask untold 0;
         ask lost 100      => linkdown tcp://link:7, ask: -1, ask: -1;
         respond lost      => linkdown tcp://link:7, respond: -1;
-        lose 0 3 & patience 1000;
+        lose 0 3 & fail nothing;
         respond at-last   => hears reply at-last;
         ask again 100     => hears request again)"},
 
     {"ASilentPeerIsDeclaredDownOnceAndItsChannelStays", R"(
         supervise 100 0 & gets heartbeatack {};
         after 99; after 1 => linkdown tcp://link:7;
-        gets heartbeat {} => hears heartbeatack {sequence:0}~; timers;
+        gets heartbeat {} => hears heartbeatack {sequence:0}~; left => -1;
         supervise 100 2 & gets heartbeatack {};
         after 99; after 1 => hears heartbeat {sequence:1}, {interval:100},{count:2}~;
         after 99; after 1 => hears heartbeat {sequence:2}, {interval:100},{count:2}~;
         after 99; after 1 => linkdown tcp://link:7;
-        gets heartbeat {} => hears heartbeatack {sequence:2}~; timers)"},
+        gets heartbeat {} => hears heartbeatack {sequence:2}~; left => -1)"},
 
     {"EveryAcceptedMessageStartsSupervisionAnewAndARefusedOneDoesNot", R"(
         actors H P & supervise 100 1;
@@ -98,11 +98,11 @@ static const struct Scenario {
     // A change is not a start: that comes with the next message, if there is an interval.
     {"NewSettingsCountAtOnceAndChangeThePeriodWithTheNextStart", R"(
         supervise 100 1 & gets heartbeatack {};
-        supervise 300 0 & timers      => 100;
-        gets heartbeatack {} & timers => 300;
+        supervise 300 0 & left        => 100;
+        gets heartbeatack {} & left   => 300;
         supervise 100 5;
         after 300         => hears heartbeat {sequence:1}, {interval:100},{count:5}~;
-        supervise 0 1 & gets heartbeatack {} & timers => 300)"},
+        supervise 0 1 & gets heartbeatack {} & left   => 300)"},
 };
 
 struct OneLink : ChannelTest, testing::WithParamInterface<Scenario> {

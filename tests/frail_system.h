@@ -10,6 +10,8 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <functional>
+#include <limits.h>
 #include <poll.h>
 #include <set>
 #include <stdlib.h>
@@ -65,22 +67,25 @@ static const struct fault {
     {" clock_gettime ", {EINVAL, LEAP}, EITHER, ""},
 };
 
-static const fault *active;              // or null
-static int way, target;                  // how it fails, and which call, from 1 on
-static bool lasting, armed;              // and those after it; in a run
-static int calls, failed;                // so far
-static int blocks;                       // allocated and not released
-static std::set<std::string> unreached;  // calls that were never made in a run
-static std::string complaint;            // of perror(), the last one
-static long long now = 1000000, stopAt;  // in milliseconds; when the loop is to end
-static int lag;                          // how much longer the next wait takes
+static const fault *active;             // or null
+static int way, target;                 // how it fails, and which call, from 1 on
+static bool lasting, armed;             // and those after it; in a run
+static int calls, failed;               // so far
+static int blocks;                      // allocated and not released
+static std::set<std::string> unreached; // calls that were never made in a run
+static std::string complaint;           // of perror(), the last one
+static long long now = 1000000, stopAt; // in milliseconds; when the loop is to end
+static int lag;                         // how much longer the next wait takes
+static int effort, polls;               // how long a recv() takes; how many poll() were called
+// What the peer does while it is waited for, so many ms at most: it moves the clock, or returns false.
+static std::function<bool(int limit)> meanwhile;
 static const int idleFd = eventfd(0, 0); // the first descriptor that the loop watches
 
 // ---- what stands on the wire
 
 static const size_t headerSize = 36;
 
-static std::string frame(const std::string &body)
+inline std::string frame(const std::string &body)
 {
     const uint32_t size = htonl(body.size());
     std::string header = "TCP_WATER_MARK";
@@ -89,7 +94,7 @@ static std::string frame(const std::string &body)
 }
 
 // The length of the frame that the bytes begin with, or -1.
-static int frame_length(std::string_view bytes)
+inline int frame_length(std::string_view bytes)
 {
     uint32_t length;
     if (bytes.size() < headerSize || memcmp(bytes.data(), "TCP_WATER_MARK", 15) != 0)
@@ -150,9 +155,13 @@ static void *allocated(void *block)
         return fails(#name) ? failure : success;                                                   \
     }
 
-// A block of the length that a header announces takes long to clear under a sanitizer.
-WRAP(void *, malloc, (size_t size), nullptr,
-     allocated(size > 1 << 20 ? nullptr : __real_malloc(size)))
+// A block of the length that a header announces takes long to fill. Nothing is found in a new one.
+extern "C" void *__real_malloc(size_t);
+static void *fresh_block(size_t size)
+{
+    return size > 1 << 20 ? nullptr : memset(allocated(__real_malloc(size)), 0xa5, size);
+}
+WRAP(void *, malloc, (size_t size), nullptr, fresh_block(size))
 WRAP(void *, calloc, (size_t items, size_t size), nullptr, allocated(__real_calloc(items, size)))
 WRAP(void *, realloc, (void *old, size_t size), nullptr, __real_realloc(old, size))
 WRAP(void *, reallocarray, (void *old, size_t items, size_t size), nullptr,
@@ -211,9 +220,18 @@ static void check_segment(const void *bytes, size_t size, int flags)
 WRAP(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
      way == HALF ? __real_send(fd, bytes, (size + 1) / 2, flags) : -1,
      (check_segment(bytes, size, flags), __real_send(fd, bytes, size, flags | MSG_DONTWAIT)))
+extern "C" ssize_t __real_recv(int, void *, size_t, int);
+static ssize_t receive_now(int fd, void *bytes, size_t size)
+{
+    const ssize_t received = __real_recv(fd, bytes, size, MSG_DONTWAIT);
+    now += effort;
+    if (received < 0 && meanwhile)
+        meanwhile(INT_MAX);
+    return received;
+}
 WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
      way == HALF ? __real_recv(fd, bytes, (size + 1) / 2, flags) : -(way != END),
-     __real_recv(fd, bytes, size, flags | MSG_DONTWAIT))
+     receive_now(fd, bytes, size))
 WRAP(int, close, (int fd), (__real_close(fd), -1), __real_close(fd))
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
 WRAP(void, perror, (const char *text), (void)0,
@@ -226,12 +244,19 @@ WRAP(int, clock_gettime, (clockid_t clock, timespec *time), -(way != LEAP),
      (clock == CLOCK_MONOTONIC ? (void)0 : abort(),
       *time = {(time_t)(now / 1000), (long)(now % 1000 * 1000000)}, 0))
 
-// Nothing comes later: a wait moves the clock to its end. The loop's own wait ends the loop in time,
-// and takes some when something is ready, which may be left alone.
-static int wait_for(struct pollfd *fds, int ready, int timeout)
+// Unless the peer acts meanwhile, a wait moves the clock to its end. The loop's own wait ends the loop
+// in time, and takes some when something is ready, which may be left alone.
+extern "C" int __real_poll(struct pollfd *, nfds_t, int);
+static int wait_for(struct pollfd *fds, nfds_t count, int timeout)
 {
     const bool loop = fds->fd == idleFd;
-    now += std::exchange(lag, 0) + (ready == 0 ? std::max(timeout, 0) : loop ? 4 : 0);
+    polls++;
+    int ready = __real_poll(fds, count, 0);
+    if (ready == 0 && meanwhile && meanwhile(timeout))
+        ready = __real_poll(fds, count, 0);
+    else
+        now += ready == 0 ? std::max(timeout, 0) : loop ? 4 : 0;
+    now += std::exchange(lag, 0);
     if (!loop || (now <= stopAt && (ready != 0 || timeout >= 0)))
         return ready;
     now = stopAt;
@@ -239,6 +264,6 @@ static int wait_for(struct pollfd *fds, int ready, int timeout)
     return -1;
 }
 WRAP(int, poll, (struct pollfd * fds, nfds_t count, int timeout),
-     (now += std::exchange(lag, 0), -1), wait_for(fds, __real_poll(fds, count, 0), timeout))
+     (now += std::exchange(lag, 0), -1), wait_for(fds, count, timeout))
 
 #endif

@@ -149,8 +149,8 @@ template <int N> static int act(int id, const char *payload, int len, char **rep
     const std::string play = script[N];
     called("actor" + std::to_string(N), id, payload, len);
     if (play.size() > 1 && *reply == nullptr) { // another actor's belongs to the library
-        *reply = (char *)allocated(strdup(&play[1]));
-        *size = play[1] == '!' ? -1 : play.size() - 1;
+        *reply = (char *)allocated(__real_malloc(play.size() - 1));
+        *size = play[1] == '!' ? -1 : play.copy(*reply, play.size() - 1, 1);
     }
     return std::string("PHD").find(play[0]); // or -1
 }

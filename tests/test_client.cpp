@@ -11,19 +11,19 @@ TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
 {
     run("client");
     EXPECT_EQ(tv_get_polling_fd(current->id), -1);
-    tv_set_connect_timeout(current->id, 100);
+    tv_set_connect_timeout(current->id, 150);
     play(R"(
         logout                => logout: -1;
         lose 0 1;
-        dial                  => dials 127.0.0.1:80 within 100, hears login tcp://link:7~;
+        dial                  => dials 127.0.0.1:80 within 150, hears login tcp://link:7~;
         supervise 100 1 & left => -1;
-        dial & left           => hears the end, dials 127.0.0.1:80 within 100,
+        dial & left           => hears the end, dials 127.0.0.1:80 within 150,
                                  hears login tcp://link:7~, 100;
         logout                => hears logout tcp://link:7~;
         fail send;
-        dial                  => hears the end, dials 127.0.0.1:80 within 100,
+        dial                  => hears the end, dials 127.0.0.1:80 within 150,
                                  linkdown tcp://link:7, dial: -1;
-        fail connect & dial   => hears the end, dials 127.0.0.1:80 within 100, dial: -1)");
+        fail connect & dial   => hears the end, dials 127.0.0.1:80 within 150, dial: -1)");
     EXPECT_EQ(logged.back(), "create client or connect server fail");
     EXPECT_EQ(tv_get_polling_fd(current->id), -1);
 }
@@ -122,6 +122,17 @@ TEST_F(Client, WhatCannotBePackedIsNotSentAndWhatHasNoTimerIs)
     play("respond late => hears reply late; fail ruvo_start_timer & ask x 100 => hears request x");
     EXPECT_EQ(logged.back(),
               "failed on start timer for channel[" + std::to_string(current->id) + "]");
+}
+
+TEST_F(Client, WaitsForNothingLongerThanItsPollTimeout)
+{
+    prepare("client & dial");
+    for (const std::string wait : {"flood & flood", "serve"}) { // room for one, and nothing to read
+        const long long start = now;
+        run(wait);
+        EXPECT_EQ(now - start, 100);
+    }
+    happened();
 }
 
 TEST_F(Client, NeedsNoHandlers)

@@ -1,26 +1,13 @@
-// test_frame.cpp - frames that fail between two connected descriptors, with a peer that writes from
-// a signal handler where it has to be slow. Whole frames, and streams of any bytes, are the matter
-// of fuzz_frame.cpp.
+// test_frame.cpp - frames that fail between two connected descriptors, and peers that are slow. Whole
+// frames, and streams of any bytes, are the matter of fuzz_frame.cpp.
 
+#include "frail_system.h"
 #include "log_capture.h"
 
-#include <fcntl.h>
-#include <limits.h>
-#include <signal.h>
-#include <string_view>
-#include <unistd.h>
-
-static const int patience = 30000; // a bound, never waited for
-static const std::string failed = "(null)";
+static const int patience = 30000;
+static const std::string none = "(null)";
 
 static int ends[2]; // the library's, and its peer's
-// What the peer still writes, a third of a header with every signal.
-static std::string_view dripping;
-
-static std::string frame(const std::string &body) // of less than 256 bytes
-{
-    return std::string("TCP_WATER_MARK").append(21, '\0') + (char)body.size() + body;
-}
 
 static int send(const std::string &body, int len, int timeoutMs)
 {
@@ -32,7 +19,7 @@ static std::string receive(int timeoutMs)
     int len = 77;
     char *body = timeoutMs == 0 ? tcp_impl_receive(ends[0], &len)
                                 : tcp_impl_receive_with_timeout(ends[0], &len, timeoutMs);
-    const std::string result = body == nullptr ? failed : std::string(body, len);
+    const std::string result = body == nullptr ? none : std::string(body, len);
     EXPECT_TRUE(body != nullptr || len == 0 || len == INT_MAX); // for which there is no memory
     free(body);
     return result;
@@ -53,6 +40,8 @@ struct Frame : testing::Test {
     {
         close(ends[0]);
         close(ends[1]);
+        meanwhile = nullptr;
+        effort = 0;
     }
 
     LogCapture log;
@@ -62,15 +51,15 @@ TEST_F(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
 {
     for (const char *const bytes : {"TCP_WATER_MARX", "TCP_WATER_MARK"}) {
         peer_writes(frame("").replace(0, 14, bytes).replace(32, 1, "\x80"));
-        EXPECT_EQ(receive(patience), failed);
+        EXPECT_EQ(receive(patience), none);
     }
-    EXPECT_EQ(receive(10), failed);
-    log.expect(
-        {"tcp_impl_receive, invalid watermark", "tcp_impl_receive, invalid length[2147483648]",
-         "_impl_receive_with_timeout failed ", "tcp_impl_receive, failed on receive header"});
-    peer_writes(frame("").replace(32, 4, "\x7f\xff\xff\xff")); // without memory or its body
-    EXPECT_EQ(receive(10), failed);
-    EXPECT_NE(log.take().back(), "tcp_impl_receive, invalid length[2147483647]");
+    EXPECT_EQ(receive(10), none);
+    peer_writes(frame("").replace(32, 4, "\x7f\xff\xff\xff"));
+    EXPECT_EQ(receive(10), none);
+    log.expect({"tcp_impl_receive, invalid watermark",
+                "tcp_impl_receive, invalid length[2147483648]",
+                "_impl_receive_with_timeout failed ", "tcp_impl_receive, failed on receive header",
+                "tcp_impl_receive, failed on malloc"});
 
     EXPECT_EQ(send("ping", 4, 0), -1);
     EXPECT_EQ(send("ping", 4, -1), -1);
@@ -84,25 +73,39 @@ TEST_F(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
     peer_writes(frame("ping").substr(0, 38));
     shutdown(ends[1], SHUT_RDWR);
     EXPECT_EQ(send("ping", 4, patience), -1); // and no SIGPIPE
-    EXPECT_EQ(receive(patience), failed);
+    EXPECT_EQ(receive(patience), none);
     log.expect({"failed", "tcp_impl_send, failed on send msg, len[3000000]",
                 "failed send error:Broken pipe", "tcp_impl_send, failed on send header",
                 "the remote peer closed", "tcp_impl_receive, failed on receive msg, len[4]"});
 }
 
-// The limit would do for the header alone, and for the body.
-TEST_F(Frame, DrippingAndSignalsCostNoExtraTime)
+// The limit is for waits and, from the second recv() on, for work; without one nothing is waited for.
+TEST_F(Frame, ALimitIsForTheHeaderAndTheBodyOfAFrame)
 {
-    const int limit = 180, pauseUs = 40000;
-    const std::string body(36, 'x'), bytes = frame(body);
-    signal(SIGALRM, [](int) {
-        dripping.remove_prefix(
-            write(ends[1], dripping.data(), std::min((size_t)12, dripping.size())));
-    });
-    for (const int timeoutMs : {patience, 0, limit}) {
-        dripping = bytes;
-        ualarm(pauseUs, pauseUs);
-        EXPECT_EQ(receive(timeoutMs), timeoutMs == limit ? failed : body);
-        ualarm(0, 0);
+    const int drop = 12, dropMs = 40;
+    const std::string body(36, 'x');
+    for (const int timeoutMs : {0, 240, 239, 199, 40}) {
+        std::string drops = frame(body);
+        meanwhile = [&](int limit) {
+            if (limit < dropMs)
+                return false;
+            now += dropMs;
+            peer_writes(drops.substr(0, drop));
+            drops.erase(0, drop);
+            return true;
+        };
+        const size_t unsent = timeoutMs == 0 ? 0 : drops.size() - timeoutMs / dropMs * drop;
+        EXPECT_EQ(receive(timeoutMs), unsent == 0 ? body : none);
+        EXPECT_EQ(drops.size(), unsent);
+    }
+
+    meanwhile = nullptr;
+    effort = 10;
+    const std::string large(600000, 'x'); // three times as much as one recv() takes
+    for (const int timeoutMs : {0, 20, 19}) {
+        const int room = 1 << 20;
+        setsockopt(ends[1], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room));
+        peer_writes(frame(large));
+        EXPECT_EQ(receive(timeoutMs), timeoutMs == 19 ? none : large);
     }
 }

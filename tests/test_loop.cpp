@@ -109,7 +109,9 @@ TEST_F(Loop, FiresTimersAndServesTheReadyInTheOrderOfPlaces)
     EXPECT_EQ(pass(), (Served{6, 2, 3, 4, 2})); // the lower place serves for both
     tv_unregister_polling_fd(closed);
     tv_unregister_polling_fd(high);
+    polls = 0;
     EXPECT_EQ(pass(), (Served{3, 5}));
+    EXPECT_EQ(polls, 2); // nothing is asked again, and the one that ends it
     EXPECT_EQ(logged, Texts());
 }
 

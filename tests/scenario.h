@@ -37,6 +37,7 @@ struct Link {
 static std::map<std::string, Link> links;
 static Link *current;                // the one that was named last
 static std::map<int, Link *> owners; // of channels
+static std::map<int, int> pairs;     // by their descriptors
 // What the two actors do, a word each: P, H or D to pass, handle or defer, any other for another
 // result, and the reply that they hand over, "!" for one of a negative length.
 static Texts script;
@@ -171,18 +172,6 @@ static void set_up(int id)
     tv_set_poll_timeout(id, 100);
 }
 
-// The id of the pair on this descriptor, or -1.
-static int pair_on(int fd)
-{
-    const tv_channel_list *const head = &tv_service_server.pairList;
-    for (const tv_channel_list *link = head->next; link != head; link = link->next) {
-        const tv_channel *pair = ((const tv_channel_node *)link)->channel;
-        if (pair != nullptr && pair->pairSocket->fd == fd)
-            return pair->channelId;
-    }
-    return -1;
-}
-
 static int start()
 {
     const int id = tv_start_server("127.0.0.1", 7);
@@ -192,11 +181,13 @@ static int start()
         0, [](int id, const char *url) { called("disconnected", id, url, strlen(url)); });
     tv_register_client_fd_open_callback([](int fd) {
         tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0);
-        called("fd-open", pair_on(fd), "", 0);
+        const tv_channel_list *const newest = tv_service_server.pairList.prev;
+        pairs[fd] = ((const tv_channel_node *)newest)->channel->channelId;
+        called("fd-open", pairs[fd], "", 0);
     });
     tv_register_client_fd_close_callback([](int fd) {
         tv_unregister_polling_fd(fd);
-        called("fd-close", pair_on(fd), "", 0);
+        called("fd-close", pairs[fd], "", 0);
     });
     if (id == -1)
         return -1;

@@ -34,8 +34,8 @@ struct ChannelTest : testing::Test {
         active = &chosen;
         way = chosen.ways[0];
         target = lasting = careless = true;
-        others["fail"] = [](Step s) { chosen.calls = " " + s.a + " "; }; // a call, from now on
-        others["log"] = [this](Step) { notes.insert(notes.end(), logged.begin(), logged.end()); };
+        verbs["fail"] = [](Step s) { chosen.calls = " " + s.a + " "; }; // a call, from now on
+        verbs["log"] = [this](Step) { notes.insert(notes.end(), logged.begin(), logged.end()); };
         chosen.calls.clear();
         begin();
         log.take();

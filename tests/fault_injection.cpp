@@ -7,36 +7,29 @@
 
 #include "scenario.h"
 
+static const std::string pair = "a: login a & after 40 &", client = "client & within 100 & dial &",
+                         exchange = "actors Hok P & gets request x & ask y 20 & gets reply z &"
+                                    "gets heartbeatack {} & after 120",
+                         deferral = "actors D P & gets request x & gets request y & ask z 20 &"
+                                    "after 200 & gets reply late & actors Hok P & respond late &"
+                                    "after 200",
+                         oddity = "gets request & gets reply & lose 1 0 & gets request z &"
+                                  "lose -2 0 & gets request & empty & after 40";
 static const std::string scenarios[] = {
-    "a: accept & after 40 & gets login a~ & actors Hok P & gets request x & ask y 20 &"
-    "gets reply z & gets heartbeatack {} & after 120 & gets logout a~ & after 120",
-    "client & within 100 & dial & actors Hok P & gets request x & ask y 20 & gets reply z &"
-    "after 120 & logout & after 120",
-    "a: accept & after 40 & gets login a~ & actors D P & gets request x & gets request y & ask z "
-    "20 &"
-    "after 200 & gets reply late & actors Hok P & respond late & after 200",
-    "client & dial & actors D P & gets request x & gets request y & ask z 20 & after 200 &"
-    "gets reply late & actors Hok P & respond late & after 200",
-    "a: accept & after 40 & gets login a~ & gets request & gets reply & lose 1 0 & gets request z &"
-    "lose -2 0 & gets request & empty & after 40",
-    "client & dial & gets request & gets reply & lose 1 0 & gets request z & lose -2 0 &"
-    "gets request & empty & after 40",
-    "watch 300 2 & a: accept & after 40 & gets login a~ & gets heartbeatack {} &"
-    "gets heartbeat {sequence:1} & after 360 & after 360 & after 360",
-    "client & within 100 & dial & supervise 300 2 & after 360 & gets heartbeatack {} & after 360 &"
-    "after 360",
-    "a: accept & after 40 & b: accept & after 40 & c: accept & after 40 & a: gets login a~ &"
-    "b: gets login b~ & a: end & broadcast all & after 120",
-    "a: accept & after 40 & b: accept & after 40 & a: gets login n~ & b: gets login n~ & after 40 &"
-    "c: client & dial & d: client & within 100 & dial & after 120",
-    "a: accept & after 40 & gets login a~ & actors Hok P & in actor0 end;"
-    "gets request x & after 40",
-    "client & within 100 & dial & says request x & says request y & actors D P & in actor0 serve;"
-    "serve & respond late & respond late & after 40",
-    "timers & left & start & after 120 & stop & start & client & within 100 & dial & b: accept & "
-    "after 40 "
-    "&"
-    "shut & after 40",
+    pair + exchange + "& gets logout a~ & after 120",
+    client + exchange + "& logout & after 120",
+    pair + deferral,
+    "client & dial &" + deferral,
+    pair + oddity,
+    client + oddity,
+    "watch 300 2 &" + pair + "gets heartbeatack {} & gets heartbeat {} & after 1200",
+    client + "supervise 300 2 & gets heartbeatack {} & after 1200",
+    pair + "b: login b & after 40 & c: login c & after 40 & a: end & broadcast all & after 120",
+    pair + "b: login a & after 40 & c: client & dial & d:" + client + "after 120",
+    pair + "actors Hok P & in actor0 end; gets request x & after 40",
+    client + "says request x & says request y & actors D P & in actor0 serve;"
+             "serve & respond late & respond late & after 40",
+    "timers & left & start & after 120 & stop & start & b:" + client + pair + "shut & after 40",
 };
 
 // The log since the last call.

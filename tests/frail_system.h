@@ -250,6 +250,7 @@ extern "C" int __real_poll(struct pollfd *, nfds_t, int);
 static int wait_for(struct pollfd *fds, nfds_t count, int timeout)
 {
     const bool loop = fds->fd == idleFd;
+    const long long start = now;
     polls++;
     int ready = __real_poll(fds, count, 0);
     if (ready == 0 && meanwhile && meanwhile(timeout))
@@ -259,7 +260,7 @@ static int wait_for(struct pollfd *fds, nfds_t count, int timeout)
     now += std::exchange(lag, 0);
     if (!loop || (now <= stopAt && (ready != 0 || timeout >= 0)))
         return ready;
-    now = stopAt;
+    now = std::max(start, stopAt);
     errno = EBADF;
     return -1;
 }

@@ -2,7 +2,7 @@
 //
 //     LogCapture log;
 //     tv_unregister_polling_fd(7);
-//     log.expect({"faield on tv_unregister_polling_fd, fd[7]"}); // these since the last take, no more
+//     EXPECT_LOG({"faield on tv_unregister_polling_fd, fd[7]"}); // these since the last take, no more
 //
 // Every entry's frame (date, file, function, line, two line feeds) is checked when it is taken.
 #ifndef LOG_CAPTURE_H
@@ -15,6 +15,10 @@
 #include <stdlib.h>
 #include <string>
 #include <vector>
+
+using Texts = std::vector<std::string>;
+
+#define EXPECT_LOG(...) EXPECT_EQ(log.take(), (Texts __VA_ARGS__))
 
 struct LogCapture {
     LogCapture() : stream(open_memstream(&text, &size))
@@ -29,10 +33,10 @@ struct LogCapture {
     }
 
     // The messages since the last take.
-    std::vector<std::string> take()
+    Texts take()
     {
         fflush(stream);
-        std::vector<std::string> messages;
+        Texts messages;
         const std::string log(text, size);
         for (size_t end; (end = log.find("\n\n", taken)) != std::string::npos; taken = end + 2) {
             const std::string entry = log.substr(taken, end - taken);
@@ -43,14 +47,6 @@ struct LogCapture {
         }
         EXPECT_EQ(taken, size) << "an entry without its end";
         return messages;
-    }
-
-    // Expect exactly these messages since the last take. A failure names the caller's line.
-    void expect(const std::vector<std::string> &wanted, int line = __builtin_LINE(),
-                const char *file = __builtin_FILE())
-    {
-        const testing::ScopedTrace trace(file, line, "expected log");
-        EXPECT_EQ(take(), wanted);
     }
 
     char *text = nullptr;

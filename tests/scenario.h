@@ -286,23 +286,26 @@ static void run_loop(int ms)
 
 struct Step {
     Link &at;
-    int id;                     // of its channel
-    std::string a = "", b = ""; // its words
-    int m = 0, n = 0;           // the same as numbers
+    int id;                           // of its channel
+    std::string verb, a = "", b = ""; // and its words
+    int m = 0, n = 0;                 // the same as numbers
 };
 
-// A result other than 0 is noted.
-static const std::map<std::string, std::function<int(Step)>> operations = {
-    {"start", [](Step) { return start(); }},
-    {"dial", [](Step s) { return dial(s.id); }},
-    {"logout", [](Step s) { return tv_disconnect_server(s.id); }},
-    {"ask", [](Step s) { return ask(s.id, s.a, s.n); }},
-    {"flood", [](Step s) { return ask(s.id, std::string(60000, 'x'), s.m); }},
-    {"respond", [](Step s) { return tv_send_resp(s.id, &s.a[0], s.a == "!" ? -1 : s.a.size()); }},
-    {"broadcast", [](Step s) { return tv_broadcast_rqst_to_client(&s.a[0], s.a.size()); }},
-    {"serve", [](Step s) { return serve(s.at); }},
-};
-static std::map<std::string, std::function<void(Step)>> others = {
+static void tell(const Step &step, int result)
+{
+    if (result != 0)
+        note(step.at.prefix + step.verb + ": " + std::to_string(result));
+}
+
+static std::map<std::string, std::function<void(Step)>> verbs = {
+    {"start", [](Step s) { tell(s, start()); }},
+    {"dial", [](Step s) { tell(s, dial(s.id)); }},
+    {"logout", [](Step s) { tell(s, tv_disconnect_server(s.id)); }},
+    {"ask", [](Step s) { tell(s, ask(s.id, s.a, s.n)); }},
+    {"flood", [](Step s) { tell(s, ask(s.id, std::string(60000, 'x'), s.m)); }},
+    {"respond", [](Step s) { tell(s, tv_send_resp(s.id, &s.a[0], s.a == "!" ? -1 : s.a.size())); }},
+    {"broadcast", [](Step s) { tell(s, tv_broadcast_rqst_to_client(&s.a[0], s.a.size())); }},
+    {"serve", [](Step s) { tell(s, serve(s.at)); }},
     {"accept", [](Step s) { accept_peer(s.at); }},
     {"client", [](Step s) { create_client(s.at); }},
     {"login", [](Step s) { run("accept & gets login " + s.a + "~"); }},
@@ -324,19 +327,6 @@ static std::map<std::string, std::function<void(Step)>> others = {
     {"within", [](Step s) { tv_set_connect_timeout(s.id, s.m); }},
 };
 
-// A word that is no verb stands for another one, the next in the alphabet.
-static void perform(Text verb, const Step &step)
-{
-    const auto operation = operations.find(verb);
-    if (operation == operations.end()) {
-        const auto other = others.lower_bound(verb);
-        return (other == others.end() ? others.begin() : other)->second(step);
-    }
-    const int result = operation->second(step);
-    if (result != 0)
-        note(step.at.prefix + verb + ": " + std::to_string(result));
-}
-
 static void run(Text part)
 {
     std::istringstream words(part);
@@ -349,12 +339,14 @@ static void run(Text part)
             std::getline(words, rest, '\0');
             inside[callback].push_back([rest] { run(rest); });
         } else {
-            Step step = {*current, current->id};
+            Step step = {*current, current->id, verb};
             std::getline(words, rest, '&');
             std::istringstream(rest) >> step.a >> step.b;
             step.m = atoi(step.a.c_str());
             step.n = atoi(step.b.c_str());
-            perform(verb, step);
+            // A word that is no verb stands for another one, the next in the alphabet.
+            const auto known = verbs.lower_bound(verb);
+            (known == verbs.end() ? verbs.begin() : known)->second(step);
         }
     }
 }

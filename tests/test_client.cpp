@@ -41,9 +41,10 @@ TEST_F(Client, AcceptsTheSuccessorAndAnythingAfterZero)
         channel->recvSequence = last;
         EXPECT_EQ(tv_msg_received(channel, number), accepted ? 0 : -1);
         EXPECT_EQ(channel->recvSequence, accepted ? number : last);
-        if (!accepted)
-            log.expect({"unexpected msg with seq[" + std::to_string(number) +
+        if (!accepted) {
+            EXPECT_LOG({"unexpected msg with seq[" + std::to_string(number) +
                         "] received, ignore, expected[" + std::to_string(expected) + "]"});
+        }
     }
 }
 
@@ -53,7 +54,7 @@ TEST_F(Client, HandlesEachMessageByItsType)
     run("says request x & says reply x & says heartbeat x & says heartbeatack x & says logout x");
     for (const int result : {0, -1, 0, 0, -1})
         EXPECT_EQ(handle_client_polling_fd(tv_get_channel(current->id)), result);
-    log.expect({"no outgoing request, response discarded", "heartbeat msg", "heartbeat ack msg",
+    EXPECT_LOG({"no outgoing request, response discarded", "heartbeat msg", "heartbeat ack msg",
                 "unexpected msg received"});
     play("=> actor0 x, hears heartbeatack {sequence:0}~");
     play("empty => linkdown tcp://link:7");
@@ -75,15 +76,15 @@ TEST_F(Client, AnIdThatNamesNothingOrNoClientIsLoggedInTheOperationsName)
     };
     for (const auto &[name, operation] : operations) {
         EXPECT_EQ(operation(123456), -1);
-        log.expect({"could not get channel with id[123456] in tv_" + name});
+        EXPECT_LOG({"could not get channel with id[123456] in tv_" + name});
     }
     for (int i = 0; i < 2; i++) {
         EXPECT_EQ(operations[i].second(server), -1);
-        log.expect({"failed on tv_" + operations[i].first + ", channel[" + std::to_string(server) +
+        EXPECT_LOG({"failed on tv_" + operations[i].first + ", channel[" + std::to_string(server) +
                     "] is not a client"});
     }
     EXPECT_EQ(tv_send_rqst(server, "", 0, 0), -1);
-    log.expect({"error in tv_impl_send_rqst, could not send msg to listening socket",
+    EXPECT_LOG({"error in tv_impl_send_rqst, could not send msg to listening socket",
                 "failed to send rqst"});
 }
 
@@ -104,10 +105,10 @@ TEST_F(Client, SettersRefuseWhatMakesNoSenseAndTextsAreCut)
     EXPECT_EQ(channel->hbMode, TV_HEARTBEAT_ON); // from the next message on
     for (int i = 0; i <= TV_MAX_ACTORS; i++)
         EXPECT_EQ(tv_register_actor(id, act<0>), i < TV_MAX_ACTORS ? 0 : -1);
-    log.expect({"too many actors, limitation is 16"});
+    EXPECT_LOG({"too many actors, limitation is 16"});
     prepare("accept");
     EXPECT_EQ(tv_register_actor(current->id, act<0>), -1);
-    log.expect({"should not register actor for pair channel, register for server"});
+    EXPECT_LOG({"should not register actor for pair channel, register for server"});
     tv_close_channel(id);
 }
 
@@ -118,7 +119,7 @@ TEST_F(Client, WhatCannotBePackedIsNotSentAndWhatHasNoTimerIs)
     EXPECT_EQ(tv_send_rqst(current->id, "", -1, 100), -1);
     EXPECT_EQ(tv_send_resp(current->id, "", -1), -1);
     const std::string negative = "pack_msg_to_buf, negative length[-1]";
-    log.expect({"pack requst fail:0", negative, "pack requst fail:-1", negative});
+    EXPECT_LOG({"pack requst fail:0", negative, "pack requst fail:-1", negative});
     play("respond late => hears reply late; fail ruvo_start_timer & ask x 100 => hears request x");
     EXPECT_EQ(logged.back(),
               "failed on start timer for channel[" + std::to_string(current->id) + "]");

@@ -56,7 +56,7 @@ TEST_F(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
     EXPECT_EQ(receive(10), none);
     peer_writes(frame("").replace(32, 4, "\x7f\xff\xff\xff"));
     EXPECT_EQ(receive(10), none);
-    log.expect({"tcp_impl_receive, invalid watermark",
+    EXPECT_LOG({"tcp_impl_receive, invalid watermark",
                 "tcp_impl_receive, invalid length[2147483648]",
                 "_impl_receive_with_timeout failed ", "tcp_impl_receive, failed on receive header",
                 "tcp_impl_receive, failed on malloc"});
@@ -66,7 +66,7 @@ TEST_F(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
     EXPECT_EQ(send("ping", -1, patience), -1);
     char byte;
     EXPECT_EQ(recv(ends[1], &byte, 1, MSG_DONTWAIT), -1); // nothing was sent
-    log.expect({"time out:0", "tcp_impl_send, failed on send header", "time out:-1",
+    EXPECT_LOG({"time out:0", "tcp_impl_send, failed on send header", "time out:-1",
                 "tcp_impl_send, failed on send header", "tcp_impl_send, negative length[-1]"});
 
     EXPECT_EQ(send(std::string(3000000, 'x'), 3000000, 10), -1);
@@ -74,7 +74,7 @@ TEST_F(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
     shutdown(ends[1], SHUT_RDWR);
     EXPECT_EQ(send("ping", 4, patience), -1); // and no SIGPIPE
     EXPECT_EQ(receive(patience), none);
-    log.expect({"failed", "tcp_impl_send, failed on send msg, len[3000000]",
+    EXPECT_LOG({"failed", "tcp_impl_send, failed on send msg, len[3000000]",
                 "failed send error:Broken pipe", "tcp_impl_send, failed on send header",
                 "the remote peer closed", "tcp_impl_receive, failed on receive msg, len[4]"});
 }

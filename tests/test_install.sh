@@ -15,7 +15,7 @@ fail() { # <why>
     exit 1
 }
 
-expect_login() { # <program>
+expect_name() { # <program>
     printed=$(timeout 30 "$1") || fail "$1 ends with $?"
     [ "$printed" = tcp://consumer:7 ] || fail "$1 prints '$printed'"
 }
@@ -25,8 +25,8 @@ check_by_cmake() { # <folder to build in> <option...>: as C and as C++
     shift
     "$cmake" -S "$consumer" -B "$folder" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" "$@"
     "$cmake" --build "$folder"
-    expect_login "$folder/consumer_c"
-    expect_login "$folder/consumer_cpp"
+    expect_name "$folder/consumer_c"
+    expect_name "$folder/consumer_cpp"
 }
 
 check_installation() { # <what> <build folder>
@@ -40,7 +40,7 @@ check_installation() { # <what> <build folder>
     # shellcheck disable=SC2046,SC2086 # words on purpose
     "$cc" $CFLAGS "$consumer/consumer.c" -o "$work/program" "-Wl,-rpath,$(dirname "$folder")" \
         $(PKG_CONFIG_PATH=$folder pkg-config --cflags --libs tolvane)
-    expect_login "$work/program"
+    expect_name "$work/program"
 }
 
 check_installation shared "$build"

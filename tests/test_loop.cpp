@@ -80,7 +80,7 @@ TEST_F(Loop, HoldsSixteenDescriptors)
     EXPECT_EQ(tv_register_polling_fd(7, handle, 0, 0), -1);
     EXPECT_EQ(tv_unregister_polling_fd(7), -1);
     EXPECT_EQ(listed(3), (std::vector<int>{500, 501, 502}));
-    log.expect(
+    EXPECT_LOG(
         {"failed on reserve_fd_index, fdHandlerCount[16]",
          "tv_register_polling_fd, failed on reserve_fd_index",
          "faield on tv_unregister_polling_fd, fd[7]",

@@ -29,7 +29,7 @@ TEST(Misuse, NullRecordsAreRefusedAndOldCallsOnlyLog)
     EXPECT_EQ(tv_impl_set_retransmit_interval(5), 0); // for old programs, like the next two
     tv_set_polling_interval(5);
     disable_polling_timer();
-    log.expect({"get_polling_fd, channel is NULL", "tv_set_polling_interval, interval is 5",
+    EXPECT_LOG({"get_polling_fd, channel is NULL", "tv_set_polling_interval, interval is 5",
                 "disable_polling_timer"});
 }
 
@@ -42,9 +42,10 @@ TEST(Misuse, WhatDoesNotFitIsNotBuilt)
     for (int size = 0; size <= len; size++) {
         std::vector<char> dst(size);
         EXPECT_EQ(build_heartbeat_msg(&channel, dst.data(), size), size == len ? len : -1);
-        if (size < len)
-            log.expect({size <= headerLen ? "snprintf error:49"
+        if (size < len) {
+            EXPECT_LOG({size <= headerLen ? "snprintf error:49"
                                           : "pack_msg_to_buf, msg[len:37] is too long"});
+        }
     }
     EXPECT_EQ(channel.msgSequence, 1); // used up by the one that fitted
     const std::string big(TV_MSG_BUF_SIZE, 'x');
@@ -70,7 +71,7 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     EXPECT_EQ(connect_server(&channel), -1);
     EXPECT_EQ(tv_impl_recv(&channel, &len), nullptr);
     EXPECT_EQ(len, 0);
-    log.expect({"could not get channel with id[-2] in tv_get_channel",
+    EXPECT_LOG({"could not get channel with id[-2] in tv_get_channel",
                 "tv_impl_get_polling_fd, channel is invalid"});
 
     channel.clientSocket = (tv_socket *)malloc(sizeof(tv_socket));
@@ -107,5 +108,5 @@ TEST(Misuse, AListWithNullLinksIsEmpty)
     EXPECT_EQ(get_channel_by_ip(&none, "tcp://a:80"), nullptr);
     EXPECT_EQ(remove_channel(&none, 2), 1);
     clean_channel_repo(&none);
-    log.expect({});
+    EXPECT_LOG({});
 }

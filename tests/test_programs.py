@@ -5,7 +5,9 @@
 # usage: test_programs.py tvcat <tvcat> <examples/server>
 #        test_programs.py two_hosts <folder of the examples>
 #        test_programs.py wireshark <dissector>
-import contextlib, os, re, shutil, subprocess, sys, tempfile, time
+#        test_programs.py snippets <folder of the libraries> <C compiler> <C++ compiler>
+#        test_programs.py reference
+import contextlib, glob, os, random, re, shutil, subprocess, sys, tempfile, time
 
 from programs import Program, Server, peer, run
 
@@ -139,16 +141,13 @@ SEGMENTS = (
     ("I", message(3, peer.REPLY, b"nobody asked"), '3|66|reply 3 tcp://a:1 "nobody asked"  |||||'),
     ("O", message(9, peer.REQUEST, b"too early"), '2|65|request 9 tcp://a:1 "too early" [gap]  '
      "|||||Gap in the sequence: 9 instead of 4, the receiver drops the message"),
-    ("O", message(4, peer.REQUEST, b"in order"), '2|64|request 4 tcp://a:1 "in order"  |||||'),
-    ("I", message(3, peer.REPLY, b"too late"), '3|62|reply 3 tcp://a:1 "too late" [gap]  '
-     "|||||Gap in the sequence: 3 instead of 4, the receiver drops the message"),
-    ("O", message(5, peer.REQUEST, b"velun_tolvane_logout\n"),
-     '2|77|request 5 tcp://a:1 "velun_tolvane_logout."  '
+    ("O", message(4, peer.REQUEST, b"velun_tolvane_logout\n"),
+     '2|77|request 4 tcp://a:1 "velun_tolvane_logout."  '
      "|||||The payload holds a tag: the receiver takes it for a logout"),
-    ("O", frame(b"6\nvelun_tolvane_nonsense\n"),
-     "6|25|unknown 6  |||||Not a message: the receiver drops it"),
-    ("O", frame(b"7\nvelun_tolvane_request\ntcp://a:1"),
-     "2|33|request 7 tcp://a:1  |||||No payload marker"),
+    ("O", frame(b"5\nvelun_tolvane_nonsense\n"),
+     "6|25|unknown 5  |||||Not a message: the receiver drops it"),
+    ("O", frame(b"6\nvelun_tolvane_request\ntcp://a:1"),
+     "2|33|request 6 tcp://a:1  |||||No payload marker"),
     ("I", frame(b""),
      "|0|Refused length  |||||Refused length: the receiver gives the connection up"),
     ("O", b"out of step, which no receiver gets over",
@@ -175,4 +174,85 @@ def dissect(dissector):
     assert shown.splitlines() == wanted, shown
 
 
-run(dict(tvcat=cat, two_hosts=pull_cable, wireshark=dissect)[sys.argv[1]], *sys.argv[2:])
+# ---- the pages: their pieces of code compile, and the whole programs among them work
+
+
+PAGES = ["../README.md", *sorted(glob.glob("../docs/*.md"))]
+FLAGS = "-D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror -I../include -I../timer".split()
+# What the guide names for a piece that is no whole program.
+INCLUDES = "".join(f"#include <{header}.h>\n" for header in ("ruvo_timer", "stdlib", "string", "tolvane"))
+
+
+# A whole program begins with its name in a comment, and becomes LANGUAGE-NAME.
+def compile_pieces(folder, libraries, compilers):
+    for page in PAGES:
+        with open(page) as file:
+            text = file.read()
+        for piece in re.finditer(r"^```(c|cpp)\n((?:// (\w+)\.c)?.*?\n)```", text, re.M | re.S):
+            language, code, name = piece.groups()
+            program = f"{folder}/{language}-{name}"
+            with open(f"{program}.{language}", "w") as source:
+                line = text.count("\n", 0, piece.start(2)) + 1
+                source.write(f'{"" if name else INCLUDES}#line {line} "{page}"\n{code}')
+            goal = (["-o", program, "-L", libraries, "-Wl,-rpath," + libraries, "-ltolvane",
+                     "-lruvo_timer"] if name else ["-fsyntax-only", "-Wno-unused"])
+            subprocess.run([*compilers[language], *FLAGS, source.name, *goal], check=True)
+
+
+# Run two programs with a port that is free: if it is not, the server ends. Returns the server with
+# its port, and what the client prints in the end.
+def converse(pattern, server, client, *arguments):
+    for port in random.sample(range(10000, 30000), 5):
+        serving = Program(server, port, *arguments[:1])
+        while serving.process.poll() is None:
+            done = subprocess.run([client, str(port), *arguments[1:]], timeout=20,
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+            if re.fullmatch(pattern, done.stdout):
+                return serving, port
+    raise AssertionError(done)
+
+
+def run_programs(libraries, *compilers):
+    with tempfile.TemporaryDirectory() as folder:
+        compile_pieces(folder, os.path.abspath(libraries),
+                       {"c": [*compilers[0].split(), "-std=c11"], "cpp": compilers[1].split()})
+        converse(b"hello\n", f"{folder}/cpp-server", f"{folder}/cpp-client")
+        serving, port = converse(b"HELLO\n", f"{folder}/c-server", f"{folder}/c-client", "_", "hello")
+        # A client in its own loop comes back to a server that was away.
+        client = Program(f"{folder}/c-epoll_client", port, "hello")
+        client.wait_for(b"HELLO")
+        serving.process.kill()
+        client.wait_for(b"no link")
+        Program(f"{folder}/c-server", port)
+        heard = len(client.wait_for(b"HELLO"))
+        client.wait_for(b"HELLO", times=heard + 1)
+        # No request is refused for want of an answer to another one.
+        ways, port = converse(b"100 of 100 values confirmed, 0 time-outs\n", f"{folder}/c-two_ways",
+                              f"{folder}/c-two_ways", "hub", "sensor")
+        ways.wait_for(rb"[1-9]\d* of \d+ questions answered")
+
+
+# The man pages made of the headers are complete and sound.
+def check_reference():
+    sources = "../docs/guide.md", "../include/tolvane.h", "../timer/ruvo_timer.h"
+    with tempfile.TemporaryDirectory() as folder:
+        subprocess.run([sys.executable, "-B", "../docs/reference.py", "man", folder, *sources], check=True)
+        texts = {}
+        for page in glob.glob(f"{folder}/man*/*"):
+            with open(page) as file:
+                texts[page] = file.read()
+        for exported in "../src/tolvane.map", "../timer/ruvo_timer.map":
+            with open(exported) as file:
+                for name in re.findall(r"(\w\w+);", file.read()):
+                    assert texts[f"{folder}/man3/{name}.3"], name
+        own = [page for page, text in texts.items() if not text.startswith(".so ")]
+        for formatter in "groff -ww -man -Tutf8 -z", "mandoc -Tlint -Wwarning":
+            if shutil.which(formatter.split()[0]):
+                said = subprocess.run([*formatter.split(), *own], stdout=subprocess.PIPE,
+                                      stderr=subprocess.STDOUT, cwd=folder).stdout
+                assert not said, said.decode()
+        print(len(texts), "pages")
+
+
+run(dict(tvcat=cat, two_hosts=pull_cable, wireshark=dissect, snippets=run_programs,
+         reference=check_reference)[sys.argv[1]], *sys.argv[2:])

@@ -48,7 +48,7 @@ TEST_F(Server, SupervisesAllClientsWithOneTimerEach)
 {
     tv_channel *own = tv_get_channel(server); // supervises nobody
     send_heartbeat(own);
-    log.expect({"could not send HB on mode[2]"});
+    EXPECT_LOG({"could not send HB on mode[2]"});
     prepare("a: login tcp://a:1");
     inside["fd-open"] = {[&] { // the settings are read afterwards, the callbacks before, too
         EXPECT_EQ(tv_get_channel(current->id)->linkdownCallback, on_linkdown);
@@ -92,7 +92,7 @@ TEST_F(Server, FindsListsAndAddressesItsClients)
         const int second = both ? tv_get_polling_fd(b) : -1;
         EXPECT_EQ(fds, (std::vector<int>{tv_get_polling_fd(a), second, -1}));
     }
-    log.expect({"too many fds, maxsize is [1]"});
+    EXPECT_LOG({"too many fds, maxsize is [1]"});
 
     play(R"(
         a: ask mine 100     => a: hears request mine;

@@ -68,15 +68,10 @@ TEST_F(Socket, FailedConnectsLeaveNothingOpen)
     }
     listen(listener, 0); // room for one: the second gets no answer
     const int first = impl_create_client_socket(ip, port, 0);
-    const int refused = ntohs(address_of(first).sin_port);
     LogCapture log;
-    EXPECT_EQ(impl_create_client_socket(ip, refused, 0), -1);
-    EXPECT_EQ(impl_create_client_socket(ip, refused, 1000), -1);
-    EXPECT_EQ(impl_create_client_socket("255.255.255.255", refused, 1000), -1);
+    EXPECT_EQ(impl_create_client_socket("255.255.255.255", port, 1000), -1);
     EXPECT_EQ(impl_create_client_socket(ip, port, 1), -1);
-    const std::string attempt = "nonblock connecting mode for fd " + std::to_string(first + 1),
-                      inProgress = "Operation now in progress 115";
-    log.expect({"impl_create_client_socket, failed on connect", attempt, inProgress,
-                "connect error:111", attempt, "Network is unreachable 101", attempt, inProgress});
+    const std::string attempt = "nonblock connecting mode for fd " + std::to_string(first + 1);
+    EXPECT_LOG({attempt, "Network is unreachable 101", attempt, "Operation now in progress 115"});
     close(first);
 }

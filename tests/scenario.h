@@ -28,8 +28,7 @@ using Texts = std::vector<std::string>;
 // A channel and its peer, which numbers what it says and what it hears.
 struct Link {
     std::string prefix, url; // the prefix is for the notes
-    int id = -1, near = -1;  // the channel's, and its descriptor, which may be closed by now
-    int far = -1;            // the peer's end of the connection
+    int id = -1, far = -1;   // the channel's, and the peer's end of the connection
     int said = 0, heard = 0;
     std::string unheard = ""; // the beginning of a frame
 };
@@ -251,12 +250,11 @@ static int ask(int id, Text payload, int timeout)
     return result;
 }
 
-static int serve(Link &at)
+static int serve(int id)
 {
-    const int fd = tv_get_polling_fd(at.id);
-    at.near = fd == -1 ? at.near : fd;
-    return get_channel_type(at.id) == TV_CHANNEL_CLIENT ? tv_channel_fd_handler(at.near, at.id, 0)
-                                                        : tv_pair_fd_handler(at.near, 0, 0);
+    const int fd = tv_get_polling_fd(id);
+    return get_channel_type(id) == TV_CHANNEL_CLIENT ? tv_channel_fd_handler(fd, id, 0)
+                                                     : tv_pair_fd_handler(fd, 0, 0);
 }
 
 static const ruvo_timer_cb nothing = [](intptr_t, intptr_t) {};
@@ -305,7 +303,7 @@ static std::map<std::string, std::function<void(Step)>> verbs = {
     {"flood", [](Step s) { tell(s, ask(s.id, std::string(60000, 'x'), s.m)); }},
     {"respond", [](Step s) { tell(s, tv_send_resp(s.id, &s.a[0], s.a == "!" ? -1 : s.a.size())); }},
     {"broadcast", [](Step s) { tell(s, tv_broadcast_rqst_to_client(&s.a[0], s.a.size())); }},
-    {"serve", [](Step s) { tell(s, serve(s.at)); }},
+    {"serve", [](Step s) { tell(s, serve(s.id)); }},
     {"accept", [](Step s) { accept_peer(s.at); }},
     {"client", [](Step s) { create_client(s.at); }},
     {"login", [](Step s) { run("accept & gets login " + s.a + "~"); }},

@@ -20,8 +20,7 @@ TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
         dial & left           => hears the end, dials 127.0.0.1:80 within 150,
                                  hears login tcp://link:7~, 100;
         logout                => hears logout tcp://link:7~;
-        fail send;
-        dial                  => hears the end, dials 127.0.0.1:80 within 150,
+        fail send; dial => hears the end, dials 127.0.0.1:80 within 150,
                                  linkdown tcp://link:7, dial: -1;
         fail connect & dial   => hears the end, dials 127.0.0.1:80 within 150, dial: -1)");
     EXPECT_EQ(logged.back(), "create client or connect server fail");

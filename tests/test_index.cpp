@@ -90,10 +90,9 @@ static void link_by_hand(tv_channel *channel)
 
 static void clean_by_hand()
 {
-    for (tv_channel_list *link = pairs->next; link != pairs;) {
-        tv_channel_list *const next = link->next;
+    for (tv_channel_list *link = pairs->next, *next; link != pairs; link = next) {
+        next = link->next;
         free(link);
-        link = next;
     }
     pairs->next = pairs->prev = pairs;
 }

@@ -10,8 +10,7 @@ static const struct Scenario {
         ask a~b 100       => hears request a~b;
         ask second 100    => ask: -1;
         log               => has pending outgoing request, could not send request now;
-        in resp ask next 200;
-        gets reply c~d    => resp c~d, hears request next;
+        in resp ask next 200; gets reply c~d => resp c~d, hears request next;
         left => 200; gets reply => resp (null))"},
 
     {"ATimeOutEndsTheWaitAndWithoutATimerOnlyTheReplyDoes", R"(
@@ -34,14 +33,12 @@ static const struct Scenario {
         respond late => respond: -1; log => no message pending, response discarded;
         actors Pa D  & gets request x  => actor0 x, actor1 x;
         respond late => hears reply late;
-        in actor0 respond early;
-        actors D Hb  & gets request x  => actor0 x, respond: -1;
+        in actor0 respond early; actors D Hb  & gets request x => actor0 x, respond: -1;
         respond late => hears reply late;
         actors Pa P  & gets request x  => actor0 x, actor1 x;
         log          => no actor registered to process this msg:
                         7 velun_tolvane_request tcp://link:7 velun_tolvane_payload x;
-        gets request;
-        log          => get_msg_payload, unexpected tolvane received,
+        gets request; log => get_msg_payload, unexpected tolvane received,
                         not expected msg layout, ignore: 8 velun_tolvane_request tcp://link:7)"},
 
     // After four replies the queue's indices begin anew. The last reply serves all, nested.
@@ -59,11 +56,9 @@ static const struct Scenario {
 
     // Also when the first one of them gets no reply.
     {"RequestsWaitWhileTheChannelAwaitsAReply", R"(
-        actors H P;
-        ask mine 100 & gets request A & gets request B => hears request mine;
+        actors H P; ask mine 100 & gets request A & gets request B => hears request mine;
         after 100       => timeout, actor0 A, actor0 B;
-        actors H+ P;
-        ask mine 100 & gets request A & gets request B => hears request mine;
+        actors H+ P; ask mine 100 & gets request A & gets request B => hears request mine;
         gets reply yes  => resp yes, actor0 A, hears reply +, actor0 B, hears reply +)"},
 
     {"WhatCannotBeSentLeavesTheChannelAsItWas", R"(
@@ -71,13 +66,11 @@ static const struct Scenario {
         fail send & in linkdown ask untold 0;
         ask lost 100      => linkdown tcp://link:7, ask: -1, ask: -1;
         respond lost      => linkdown tcp://link:7, respond: -1;
-        lose 0 3 & fail nothing;
-        respond at-last   => hears reply at-last;
+        lose 0 3 & fail nothing; respond at-last => hears reply at-last;
         ask again 100     => hears request again)"},
 
     {"ASilentPeerIsDeclaredDownOnceAndItsChannelStays", R"(
-        supervise 100 0 & gets heartbeatack {};
-        after 99; after 1 => linkdown tcp://link:7;
+        supervise 100 0 & gets heartbeatack {}; after 99; after 1 => linkdown tcp://link:7;
         gets heartbeat {} => hears heartbeatack {sequence:0}~; left => -1;
         supervise 100 2 & gets heartbeatack {};
         after 99; after 1 => hears heartbeat {sequence:1}, {interval:100},{count:2}~;
@@ -86,19 +79,16 @@ static const struct Scenario {
         gets heartbeat {} => hears heartbeatack {sequence:2}~; left => -1)"},
 
     {"EveryAcceptedMessageStartsSupervisionAnewAndARefusedOneDoesNot", R"(
-        actors H P & supervise 100 1;
-        gets request x    => actor0 x;
+        actors H P & supervise 100 1; gets request x => actor0 x;
         after 199         => hears heartbeat {sequence:1}, {interval:100},{count:1}~;
         gets reply x & after 199        => hears heartbeat {sequence:1}, {interval:100},{count:1}~;
-        gets heartbeatack {} & after 99;
-        lose 1 0 & gets request after-a-gap;
+        gets heartbeatack {} & after 99; lose 1 0 & gets request after-a-gap;
         after 100         => hears heartbeat {sequence:1}, {interval:100},{count:1}~;
         after 1           => linkdown tcp://link:7)"},
 
     // A change is not a start: that comes with the next message, if there is an interval.
     {"NewSettingsCountAtOnceAndChangeThePeriodWithTheNextStart", R"(
-        supervise 100 1 & gets heartbeatack {};
-        supervise 300 0 & left        => 100;
+        supervise 100 1 & gets heartbeatack {}; supervise 300 0 & left => 100;
         gets heartbeatack {} & left   => 300;
         supervise 100 5;
         after 300         => hears heartbeat {sequence:1}, {interval:100},{count:5}~;

@@ -6,6 +6,7 @@
 #        test_programs.py two_hosts <folder of the examples>
 #        test_programs.py wireshark <dissector>
 #        test_programs.py snippets <folder of the libraries> <C compiler> <C++ compiler>
+#        test_programs.py exports <folder of the libraries> <C compiler> <C++ compiler>
 #        test_programs.py reference
 import contextlib, glob, os, random, re, shutil, subprocess, sys, tempfile, time
 
@@ -232,6 +233,28 @@ def run_programs(libraries, *compilers):
         ways.wait_for(rb"[1-9]\d* of \d+ questions answered")
 
 
+# ---- what leaves the two libraries is what their headers declare, each of which compiles alone
+
+
+def output(*command):
+    return subprocess.check_output(command, text=True)
+
+
+def check_exports(folder, *compilers):
+    for header, names in (
+            ("../include/tolvane", "NEEDED:libc.so.6 NEEDED:libruvo_timer.so SONAME:libtolvane.so.1"),
+            ("../timer/ruvo_timer", "NEEDED:libc.so.6 SONAME:libruvo_timer.so")):
+        library = f"{folder}/lib{os.path.basename(header)}.so"
+        with open(header + ".h") as file:  # prototypes and objects begin at the start of a line
+            declared = re.findall(r"^(?!typedef)[a-z].*?[ *](\w+)(?:\(|\[.*;|;)", file.read(), re.M)
+        exported = re.findall(r" (\w+)\n", output("nm", "-D", "--defined-only", library))
+        assert sorted(declared) == exported, set(declared) ^ set(exported)
+        section = re.findall(r"\((NEEDED|SONAME)\).*\[(.*)\]", output("readelf", "-d", library))
+        assert sorted(map(":".join, section)) == names.split(), section
+        for compiler, language in zip(compilers, ("c -std=c11", "c++ -std=c++17")):
+            output(*compiler.split(), "-x", *language.split(), *FLAGS, "-fsyntax-only", header + ".h")
+
+
 # The man pages made of the headers are complete and sound.
 def check_reference():
     sources = "../docs/guide.md", "../include/tolvane.h", "../timer/ruvo_timer.h"
@@ -255,4 +278,4 @@ def check_reference():
 
 
 run(dict(tvcat=cat, two_hosts=pull_cable, wireshark=dissect, snippets=run_programs,
-         reference=check_reference)[sys.argv[1]], *sys.argv[2:])
+         exports=check_exports, reference=check_reference)[sys.argv[1]], *sys.argv[2:])

@@ -32,8 +32,7 @@ TEST_F(Server, DropsALoginWithoutAUrlAndCutsALongOne)
     play(R"(
         a: accept            => a: fd-open;
         b: accept            => b: fd-open;
-        gets login ~;
-        gets login;
+        gets login ~; gets login;
         a: actors Hok P & gets request early => a: actor0 early, a: hears reply ok)");
     const std::string url = "tcp://" + std::string(70, 'u');
     play("gets login " + url + "~ => a: connected " + url);
@@ -71,8 +70,7 @@ TEST_F(Server, SupervisesAllClientsWithOneTimerEach)
     prepare("c: accept");
     EXPECT_EQ(tv_get_channel(current->id)->linkdownCallback, on_linkdown);
     play(R"(
-        gets heartbeatack {};
-        after 300 => b: linkdown tcp://b:1, a: linkdown tcp://a:1)");
+        gets heartbeatack {}; after 300 => b: linkdown tcp://b:1, a: linkdown tcp://a:1)");
     EXPECT_EQ(b->hbTimerId, -1);
 }
 
@@ -97,8 +95,7 @@ TEST_F(Server, FindsListsAndAddressesItsClients)
     play(R"(
         a: ask mine 100     => a: hears request mine;
         broadcast all       => b: hears request all;
-        b: gets reply x;
-        log                 => internal list error, should never reach here,
+        b: gets reply x; log => internal list error, should never reach here,
                                no outgoing request, response discarded)");
     prepare("stop");
     clean_channel_repo(&tv_service_server.pairList); // the entry for nobody, which no stop closes
@@ -108,9 +105,7 @@ TEST_F(Server, ABroadcastInsideABroadcastMayCloseThePairThatComesNext)
 {
     prepare("a: login tcp://a:1 & b: login tcp://b:1 & c: login tcp://c:1");
     play(R"(
-        a: end & b: end;
-        in linkdown broadcast inner;
-        in linkdown close;
+        a: end & b: end; in linkdown broadcast inner; in linkdown close;
         broadcast outer     => a: linkdown tcp://a:1, b: linkdown tcp://b:1, b: fd-close,
                                c: hears request inner, c: hears request outer)");
 }
@@ -128,8 +123,7 @@ TEST_F(Server, StopsInOrderAndStartsAgain)
     EXPECT_EQ(tv_service_server.serverChannel->channelId, server);
     inside["fd-close"] = {[] { EXPECT_NE(tv_get_server_polling_fd(), -1); }}; // listens until then
     play(R"(
-        in fd-close;
-        in fd-close stop;
+        in fd-close; in fd-close stop;
         stop => a: fd-close, a: hears the end, c: fd-close, c: hears the end, b: fd-close,
                 d: fd-close, b: hears the end, d: hears the end)");
 

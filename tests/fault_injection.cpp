@@ -62,7 +62,7 @@ static std::string play(const std::string &scenario)
 {
     take_log();
     begin();
-    run_parts(scenario);
+    run(scenario);
     end();
     seen.clear();
     for (const std::string &each : notes)

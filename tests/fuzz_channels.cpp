@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     careless = data[2] & 2;
     tv_set_log_file(data[2] & 4 ? "/dev/null" : "");
     begin();
-    run_parts({(const char *)data + 3, size - 3});
+    run({(const char *)data + 3, size - 3});
     end();
     return 0;
 }

@@ -50,7 +50,7 @@ static int server;                 // the id of the one started last
 static int firstId, descriptors;   // before the scenario
 static int steps;                  // so far
 
-static void run(Text part);
+static void run(Text scenario);
 
 // ---- the peers
 
@@ -325,7 +325,7 @@ static std::map<std::string, std::function<void(Step)>> verbs = {
     {"within", [](Step s) { tv_set_connect_timeout(s.id, s.m); }},
 };
 
-static void run(Text part)
+static void run_part(Text part)
 {
     std::istringstream words(part);
     for (std::string verb, callback, rest; steps < 300 && words >> verb; steps++) {
@@ -349,11 +349,11 @@ static void run(Text part)
     }
 }
 
-inline void run_parts(Text scenario)
+static void run(Text scenario)
 {
     std::istringstream parts(scenario);
     for (std::string part; std::getline(parts, part, ';');)
-        run(part);
+        run_part(part);
 }
 
 static void begin()

@@ -10,13 +10,13 @@
 #
 # Every request has one outcome: its reply, byte by byte; a time-out, not before its time; the loss
 # of its link, which has a cause; or a refusal, because an earlier one waits. The programs print it.
-import collections, itertools, random, re, signal, socket, string, struct, sys, threading, time
+import collections, itertools, random, re, signal, string, sys, threading, time
 
 from programs import PATIENCE, Program, Server, peer, read_until_closed, run
 
 CLIENTS, GUESTS = [f"client{i}" for i in range(6)], [f"guest{i}" for i in range(7)]
 BUSY = CLIENTS[1:]  # the other one only answers heartbeats
-WAYS = ["log out", "close", "reset", "break off a frame", "log in anew", "fall silent"]
+WAYS = ["log out", "close", "log in anew", "fall silent"]
 VERBS = ["say"] * 100 + ["later", "lose"]
 OUTCOMES = "reply", "no reply", "lost", "refused"
 ENDS = "has logged out", "has lost its link", "logs in anew", "has fallen silent"
@@ -121,10 +121,6 @@ def visit(server, number, until, pause):
         away[name], older, newer = now(), link.connection, None
         if way == "log out":
             link.logout()
-        elif way == "reset":
-            older.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        elif way == "break off a frame":
-            older.send(peer.HEADER.pack(peer.WATERMARK, 1)[:random.randint(1, 36)])
         elif way == "log in anew":
             newer = server.connect(name, serve=serve)
         if way in ("log in anew", "fall silent"):

@@ -5,7 +5,7 @@
 # usage: test_peers.py peer <examples/server> <examples/client>       every kind of message both ways
 #        test_peers.py own_loop <server with a loop of its own>...    many clients at a time
 #        test_peers.py hostile <examples/server>     what bad peers cost the server and a healthy one
-import contextlib, itertools, multiprocessing, os, select, signal, socket, sys, time
+import contextlib, functools, itertools, multiprocessing, os, select, signal, socket, sys, time
 
 from programs import PATIENCE, Program, Server, peer, programs, read_until_closed, run
 
@@ -17,13 +17,6 @@ def body(number, url, payload=b""):
 # ---- peer
 
 
-# Sends each byte in a segment of its own.
-class Dripping(socket.socket):
-    def sendall(self, data):
-        for i in range(len(data)):
-            super().sendall(data[i:i + 1])
-
-
 def clients_at(program):
     server = Server(program)
     asked, kinds = [], []  # since the login
@@ -32,19 +25,17 @@ def clients_at(program):
         asked.append(payload)
         return b"well\0\1" if payload.startswith(b"ask ") else None
 
-    for round, number, dripping, interval, beat in (  # who is silent for longer gets heartbeats only
-            (1, 0, False, 0.2, peer.ACKNOWLEDGEMENT),
-            (2, peer.LAST_NUMBER - 3, True, 60, peer.HEARTBEAT),
-            (3, peer.LAST_NUMBER, False, 60, peer.HEARTBEAT)):
+    for round, number, interval, beat in (  # who is silent for longer gets heartbeats only
+            (1, 0, 0.2, peer.ACKNOWLEDGEMENT),
+            (2, peer.LAST_NUMBER - 3, 60, peer.HEARTBEAT),
+            (3, peer.LAST_NUMBER, 60, peer.HEARTBEAT)):
         link = peer.Link(socket.create_connection(server.address), b"tcp://py:1", answer,
                          interval=interval)
         link.number = number  # any is taken for the first one; then it has to go round
-        if dripping:
-            link.connection = Dripping(fileno=link.connection.detach())
         link.send(peer.LOGIN, link.url + b"\0")
         largest = peer.LARGEST - len(body(b"0000000000", link.url))
         for request, reply in ((b"say hello", b"HELLO"), (b"say \0a\xff", b"\0A\xff"), (b"say", b""),
-                               (b"later on", b"ON"), (b"say".ljust(3 if dripping else largest), None)):
+                               (b"later on", b"ON"), (b"say".ljust(largest), None)):
             got = link.request(request)
             assert got == reply if reply is not None else got is not None, (number, request, got)
         server.say(b"all news")
@@ -68,9 +59,7 @@ def server_for(program):
     server = peer.Server("127.0.0.1", 0, serve=lambda payload: payload[::-1], interval=60)
     port = str(server.listener.getsockname()[1])
 
-    def step():
-        server.step(0.05)
-
+    step = functools.partial(server.step, 0.05)
     for stays in False, True:  # the second one takes the name, and the first one's link is closed
         client = Program(program, "127.0.0.1", port, "cc", "7")
         client.wait_for(b"logging in", step)
@@ -82,7 +71,6 @@ def server_for(program):
     programs[-2].wait_for(b"replaced by a newer login", step)
     link, = server.links
     link.number = peer.LAST_NUMBER - 1  # its first message was numbered 0: any is taken next
-    link.connection = Dripping(fileno=link.connection.detach())
     for question in b"ask me", b"ask \0again", b"all news", b"ask once more":
         awaited = question.startswith(b"ask")
         assert link.request(question, 5 if awaited else 0) == (b"cc is well" if awaited else None)

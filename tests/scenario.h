@@ -368,6 +368,7 @@ static void begin()
     firstId = tv_get_channel_id();
     descriptors = count_descriptors();
     calls = failed = blocks = steps = 0;
+    now = 1000000; // no timer is pending
     armed = true;
     tv_register_polling_fd(idleFd, nullptr, 0, 0);
     run("start");

@@ -25,11 +25,11 @@ static const std::string scenarios[] = {
     "watch 300 2 &" + pair + "gets heartbeatack {} & gets heartbeat {} & after 1200",
     client + "supervise 300 2 & gets heartbeatack {} & after 1200",
     pair + "b: login b & after 40 & c: login c & after 40 & a: end & broadcast all & after 120",
-    pair + "b: login a & after 40 & c: client & dial & d:" + client + "after 120",
+    pair + "b: login a & after 40 & c: client & dial & d: " + client + "after 120",
     pair + "actors Hok P & in actor0 end; gets request x & after 40",
     client + "says request x & says request y & actors D P & in actor0 serve;"
              "serve & respond late & respond late & after 40",
-    "timers & left & start & after 120 & stop & start & b:" + client + pair + "shut & after 40",
+    "timers & left & start & after 120 & stop & start & b: " + client + pair + "shut & after 40",
 };
 
 // The log since the last call.

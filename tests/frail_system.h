@@ -28,7 +28,8 @@
 #include <vector>
 
 #define REQUIRE(condition)                                                                         \
-    ((condition) ? (void)0 : (fprintf(stderr, "line %d: %s\n", __LINE__, #condition), abort()))
+    ((condition) ? (void)0                                                                         \
+                 : (fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition), abort()))
 
 enum { HALF = -1, END = -2, REFUSED = -3, LEAP = -4 }; // ways to fail beside an errno
 // What the application sees of it: nothing; any difference or a link-down callback; certainly that

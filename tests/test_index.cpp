@@ -97,18 +97,6 @@ static void clean_by_hand()
     pairs->next = pairs->prev = pairs;
 }
 
-// A list of the application's own, whose records are gone when it is cleaned.
-static void own_list()
-{
-    tv_channel_list list = {&list, &list};
-    for (int i = 0; i < 2; i++) {
-        tv_channel *channel = (tv_channel *)calloc(1, sizeof(tv_channel));
-        add_channel(&list, channel);
-        free(channel);
-    }
-    clean_channel_repo(&list);
-}
-
 static void change()
 {
     using Change = std::function<void()>;
@@ -131,7 +119,6 @@ static void change()
         [&] { login_msg_received(pair, strdup(login.c_str())); },
     };
     const Change seldom[] = {
-        own_list,
         clean_by_hand,
         tv_stop_server,
         [] { own_record(); },

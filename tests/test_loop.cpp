@@ -53,11 +53,12 @@ struct Loop : ChannelTest {
         return fd;
     }
 
-    // What one pass of the loop serves, or more of them until a timer fires.
+    // What one pass serves; passes that find nothing ready go on until the time of one is used up.
     Served pass()
     {
         served.clear();
         log.take();
+        complaint.clear();
         run_loop(4);
         EXPECT_EQ(complaint, "poll: Bad file descriptor");
         logged = log.take();

@@ -151,13 +151,6 @@ def is_closed(*pieces):
     return attack
 
 
-def logins(server):
-    link = server.connect("again")
-    for _ in range(1000):
-        link.send(peer.LOGIN, link.url + b"\0")
-    assert link.request(b"say served", PATIENCE) == b"SERVED"
-
-
 def newer_logins(server):
     link = server.connect("same")
     for _ in range(300):
@@ -177,7 +170,6 @@ ATTACKS = {
     "garbage": is_closed([b"x" * 100000]),
     "replies never read": is_closed(
         itertools.repeat(frame(60000, body(b"0", b"", b"say ").ljust(60000, b"x")))),
-    "1000 logins on one connection": logins,
     "300 connections under one name": newer_logins,
     "2 GiB without a pause": is_closed([frame(2 ** 31 - 1)], itertools.repeat(bytes(1000000))),
 }

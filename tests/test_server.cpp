@@ -16,7 +16,7 @@ TEST_F(Server, TellsOfLoginReplacementAndLogoutInOrder)
     play(R"(
         again: login tcp://a:1    => again: fd-open,
             a: disconnected tcp://a:1, a: fd-close, a: hears the end, again: connected tcp://a:1)");
-    const Text replaced = "login_msg_received, close previous channel for url: tcp://a:1";
+    const std::string replaced = "login_msg_received, close previous channel for url: tcp://a:1";
     EXPECT_EQ(std::count(logged.begin(), logged.end(), replaced), 1);
     EXPECT_EQ(tv_get_client_channel("a", 1), current->id);
     play(R"(

@@ -68,7 +68,8 @@ static void start_one()
 // Any timer, or one that is due soon, if not in this pass.
 static void stop_one()
 {
-    const auto victim = std::next(model.begin(), draw() % (draw() % 2 ? model.size() : 1));
+    const size_t among = draw() % 2 ? model.size() : 1;
+    const auto victim = std::next(model.begin(), draw() % among);
     EXPECT_EQ(ruvo_stop_timer(victim->second.id), 0);
     model.erase(victim);
 }

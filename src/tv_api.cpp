@@ -5,8 +5,7 @@
 // Failure  an id that names nothing is logged in the operation's own name.
 // State    the repository and the generator of ids, both valid from load.
 
-#include "tv_guard.h"
-#include "tv_index.h"
+#include "tv_internal.h"
 #include "tv_log.h"
 
 #include <stdlib.h>

@@ -10,8 +10,7 @@
 //            if not, the operation releases what it holds and stops.
 // State      none but the channel records.
 
-#include "tv_guard.h"
-#include "tv_index.h"
+#include "tv_internal.h"
 #include "tv_log.h"
 
 #include "ruvo_timer.h"

@@ -7,8 +7,7 @@
 //          A node without a record, which add_channel makes of a null one, matches nothing.
 // State    none but the lists.
 
-#include "tv_guard.h"
-#include "tv_index.h"
+#include "tv_internal.h"
 #include "tv_log.h"
 
 #include <stdlib.h>

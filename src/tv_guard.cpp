@@ -1,12 +1,12 @@
 // tv_guard.cpp - the operations in progress: guards on channels, walks over lists.
 //
-// Place    beside the modules that call back into the application; tv_guard.h tells them how.
+// Place    beside the modules that call back into the application; tv_internal.h tells them how.
 // Method   guards and walks lie on the stacks of their operations and are linked, the innermost
 //          first. Closing a channel and removing an entry tell all that are concerned.
 // Failure  none: nothing is allocated.
 // State    the innermost guard and the innermost walk.
 
-#include "tv_guard.h"
+#include "tv_internal.h"
 
 #include <stdlib.h>
 

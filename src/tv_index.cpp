@@ -9,7 +9,8 @@
 // Failure  without memory the key is distrusted, and searches are walks.
 // State    the table, freed with its last entry; the lists' ends; the keys that are trusted.
 
-#include "tv_index.h"
+
+#include "tv_internal.h"
 
 #include <stdlib.h>
 #include <string.h>

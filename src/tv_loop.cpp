@@ -7,7 +7,7 @@
 // Failure  the loop ends when poll() fails with anything but EINTR.
 // State    the table, in static storage, set up on first use.
 
-#include "tv_guard.h"
+#include "tv_internal.h"
 #include "tv_log.h"
 
 #include "ruvo_timer.h"

@@ -6,8 +6,7 @@
 // Failure  an accepted descriptor that cannot become a pair is closed.
 // State    tv_service_server.
 
-#include "tv_guard.h"
-#include "tv_index.h"
+#include "tv_internal.h"
 #include "tv_log.h"
 
 #include <stdlib.h>

@@ -2,8 +2,7 @@
 // Every search has to give what a walk gives afterwards. Arguments: steps, and a number to draw
 // from.
 
-#include "tolvane.h"
-#include "tv_index.h"
+#include "tv_internal.h"
 
 #include <algorithm>
 #include <fcntl.h>

@@ -6,8 +6,7 @@
 //          channel. Callers touch the record only after a success.
 // State    none but the channel's socket.
 
-#include "tv_guard.h"
-#include "tv_index.h"
+#include "tv_internal.h"
 #include "tv_log.h"
 
 #include <stdlib.h>

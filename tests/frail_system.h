@@ -44,7 +44,6 @@ static const struct fault {
 } faults[] = {
     {" malloc realloc ", {ENOMEM}, SEEN, ""},
     {" calloc ", {ENOMEM}, SEEN, "malloc error in function"},
-    {" reallocarray ", {ENOMEM}, SAME, ""},
     {" socket ", {EMFILE}, SEEN, "failed on create socket"},
     {" setsockopt ", {ENOBUFS}, EITHER, "failed on setsockopt"},
     {" getsockopt ", {ENOBUFS}, SEEN, "getsockopt error:No buffer space"},
@@ -165,8 +164,6 @@ static void *fresh_block(size_t size)
 WRAP(void *, malloc, (size_t size), nullptr, fresh_block(size))
 WRAP(void *, calloc, (size_t items, size_t size), nullptr, allocated(__real_calloc(items, size)))
 WRAP(void *, realloc, (void *old, size_t size), nullptr, __real_realloc(old, size))
-WRAP(void *, reallocarray, (void *old, size_t items, size_t size), nullptr,
-     allocated(__real_reallocarray(old, items, size)))
 WRAP(void, free, (void *block), (void)0, (blocks -= block != nullptr, __real_free(block)))
 WRAP(int, setsockopt, (int, int, int, const void *, socklen_t), -1, 0)
 WRAP(int, getsockopt, (int fd, int level, int option, void *value, socklen_t *size),

@@ -203,10 +203,8 @@ int tv_get_polling_fd(int channelId)
     return channel == nullptr ? -1 : get_polling_fd(channel);
 }
 
-int tv_channel_fd_handler(int fd, intptr_t channelId, intptr_t arg2)
+int tv_channel_fd_handler(int, intptr_t channelId, intptr_t)
 {
-    (void)fd;
-    (void)arg2;
     tv_channel *channel = find_channel((int)channelId);
     if (channel != nullptr)
         handle_client_polling_fd(channel);

@@ -378,9 +378,8 @@ void heartbeat_received(tv_channel *channel, char *msg)
     tv_impl_free_msg(msg);
 }
 
-void heartbeat_ack_received(tv_channel *channel, char *msg)
+void heartbeat_ack_received(tv_channel *, char *msg) // accepting it has cleared the misses
 {
-    (void)channel; // accepting the message has cleared the misses
     TV_LOG("heartbeat ack msg");
     tv_impl_free_msg(msg);
 }

@@ -52,11 +52,10 @@ static tv_channel_node *next_entry(const tv_channel_list *head, const tv_channel
 }
 
 // The oldest entry whose channel matches, or null. Every message searches several times.
-// indexed: whether the index knows all entries of the list.
 template <typename Match, typename AskIndex>
 static inline __attribute__((always_inline)) tv_channel_node *
-search(const tv_channel_list *head, const char *caller, bool indexed, Match matches,
-       AskIndex ask_index)
+search(const tv_channel_list *head, const char *caller, bool (*indexed)(const tv_channel_list *),
+       Match matches, AskIndex ask_index)
 {
     int steps = 0;
     for (tv_channel_node *entry = next_entry(head, head, caller); entry != nullptr;
@@ -64,21 +63,22 @@ search(const tv_channel_list *head, const char *caller, bool indexed, Match matc
         if (entry->channel != nullptr && matches(entry->channel))
             return entry;
         steps++;
-        if (indexed && steps == WALK_FIRST) {
+        if (steps == WALK_FIRST && indexed(head)) {
             tv_channel_node *found = ask_index();
             if (found != nullptr)
                 return found;
         }
-        if (indexed && steps == WALK_LIMIT)
+        if (steps == WALK_LIMIT && indexed(head))
             return nullptr;
     }
     return nullptr;
 }
 
-static tv_channel_node *find_by_id(const tv_channel_list *head, int channelId, const char *caller)
+static inline __attribute__((always_inline)) tv_channel_node *
+find_by_id(const tv_channel_list *head, int channelId, const char *caller)
 {
     return search(
-        head, caller, index_covers(head),
+        head, caller, index_covers,
         [=](const tv_channel *channel) { return channel->channelId == channelId; },
         [=] { return index_find_id(head, channelId); });
 }
@@ -97,7 +97,7 @@ int unlist_channel(tv_channel_list *head, const tv_channel *channel)
     int result = 1;
     for (;;) {
         tv_channel_node *entry = search(
-            head, "remove_channel", index_covers(head),
+            head, "remove_channel", index_covers,
             [=](const tv_channel *listed) { return listed == channel; },
             [=] { return index_find_record(head, channel); });
         if (entry == nullptr)
@@ -113,11 +113,15 @@ tv_channel *get_channel(tv_channel_list *head, int channelId)
     return entry == nullptr ? nullptr : entry->channel;
 }
 
+static bool is_pair_list(const tv_channel_list *head)
+{
+    return head == &tv_service_server.pairList;
+}
+
 tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url)
 {
-    const bool indexed = head == &tv_service_server.pairList;
     const tv_channel_node *entry = search(
-        head, __func__, indexed,
+        head, __func__, is_pair_list,
         [=](const tv_channel *channel) { return strcmp(channel->url, url) == 0; },
         [=] { return index_find_url(url); });
     return entry == nullptr ? nullptr : entry->channel;

@@ -30,11 +30,6 @@ static index_table tables[INDEX_KEYS] = {
 };
 static uint64_t nextRank;
 
-bool index_covers(const tv_channel_list *head)
-{
-    return head == &tv_repository || head == &tv_service_server.pairList;
-}
-
 // ---- hashes
 
 static uint32_t hash_number(int number)

@@ -6,10 +6,15 @@
 
 #include "tolvane.h"
 
+#include <limits.h>
+
 // ---- tv_msg_header.cpp
 
 // The sequence number after this one. After 2147483647, and after any negative number, it is 0.
-int next_sequence(int sequence);
+static inline int next_sequence(int sequence)
+{
+    return sequence < 0 || sequence == INT_MAX ? 0 : sequence + 1;
+}
 
 // ---- tv_index.cpp
 
@@ -32,8 +37,13 @@ struct index_node {
     } chains[INDEX_KEYS];
 };
 
+extern tv_channel_list tv_repository; // tv_api.cpp
+
 // Whether the index covers the list: the repository, or the server's pairs.
-bool index_covers(const tv_channel_list *head);
+static inline bool index_covers(const tv_channel_list *head)
+{
+    return head == &tv_repository || head == &tv_service_server.pairList;
+}
 
 // Add an entry that has just been appended to a list; remove one that is about to leave it. The
 // record of an entry that leaves is not read: it may have been freed.
@@ -132,8 +142,6 @@ char *receive_msg(tv_channel *channel, int *len, int *result);
 int dispatch_msg(tv_channel *channel, int type, char *msg, int len);
 
 // ---- tv_api.cpp
-
-extern tv_channel_list tv_repository;
 
 // Close a channel, take its record out of both lists and release it. The channel must not be closing
 // already.

@@ -82,11 +82,6 @@ static int print_header(const tv_channel *channel, std::string_view tag, char *d
     return (int)(end - dst);
 }
 
-int next_sequence(int sequence)
-{
-    return sequence < 0 || sequence == INT_MAX ? 0 : sequence + 1;
-}
-
 static int pack_msg_to_buf(tv_channel *channel, const char *payload, int len, std::string_view tag,
                            char *dst, int size)
 {

@@ -204,10 +204,8 @@ int create_pair_channel(int fd)
     return 0;
 }
 
-int tv_server_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
+int tv_server_fd_handler(int fd, intptr_t, intptr_t)
 {
-    (void)arg1;
-    (void)arg2;
     note_input_taken(fd);
     const int pairFd = tcp_impl_accept_socket(fd);
     if (pairFd < 0) {
@@ -317,10 +315,8 @@ int logout_msg_received(tv_channel *channel, char *msg)
     return 0;
 }
 
-int tv_pair_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
+int tv_pair_fd_handler(int fd, intptr_t, intptr_t)
 {
-    (void)arg1;
-    (void)arg2;
     tv_channel *pair = get_pair_by_fd(fd);
     if (pair == nullptr)
         return 0;
@@ -417,16 +413,14 @@ int tv_get_client_channel(const char *ip, int port)
     return pair == nullptr ? -1 : pair->channelId;
 }
 
-int tv_register_connected_callback(int channelId, tv_connected_cb callback)
+int tv_register_connected_callback(int, tv_connected_cb callback)
 {
-    (void)channelId;
     tv_service_server.connectedCallback = callback;
     return 0;
 }
 
-int tv_register_disconnected_callback(int channelId, tv_disconnected_cb callback)
+int tv_register_disconnected_callback(int, tv_disconnected_cb callback)
 {
-    (void)channelId;
     tv_service_server.disconnectedCallback = callback;
     return 0;
 }

@@ -57,8 +57,8 @@ static const struct fault {
     {" fcntl ", {EBADF}, SAME, "_set_fd_nonblock,fail to"},
     {" poll ", {EINTR}, SAME_IF_ONCE, ""},
     {" poll ", {ENOMEM}, SEEN, ""},
-    {" send ", {EINTR, EAGAIN}, SAME_IF_ONCE, "continue"},
-    {" recv ", {EINTR, EAGAIN}, SAME_IF_ONCE, "continue"},
+    {" send recv ", {EINTR}, SAME_IF_ONCE, "continue"},
+    {" send recv ", {EAGAIN}, SAME_IF_ONCE, ""}, // logged after a wait only
     {" send recv ", {HALF}, SAME, ""},
     {" send ", {ECONNRESET}, DOWN, "failed send error:Connection reset"},
     {" recv ", {ECONNRESET}, DOWN, "failed receive error:Connection reset"},
@@ -222,17 +222,17 @@ WRAP(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
      way == HALF ? __real_send(fd, bytes, (size + 1) / 2, flags) : -1,
      (check_segment(bytes, size, flags), __real_send(fd, bytes, size, flags | MSG_DONTWAIT)))
 extern "C" ssize_t __real_recv(int, void *, size_t, int);
-static ssize_t receive_now(int fd, void *bytes, size_t size)
+static ssize_t receive_now(int fd, void *bytes, size_t size, int flags)
 {
     const ssize_t received = __real_recv(fd, bytes, size, MSG_DONTWAIT);
     now += effort;
-    if (received < 0 && meanwhile)
+    if (received < 0 && meanwhile && !(flags & MSG_DONTWAIT)) // a receive without a timeout
         meanwhile(INT_MAX);
     return received;
 }
 WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
-     way == HALF ? __real_recv(fd, bytes, (size + 1) / 2, flags) : -(way != END),
-     receive_now(fd, bytes, size))
+     way == HALF ? receive_now(fd, bytes, (size + 1) / 2, flags) : -(way != END),
+     receive_now(fd, bytes, size, flags))
 WRAP(int, close, (int fd), (__real_close(fd), -1), __real_close(fd))
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
 WRAP(void, perror, (const char *text), (void)0,

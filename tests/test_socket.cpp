@@ -47,6 +47,11 @@ TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
         EXPECT_EQ(tcp_impl_send_with_timeout(client, "", 0, 1000), 0);
         EXPECT_TRUE(ioctl(client, SIOCOUTQNSD, &unsent) != 0 || unsent == 0);
         free(tcp_impl_receive_with_timeout(accepted, &len, 1000));
+        fcntl(accepted, F_SETFL, 0); // limits hold on a blocking descriptor, too
+        EXPECT_EQ(tcp_impl_receive_with_timeout(accepted, &len, 10), nullptr);
+        EXPECT_EQ(
+            tcp_impl_send_with_timeout(accepted, std::string(1 << 25, 'x').data(), 1 << 25, 10),
+            -1);
         close(accepted); // first, with nothing unread: its address stays in use for a while
         close(client);
     }

@@ -31,7 +31,7 @@
     ((condition) ? (void)0                                                                         \
                  : (fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition), abort()))
 
-enum { HALF = -1, END = -2, REFUSED = -3, LEAP = -4 }; // ways to fail beside an errno
+enum { HALF = -1, END = -2, REFUSED = -3, LEAP = -4, ITSELF = -5 }; // ways to fail beside an errno
 // What the application sees of it: nothing; any difference or a link-down callback; certainly that
 // callback; or it depends.
 enum { SAME, SAME_IF_ONCE, SEEN, DOWN, EITHER };
@@ -54,6 +54,8 @@ static const struct fault {
     {" accept4 ", {EINTR, ECONNABORTED}, SAME_IF_ONCE, "tv_server_fd_handler, failed on accept"},
     {" connect ", {ECONNREFUSED}, SEEN, "create client or connect server fail"},
     {" connect ", {EINTR, EALREADY}, SAME, ""},
+    {" getpeername ", {ITSELF}, SEEN, ", connected to itself"},
+    {" getsockname getpeername ", {ENOBUFS}, SAME, ""},
     {" fcntl ", {EBADF}, SAME, "_set_fd_nonblock,fail to"},
     {" poll ", {EINTR}, SAME_IF_ONCE, ""},
     {" poll ", {ENOMEM}, SEEN, ""},
@@ -209,6 +211,22 @@ static int in_progress(int fd, int error)
 WRAP(int, connect, (int fd, const sockaddr *, socklen_t),
      way == ECONNREFUSED ? -1 : (connect_now(fd), in_progress(fd, way)),
      connect_now(fd) == 0 ? in_progress(fd, EINPROGRESS) : -1)
+
+// The addresses of a connected client's two ends.
+static int give_address(sockaddr *address, socklen_t *size, int port)
+{
+    sockaddr_in given = {};
+    given.sin_family = AF_INET;
+    given.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    given.sin_port = htons(port);
+    memcpy(address, &given, std::min<size_t>(*size, sizeof(given)));
+    *size = sizeof(given);
+    return 0;
+}
+WRAP(int, getsockname, (int, sockaddr *address, socklen_t *size), -1,
+     give_address(address, size, 40000))
+WRAP(int, getpeername, (int, sockaddr *address, socklen_t *size),
+     way == ITSELF ? give_address(address, size, 40000) : -1, give_address(address, size, 7))
 
 // A header waits for its body, if there is one, so that both leave in one segment. Messages begin
 // with a number.

@@ -80,3 +80,20 @@ TEST_F(Socket, FailedConnectsLeaveNothingOpen)
     EXPECT_LOG({attempt, "Network is unreachable 101", attempt, "Operation now in progress 115"});
     close(first);
 }
+
+// While the server is down, a client may be given the server's own port.
+TEST_F(Socket, AClientThatConnectsToItselfIsNotConnected)
+{
+    sockaddr_in own = address_of(listener);
+    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    own.sin_port = 0; // any
+    const int self = socket(AF_INET, SOCK_STREAM, 0);
+    bind(self, (const sockaddr *)&own, sizeof(own));
+    own = address_of(self);
+    LogCapture log;
+    for (int tries = 0; tries < 2; tries++) { // the second one finds it connected
+        EXPECT_EQ(_impl_nonblock_connect(self, (const sockaddr *)&own, sizeof(own), 1000), -1);
+        EXPECT_EQ(log.take().back(), "_impl_nonblock_connect, connected to itself");
+    }
+    EXPECT_EQ(close(self), 0); // it was left open for its owner
+}

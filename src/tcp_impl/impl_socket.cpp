@@ -301,26 +301,54 @@ static bool _connect_finished(int fd, int timeoutMs, const char *caller)
     return outcome == 0;
 }
 
+// While a server is down, TCP may connect a client on the same host to itself: the kernel picks the
+// server's port as the client's own, sooner or later. The server could not start then.
+static bool _is_connected_to_itself(int fd)
+{
+    struct sockaddr_in own = {}, peer = {};
+    socklen_t ownSize = sizeof(own), peerSize = sizeof(peer);
+    getsockname(fd, (struct sockaddr *)&own, &ownSize);
+    getpeername(fd, (struct sockaddr *)&peer, &peerSize);
+    return own.sin_family == AF_INET && own.sin_port == peer.sin_port &&
+           own.sin_addr.s_addr == peer.sin_addr.s_addr;
+}
+
 int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrlen, int timeoutMs)
 {
     _set_fd_nonblock(fd);
-    for (;;) {
-        if (connect(fd, addr, addrlen) >= 0)
-            return fd;
-        const int error = errno;
-        TV_LOG("%s %d", strerror(error), error);
-        switch (error) {
-        case EINPROGRESS:
-        case EALREADY:
-            return _connect_finished(fd, timeoutMs, __func__) ? fd : -1;
-        case EINTR:
-            break;
-        case EISCONN:
-            return fd;
-        default:
+    int error;
+    do {
+        error = connect(fd, addr, addrlen) >= 0 ? 0 : errno;
+        if (error != 0)
+            TV_LOG("%s %d", strerror(error), error);
+    } while (error == EINTR);
+
+    if (error == EINPROGRESS || error == EALREADY) {
+        if (!_connect_finished(fd, timeoutMs, __func__))
             return -1;
-        }
+    } else if (error != 0 && error != EISCONN) {
+        return -1;
     }
+    if (_is_connected_to_itself(fd)) {
+        TV_LOG("%s, connected to itself", __func__);
+        return -1;
+    }
+    return fd;
+}
+
+static bool _blocking_connect(int fd, const struct sockaddr *addr, socklen_t addrlen,
+                              const char *caller)
+{
+    if (connect(fd, addr, addrlen) < 0) {
+        TV_LOG_AT(caller, __LINE__, "%s, failed on connect", caller);
+        return false;
+    }
+    if (_is_connected_to_itself(fd)) {
+        TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
+        return false;
+    }
+    _set_fd_nonblock(fd);
+    return true;
 }
 
 int impl_create_client_socket(const char *ip, int port, int timeoutMs)
@@ -337,11 +365,7 @@ int impl_create_client_socket(const char *ip, int port, int timeoutMs)
         TV_LOG("nonblock connecting mode for fd %d", fd);
         connected = _impl_nonblock_connect(fd, target, sizeof(address), timeoutMs) != -1;
     } else {
-        connected = connect(fd, target, sizeof(address)) >= 0;
-        if (connected)
-            _set_fd_nonblock(fd);
-        else
-            TV_LOG("%s, failed on connect", __func__);
+        connected = _blocking_connect(fd, target, sizeof(address), __func__);
     }
     if (!connected) {
         close(fd);

@@ -381,12 +381,6 @@ void heartbeat_ack_received(tv_channel *channel, char *msg)
 
 // ---- dispatch
 
-// The number after 2147483647, and after any negative one, is 0.
-static int next_sequence(int sequence)
-{
-    return sequence < 0 || sequence == INT_MAX ? 0 : sequence + 1;
-}
-
 int tv_msg_received(tv_channel *channel, int seq)
 {
     if (channel == NULL)

@@ -121,6 +121,9 @@ void end_walk(list_walk *walk);
 // Before an entry is removed: the walks that would visit it next go on with the one behind it.
 void step_walks_over(const tv_channel_list *entry);
 
+// tv_msg_header.cpp: the number of the message that follows, which wraps to 0.
+int next_sequence(int sequence);
+
 // tv_loop.cpp: a frame is about to be received on the descriptor, or a connection accepted. Unless
 // that is all that the loop has called a handler for, it asks anew for what is ready before it calls
 // the next one.

@@ -13,19 +13,19 @@
 // The slot of the channel's socket, or null.
 static tv_socket **find_socket(tv_channel *channel)
 {
-    if (channel->pairSocket != NULL)
+    if (channel->pairSocket != nullptr)
         return &channel->pairSocket;
-    if (channel->clientSocket != NULL)
+    if (channel->clientSocket != nullptr)
         return &channel->clientSocket;
-    return channel->serverSocket != NULL ? &channel->serverSocket : NULL;
+    return channel->serverSocket != nullptr ? &channel->serverSocket : nullptr;
 }
 
 int tv_impl_get_polling_fd(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     tv_socket **slot = find_socket(channel);
-    if (slot == NULL) {
+    if (slot == nullptr) {
         TV_LOG("tv_impl_get_polling_fd, channel is invalid");
         return -1;
     }
@@ -34,7 +34,7 @@ int tv_impl_get_polling_fd(tv_channel *channel)
 
 static int _impl_get_io_socket(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     if (get_channel_type(channel->channelId) == TV_CHANNEL_SERVER) {
         TV_LOG("error in tv_impl_send_rqst, could not send msg to listening socket");
@@ -70,36 +70,36 @@ char *tv_impl_recv_with_timeout(tv_channel *channel, int *len, int timeoutMs)
     const int fd = _impl_get_io_socket(channel);
     if (fd == -1) {
         *len = 0;
-        return NULL;
+        return nullptr;
     }
     input_expected(fd);
     char *msg = tcp_impl_receive_with_timeout(fd, len, timeoutMs);
-    if (msg == NULL || *len == 0)
+    if (msg == nullptr || *len == 0)
         report_linkdown(channel);
     return msg;
 }
 
 char *tv_impl_recv(tv_channel *channel, int *len)
 {
-    if (channel == NULL) {
+    if (channel == nullptr) {
         *len = 0;
-        return NULL;
+        return nullptr;
     }
     return tv_impl_recv_with_timeout(channel, len, channel->pollTimeout);
 }
 
 void tv_impl_close_channel(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return;
     index_closing(channel);
     const int fd = tv_impl_get_polling_fd(channel);
     if (fd != -1)
         close(fd);
     tv_socket **slot = find_socket(channel);
-    if (slot != NULL) {
+    if (slot != nullptr) {
         free(*slot);
-        *slot = NULL;
+        *slot = nullptr;
     }
 }
 

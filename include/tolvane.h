@@ -6,6 +6,11 @@
  * 6 log, 7 request and reply, 8 heartbeat and dispatch, 9 channel lists, 10 message text,
  * 11 channel transport, 12 sockets and frames. Most programs need sections 1 to 6 only.
  *
+ * A program that defines TOLVANE_APPLICATION_ONLY before it includes this header sees only those,
+ * without their lower-level steps: all types, and the functions with the prefix tv_ that serve an
+ * application, plus get_channel_type(). Names such as log_file, get_channel or send_rqst then stay
+ * free for the program. The first inclusion in a source file decides.
+ *
  * Conventions, which hold for every entry unless it says otherwise:
  *
  * - Results: 0 is success and -1 is failure; a function that returns a length, an id or a
@@ -46,8 +51,10 @@
 #include <stdint.h> /* intptr_t, uint8_t, uint16_t */
 #include <stdio.h>  /* FILE */
 
+#ifndef TOLVANE_APPLICATION_ONLY
 #include <poll.h>       /* struct pollfd */
 #include <sys/socket.h> /* struct sockaddr, socklen_t */
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -536,6 +543,8 @@ int tv_disconnect_server(int channelId);
  * @param cb         replaces the link-down callback; null: none */
 void tv_client_enable_heartbeat(int channelId, int interval, int count, tv_linkdown_cb cb);
 
+#ifndef TOLVANE_APPLICATION_ONLY
+
 /** Makes a record a client channel without a connection: a step of tv_create_client_channel(). Does
  * not add it to the repository.
  *
@@ -556,6 +565,8 @@ int connect_server(tv_channel *channel);
  * @return 0, or -1: no connection, or the send failed (the link-down callback has run and may have
  *         closed the channel) */
 int disconnect_server(tv_channel *channel);
+
+#endif
 
 /* ---- 4  Server -----------------------------------------------------------------------------
  *
@@ -703,6 +714,8 @@ int tv_get_client_channel(const char *ip, int port);
 /** Closes one client's connection. Another name of tv_close_channel(). */
 void tv_close_client_connection(int channelId);
 
+#ifndef TOLVANE_APPLICATION_ONLY
+
 /** Makes a record a server channel and opens its listening socket: a step of
  * tv_start_service_server(). Does not add it to the repository.
  *
@@ -748,6 +761,8 @@ int logout_msg_received(tv_channel *channel, char *msg);
  * @return 0, also for null; or 1 if it was not in the list */
 int server_remove_channel(tv_channel *channel);
 
+#endif
+
 /* ---- 5  Event loop -------------------------------------------------------------------------
  *
  * A poll() loop over at most TV_MAX_POLLING_FDS descriptors, which also fires the timers.
@@ -788,6 +803,8 @@ int tv_unregister_polling_fd(int fd);
  * on signals, register a signalfd or a pipe. */
 void tv_main_loop(void);
 
+#ifndef TOLVANE_APPLICATION_ONLY
+
 /** Reserves a slot of the descriptor table, for tv_register_polling_fd(). Lowers the number of
  * slots that can still be had without marking one: two calls in a row return the same index, and a
  * program that calls it loses a slot each time.
@@ -808,17 +825,23 @@ void tv_set_polling_interval(int interval);
 /** Does nothing but log the call. Kept for programs written for a loop with a fixed interval. */
 void disable_polling_timer(void);
 
+#endif
+
 /* ---- 6  Log --------------------------------------------------------------------------------
  *
  * Off until a sink is set. An entry is "<date and time> [<file>-><function>:<line>]<message>" and
  * two line feeds. If both sinks are set, the stream takes the entries. Text from the network is cut
  * to 65,536 characters and otherwise written as it is, line feeds included. */
 
+#ifndef TOLVANE_APPLICATION_ONLY
+
 /** The log stream, or null. Set it with tv_set_log_fd(). */
 extern FILE *fp_log;
 
 /** The log path; empty: none. Set it with tv_set_log_file(). */
 extern char log_file[TV_LOG_FILE_SIZE];
+
+#endif
 
 /** Sends the log to a stream while its position is below TV_LOG_LIMIT; a stream without a position,
  * such as a pipe or a terminal, has no limit. A pipe that nobody reads blocks the process.
@@ -837,6 +860,8 @@ int tv_set_log_fd(FILE *fp);
  * @param path  cut to 127 characters; empty: no path; null: nothing changes
  * @return 0 */
 int tv_set_log_file(const char *path);
+
+#ifndef TOLVANE_APPLICATION_ONLY
 
 /* ---- 7  Request and reply ------------------------------------------------------------------
  *
@@ -1162,6 +1187,8 @@ int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrle
  *
  * @return its descriptor, or a negative value */
 int tcp_impl_accept_socket(int listenFd);
+
+#endif /* TOLVANE_APPLICATION_ONLY */
 
 #ifdef __cplusplus
 }

@@ -165,10 +165,10 @@ typedef void (*tv_timeout_handler)(int channelId);
  * received frame without a body, and once when the heartbeat gives up. A send or receive without a
  * connection, or on the listening channel, does not call it.
  *
- * It is not called again while it runs for the same channel. A send inside it succeeds if the
- * connection still works, as it does after an empty frame; one that fails returns -1 and does not
- * call back. If the heartbeat gives up while the callback runs, the callback runs once more after
- * it has returned.
+ * It is not called again while it runs for the same channel: a send that fails inside it returns
+ * -1 and does not call back. A send may also succeed there, as the connection may still work; after
+ * an empty frame it does. If the heartbeat gives up while the callback runs, the callback runs once
+ * more after it has returned.
  *
  * The channel stays open until you close it, here or later, and its descriptor may stay readable:
  * unregister it from the event loop here at the latest. May close its channel.
@@ -768,7 +768,7 @@ int server_remove_channel(tv_channel *channel);
  * A poll() loop over at most TV_MAX_POLLING_FDS descriptors, which also fires the timers.
  *
  * An application with a loop of its own waits for at most ruvo_timer_get_expected_interval(), then
- * calls the handlers of the descriptors that are readable (section 2 and 4), and then
+ * calls the handlers of the descriptors that are readable (sections 2 and 4), and then
  * ruvo_fire_timer(): read first, then fire, so that a reply that has arrived is not counted as
  * late. It takes events one by one, or checks with a zero-timeout poll() before every handler but
  * the first: an earlier handler may have closed the descriptor, and its number may have been

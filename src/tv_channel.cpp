@@ -1,13 +1,13 @@
 // tv_channel.cpp - what one channel does: exchange, heartbeat, dispatch, actors, closing.
 //
-// Place      above the transport; called by tv_api.cpp, tv_client.cpp, tv_server_api.cpp and, by
+// Place      above the transport; called by tv_api.cpp, tv_client.cpp, tv_server_api.cpp and, with a
 //            channel id, by the timers.
 // Exchange   outgoing: at most one request awaits its reply. Incoming: at most one request awaits
 //            the application's reply; more wait in a queue of 8.
-// Messages   a received message belongs to the operation that it is handed to, until that has
-//            released it or stored it in pendingRqst or the queue.
-// Callbacks  may close their channel. After each one the guard tells whether it is still there;
-//            if not, the operation releases what it holds and stops.
+// Messages   an operation owns the message it is given. It releases the message or stores it in
+//            pendingRqst or the queue.
+// Callbacks  may close their channel. After each one the operation checks its guard; if the channel
+//            is closed, it releases what it still holds and stops.
 // State      none but the channel records.
 
 #include "tv_internal.h"
@@ -18,7 +18,7 @@
 #include <limits.h>
 #include <stdlib.h>
 
-// Room for a heartbeat or an acknowledgement, which are 192 bytes at most.
+// Room for a heartbeat or an acknowledgement: at most 192 bytes.
 static const int heartbeatBufSize = 512;
 
 // ---- the record
@@ -26,9 +26,9 @@ static const int heartbeatBufSize = 512;
 void init_channel(tv_channel *channel, int channelId)
 {
     channel->channelId = channelId;
-    channel->respHandler = NULL;
-    channel->timeoutHandler = NULL;
-    channel->linkdownCallback = NULL;
+    channel->respHandler = nullptr;
+    channel->timeoutHandler = nullptr;
+    channel->linkdownCallback = nullptr;
     channel->rqstTimerId = -1;
     channel->pollTimeout = INT_MAX;
     channel->connectTimeout = -1;
@@ -36,7 +36,7 @@ void init_channel(tv_channel *channel, int channelId)
     channel->msgSequence = 0;
     channel->recvSequence = 0;
     channel->actorCount = 0;
-    channel->pendingRqst = NULL;
+    channel->pendingRqst = nullptr;
     channel->rqstQueue.items = channel->rqstQueueItems;
     channel->rqstQueue.lastIdx = TV_RQST_QUEUE_SIZE;
     channel->rqstQueue.firstIdx = TV_RQST_QUEUE_SIZE;
@@ -47,21 +47,21 @@ void init_channel(tv_channel *channel, int channelId)
     channel->hbTimerId = -1;
     channel->hbSequence = 0;
     channel->hbMissCount = 0;
-    channel->clientSocket = NULL;
-    channel->serverSocket = NULL;
-    channel->pairSocket = NULL;
+    channel->clientSocket = nullptr;
+    channel->serverSocket = nullptr;
+    channel->pairSocket = nullptr;
 }
 
 int get_channel_type(int channelId)
 {
-    const tv_channel *channel = find_listed_channel(channelId);
-    if (channel == NULL)
+    const tv_channel *channel = tv_get_channel(channelId);
+    if (channel == nullptr)
         return TV_CHANNEL_NONE;
-    if (channel->clientSocket != NULL)
+    if (channel->clientSocket != nullptr)
         return TV_CHANNEL_CLIENT;
-    if (channel->serverSocket != NULL)
+    if (channel->serverSocket != nullptr)
         return TV_CHANNEL_SERVER;
-    return channel->pairSocket != NULL ? TV_CHANNEL_PAIR : TV_CHANNEL_NONE;
+    return channel->pairSocket != nullptr ? TV_CHANNEL_PAIR : TV_CHANNEL_NONE;
 }
 
 // ---- the queue of requests
@@ -104,9 +104,10 @@ int rb_pop_item(ring_buffer *rb, rb_item *out)
 
 // ---- incoming requests
 
-// Keep a request until its reply has been sent. There is an older one only if an actor ran the
-// channel's handler, or a loop, itself, and a request was left owing there; that one is given up.
-static void owe_reply(tv_channel *channel, char *msg)
+// Keep a request until its reply has been sent. An older one is pending only if an actor ran the
+// channel's descriptor handler or a loop, and another actor deferred a request there. That request
+// is dropped.
+static void set_pending_rqst(tv_channel *channel, char *msg)
 {
     tv_impl_free_msg(channel->pendingRqst);
     channel->pendingRqst = msg;
@@ -119,23 +120,26 @@ static int offer_to_actors(const channel_guard *guard, const char *payload, int 
 {
     const tv_channel *channel = guard->channel;
     int result = TV_ACTOR_PASS;
-    for (int i = 0; result == TV_ACTOR_PASS && !guard->closed && i < channel->actorCount; i++)
-        result = channel->actors[i](channel->channelId, payload, payloadLen, reply, replyLen);
+    for (int i = 0; result == TV_ACTOR_PASS && !guard->closed && i < channel->actorCount; i++) {
+        const tv_actor actor = channel->actors[i];
+        if (actor != nullptr)
+            result = actor(channel->channelId, payload, payloadLen, reply, replyLen);
+    }
     return result;
 }
 
-// Do what the actor that took the request decided. Takes msg; the reply stays the caller's.
+// Act on the result of the actor that took the request. Takes msg; the reply stays the caller's.
 static int finish_rqst(tv_channel *channel, char *msg, int result, const char *reply, int replyLen)
 {
     if (result == TV_ACTOR_DEFERRED) {
-        owe_reply(channel, msg);
+        set_pending_rqst(channel, msg);
         return 0;
     }
-    if (reply == NULL) {
+    if (reply == nullptr) {
         tv_impl_free_msg(msg);
         return 0;
     }
-    owe_reply(channel, msg);
+    set_pending_rqst(channel, msg);
     return send_resp(channel, reply, replyLen);
 }
 
@@ -143,12 +147,12 @@ static int do_process_rqst(tv_channel *channel, char *msg, int len)
 {
     int payloadLen = 0;
     const char *payload = get_msg_payload(msg, len, &payloadLen);
-    if (payload == NULL) {
+    if (payload == nullptr) {
         TV_LOG("not expected msg layout, ignore: %.*s", TV_MSG_BUF_SIZE, msg);
         tv_impl_free_msg(msg);
         return -1;
     }
-    char *reply = NULL;
+    char *reply = nullptr;
     int replyLen = 0;
     int outcome = -1;
     channel_guard guard;
@@ -170,7 +174,8 @@ static int process_queued_rqsts(tv_channel *channel)
 {
     rb_item item;
     bool open = true;
-    while (open && channel->pendingRqst == NULL && rb_pop_item(&channel->rqstQueue, &item) == 0) {
+    while (open && channel->pendingRqst == nullptr &&
+           rb_pop_item(&channel->rqstQueue, &item) == 0) {
         channel_guard guard;
         guard_channel(&guard, channel);
         do_process_rqst(channel, item.msg, item.len);
@@ -181,11 +186,11 @@ static int process_queued_rqsts(tv_channel *channel)
 
 int process_channel_rqst(tv_channel *channel, char *msg, int len)
 {
-    if (channel == NULL) {
+    if (channel == nullptr) {
         tv_impl_free_msg(msg);
         return -1;
     }
-    if (channel->pendingRqst == NULL && !channel->waitingResp)
+    if (channel->pendingRqst == nullptr && !channel->waitingResp)
         return do_process_rqst(channel, msg, len);
 
     const rb_item item = {msg, len};
@@ -197,7 +202,7 @@ int process_channel_rqst(tv_channel *channel, char *msg, int len)
 
 int send_resp(tv_channel *channel, const char *payload, int len)
 {
-    if (channel->pendingRqst == NULL) {
+    if (channel->pendingRqst == nullptr) {
         TV_LOG("no message pending, response discarded");
         return -1;
     }
@@ -205,7 +210,7 @@ int send_resp(tv_channel *channel, const char *payload, int len)
     if (msgLen < 1 || tv_impl_send_resp(channel, channel->msgBuf, msgLen) != 0)
         return -1;
     tv_impl_free_msg(channel->pendingRqst);
-    channel->pendingRqst = NULL;
+    channel->pendingRqst = nullptr;
     return process_queued_rqsts(channel);
 }
 
@@ -213,20 +218,20 @@ int send_resp(tv_channel *channel, const char *payload, int len)
 
 static void rqst_timeout(intptr_t channelId, intptr_t)
 {
-    tv_channel *channel = find_listed_channel((int)channelId);
-    if (channel == NULL)
+    tv_channel *channel = tv_get_channel((int)channelId);
+    if (channel == nullptr)
         return;
     channel->rqstTimerId = -1;
     if (channel->waitingResp) {
         channel_guard guard;
         guard_channel(&guard, channel);
-        if (channel->timeoutHandler != NULL)
+        if (channel->timeoutHandler != nullptr)
             channel->timeoutHandler(channel->channelId);
         if (!unguard_channel(&guard))
             return;
-        // A handler that ran the channel's own descriptor handler may have got the reply after all,
-        // and sent the next request, which goes on waiting.
-        if (channel->rqstTimerId == -1)
+        // If the handler ran the channel's descriptor handler, the reply may have arrived, and the
+        // response handler may have sent the next request, which still waits.
+        if (!guard.replyReceived)
             channel->waitingResp = 0;
     }
     process_queued_rqsts(channel);
@@ -259,7 +264,7 @@ int send_rqst(tv_channel *channel, const char *payload, int len, int timeout)
 
 int process_channel_resp(tv_channel *channel, char *msg, int len)
 {
-    if (channel == NULL) {
+    if (channel == nullptr) {
         tv_impl_free_msg(msg);
         return -1;
     }
@@ -271,12 +276,13 @@ int process_channel_resp(tv_channel *channel, char *msg, int len)
     if (channel->rqstTimerId != -1)
         ruvo_stop_timer(channel->rqstTimerId);
     channel->waitingResp = 0;
+    note_reply(channel);
 
     int payloadLen = 0;
     const char *payload = get_msg_payload(msg, len, &payloadLen);
     channel_guard guard;
     guard_channel(&guard, channel);
-    if (channel->respHandler != NULL)
+    if (channel->respHandler != nullptr)
         channel->respHandler(channel->channelId, payload, payloadLen);
     tv_impl_free_msg(msg);
     if (unguard_channel(&guard))
@@ -304,20 +310,20 @@ static void switch_heartbeat_off(tv_channel *channel)
 
 static void channel_disconnected(int channelId)
 {
-    tv_channel *channel = find_listed_channel(channelId);
-    if (channel == NULL) {
+    tv_channel *channel = tv_get_channel(channelId);
+    if (channel == nullptr) {
         TV_LOG("channel_disconnected , channel[%d] not found", channelId);
         return;
     }
     switch_heartbeat_off(channel);
-    report_linkdown(channel);
+    report_linkdown(channel, true);
 }
 
 static void active_hb_timeout(intptr_t arg, intptr_t)
 {
     const int channelId = (int)arg;
-    tv_channel *channel = find_listed_channel(channelId);
-    if (channel == NULL) {
+    tv_channel *channel = tv_get_channel(channelId);
+    if (channel == nullptr) {
         TV_LOG("active_hb_timeout , channel[%d] not found", channelId);
         return;
     }
@@ -331,9 +337,9 @@ static void active_hb_timeout(intptr_t arg, intptr_t)
 
 int enable_heartbeat(tv_channel *channel)
 {
-    if (channel == NULL || channel->hbInterval < 1)
+    if (channel == nullptr || channel->hbInterval < 1)
         return -1;
-    if (channel->clientSocket == NULL && channel->pairSocket == NULL)
+    if (channel->clientSocket == nullptr && channel->pairSocket == nullptr)
         return 0;
     stop_heartbeat_timer(channel);
     channel->hbMode = TV_HEARTBEAT_ON;
@@ -346,7 +352,7 @@ int enable_heartbeat(tv_channel *channel)
 
 void send_heartbeat(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return;
     if (channel->hbMode != TV_HEARTBEAT_ON) {
         TV_LOG("could not send HB on mode[%d]", channel->hbMode);
@@ -372,24 +378,17 @@ void heartbeat_received(tv_channel *channel, char *msg)
     tv_impl_free_msg(msg);
 }
 
-void heartbeat_ack_received(tv_channel *channel, char *msg)
+void heartbeat_ack_received(tv_channel *, char *msg) // accepting it has cleared the misses
 {
-    (void)channel; // accepting the message has cleared the misses
     TV_LOG("heartbeat ack msg");
     tv_impl_free_msg(msg);
 }
 
 // ---- dispatch
 
-// The number after 2147483647, and after any negative one, is 0.
-static int next_sequence(int sequence)
-{
-    return sequence < 0 || sequence == INT_MAX ? 0 : sequence + 1;
-}
-
 int tv_msg_received(tv_channel *channel, int seq)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     const int expected = next_sequence(channel->recvSequence);
     if (channel->recvSequence != 0 && seq != expected) {
@@ -401,19 +400,24 @@ int tv_msg_received(tv_channel *channel, int seq)
     return 0;
 }
 
-int handle_client_polling_fd(tv_channel *channel)
+char *receive_msg(tv_channel *channel, int *len, int *result)
 {
-    int len = 0;
-    char *msg = tv_impl_recv_with_timeout(channel, &len, channel->pollTimeout);
-    if (msg == NULL || len == 0) { // the link is down: the channel may be closed
-        tv_impl_free_msg(msg);
-        return 0;
+    *len = 0;
+    *result = 0;
+    char *msg = tv_impl_recv_with_timeout(channel, len, channel->pollTimeout);
+    // Without bytes the link is down, and the link-down callback may have closed the channel.
+    if (msg != nullptr && *len > 0) {
+        *result = tv_msg_received(channel, get_msg_sequence(msg));
+        if (*result == 0)
+            return msg;
     }
-    if (tv_msg_received(channel, get_msg_sequence(msg)) != 0) {
-        tv_impl_free_msg(msg);
-        return -1;
-    }
-    switch (get_msg_type(msg)) {
+    tv_impl_free_msg(msg);
+    return nullptr;
+}
+
+int dispatch_msg(tv_channel *channel, int type, char *msg, int len)
+{
+    switch (type) {
     case TV_MSG_REQUEST:
         return process_channel_rqst(channel, msg, len);
     case TV_MSG_REPLY:
@@ -421,23 +425,34 @@ int handle_client_polling_fd(tv_channel *channel)
     case TV_MSG_HEARTBEAT:
         heartbeat_received(channel, msg);
         return 0;
-    case TV_MSG_HEARTBEAT_ACK:
+    default:
         heartbeat_ack_received(channel, msg);
         return 0;
-    default:
-        TV_LOG("unexpected msg received");
-        tv_impl_free_msg(msg);
-        return -1;
     }
+}
+
+int handle_client_polling_fd(tv_channel *channel)
+{
+    int len;
+    int result;
+    char *msg = receive_msg(channel, &len, &result);
+    if (msg == nullptr)
+        return result;
+    const int type = get_msg_type(msg);
+    if (type != TV_MSG_LOGIN && type != TV_MSG_LOGOUT && type != TV_MSG_UNKNOWN)
+        return dispatch_msg(channel, type, msg, len);
+    TV_LOG("unexpected msg received");
+    tv_impl_free_msg(msg);
+    return -1;
 }
 
 // ---- actors, closing, descriptor
 
 int register_actor(tv_channel *channel, tv_actor actor)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
-    if (channel->pairSocket != NULL) {
+    if (channel->pairSocket != nullptr) {
         TV_LOG("should not register actor for pair channel, register for server");
         return -1;
     }
@@ -457,7 +472,7 @@ void close_channel(tv_channel *channel)
 
 int get_polling_fd(tv_channel *channel)
 {
-    if (channel == NULL) {
+    if (channel == nullptr) {
         TV_LOG("get_polling_fd, channel is NULL");
         return -1;
     }

@@ -7,6 +7,7 @@
 // Failure  a message that does not fit is not built, and keeps its sequence number.
 // State    none but the channel's sequence number.
 
+#include "tv_internal.h"
 #include "tv_log.h"
 
 #include <limits.h>
@@ -100,7 +101,7 @@ static int pack_msg_to_buf(tv_channel *channel, const char *payload, int len, st
     }
     memcpy(dst + headerLen, payload, len);
 
-    channel->msgSequence = sequence < 0 || sequence == INT_MAX ? 0 : sequence + 1;
+    channel->msgSequence = next_sequence(sequence);
     return headerLen + len;
 }
 

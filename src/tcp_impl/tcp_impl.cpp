@@ -14,14 +14,14 @@
 
 int tv_impl_get_polling_fd(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     const tv_socket *socket = channel->pairSocket;
-    if (socket == NULL)
+    if (socket == nullptr)
         socket = channel->clientSocket;
-    if (socket == NULL)
+    if (socket == nullptr)
         socket = channel->serverSocket;
-    if (socket == NULL) {
+    if (socket == nullptr) {
         TV_LOG("tv_impl_get_polling_fd, channel is invalid");
         return -1;
     }
@@ -30,7 +30,7 @@ int tv_impl_get_polling_fd(tv_channel *channel)
 
 static int _impl_get_io_socket(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     if (get_channel_type(channel->channelId) == TV_CHANNEL_SERVER) {
         TV_LOG("error in tv_impl_send_rqst, could not send msg to listening socket");
@@ -66,20 +66,20 @@ char *tv_impl_recv_with_timeout(tv_channel *channel, int *len, int timeoutMs)
     const int fd = _impl_get_io_socket(channel);
     if (fd == -1) {
         *len = 0;
-        return NULL;
+        return nullptr;
     }
-    input_expected(fd);
+    note_input_taken(fd);
     char *msg = tcp_impl_receive_with_timeout(fd, len, timeoutMs);
-    if (msg == NULL || *len == 0)
+    if (msg == nullptr || *len == 0)
         report_linkdown(channel);
     return msg;
 }
 
 char *tv_impl_recv(tv_channel *channel, int *len)
 {
-    if (channel == NULL) {
+    if (channel == nullptr) {
         *len = 0;
-        return NULL;
+        return nullptr;
     }
     return tv_impl_recv_with_timeout(channel, len, channel->pollTimeout);
 }
@@ -87,18 +87,18 @@ char *tv_impl_recv(tv_channel *channel, int *len)
 // Free a socket and clear its slot. Returns false when the slot is empty.
 static bool free_socket(tv_socket **socket)
 {
-    if (*socket == NULL)
+    if (*socket == nullptr)
         return false;
     free(*socket);
-    *socket = NULL;
+    *socket = nullptr;
     return true;
 }
 
 void tv_impl_close_channel(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return;
-    index_closing(channel);
+
     close(tv_impl_get_polling_fd(channel));
     if (!free_socket(&channel->clientSocket) && !free_socket(&channel->serverSocket))
         free_socket(&channel->pairSocket);

@@ -1143,9 +1143,9 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 /** Receives one frame.
  *
  * With a timeout, one deadline covers header and body, on blocking descriptors too, however the
- * bytes arrive. Once it has passed, bytes that are buffered already may complete the frame;
- * otherwise the receive fails. One recv() takes at most 256 KiB. Memory is used as the bytes
- * arrive, not as the length announces them.
+ * bytes arrive. Once it has passed, bytes that are buffered already may still complete a body of up
+ * to 256 KiB, which is the most that one recv() takes; otherwise the receive fails. Memory is used
+ * as the bytes arrive, not as the length announces them.
  *
  * @param fd         a connected socket
  * @param len        gets the body's length; meaningless after a failure
@@ -1174,7 +1174,8 @@ int impl_create_server_socket(const char *ip, int port);
  *         open */
 int impl_create_client_socket(const char *ip, int port, int timeoutMs);
 
-/** Makes a socket non-blocking and connects it.
+/** Makes a socket non-blocking and connects it. A socket that got connected to itself is a failed
+ * connect.
  *
  * @param fd         a TCP socket; on failure it is the caller's to close
  * @param addr       the address

@@ -51,8 +51,7 @@ int tv_remove_channel(tv_channel *channel)
 void end_channel(tv_channel *channel)
 {
     tv_channel_list *pairs = &tv_service_server.pairList;
-    channel_guard guard;
-    guard_channel(&guard, channel);
+    channel_guard guard(channel);
     guard.closing = true;
     if (channel->pairSocket != nullptr)
         server_remove_channel(channel);
@@ -63,7 +62,6 @@ void end_channel(tv_channel *channel)
         tv_service_server.serverChannel = nullptr;
     unlist_channel(&tv_repository, channel);
     release_channel(channel);
-    unguard_channel(&guard);
 }
 
 void tv_close_channel(int channelId)

@@ -115,12 +115,12 @@ static void set_pending_rqst(tv_channel *channel, char *msg)
 
 // Offer a request to the actors in turn. Returns the result of the one that took it, or
 // TV_ACTOR_PASS. Stops when an actor closed the channel.
-static int offer_to_actors(const channel_guard *guard, const char *payload, int payloadLen,
+static int offer_to_actors(const channel_guard &guard, const char *payload, int payloadLen,
                            char **reply, int *replyLen)
 {
-    const tv_channel *channel = guard->channel;
+    const tv_channel *channel = guard.channel;
     int result = TV_ACTOR_PASS;
-    for (int i = 0; result == TV_ACTOR_PASS && !guard->closed && i < channel->actorCount; i++) {
+    for (int i = 0; result == TV_ACTOR_PASS && !guard.closed && i < channel->actorCount; i++) {
         const tv_actor actor = channel->actors[i];
         if (actor != nullptr)
             result = actor(channel->channelId, payload, payloadLen, reply, replyLen);
@@ -155,10 +155,9 @@ static int do_process_rqst(tv_channel *channel, char *msg, int len)
     char *reply = nullptr;
     int replyLen = 0;
     int outcome = -1;
-    channel_guard guard;
-    guard_channel(&guard, channel);
-    const int result = offer_to_actors(&guard, payload, payloadLen, &reply, &replyLen);
-    if (!unguard_channel(&guard)) {
+    channel_guard guard(channel);
+    const int result = offer_to_actors(guard, payload, payloadLen, &reply, &replyLen);
+    if (guard.closed) {
         tv_impl_free_msg(msg);
     } else if (result == TV_ACTOR_PASS) {
         TV_LOG("no actor registered to process this msg: %.*s", TV_MSG_BUF_SIZE, msg);
@@ -172,15 +171,11 @@ static int do_process_rqst(tv_channel *channel, char *msg, int len)
 
 static int process_queued_rqsts(tv_channel *channel)
 {
+    channel_guard guard(channel);
     rb_item item;
-    bool open = true;
-    while (open && channel->pendingRqst == nullptr &&
-           rb_pop_item(&channel->rqstQueue, &item) == 0) {
-        channel_guard guard;
-        guard_channel(&guard, channel);
+    while (!guard.closed && channel->pendingRqst == nullptr &&
+           rb_pop_item(&channel->rqstQueue, &item) == 0)
         do_process_rqst(channel, item.msg, item.len);
-        open = unguard_channel(&guard);
-    }
     return 0;
 }
 
@@ -223,11 +218,10 @@ static void rqst_timeout(intptr_t channelId, intptr_t)
         return;
     channel->rqstTimerId = -1;
     if (channel->waitingResp) {
-        channel_guard guard;
-        guard_channel(&guard, channel);
+        channel_guard guard(channel);
         if (channel->timeoutHandler != nullptr)
             channel->timeoutHandler(channel->channelId);
-        if (!unguard_channel(&guard))
+        if (guard.closed)
             return;
         // If the handler ran the channel's descriptor handler, the reply may have arrived, and the
         // response handler may have sent the next request, which still waits.
@@ -280,12 +274,11 @@ int process_channel_resp(tv_channel *channel, char *msg, int len)
 
     int payloadLen = 0;
     const char *payload = get_msg_payload(msg, len, &payloadLen);
-    channel_guard guard;
-    guard_channel(&guard, channel);
+    channel_guard guard(channel);
     if (channel->respHandler != nullptr)
         channel->respHandler(channel->channelId, payload, payloadLen);
     tv_impl_free_msg(msg);
-    if (unguard_channel(&guard))
+    if (!guard.closed)
         process_queued_rqsts(channel);
     return 0;
 }
@@ -308,13 +301,8 @@ static void switch_heartbeat_off(tv_channel *channel)
     channel->hbCount = 0;
 }
 
-static void channel_disconnected(int channelId)
+static void channel_disconnected(tv_channel *channel)
 {
-    tv_channel *channel = tv_get_channel(channelId);
-    if (channel == nullptr) {
-        TV_LOG("channel_disconnected , channel[%d] not found", channelId);
-        return;
-    }
     switch_heartbeat_off(channel);
     report_linkdown(channel, true);
 }
@@ -330,7 +318,7 @@ static void active_hb_timeout(intptr_t arg, intptr_t)
     TV_LOG("active_hb_timeout, channel id[%d]", channelId);
     channel->hbMissCount++;
     if (channel->hbMissCount > channel->hbCount)
-        channel_disconnected(channelId);
+        channel_disconnected(channel);
     else
         send_heartbeat(channel);
 }
@@ -400,23 +388,19 @@ int tv_msg_received(tv_channel *channel, int seq)
     return 0;
 }
 
-char *receive_msg(tv_channel *channel, int *len, int *result)
+int serve_channel(tv_channel *channel, int (*handle_other)(tv_channel *, int type, char *msg))
 {
-    *len = 0;
-    *result = 0;
-    char *msg = tv_impl_recv_with_timeout(channel, len, channel->pollTimeout);
-    // Without bytes the link is down, and the link-down callback may have closed the channel.
-    if (msg != nullptr && *len > 0) {
-        *result = tv_msg_received(channel, get_msg_sequence(msg));
-        if (*result == 0)
-            return msg;
+    int len = 0;
+    char *msg = tv_impl_recv_with_timeout(channel, &len, channel->pollTimeout);
+    if (msg == nullptr || len == 0) { // the link is down: the channel may be closed
+        tv_impl_free_msg(msg);
+        return 0;
     }
-    tv_impl_free_msg(msg);
-    return nullptr;
-}
-
-int dispatch_msg(tv_channel *channel, int type, char *msg, int len)
-{
+    if (tv_msg_received(channel, get_msg_sequence(msg)) != 0) {
+        tv_impl_free_msg(msg);
+        return -1;
+    }
+    const int type = get_msg_type(msg);
     switch (type) {
     case TV_MSG_REQUEST:
         return process_channel_rqst(channel, msg, len);
@@ -425,25 +409,24 @@ int dispatch_msg(tv_channel *channel, int type, char *msg, int len)
     case TV_MSG_HEARTBEAT:
         heartbeat_received(channel, msg);
         return 0;
-    default:
+    case TV_MSG_HEARTBEAT_ACK:
         heartbeat_ack_received(channel, msg);
         return 0;
+    default:
+        return handle_other(channel, type, msg);
     }
+}
+
+static int reject_msg(tv_channel *, int, char *msg)
+{
+    TV_LOG_AT("handle_client_polling_fd", __LINE__, "unexpected msg received");
+    tv_impl_free_msg(msg);
+    return -1;
 }
 
 int handle_client_polling_fd(tv_channel *channel)
 {
-    int len;
-    int result;
-    char *msg = receive_msg(channel, &len, &result);
-    if (msg == nullptr)
-        return result;
-    const int type = get_msg_type(msg);
-    if (type != TV_MSG_LOGIN && type != TV_MSG_LOGOUT && type != TV_MSG_UNKNOWN)
-        return dispatch_msg(channel, type, msg, len);
-    TV_LOG("unexpected msg received");
-    tv_impl_free_msg(msg);
-    return -1;
+    return serve_channel(channel, reject_msg);
 }
 
 // ---- actors, closing, descriptor

@@ -14,20 +14,16 @@
 
 static channel_guard *guards = nullptr; // the innermost one
 
-void guard_channel(channel_guard *guard, tv_channel *channel)
+channel_guard::channel_guard(tv_channel *channel) : channel(channel), outer(guards)
 {
-    *guard = {};
-    guard->channel = channel;
-    guard->outer = guards;
-    guards = guard;
+    guards = this;
 }
 
-bool unguard_channel(channel_guard *guard)
+channel_guard::~channel_guard()
 {
-    guards = guard->outer;
-    if (guard->closed)
-        release_channel(guard->channel);
-    return !guard->closed;
+    guards = outer;
+    if (closed)
+        release_channel(channel);
 }
 
 // The innermost guard on the channel that has the flag, or null.
@@ -86,14 +82,12 @@ bool report_linkdown(tv_channel *channel, bool mustNotBeLost)
     }
     if (channel->linkdownCallback == nullptr)
         return false;
-    channel_guard guard; // the callback is shown the record's URL
-    guard_channel(&guard, channel);
+    channel_guard guard(channel); // the callback is shown the record's URL
     guard.inLinkdown = true;
     do {
         guard.linkdownPending = false;
         channel->linkdownCallback(channel->channelId, channel->url);
     } while (guard.linkdownPending && !guard.closed && channel->linkdownCallback != nullptr);
-    unguard_channel(&guard);
     return true;
 }
 
@@ -101,28 +95,25 @@ bool report_linkdown(tv_channel *channel, bool mustNotBeLost)
 
 static list_walk *walks = nullptr; // the innermost one
 
-void begin_walk(list_walk *walk, tv_channel_list *head)
+list_walk::list_walk(tv_channel_list *head) : head(head), next(head->next), outer(walks)
 {
-    walk->head = head;
-    walk->next = head->next;
-    walk->outer = walks;
-    walks = walk;
+    walks = this;
 }
 
-tv_channel *next_channel(list_walk *walk)
+list_walk::~list_walk()
 {
-    while (walk->next != walk->head && walk->next != nullptr) {
-        const tv_channel_node *entry = (const tv_channel_node *)walk->next;
-        walk->next = entry->links.next;
+    walks = outer;
+}
+
+tv_channel *list_walk::next_channel()
+{
+    while (next != head && next != nullptr) {
+        const tv_channel_node *entry = (const tv_channel_node *)next;
+        next = entry->links.next;
         if (entry->channel != nullptr)
             return entry->channel;
     }
     return nullptr;
-}
-
-void end_walk(list_walk *walk)
-{
-    walks = walk->outer;
 }
 
 void step_walks_over(const tv_channel_list *entry)

@@ -77,27 +77,24 @@ int unlist_channel(tv_channel_list *head, const tv_channel *channel);
 // callback closes the channel, the record stays allocated until the outermost guard on it ends, and
 // each guard tells its operation to stop:
 //
-//     channel_guard guard;
-//     guard_channel(&guard, channel);
+//     channel_guard guard(channel);
 //     handler(channelId);
-//     if (!unguard_channel(&guard))
-//         return; // closed in the handler, and possibly freed by now
-//
-// Guards end in reverse order of their beginning, like the calls that hold them.
+//     if (guard.closed)
+//         return;
 struct channel_guard {
+    explicit channel_guard(tv_channel *channel);
+    ~channel_guard();
+    channel_guard(const channel_guard &) = delete;
+    channel_guard &operator=(const channel_guard &) = delete;
+
     tv_channel *channel;
-    bool closing;         // end_channel() is at work on the channel
-    bool closed;          // the channel is gone; its record is kept for the guards on it
-    bool replyReceived;   // the channel has received the reply to its request
-    bool inLinkdown;      // the channel's link-down callback runs
-    bool linkdownPending; // and must run once more
+    bool closed = false;          // the channel is gone, do not touch it
+    bool closing = false;         // end_channel() is at work on the channel
+    bool replyReceived = false;   // the channel has received the reply to its request
+    bool inLinkdown = false;      // the channel's link-down callback runs
+    bool linkdownPending = false; // and must run once more
     channel_guard *outer;
 };
-
-void guard_channel(channel_guard *guard, tv_channel *channel);
-
-// End a guard. Returns whether the channel is still open; if not, do not touch the record.
-bool unguard_channel(channel_guard *guard);
 
 // Whether end_channel() is at work on the channel further out on the stack.
 bool is_closing(const tv_channel *channel);
@@ -115,31 +112,30 @@ bool report_linkdown(tv_channel *channel, bool mustNotBeLost = false);
 // guard on it ends.
 void release_channel(tv_channel *channel);
 
-// A walk over a list that survives the removal of any entry. Walks nest like guards.
+// A walk over a list. Any entry may be removed meanwhile.
 struct list_walk {
+    explicit list_walk(tv_channel_list *head);
+    ~list_walk();
+    list_walk(const list_walk &) = delete;
+    list_walk &operator=(const list_walk &) = delete;
+
+    // Return the next channel, or null at the end. Entries without a record are passed over.
+    tv_channel *next_channel();
+
     tv_channel_list *head;
     tv_channel_list *next; // the next entry, the head at the end, or null after a null link
     list_walk *outer;
 };
-
-void begin_walk(list_walk *walk, tv_channel_list *head);
-
-// Return the next channel, or null at the end. Entries without a record are passed over.
-tv_channel *next_channel(list_walk *walk);
-void end_walk(list_walk *walk);
 
 // Move the walks that would visit this entry next to the one after it.
 void step_walks_over(const tv_channel_list *entry);
 
 // ---- tv_channel.cpp
 
-// Receive one message and check its sequence number. Returns the message, which the caller owns, and
-// its length, or null with the reason in *result: 0 nothing received (the link-down callback has
-// run and may have closed the channel), -1 out of sequence.
-char *receive_msg(tv_channel *channel, int *len, int *result);
-
-// Handle a request, reply, heartbeat or acknowledgement. Takes msg.
-int dispatch_msg(tv_channel *channel, int type, char *msg, int len);
+// Receive one message, check its sequence number and handle it. A login, a logout or a message of
+// no known type goes to handle_other, which takes it. Returns 0, the result of the handling, or -1
+// for a message out of sequence.
+int serve_channel(tv_channel *channel, int (*handle_other)(tv_channel *, int type, char *msg));
 
 // ---- tv_api.cpp
 

@@ -86,28 +86,32 @@ int tv_start_server(const char *ip, int port)
     return tv_start_service_server(ip, port, nullptr, nullptr, nullptr);
 }
 
+// The oldest pair of a server that is stopping. Null: there is none, or another server has been
+// started meanwhile, whose pairs stay.
+static tv_channel *oldest_pair_of(const tv_channel *stopping)
+{
+    const tv_channel *current = tv_service_server.serverChannel;
+    if (current != nullptr && current != stopping)
+        return nullptr;
+    return list_walk(&tv_service_server.pairList).next_channel();
+}
+
 void tv_stop_server(void)
 {
     tv_channel *server = tv_service_server.serverChannel;
     if (server == nullptr)
         return;
 
-    // Every close of a pair calls back. The callback may close pairs, stop this server, and start
-    // another one, whose pairs stay.
-    channel_guard guard;
-    guard_channel(&guard, server);
-    list_walk walk;
-    begin_walk(&walk, &tv_service_server.pairList);
-    for (tv_channel *pair = next_channel(&walk); pair != nullptr; pair = next_channel(&walk)) {
-        if (tv_service_server.serverChannel != server && tv_service_server.serverChannel != nullptr)
-            break;
+    // Closing a pair calls back, and the callback may close pairs, accept one, or stop the server.
+    channel_guard guard(server);
+    for (tv_channel *pair = oldest_pair_of(server); pair != nullptr;
+         pair = oldest_pair_of(server)) {
         if (is_closing(pair)) // in its own fd-close callback, which has called this
             unlist_channel(&tv_service_server.pairList, pair);
         else
             end_channel(pair);
     }
-    end_walk(&walk);
-    if (unguard_channel(&guard))
+    if (!guard.closed)
         end_channel(server);
 }
 
@@ -187,11 +191,10 @@ int create_pair_channel(int fd)
         return -1;
     }
     TV_LOG("pair fd:%d", fd);
-    channel_guard guard;
-    guard_channel(&guard, pair);
+    channel_guard guard(pair);
     if (tv_service_server.clientFdOpenCallback != nullptr)
         tv_service_server.clientFdOpenCallback(fd);
-    if (!unguard_channel(&guard))
+    if (guard.closed)
         return -1;
 
     // The callback may have changed the server's settings, or stopped the server.
@@ -232,13 +235,10 @@ int server_remove_channel(tv_channel *channel)
 {
     if (channel == nullptr)
         return 0;
-    channel_guard guard; // the callback may close the channel
-    guard_channel(&guard, channel);
+    channel_guard guard(channel); // the callback may close the channel
     if (channel->pairSocket != nullptr && tv_service_server.clientFdCloseCallback != nullptr)
         tv_service_server.clientFdCloseCallback(channel->pairSocket->fd);
-    const int result = guard.closed ? 1 : unlist_channel(&tv_service_server.pairList, channel);
-    unguard_channel(&guard);
-    return result;
+    return guard.closed ? 1 : unlist_channel(&tv_service_server.pairList, channel);
 }
 
 // ---- what arrives on a pair
@@ -289,8 +289,7 @@ int login_msg_received(tv_channel *channel, char *msg)
         tv_impl_free_msg(msg);
         return 0;
     }
-    channel_guard guard;
-    guard_channel(&guard, channel);
+    channel_guard guard(channel);
     const tv_channel *older = get_channel_by_ip(&tv_service_server.pairList, url);
     if (older != nullptr && older != channel) {
         TV_LOG("login_msg_received, close previous channel for url: %s", url);
@@ -298,7 +297,7 @@ int login_msg_received(tv_channel *channel, char *msg)
     }
     if (!guard.closed && tv_service_server.connectedCallback != nullptr)
         tv_service_server.connectedCallback(channel->channelId, url);
-    if (unguard_channel(&guard))
+    if (!guard.closed)
         update_pair_channel(channel, url);
     tv_impl_free_msg(msg);
     return 0;
@@ -315,32 +314,25 @@ int logout_msg_received(tv_channel *channel, char *msg)
     return 0;
 }
 
+static int handle_login_or_logout(tv_channel *pair, int type, char *msg)
+{
+    if (type == TV_MSG_LOGIN)
+        return login_msg_received(pair, msg);
+    if (type == TV_MSG_LOGOUT) {
+        logout_msg_received(pair, msg);
+        TV_LOG_AT("tv_pair_fd_handler", __LINE__, "logout msg received");
+        return 0;
+    }
+    TV_LOG_AT("tv_pair_fd_handler", __LINE__, "unexpected msg type received!!!");
+    tv_impl_free_msg(msg);
+    return 0;
+}
+
 int tv_pair_fd_handler(int fd, intptr_t, intptr_t)
 {
     tv_channel *pair = get_pair_by_fd(fd);
-    if (pair == nullptr)
-        return 0;
-    int len;
-    int result;
-    char *msg = receive_msg(pair, &len, &result);
-    if (msg == nullptr)
-        return 0;
-    const int type = get_msg_type(msg);
-    switch (type) {
-    case TV_MSG_LOGIN:
-        login_msg_received(pair, msg);
-        break;
-    case TV_MSG_LOGOUT:
-        logout_msg_received(pair, msg);
-        TV_LOG("logout msg received");
-        break;
-    case TV_MSG_UNKNOWN:
-        TV_LOG("unexpected msg type received!!!");
-        tv_impl_free_msg(msg);
-        break;
-    default:
-        dispatch_msg(pair, type, msg, len);
-    }
+    if (pair != nullptr)
+        serve_channel(pair, handle_login_or_logout);
     return 0;
 }
 
@@ -349,11 +341,9 @@ int tv_pair_fd_handler(int fd, intptr_t, intptr_t)
 int tv_broadcast_rqst_to_client(const void *data, int length)
 {
     // A send that fails calls back, and the callback may close any pair.
-    list_walk walk;
-    begin_walk(&walk, &tv_service_server.pairList);
-    for (tv_channel *pair = next_channel(&walk); pair != nullptr; pair = next_channel(&walk))
+    list_walk walk(&tv_service_server.pairList);
+    while (tv_channel *pair = walk.next_channel())
         send_rqst(pair, (const char *)data, length, 0);
-    end_walk(&walk);
     return 0;
 }
 
@@ -366,9 +356,8 @@ int tv_service_enable_heartbeat(int interval, int count, tv_linkdown_cb linkdown
         server->hbCount = count;
         server->hbMode = TV_HEARTBEAT_ON;
     }
-    list_walk walk;
-    begin_walk(&walk, &tv_service_server.pairList);
-    for (tv_channel *pair = next_channel(&walk); pair != nullptr; pair = next_channel(&walk)) {
+    list_walk walk(&tv_service_server.pairList);
+    while (tv_channel *pair = walk.next_channel()) {
         if (server == nullptr)
             continue;
         inherit_heartbeat(pair, server);
@@ -377,17 +366,15 @@ int tv_service_enable_heartbeat(int interval, int count, tv_linkdown_cb linkdown
     }
     if (walk.next == nullptr)
         TV_LOG("channel list is null");
-    end_walk(&walk);
     return 0;
 }
 
 int tv_get_all_client_fds(int *fds, int maxsize)
 {
-    list_walk walk;
-    begin_walk(&walk, &tv_service_server.pairList);
+    list_walk walk(&tv_service_server.pairList);
     int count = 0;
     while (walk.next != walk.head && count < maxsize) {
-        const tv_channel *pair = next_channel(&walk);
+        const tv_channel *pair = walk.next_channel();
         if (pair == nullptr)
             break;
         if (pair->pairSocket != nullptr)
@@ -399,7 +386,6 @@ int tv_get_all_client_fds(int *fds, int maxsize)
         TV_LOG("too many fds, maxsize is [%d]", maxsize);
     else if (walk.next == nullptr)
         TV_LOG("channel list is null");
-    end_walk(&walk);
     return 0;
 }
 

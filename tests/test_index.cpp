@@ -161,7 +161,8 @@ static void change()
     case 6:
         return move_to_end(&tv_repository, pair->channelId);
     case 7:
-        return (void)add_channel(&ownList, &ownChannels[random() % 60]);
+        return (void)(is_short(&ownList) ? add_channel(&ownList, &ownChannels[random() % 60])
+                                         : nullptr);
     case 8:
         return (void)remove_channel(&ownList, random() % keys);
     case 9:

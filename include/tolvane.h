@@ -181,9 +181,8 @@ typedef void (*tv_linkdown_cb)(int channelId, const char *url);
  * been closed by then, unless the URL is longer than 63 characters or the application has taken
  * that pair out of the repository.
  *
- * tv_get_client_channel() finds the pair once the callback has returned, if the URL has at most 63
- * characters. May send on the pair. Leave the pair open until the callback has returned; closing
- * it here is memory-safe.
+ * tv_get_client_channel() finds the pair once the callback has returned. May send on the pair. Leave
+ * the pair open until the callback has returned; closing it here is memory-safe.
  *
  * @param channelId  the pair
  * @param url        the URL in the login: text from the network, of any length and content; cut it
@@ -1056,7 +1055,7 @@ int get_msg_sequence(const char *msg);
  * @param msg   the message
  * @param dst   gets the URL, cut to size - 1 characters
  * @param size  bytes of dst, 1 or more
- * @return 0, or -1: no tag, or the first payload marker is not behind it (dst is unchanged) */
+ * @return 0, or -1: no tag, or the first payload marker is before it (dst is unchanged) */
 int get_msg_url(const char *msg, char *dst, int size);
 
 /** Finds a message's payload.
@@ -1068,7 +1067,7 @@ int get_msg_url(const char *msg, char *dst, int size);
 const char *get_msg_payload(const char *msg, int len, int *payloadLen);
 
 /** Returns the number after the name "sequence" in a heartbeat's payload, 0 if no digits follow the
- * name; or -1: no such name, or no brace behind it. */
+ * name; or -1: no such name, or no closing brace after it. */
 int get_heartbeat_sequence(const char *text);
 
 /** Returns the number after the name "interval", as get_heartbeat_sequence(). */

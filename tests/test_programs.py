@@ -262,7 +262,8 @@ def check_exports(folder, *compilers):
         section = re.findall(r"\((NEEDED|SONAME)\).*\[(.*)\]", output("readelf", "-d", library))
         assert sorted(map(":".join, section)) == names.split(), section
         for compiler, language in zip(compilers, ("c -std=c11", "c++ -std=c++17")):
-            output(*compiler.split(), "-x", *language.split(), *FLAGS, "-fsyntax-only", header + ".h")
+            for part in "-UTOLVANE_APPLICATION_ONLY", "-DTOLVANE_APPLICATION_ONLY":
+                output(*compiler.split(), "-x", *language.split(), *FLAGS, part, "-fsyntax-only", header + ".h")
 
 
 # The man pages made of the headers are complete and sound.

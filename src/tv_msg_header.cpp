@@ -106,14 +106,14 @@ static int pack_into_channel(tv_channel *channel, const char *payload, int len, 
 
 int pack_outgoing_rqst(tv_channel *channel, const char *payload, int len)
 {
-    if (payload == NULL || channel == NULL)
+    if (payload == nullptr || channel == nullptr)
         return 0;
     return pack_into_channel(channel, payload, len, TV_MSG_REQUEST);
 }
 
 int pack_outgoing_resp(tv_channel *channel, const char *payload, int len)
 {
-    if (payload == NULL || channel == NULL)
+    if (payload == nullptr || channel == nullptr)
         return 0;
     return pack_into_channel(channel, payload, len, TV_MSG_REPLY);
 }
@@ -162,7 +162,7 @@ static int find_tag(const char *msg, const char **url)
 {
     int lowest = TV_MSG_UNKNOWN;
     const char *prefix = strstr(msg, PREFIX);
-    while (prefix != NULL && lowest > TV_MSG_LOGIN) {
+    while (prefix != nullptr && lowest > TV_MSG_LOGIN) {
         const char *name = prefix + prefixLen;
         const int type = type_of_name(name, lowest);
         if (type < lowest) {
@@ -179,7 +179,7 @@ static int to_int(const char *text, size_t count)
 {
     char number[maxNumberLen + 1] = "";
     strncpy(number, text, count < maxNumberLen ? count : maxNumberLen);
-    const long value = strtol(number, NULL, 10);
+    const long value = strtol(number, nullptr, 10);
     if (value > INT_MAX)
         return INT_MAX;
     return value < INT_MIN ? INT_MIN : (int)value;
@@ -187,7 +187,7 @@ static int to_int(const char *text, size_t count)
 
 int get_msg_type(const char *msg)
 {
-    const char *url = NULL;
+    const char *url = nullptr;
     const int type = find_tag(msg, &url);
     if (type == TV_MSG_UNKNOWN)
         TV_LOG("get_msg_type, unexpected tolvane received");
@@ -197,12 +197,12 @@ int get_msg_type(const char *msg)
 int get_msg_sequence(const char *msg)
 {
     const char *prefix = strstr(msg, PREFIX);
-    return prefix == NULL ? 0 : to_int(msg, prefix - msg);
+    return prefix == nullptr ? 0 : to_int(msg, prefix - msg);
 }
 
 static const char *get_url_pos(const char *msg)
 {
-    const char *url = NULL;
+    const char *url = nullptr;
     if (find_tag(msg, &url) == TV_MSG_UNKNOWN)
         TV_LOG("get_url_pos, unexpected tolvane received");
     return url;
@@ -211,10 +211,10 @@ static const char *get_url_pos(const char *msg)
 int get_msg_url(const char *msg, char *dst, int size)
 {
     const char *url = get_url_pos(msg);
-    if (url == NULL)
+    if (url == nullptr)
         return -1;
     const char *marker = strstr(msg, PAYLOAD_MARKER);
-    if (marker == NULL || marker < url || size < 1)
+    if (marker == nullptr || marker < url || size < 1)
         return -1;
 
     const long len = marker - url < size ? marker - url : size - 1;
@@ -226,10 +226,10 @@ int get_msg_url(const char *msg, char *dst, int size)
 const char *get_msg_payload(const char *msg, int len, int *payloadLen)
 {
     const char *marker = strstr(msg, PAYLOAD_MARKER);
-    if (marker == NULL || marker - msg + markerLen > len) {
+    if (marker == nullptr || marker - msg + markerLen > len) {
         TV_LOG("get_msg_payload, unexpected tolvane received");
         *payloadLen = 0;
-        return NULL;
+        return nullptr;
     }
     const char *payload = marker + markerLen;
     *payloadLen = len - (int)(payload - msg);
@@ -239,12 +239,12 @@ const char *get_msg_payload(const char *msg, int len, int *payloadLen)
 static int get_heartbeat_value(const char *text, const char *key)
 {
     const char *found = strstr(text, key);
-    if (found == NULL) {
+    if (found == nullptr) {
         TV_LOG("could not find key");
         return -1;
     }
     const char *end = strchr(found, '}');
-    if (end == NULL)
+    if (end == nullptr)
         return -1;
 
     // The character after the key, a colon, is not looked at. A brace in its place makes the

@@ -248,7 +248,13 @@ static ssize_t receive_now(int fd, void *bytes, size_t size, int flags)
 WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
      way == HALF ? receive_now(fd, bytes, (size + 1) / 2, flags) : -(way != END),
      receive_now(fd, bytes, size, flags))
-WRAP(int, close, (int fd), (__real_close(fd), -1), __real_close(fd))
+extern "C" int __real_close(int);
+static int close_open(int fd) // what was never opened is not closed
+{
+    REQUIRE(fd >= 0);
+    return __real_close(fd);
+}
+WRAP(int, close, (int fd), (close_open(fd), -1), close_open(fd))
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
 WRAP(void, perror, (const char *text), (void)0,
      (void)(complaint = std::string(text) + ": " + strerror(errno)))

@@ -102,9 +102,9 @@ static bool make_room(void)
     const uint32_t size = tableSize == 0 ? firstTableSize : 2 * tableSize;
     timer_entry *grown = (timer_entry *)malloc(size * sizeof(timer_entry));
     int *grownHeap = (int *)realloc(heap, size / 2 * sizeof(int));
-    if (grownHeap != NULL)
+    if (grownHeap != nullptr)
         heap = grownHeap;
-    if (grown == NULL || grownHeap == NULL) {
+    if (grown == nullptr || grownHeap == nullptr) {
         free(grown);
         return false;
     }
@@ -120,7 +120,7 @@ static bool make_room(void)
 
 static int start(int interval, int64_t period, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
 {
-    if (interval < 1 || callback == NULL || !make_room())
+    if (interval < 1 || callback == nullptr || !make_room())
         return -1;
     do {
         lastId = lastId == INT_MAX ? 0 : lastId + 1;

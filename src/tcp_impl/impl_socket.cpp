@@ -216,19 +216,19 @@ char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs)
     const long long deadline = timeoutMs > 0 ? _monotonic_ms() + timeoutMs : noDeadline;
     const int bodyLen = _receive_header(fd, deadline);
     if (bodyLen < 0)
-        return NULL;
+        return nullptr;
 
     // One byte more for the 0x00 that ends every scan of the message. A large block costs memory
     // only as its bytes arrive.
     char *body = (char *)malloc((size_t)bodyLen + 1);
-    if (body == NULL) {
+    if (body == nullptr) {
         TV_LOG("tcp_impl_receive, failed on malloc");
-        return NULL;
+        return nullptr;
     }
     if (!_impl_receive_with_timeout(fd, body, bodyLen, deadline)) {
         TV_LOG("tcp_impl_receive, failed on receive msg, len[%d]", bodyLen);
         free(body);
-        return NULL;
+        return nullptr;
     }
     body[bodyLen] = '\0';
     *len = bodyLen;
@@ -378,7 +378,7 @@ int impl_create_client_socket(const char *ip, int port, int timeoutMs)
 int tcp_impl_accept_socket(int listenFd)
 {
     // The peer is known by the URL of its login, not by its address.
-    const int fd = accept4(listenFd, NULL, NULL, SOCK_CLOEXEC);
+    const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd >= 0) {
         _set_fd_nonblock(fd);
         _set_nodelay(fd);

@@ -79,31 +79,30 @@ int tv_register_actor(int channelId, tv_actor actor)
     return channel == nullptr ? -1 : register_actor(channel, actor);
 }
 
-int tv_register_resp_handler(int channelId, tv_resp_handler handler)
+template <typename Callback>
+static int set_callback(int channelId, Callback tv_channel::*field, Callback callback,
+                        const char *caller = __builtin_FUNCTION())
 {
-    tv_channel *channel = find_channel(channelId);
+    tv_channel *channel = find_channel(channelId, caller);
     if (channel == nullptr)
         return -1;
-    channel->respHandler = handler;
+    channel->*field = callback;
     return 0;
+}
+
+int tv_register_resp_handler(int channelId, tv_resp_handler handler)
+{
+    return set_callback(channelId, &tv_channel::respHandler, handler);
 }
 
 int tv_register_timeout_handler(int channelId, tv_timeout_handler handler)
 {
-    tv_channel *channel = find_channel(channelId);
-    if (channel == nullptr)
-        return -1;
-    channel->timeoutHandler = handler;
-    return 0;
+    return set_callback(channelId, &tv_channel::timeoutHandler, handler);
 }
 
 int tv_register_linkdown_callback(int channelId, tv_linkdown_cb cb)
 {
-    tv_channel *channel = find_channel(channelId);
-    if (channel == nullptr)
-        return -1;
-    channel->linkdownCallback = cb;
-    return 0;
+    return set_callback(channelId, &tv_channel::linkdownCallback, cb);
 }
 
 int tv_set_poll_timeout(int channelId, int timeoutMs)

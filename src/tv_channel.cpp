@@ -131,16 +131,12 @@ static int offer_to_actors(const channel_guard &guard, const char *payload, int 
 // Act on the result of the actor that took the request. Takes msg; the reply stays the caller's.
 static int finish_rqst(tv_channel *channel, char *msg, int result, const char *reply, int replyLen)
 {
-    if (result == TV_ACTOR_DEFERRED) {
-        set_pending_rqst(channel, msg);
-        return 0;
-    }
-    if (reply == nullptr) {
+    if (result != TV_ACTOR_DEFERRED && reply == nullptr) {
         tv_impl_free_msg(msg);
         return 0;
     }
     set_pending_rqst(channel, msg);
-    return send_resp(channel, reply, replyLen);
+    return result == TV_ACTOR_DEFERRED ? 0 : send_resp(channel, reply, replyLen);
 }
 
 static int do_process_rqst(tv_channel *channel, char *msg, int len)

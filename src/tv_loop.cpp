@@ -8,7 +8,7 @@
 //          belong to another descriptor by now, or its input may have been taken already. A handler
 //          would then block, so the loop asks again if anything of that kind may have happened.
 // Failure  the loop ends when poll() fails with anything but EINTR.
-// State    the table, in static storage, set up on first use.
+// State    the table.
 
 #include "tv_internal.h"
 #include "tv_log.h"
@@ -18,13 +18,12 @@
 #include <errno.h>
 
 struct fd_handler_slot {
-    int fd; // -1: free
-    intptr_t arg1;
-    intptr_t arg2;
-    tv_fd_handler handler;
+    int fd = -1; // free
+    intptr_t arg1 = 0;
+    intptr_t arg2 = 0;
+    tv_fd_handler handler = nullptr;
 };
 
-static uint8_t fdTableInitialized;
 static int fdHandlerCount;
 static fd_handler_slot fdHandlerTable[TV_MAX_POLLING_FDS];
 
@@ -41,18 +40,6 @@ int expected_interval(int listed) __asm__("ruvo_timer_get_expected_interval");
 void fire_timer(int ready) __asm__("ruvo_fire_timer");
 }
 
-static const fd_handler_slot freeSlot = {-1, 0, 0, nullptr};
-
-static void init_fd_handler_table(void)
-{
-    if (fdTableInitialized)
-        return;
-    fdTableInitialized = 1;
-    fdHandlerCount = 0;
-    for (fd_handler_slot &slot : fdHandlerTable)
-        slot = freeSlot;
-}
-
 // The lowest slot that holds fd, or null.
 static fd_handler_slot *find_slot(int fd)
 {
@@ -65,18 +52,12 @@ static fd_handler_slot *find_slot(int fd)
 
 int reserve_fd_index(void)
 {
-    init_fd_handler_table();
     if (fdHandlerCount >= TV_MAX_POLLING_FDS) {
         TV_LOG("failed on reserve_fd_index, fdHandlerCount[%d]", fdHandlerCount);
         return TV_MAX_POLLING_FDS;
     }
-    const fd_handler_slot *slot = find_slot(-1);
-    if (slot == nullptr) {
-        TV_LOG("failed on reserve_fd_index, no slot found");
-        return TV_MAX_POLLING_FDS;
-    }
     fdHandlerCount++;
-    return (int)(slot - fdHandlerTable);
+    return (int)(find_slot(-1) - fdHandlerTable); // every slot in use is counted, so one is free
 }
 
 int tv_register_polling_fd(int fd, tv_fd_handler handler, intptr_t arg1, intptr_t arg2)
@@ -94,13 +75,12 @@ int tv_register_polling_fd(int fd, tv_fd_handler handler, intptr_t arg1, intptr_
 
 int tv_unregister_polling_fd(int fd)
 {
-    init_fd_handler_table();
     fd_handler_slot *slot = fd == -1 ? nullptr : find_slot(fd); // -1 would find a free slot
     if (slot == nullptr) {
         TV_LOG("faield on tv_unregister_polling_fd, fd[%d]", fd);
         return -1;
     }
-    *slot = freeSlot;
+    *slot = {};
     if (fdHandlerCount > 0) {
         TV_LOG("tv_unregister_polling_fd, fd[%d]", fd);
         fdHandlerCount--;
@@ -110,7 +90,6 @@ int tv_unregister_polling_fd(int fd)
 
 int build_polling_fd_list(struct pollfd *list, int size)
 {
-    init_fd_handler_table();
     int count = 0;
     for (const fd_handler_slot &slot : fdHandlerTable) {
         if (slot.fd == -1)
@@ -175,7 +154,6 @@ static void serve_ready(const struct pollfd *list, int count)
 
 void tv_main_loop(void)
 {
-    init_fd_handler_table();
     for (;;) {
         struct pollfd list[TV_MAX_POLLING_FDS];
         const int count = build_polling_fd_list(list, TV_MAX_POLLING_FDS);

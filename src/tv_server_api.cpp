@@ -272,9 +272,11 @@ static const char *get_url_payload(const char *msg)
     return get_msg_payload(msg, INT_MAX, &len);
 }
 
-// Close an older connection of the client that is logging in.
+// Close an older connection of the client that logs in. The disconnected callback may close it too.
 static void replace_pair(int channelId, const char *url)
 {
+    TV_LOG_AT("login_msg_received", __LINE__,
+              "login_msg_received, close previous channel for url: %s", url);
     if (tv_service_server.disconnectedCallback != nullptr)
         tv_service_server.disconnectedCallback(channelId, url);
     tv_close_channel(channelId);
@@ -291,10 +293,8 @@ int login_msg_received(tv_channel *channel, char *msg)
     }
     channel_guard guard(channel);
     const tv_channel *older = get_channel_by_ip(&tv_service_server.pairList, url);
-    if (older != nullptr && older != channel) {
-        TV_LOG("login_msg_received, close previous channel for url: %s", url);
+    if (older != nullptr && older != channel)
         replace_pair(older->channelId, url);
-    }
     if (!guard.closed && tv_service_server.connectedCallback != nullptr)
         tv_service_server.connectedCallback(channel->channelId, url);
     if (!guard.closed)

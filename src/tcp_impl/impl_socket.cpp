@@ -245,8 +245,7 @@ char *tcp_impl_receive(int fd, int *len)
 // A text that is no dotted IPv4 address leaves the address 0.0.0.0.
 static struct sockaddr_in _make_address(const char *ip, int port)
 {
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof(address));
+    struct sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons((uint16_t)port);
     if (inet_pton(AF_INET, ip, &address.sin_addr) != 1)
@@ -301,16 +300,19 @@ static bool _connect_finished(int fd, int timeoutMs, const char *caller)
     return outcome == 0;
 }
 
-// While a server is down, TCP may connect a client on the same host to itself: the kernel picks the
-// server's port as the client's own, sooner or later. The server could not start then.
-static bool _is_connected_to_itself(int fd)
+// While a server is down, the kernel may give a client on the same host the server's port as its own
+// and connect it to itself; the server could not start again. Logs for its caller.
+static bool _is_connected_to_itself(int fd, const char *caller)
 {
     struct sockaddr_in own = {}, peer = {};
     socklen_t ownSize = sizeof(own), peerSize = sizeof(peer);
     getsockname(fd, (struct sockaddr *)&own, &ownSize);
     getpeername(fd, (struct sockaddr *)&peer, &peerSize);
-    return own.sin_family == AF_INET && own.sin_port == peer.sin_port &&
-           own.sin_addr.s_addr == peer.sin_addr.s_addr;
+    if (own.sin_family != AF_INET || own.sin_port != peer.sin_port ||
+        own.sin_addr.s_addr != peer.sin_addr.s_addr)
+        return false;
+    TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
+    return true;
 }
 
 int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrlen, int timeoutMs)
@@ -323,32 +325,10 @@ int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrle
             TV_LOG("%s %d", strerror(error), error);
     } while (error == EINTR);
 
-    if (error == EINPROGRESS || error == EALREADY) {
-        if (!_connect_finished(fd, timeoutMs, __func__))
-            return -1;
-    } else if (error != 0 && error != EISCONN) {
-        return -1;
-    }
-    if (_is_connected_to_itself(fd)) {
-        TV_LOG("%s, connected to itself", __func__);
-        return -1;
-    }
-    return fd;
-}
-
-static bool _blocking_connect(int fd, const struct sockaddr *addr, socklen_t addrlen,
-                              const char *caller)
-{
-    if (connect(fd, addr, addrlen) < 0) {
-        TV_LOG_AT(caller, __LINE__, "%s, failed on connect", caller);
-        return false;
-    }
-    if (_is_connected_to_itself(fd)) {
-        TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
-        return false;
-    }
-    _set_fd_nonblock(fd);
-    return true;
+    bool connected = error == 0 || error == EISCONN;
+    if (error == EINPROGRESS || error == EALREADY)
+        connected = _connect_finished(fd, timeoutMs, __func__);
+    return connected && !_is_connected_to_itself(fd, __func__) ? fd : -1;
 }
 
 int impl_create_client_socket(const char *ip, int port, int timeoutMs)
@@ -360,12 +340,15 @@ int impl_create_client_socket(const char *ip, int port, int timeoutMs)
     }
     const struct sockaddr_in address = _make_address(ip, port);
     const struct sockaddr *target = (const struct sockaddr *)&address;
-    bool connected;
+    bool connected = false;
     if (timeoutMs >= 1) {
         TV_LOG("nonblock connecting mode for fd %d", fd);
         connected = _impl_nonblock_connect(fd, target, sizeof(address), timeoutMs) != -1;
+    } else if (connect(fd, target, sizeof(address)) < 0) {
+        TV_LOG("%s, failed on connect", __func__);
     } else {
-        connected = _blocking_connect(fd, target, sizeof(address), __func__);
+        connected = !_is_connected_to_itself(fd, __func__);
+        _set_fd_nonblock(fd);
     }
     if (!connected) {
         close(fd);

@@ -343,7 +343,7 @@ int get_channel_type(int channelId);
 /** Adds a record to the repository, so that its id finds it. The library adds the channels that it
  * creates itself.
  *
- * @param channel  allocated with malloc(); tv_close_channel() takes it out, however often it was
+ * @param channel  allocated with malloc(); tv_close_channel() removes it, however often it was
  *                 added, and releases it
  * @return the new node, which the repository owns; or null without memory */
 tv_channel_node *tv_add_channel(tv_channel *channel);
@@ -435,8 +435,8 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  * The receiver finds a message's type by searching all of its text up to the first 0x00. A payload
  * must not contain "velun_tolvane_" before its first 0x00.
  *
- * A message uses up its sequence number when it is built, also if its send fails, for want of a
- * connection too. After a failed send the peer refuses all that follows: close the connection.
+ * A message uses up its sequence number when it is built, even if it is not sent because there is
+ * no connection. After a failed send the peer refuses all that follows: close the connection.
  *
  * Blocks for at most the channel's poll timeout.
  *
@@ -498,10 +498,10 @@ int tv_create_client_channel(const tv_client_addr *addr);
  * one is set.
  *
  * An open connection is closed first: unregister its descriptor from the event loop before the
- * call, and register the new one afterwards. If the connect fails, also because the client got
- * connected to itself, the channel has no connection. If the login cannot be sent, the link-down
- * callback has run and the connection is open but not logged in. A result of 0 means that the login
- * was sent, not that the server has read it.
+ * call, and register the new one afterwards. If the connect fails, the channel has no connection; a
+ * client that got connected to itself counts as a failed connect. If the login cannot be sent, the
+ * link-down callback has run and the connection is open but not logged in. A result of 0 means that
+ * the login was sent, not that the server has read it.
  *
  * To reconnect, close the channel and create a new one with the same addresses. A second connect on
  * one channel has these effects. Sequence numbers continue in both directions while the server
@@ -509,8 +509,9 @@ int tv_create_client_channel(const tv_client_addr *addr);
  * last. The outstanding request, the request it owes a reply to, and the queue are kept; a reply
  * to an old request goes out on the new connection. After a failed second connect the old heartbeat
  * timer still runs and may call the link-down callback on a channel without a connection. The
- * channel's own callbacks may connect it again; from its link-down callback use a timer instead,
- * because a tv_connect_server() that it interrupts returns -1 even if the inner call connected.
+ * channel's own callbacks may connect it again. In its link-down callback start a timer for that:
+ * the callback may run inside a tv_connect_server() whose login failed, and that one returns -1 even
+ * if the inner call has connected.
  *
  * Blocks for at most the connect timeout plus the poll timeout.
  *

@@ -304,8 +304,10 @@ static bool _connect_finished(int fd, int timeoutMs, const char *caller)
 // and connect it to itself; the server could not start again. Logs for its caller.
 static bool _is_connected_to_itself(int fd, const char *caller)
 {
-    struct sockaddr_in own = {}, peer = {};
-    socklen_t ownSize = sizeof(own), peerSize = sizeof(peer);
+    struct sockaddr_in own = {};
+    struct sockaddr_in peer = {};
+    socklen_t ownSize = sizeof(own);
+    socklen_t peerSize = sizeof(peer);
     getsockname(fd, (struct sockaddr *)&own, &ownSize);
     getpeername(fd, (struct sockaddr *)&peer, &peerSize);
     if (own.sin_family != AF_INET || own.sin_port != peer.sin_port ||

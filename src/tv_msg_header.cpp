@@ -9,7 +9,6 @@
 #include "tv_internal.h"
 #include "tv_log.h"
 
-#include <charconv>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -47,11 +46,27 @@ static char *append(char *end, std::string_view text)
     return end + text.size();
 }
 
+static char *append_number(char *end, int number)
+{
+    char digits[maxIntLen]; // the lowest first
+    int count = 0;
+    unsigned rest = number < 0 ? -(unsigned)number : number;
+    do {
+        digits[count++] = (char)('0' + rest % 10);
+        rest /= 10;
+    } while (rest > 0);
+    if (number < 0)
+        *end++ = '-';
+    while (count > 0)
+        *end++ = digits[--count];
+    return end;
+}
+
 // Write the header into a buffer of maxHeaderSize bytes and return its length. snprintf() would take
 // a third of a small message's instructions.
 static int print_header(const tv_channel *channel, int type, char *header)
 {
-    char *end = std::to_chars(header, header + maxIntLen, channel->msgSequence).ptr;
+    char *end = append_number(header, channel->msgSequence);
     end = append(end, "\n" PREFIX);
     end = append(end, tagNames[type]);
     end = append(end, {channel->url, strnlen(channel->url, TV_URL_SIZE)});

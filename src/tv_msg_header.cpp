@@ -17,7 +17,7 @@
 #define PREFIX         "velun_tolvane_"
 #define PAYLOAD_MARKER "\n" PREFIX "payload\n"
 
-static const size_t prefixLen = sizeof(PREFIX) - 1;
+static const int prefixLen = sizeof(PREFIX) - 1;
 static const int markerLen = sizeof(PAYLOAD_MARKER) - 1;
 
 // What follows the prefix in each tag, in the order of the type codes, which is also the order in
@@ -156,12 +156,56 @@ static int type_of_name(const char *name, int limit)
     return limit;
 }
 
-// Find the lowest type whose tag occurs in the text, and the URL behind its first occurrence. One
+// For each pair of characters in the prefix, how far it is from the prefix's end.
+struct pair_table {
+    uint16_t pairs[64] = {};
+    uint8_t distances[64] = {};
+
+    static constexpr uint16_t pair_at(const char *second)
+    {
+        return (uint16_t)((unsigned char)second[-1] << 8 | (unsigned char)second[0]);
+    }
+    static constexpr int slot_of(uint16_t pair)
+    {
+        return ((pair >> 8) * 4 + pair) & 63; // no two pairs of the prefix share a slot
+    }
+    constexpr pair_table()
+    {
+        for (int i = 1; i < prefixLen; i++) {
+            const uint16_t pair = pair_at(&PREFIX[i]);
+            pairs[slot_of(pair)] = pair;
+            distances[slot_of(pair)] = (uint8_t)(prefixLen - 1 - i);
+        }
+    }
+};
+static constexpr pair_table prefixPairs;
+
+// The first prefix between text and end, or null. A peer may send megabytes that are full of almost
+// any text, so the search moves by as much as the last two characters of its window allow. strstr()
+// does the same, but would build its table again after each prefix.
+static const char *find_prefix(const char *text, const char *end)
+{
+    const char *last = text + prefixLen - 1; // of the window
+    while (last < end) {
+        const uint16_t pair = pair_table::pair_at(last);
+        const int slot = pair_table::slot_of(pair);
+        int skip = prefixLen - 1;
+        if (prefixPairs.pairs[slot] == pair)
+            skip = prefixPairs.distances[slot];
+        if (skip == 0 && memcmp(last - (prefixLen - 1), PREFIX, prefixLen) == 0)
+            return last - (prefixLen - 1);
+        last += skip > 0 ? skip : 1;
+    }
+    return nullptr;
+}
+
+// Find the lowest type whose tag occurs in the text, and the URL behind its first occurrence, in one
 // pass over the prefixes, which do not overlap.
 static int find_tag(const char *msg, const char **url)
 {
+    const char *end = msg + strlen(msg);
     int lowest = TV_MSG_UNKNOWN;
-    const char *prefix = strstr(msg, PREFIX);
+    const char *prefix = find_prefix(msg, end);
     while (prefix != nullptr && lowest > TV_MSG_LOGIN) {
         const char *name = prefix + prefixLen;
         const int type = type_of_name(name, lowest);
@@ -169,7 +213,7 @@ static int find_tag(const char *msg, const char **url)
             lowest = type;
             *url = name + tagNames[type].size();
         }
-        prefix = strstr(name, PREFIX);
+        prefix = find_prefix(name, end);
     }
     return lowest;
 }

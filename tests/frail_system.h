@@ -31,7 +31,7 @@
     ((condition) ? (void)0                                                                         \
                  : (fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition), abort()))
 
-enum { HALF = -1, END = -2, REFUSED = -3, LEAP = -4 }; // ways to fail beside an errno
+enum { HALF = -1, END = -2, REFUSED = -3, LEAP = -4, ITSELF = -5 }; // ways to fail beside an errno
 // What the application sees of it: nothing; any difference or a link-down callback; certainly that
 // callback; or it depends.
 enum { SAME, SAME_IF_ONCE, SEEN, DOWN, EITHER };
@@ -44,7 +44,6 @@ static const struct fault {
 } faults[] = {
     {" malloc realloc ", {ENOMEM}, SEEN, ""},
     {" calloc ", {ENOMEM}, SEEN, "malloc error in function"},
-    {" reallocarray ", {ENOMEM}, SAME, ""},
     {" socket ", {EMFILE}, SEEN, "failed on create socket"},
     {" setsockopt ", {ENOBUFS}, EITHER, "failed on setsockopt"},
     {" getsockopt ", {ENOBUFS}, SEEN, "getsockopt error:No buffer space"},
@@ -54,11 +53,13 @@ static const struct fault {
     {" accept4 ", {EINTR, ECONNABORTED}, SAME_IF_ONCE, "tv_server_fd_handler, failed on accept"},
     {" connect ", {ECONNREFUSED}, SEEN, "create client or connect server fail"},
     {" connect ", {EINTR, EALREADY}, SAME, ""},
+    {" getpeername ", {ITSELF}, SEEN, ", connected to itself"},
+    {" getsockname getpeername ", {ENOBUFS}, SAME, ""},
     {" fcntl ", {EBADF}, SAME, "_set_fd_nonblock,fail to"},
     {" poll ", {EINTR}, SAME_IF_ONCE, ""},
     {" poll ", {ENOMEM}, SEEN, ""},
-    {" send ", {EINTR, EAGAIN}, SAME_IF_ONCE, "continue"},
-    {" recv ", {EINTR, EAGAIN}, SAME_IF_ONCE, "continue"},
+    {" send recv ", {EINTR}, SAME_IF_ONCE, "continue"},
+    {" send recv ", {EAGAIN}, SAME_IF_ONCE, ""}, // logged after a wait only
     {" send recv ", {HALF}, SAME, ""},
     {" send ", {ECONNRESET}, DOWN, "failed send error:Connection reset"},
     {" recv ", {ECONNRESET}, DOWN, "failed receive error:Connection reset"},
@@ -165,8 +166,6 @@ static void *fresh_block(size_t size)
 WRAP(void *, malloc, (size_t size), nullptr, fresh_block(size))
 WRAP(void *, calloc, (size_t items, size_t size), nullptr, allocated(__real_calloc(items, size)))
 WRAP(void *, realloc, (void *old, size_t size), nullptr, __real_realloc(old, size))
-WRAP(void *, reallocarray, (void *old, size_t items, size_t size), nullptr,
-     allocated(__real_reallocarray(old, items, size)))
 WRAP(void, free, (void *block), (void)0, (blocks -= block != nullptr, __real_free(block)))
 WRAP(int, setsockopt, (int, int, int, const void *, socklen_t), -1, 0)
 WRAP(int, getsockopt, (int fd, int level, int option, void *value, socklen_t *size),
@@ -210,6 +209,22 @@ WRAP(int, connect, (int fd, const sockaddr *, socklen_t),
      way == ECONNREFUSED ? -1 : (connect_now(fd), in_progress(fd, way)),
      connect_now(fd) == 0 ? in_progress(fd, EINPROGRESS) : -1)
 
+// The addresses of a connected client's two ends.
+static int give_address(sockaddr *address, socklen_t *size, int port)
+{
+    sockaddr_in given = {};
+    given.sin_family = AF_INET;
+    given.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    given.sin_port = htons(port);
+    memcpy(address, &given, std::min<size_t>(*size, sizeof(given)));
+    *size = sizeof(given);
+    return 0;
+}
+WRAP(int, getsockname, (int, sockaddr *address, socklen_t *size), -1,
+     give_address(address, size, 40000))
+WRAP(int, getpeername, (int, sockaddr *address, socklen_t *size),
+     way == ITSELF ? give_address(address, size, 40000) : -1, give_address(address, size, 7))
+
 // A header waits for its body, if there is one, so that both leave in one segment. Messages begin
 // with a number.
 static void check_segment(const void *bytes, size_t size, int flags)
@@ -222,18 +237,24 @@ WRAP(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
      way == HALF ? __real_send(fd, bytes, (size + 1) / 2, flags) : -1,
      (check_segment(bytes, size, flags), __real_send(fd, bytes, size, flags | MSG_DONTWAIT)))
 extern "C" ssize_t __real_recv(int, void *, size_t, int);
-static ssize_t receive_now(int fd, void *bytes, size_t size)
+static ssize_t receive_now(int fd, void *bytes, size_t size, int flags)
 {
     const ssize_t received = __real_recv(fd, bytes, size, MSG_DONTWAIT);
     now += effort;
-    if (received < 0 && meanwhile)
+    if (received < 0 && meanwhile && !(flags & MSG_DONTWAIT)) // a receive without a timeout
         meanwhile(INT_MAX);
     return received;
 }
 WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
-     way == HALF ? __real_recv(fd, bytes, (size + 1) / 2, flags) : -(way != END),
-     receive_now(fd, bytes, size))
-WRAP(int, close, (int fd), (__real_close(fd), -1), __real_close(fd))
+     way == HALF ? receive_now(fd, bytes, (size + 1) / 2, flags) : -(way != END),
+     receive_now(fd, bytes, size, flags))
+extern "C" int __real_close(int);
+static int close_open(int fd) // what was never opened is not closed
+{
+    REQUIRE(fd >= 0);
+    return __real_close(fd);
+}
+WRAP(int, close, (int fd), (close_open(fd), -1), close_open(fd))
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
 WRAP(void, perror, (const char *text), (void)0,
      (void)(complaint = std::string(text) + ": " + strerror(errno)))

@@ -127,7 +127,7 @@ TEST_F(Client, WhatCannotBePackedIsNotSentAndWhatHasNoTimerIs)
 TEST_F(Client, WaitsForNothingLongerThanItsPollTimeout)
 {
     prepare("client & dial");
-    for (const std::string wait : {"flood & flood", "serve"}) { // room for one, and nothing to read
+    for (const std::string wait : {"flood & flood & flood", "serve"}) { // no room, and nothing to read
         const long long start = now;
         run(wait);
         EXPECT_EQ(now - start, 100);

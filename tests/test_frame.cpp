@@ -1,7 +1,7 @@
 // test_frame.cpp - frames that fail between two connected descriptors, and peers that are slow. Whole
 // frames, and streams of any bytes, are the matter of fuzz_frame.cpp.
 
-#include "frail_system.h"
+#include "simulated_os.h"
 #include "log_capture.h"
 
 static const int patience = 30000;
@@ -41,7 +41,7 @@ struct Frame : testing::Test {
         close(ends[0]);
         close(ends[1]);
         meanwhile = nullptr;
-        effort = 0;
+        recvMs = 0;
     }
 
     LogCapture log;
@@ -99,7 +99,7 @@ TEST_F(Frame, ALimitIsForTheHeaderAndTheBodyOfAFrame)
         EXPECT_EQ(drops.size(), unsent);
     }
 
-    effort = 10;
+    recvMs = 10;
     const std::string large(550000, 'x');
     for (const int timeoutMs : {0, 41, 40}) {
         std::string rest = frame(large);

@@ -2,65 +2,70 @@
 
 #include "channel_fixture.h"
 
-using Act = std::function<void()>;
-using Served = std::vector<intptr_t>;
-static Served served;              // first arguments, in order
-static std::map<int, Act> actions; // by descriptor, what its handler does
+using Names = std::vector<intptr_t>;
+static Names served;                                 // by the pass, in this order
+static std::map<int, std::function<void()>> actions; // by descriptor, what its handler does
 
 static int handle(int fd, intptr_t name, intptr_t twice)
 {
     EXPECT_EQ(twice, 2 * name);
     served.push_back(name);
-    if (const Act act = actions[fd])
+    if (const std::function<void()> act = actions[fd]) // a copy: it may clear the map
         act();
     return -1; // ignored
 }
 
-static std::vector<int> listed(int size = TV_MAX_POLLING_FDS)
+static std::vector<int> listed_fds(int size = TV_MAX_POLLING_FDS)
 {
     struct pollfd list[TV_MAX_POLLING_FDS];
-    std::vector<int> fds(build_polling_fd_list(list, size));
-    for (size_t i = 0; i < fds.size(); i++)
-        fds[i] = list[i].events == POLLIN ? list[i].fd : -1;
+    std::vector<int> fds;
+    for (int i = 0, count = build_polling_fd_list(list, size); i < count; i++) {
+        EXPECT_EQ(list[i].events, POLLIN);
+        fds.push_back(list[i].fd);
+    }
     return fds;
 }
 
 struct Loop : ChannelTest {
+    Loop()
+    {
+        unwatch_all();
+    }
     ~Loop() override
     {
-        clear();
+        unwatch_all();
         for (const int fd : opened)
             close(fd);
     }
 
-    static void clear() // watch nothing any more
+    static void unwatch_all()
     {
-        for (const int fd : listed())
-            if (fd != idleFd)
+        for (const int fd : listed_fds())
+            if (fd != loopFd)
                 tv_unregister_polling_fd(fd);
         actions.clear();
     }
 
-    int ready(int count = 1) // a descriptor that is, unless the count is 0
+    int new_fd(bool ready = true)
     {
-        opened.push_back(eventfd(count, 0));
+        opened.push_back(eventfd(ready, 0));
         return opened.back();
     }
 
+    // Watch a descriptor under a name.
     int watch(intptr_t name, int fd)
     {
         EXPECT_EQ(tv_register_polling_fd(fd, handle, name, 2 * name), 0);
         return fd;
     }
 
-    // What one pass serves; passes that find nothing ready go on until the time of one is used up.
-    Served pass()
+    Names run_one_pass()
     {
         served.clear();
         log.take();
-        complaint.clear();
-        run_loop(4);
-        EXPECT_EQ(complaint, "poll: Bad file descriptor");
+        lastPerror.clear();
+        advance(4);
+        EXPECT_EQ(lastPerror, "poll: Bad file descriptor"); // how the simulated loop ends
         logged = log.take();
         return served;
     }
@@ -71,16 +76,15 @@ struct Loop : ChannelTest {
 TEST_F(Loop, HoldsSixteenDescriptors)
 {
     std::vector<int> fds;
-    clear();
-    tv_unregister_polling_fd(idleFd);
+    tv_unregister_polling_fd(loopFd);
     for (int fd = 500; fd < 500 + TV_MAX_POLLING_FDS; fd++) {
-        EXPECT_EQ(tv_unregister_polling_fd(-1), -1); // takes no place away
+        EXPECT_EQ(tv_unregister_polling_fd(-1), -1); // frees no slot
         fds.push_back(watch(0, fd));
     }
     log.take();
     EXPECT_EQ(tv_register_polling_fd(7, handle, 0, 0), -1);
     EXPECT_EQ(tv_unregister_polling_fd(7), -1);
-    EXPECT_EQ(listed(3), (std::vector<int>{500, 501, 502}));
+    EXPECT_EQ(listed_fds(3), (std::vector<int>{500, 501, 502}));
     EXPECT_LOG(
         {"failed on reserve_fd_index, fdHandlerCount[16]",
          "tv_register_polling_fd, failed on reserve_fd_index",
@@ -88,67 +92,66 @@ TEST_F(Loop, HoldsSixteenDescriptors)
          "build_external_fd_list, size is too small, for sanity, should never reach here!!!"});
     tv_unregister_polling_fd(503);
     tv_unregister_polling_fd(509);
-    fds[3] = watch(0, 600); // the lowest free place
+    fds[3] = watch(0, 600); // the lowest free slot
     fds[9] = watch(0, 601);
-    EXPECT_EQ(listed(), fds);
-    clear();
-    tv_register_polling_fd(idleFd, nullptr, 0, 0);
+    EXPECT_EQ(listed_fds(), fds);
+    unwatch_all();
+    tv_register_polling_fd(loopFd, nullptr, 0, 0);
 }
 
-TEST_F(Loop, FiresTimersAndServesTheReadyInTheOrderOfPlaces)
+TEST_F(Loop, FiresTimersAndServesReadyDescriptorsInSlotOrder)
 {
-    clear();
-    const int low = ready(), high = ready();
-    watch(1, ready(0));
+    const int low = new_fd(), high = new_fd();
+    watch(1, new_fd(false));
     watch(2, high);
     watch(3, low);
-    const int closed = watch(4, 400); // reported until it is unregistered
-    watch(5, high);
+    watch(4, 400);  // not open: reported until it is unregistered
+    watch(5, high); // again: the lower slot serves both
     ruvo_start_timer(
         1, [](intptr_t name, intptr_t) { served.push_back(name); }, 6, 0);
     now++;
-    EXPECT_EQ(pass(), (Served{6, 2, 3, 4, 2})); // the lower place serves for both
-    tv_unregister_polling_fd(closed);
+    EXPECT_EQ(run_one_pass(), (Names{6, 2, 3, 4, 2}));
+    tv_unregister_polling_fd(400);
     tv_unregister_polling_fd(high);
-    polls = 0;
-    EXPECT_EQ(pass(), (Served{3, 5}));
-    EXPECT_EQ(polls, 2); // nothing is asked again, and the one that ends it
+    EXPECT_EQ(run_one_pass(), (Names{3, 5}));
     EXPECT_EQ(logged, Texts());
 }
 
-TEST_F(Loop, AHandlersChangesCountInTheSamePassIfWhatItRegistersIsReady)
+// The first handler takes the other two descriptors away; the number of one goes to a new file.
+TEST_F(Loop, ANumberThatAHandlerReusesIsServedIfItIsReady)
 {
-    for (const bool nested : {false, true}) {
-        for (const bool isReady : {false, true}) {
-            const int first = watch(1, ready()), second = watch(2, ready()),
-                      third = watch(3, ready());
+    for (const bool nested : {false, true}) { // the handler runs a loop of its own, too
+        for (const bool ready : {false, true}) {
+            const int first = watch(1, new_fd()), second = watch(2, new_fd());
+            const int third = watch(3, new_fd());
             actions[first] = [&] {
                 actions.clear();
-                for (const int fd : {second, third})
-                    tv_unregister_polling_fd(fd);
-                dup2(ready(isReady), second);
-                watch(4, second); // the number was reported for another one
+                tv_unregister_polling_fd(second);
+                tv_unregister_polling_fd(third);
+                dup2(new_fd(ready), second);
+                watch(4, second);
                 if (nested)
-                    run_loop(4); // serves the first one, too
+                    advance(4);
             };
-            Served expected = nested ? Served{1, 1} : Served{1};
-            if (isReady)
+            Names expected = nested ? Names{1, 1} : Names{1};
+            if (ready)
                 expected.insert(expected.end(), nested ? 2 : 1, 4);
-            EXPECT_EQ(pass(), expected);
-            const std::string unknown =
+            EXPECT_EQ(run_one_pass(), expected);
+            const std::string entry =
                 "unknown socket[" + std::to_string(third) + "], not registerd";
-            EXPECT_EQ(std::count(logged.begin(), logged.end(), unknown), 1);
-            clear();
+            EXPECT_EQ(std::count(logged.begin(), logged.end(), entry), 1);
+            unwatch_all();
         }
     }
 }
 
-TEST_F(Loop, WhatAHandlerHasTakenIsNotServedAgain)
+// A handler that found nothing to receive or to accept would wait for it.
+TEST_F(Loop, ADescriptorIsNotServedForWhatAnotherHandlerHasTaken)
 {
-    prepare("peer: accept & door: accept & others:");
-    clear();
-    const int pair = tv_get_polling_fd(links["peer:"].id);
-    const int door = tv_get_polling_fd(links["door:"].id); // as if it was the listening one
+    prepare("peer: accept; door: accept; none:");
+    unwatch_all();
+    const int pair = tv_get_polling_fd(links["peer:"].channelId);
+    const int door = tv_get_polling_fd(links["door:"].channelId); // plays the listening descriptor
     const auto accept = [=] {
         char knock;
         EXPECT_EQ(recv(door, &knock, 1, 0), 1);
@@ -156,29 +159,31 @@ TEST_F(Loop, WhatAHandlerHasTakenIsNotServedAgain)
     };
     const struct {
         int fd;
-        Act give, take; // what makes it ready once, and what its handler does about it
+        std::function<void()> give, take; // one thing to receive or to accept
     } sources[] = {
-        {pair, [&] { say(links["peer:"], "news", "x"); }, [=] { tv_pair_fd_handler(pair, 0, 0); }},
-        {door, [&] { send_to(links["door:"], "x"); }, accept},
+        {pair, [] { run("peer: peer_buffers news x; none:"); },
+         [=] { tv_pair_fd_handler(pair, 0, 0); }},
+        {door, [] { send_bytes(links["door:"], "x"); }, accept},
     };
     for (const auto &[fd, give, take] : sources) {
-        for (const bool elsewhere : {false, true}) { // or by a handler registered twice
-            for (const int given : {1, 2}) {         // the second one is served in the same pass
+        for (const bool elsewhere : {false, true}) { // another descriptor's handler takes it
+            for (const int given : {1, 2}) {
                 for (int i = 0; i < given; i++)
                     give();
-                const int first = watch(1, elsewhere ? ready() : fd), second = elsewhere ? 2 : 1;
+                const int first = watch(1, elsewhere ? new_fd() : fd), second = elsewhere ? 2 : 1;
                 actions[first] = take;
                 watch(second, fd);
-                EXPECT_EQ(pass(), given == 1 ? Served{1} : (Served{1, second}));
-                clear();
+                EXPECT_EQ(run_one_pass(), given == 1 ? Names{1} : (Names{1, second}));
+                unwatch_all();
             }
         }
-        watch(1, fd); // that has one left
+        watch(1, fd); // one is left there
         ruvo_start_timer(
-            1, [](intptr_t take, intptr_t) { (*(const Act *)take)(); }, (intptr_t)&take, 0);
+            1, [](intptr_t take, intptr_t) { (*(const std::function<void()> *)take)(); },
+            (intptr_t)&take, 0);
         now++;
-        EXPECT_EQ(pass(), Served()); // a timer has taken it
-        clear();
+        EXPECT_EQ(run_one_pass(), Names()); // the timer has taken it
+        unwatch_all();
     }
     happened();
 }

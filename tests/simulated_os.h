@@ -40,6 +40,7 @@ enum Way {
     END = -2,     // recv() finds the end of the stream
     REFUSED = -3, // getsockopt() reports that the connection was refused
     LEAP = -4,    // the clock jumps an hour ahead
+    ITSELF = -5,  // getpeername() returns the socket's own address
 };
 
 // What the application and its peers may observe of a fault, compared with an undisturbed run.
@@ -71,6 +72,8 @@ static const Fault faults[] = {
     {{"accept4"}, {EINTR, ECONNABORTED}, SAME_IF_ONCE, "tv_server_fd_handler, failed on accept"},
     {{"connect"}, {ECONNREFUSED}, SEEN, "create client or connect server fail"},
     {{"connect"}, {EINTR, EALREADY}, SAME, ""},
+    {{"getpeername"}, {ITSELF}, SEEN, ", connected to itself"},
+    {{"getsockname", "getpeername"}, {ENOBUFS}, SAME, ""},
     {{"fcntl"}, {EBADF}, SAME, "_set_fd_nonblock,fail to"},
     {{"poll"}, {EINTR}, SAME_IF_ONCE, ""},
     {{"poll"}, {ENOMEM}, SEEN, ""},
@@ -229,6 +232,23 @@ WRAP(int, connect, (int fd, const sockaddr *, socklen_t),
      injection.way == ECONNREFUSED ? -1 : connect_with(fd, injection.way),
      connect_with(fd, EINPROGRESS))
 
+// The addresses of a connected client's two ends, on one host.
+static int give_address(sockaddr *address, socklen_t *size, int port)
+{
+    sockaddr_in given = {};
+    given.sin_family = AF_INET;
+    given.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    given.sin_port = htons(port);
+    memcpy(address, &given, std::min<size_t>(*size, sizeof(given)));
+    *size = sizeof(given);
+    return 0;
+}
+WRAP(int, getsockname, (int, sockaddr *address, socklen_t *size), -1,
+     give_address(address, size, 40000))
+WRAP(int, getpeername, (int, sockaddr *address, socklen_t *size),
+     injection.way == ITSELF ? give_address(address, size, 40000) : -1,
+     give_address(address, size, 7))
+
 static int fail_getsockopt(int *value)
 {
     *value = ECONNREFUSED;
@@ -289,14 +309,14 @@ static ssize_t receive_now(int fd, void *bytes, size_t size, int flags)
         meanwhile(INT_MAX);
     return received;
 }
-static ssize_t fail_recv(int fd, void *bytes, size_t size)
+static ssize_t fail_recv(int fd, void *bytes, size_t size, int flags)
 {
     if (injection.way == HALF)
-        return __real_recv(fd, bytes, (size + 1) / 2, MSG_DONTWAIT);
+        return receive_now(fd, bytes, (size + 1) / 2, flags);
     return injection.way == END ? 0 : -1;
 }
-WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags), fail_recv(fd, bytes, size),
-     receive_now(fd, bytes, size, flags))
+WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
+     fail_recv(fd, bytes, size, flags), receive_now(fd, bytes, size, flags))
 
 // ---- waiting: for a descriptor, and in the library's main loop
 

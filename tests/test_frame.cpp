@@ -1,8 +1,8 @@
-// test_frame.cpp - frames that fail between two connected descriptors, and peers that are slow. Whole
-// frames, and streams of any bytes, are the matter of fuzz_frame.cpp.
+// test_frame.cpp - frames that fail between two connected descriptors, and slow peers, on the
+// simulated clock. Whole frames and arbitrary streams of bytes are covered by fuzz_frame.cpp.
 
-#include "simulated_os.h"
 #include "log_capture.h"
+#include "simulated_os.h"
 
 static const int patience = 30000;
 static const std::string none = "(null)";
@@ -41,7 +41,15 @@ struct Frame : testing::Test {
         close(ends[0]);
         close(ends[1]);
         meanwhile = nullptr;
+        injecting = false;
         recvMs = 0;
+    }
+
+    // From now on so many calls fail.
+    void calls_fail(const Fault &fault, int way, bool lasting)
+    {
+        injection = {&fault, way, 1, lasting};
+        injecting = true;
     }
 
     LogCapture log;
@@ -79,35 +87,90 @@ TEST_F(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
                 "the remote peer closed", "tcp_impl_receive, failed on receive msg, len[4]"});
 }
 
-// The limit is for waits and, from the second recv() on, for work; without one nothing is waited for.
-TEST_F(Frame, ALimitIsForTheHeaderAndTheBodyOfAFrame)
+// The peer sends its bytes in pieces, each after so many ms, while it is waited for.
+static void peer_trickles(std::string &bytes, size_t piece, int everyMs)
 {
-    const int drop = 12, dropMs = 40;
-    const std::string body(36, 'x');
-    for (const int timeoutMs : {0, 240, 239, 199, 100}) {
-        std::string drops = frame(body);
-        meanwhile = [&](int limit) {
-            if (limit < dropMs)
-                return false;
-            now += dropMs;
-            peer_writes(drops.substr(0, drop));
-            drops.erase(0, drop);
-            return true;
-        };
-        const size_t unsent = timeoutMs == 0 ? 0 : drops.size() - timeoutMs / dropMs * drop;
-        EXPECT_EQ(receive(timeoutMs), unsent == 0 ? body : none);
-        EXPECT_EQ(drops.size(), unsent);
-    }
+    meanwhile = [&bytes, piece, everyMs](int limit) {
+        if (limit < everyMs)
+            return false;
+        now += everyMs;
+        peer_writes(bytes.substr(0, piece));
+        bytes.erase(0, piece);
+        return true;
+    };
+}
 
+TEST_F(Frame, OneDeadlineCoversHeaderAndBody)
+{
+    const std::string body(36, 'x');
+    for (const int timeoutMs : {0, 240, 239, 199, 100}) { // six pieces, the last after 240 ms
+        std::string unsent = frame(body);
+        peer_trickles(unsent, 12, 40);
+        const size_t left = timeoutMs == 0 ? 0 : 72 - timeoutMs / 40 * 12;
+        EXPECT_EQ(receive(timeoutMs), left == 0 ? body : none);
+        EXPECT_EQ(unsent.size(), left);
+    }
+    EXPECT_EQ(log.take().size(), 6 + 3 * 2); // each EAGAIN of the first one, and the failures
+    meanwhile = [](int limit) {              // the peer makes some room at the deadline
+        char taken[400000];
+        now += limit;
+        return read(ends[1], taken, sizeof(taken)) > 0;
+    };
+    EXPECT_EQ(send(std::string(3000000, 'x'), 3000000, 10), -1);
+    EXPECT_LOG({"time out:0", "tcp_impl_send, failed on send msg, len[3000000]"});
+}
+
+// Every recv() takes 10 ms here, and finds the frame buffered.
+TEST_F(Frame, WorkCountsAndAfterTheDeadlineWhatIsBufferedMayCompleteASmallFrame)
+{
+    static const Fault halving = {{"recv"}, {HALF}, SAME, ""}; // many recv() for a small frame
+    const std::string small(5000, 'x'), large(300000, 'x');    // two recv() for the large one
+    const int room = 1 << 20;
+    __real_setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
     recvMs = 10;
-    const std::string large(550000, 'x');
-    for (const int timeoutMs : {0, 41, 40}) {
-        std::string rest = frame(large);
-        meanwhile = [&](int) { // six pieces
-            peer_writes(rest.substr(0, 100000));
-            rest.erase(0, 100000);
-            return true;
-        };
-        EXPECT_EQ(receive(timeoutMs), timeoutMs == 40 ? none : large);
+    for (const int timeoutMs : {0, 21, 20}) {
+        peer_writes(frame(large));
+        EXPECT_EQ(receive(timeoutMs), timeoutMs == 20 ? none : large);
+    }
+    char rest[40000];
+    EXPECT_EQ(read(ends[0], rest, sizeof(rest)), 300000 - 256 * 1024);
+    EXPECT_LOG({"time out:0", "tcp_impl_receive, failed on receive msg, len[300000]"});
+
+    for (const size_t missing : {0, 1}) {
+        calls_fail(halving, HALF, true);
+        peer_writes(frame(small).substr(0, headerSize + small.size() - missing));
+        EXPECT_EQ(receive(15), missing == 0 ? small : none);
+        EXPECT_EQ(log.take().empty(), missing == 0);
+    }
+}
+
+TEST_F(Frame, ATryComesBeforeAWaitAndItsEagainIsNotLogged)
+{
+    static const Fault sends = {{"send"}, {}, SAME, ""}, receives = {{"recv"}, {}, SAME, ""};
+    const std::string again = "Resource temporarily unavailable",
+                      interrupted = "Interrupted system call";
+    polls = 0;
+    EXPECT_EQ(send("ping", 4, patience), 4);
+    peer_writes(frame("pong"));
+    EXPECT_EQ(receive(patience), "pong");
+    EXPECT_EQ(polls, 0);
+    EXPECT_LOG({});
+    const struct {
+        const Fault &which;
+        int error;
+        size_t entries;
+        std::string text;
+    } cases[] = {
+        {sends, EAGAIN, 300, "send error: " + again + " continue"},
+        {sends, EINTR, 301, "send error: " + interrupted + " continue"},
+        {receives, EAGAIN, 300, "error " + again + " continue"},
+        {receives, EINTR, 301, "error " + interrupted + " continue"},
+    };
+    for (const auto &each : cases) { // 301 tries fail
+        calls_fail(each.which, each.error, true);
+        EXPECT_EQ(send("ping", 4, patience), 4);
+        peer_writes(frame("pong"));
+        EXPECT_EQ(receive(patience), "pong");
+        EXPECT_EQ(log.take(), Texts(each.entries, each.text));
     }
 }

@@ -47,6 +47,11 @@ TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
         EXPECT_EQ(tcp_impl_send_with_timeout(client, "", 0, 1000), 0);
         EXPECT_TRUE(ioctl(client, SIOCOUTQNSD, &unsent) != 0 || unsent == 0);
         free(tcp_impl_receive_with_timeout(accepted, &len, 1000));
+        fcntl(accepted, F_SETFL, 0); // limits hold on a blocking descriptor, too
+        EXPECT_EQ(tcp_impl_receive_with_timeout(accepted, &len, 10), nullptr);
+        EXPECT_EQ(
+            tcp_impl_send_with_timeout(accepted, std::string(1 << 25, 'x').data(), 1 << 25, 10),
+            -1);
         close(accepted); // first, with nothing unread: its address stays in use for a while
         close(client);
     }
@@ -74,4 +79,21 @@ TEST_F(Socket, FailedConnectsLeaveNothingOpen)
     const std::string attempt = "nonblock connecting mode for fd " + std::to_string(first + 1);
     EXPECT_LOG({attempt, "Network is unreachable 101", attempt, "Operation now in progress 115"});
     close(first);
+}
+
+// While the server is down, a client may be given the server's own port.
+TEST_F(Socket, AClientThatConnectsToItselfIsNotConnected)
+{
+    sockaddr_in own = address_of(listener);
+    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    own.sin_port = 0; // any
+    const int self = socket(AF_INET, SOCK_STREAM, 0);
+    bind(self, (const sockaddr *)&own, sizeof(own));
+    own = address_of(self);
+    LogCapture log;
+    for (int tries = 0; tries < 2; tries++) { // the second one finds it connected
+        EXPECT_EQ(_impl_nonblock_connect(self, (const sockaddr *)&own, sizeof(own), 1000), -1);
+        EXPECT_EQ(log.take().back(), "_impl_nonblock_connect, connected to itself");
+    }
+    EXPECT_EQ(close(self), 0); // it was left open for its owner
 }

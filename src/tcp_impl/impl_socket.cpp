@@ -1,13 +1,11 @@
-// impl_socket.cpp - sockets, and whole frames over one socket within a time budget.
+// impl_socket.cpp - sockets, and whole frames over one socket within a deadline.
 //
-// Place    lowest layer; tcp_impl.cpp and the channel creators call it. Knows nothing of channels.
-// Frame    36-byte header (watermark, length in network order), then the body. docs/protocol.md.
-// Method   descriptors are non-blocking; header and body of one frame share one budget of
-//          milliseconds, from which every wait takes what it used, and so does the work of a
-//          receive that takes long.
-// Failure  any failed transfer leaves the stream out of step: the caller must give the link up.
-//          A failed set-up closes what it opened.
-// State    none.
+// The lowest layer: tcp_impl.cpp and the channel creators call it; it knows nothing of channels.
+// A frame is a 36-byte header (watermark, length in network order) and a body; see docs/protocol.md.
+// A transfer is tried first and waits only when the kernel would block. One deadline, fixed when
+// the frame starts, covers header and body.
+// A failed transfer leaves the stream out of step, so the caller must drop the link. A failed
+// set-up closes what it opened. No state is kept between calls.
 
 #include "tv_log.h"
 
@@ -31,13 +29,24 @@ static const int headerSize = watermarkFieldSize + sizeof(uint32_t);
 // Connections that the system completes before they are accepted.
 static const int listenBacklog = 16;
 
+// The most that one recv() takes: the clock is read in between.
+static const int receiveStep = 256 * 1024;
+
+// The deadline of a receive without a timeout.
+static const long long noDeadline = -1;
+
 // ---- waiting
 
-static long long monotonic_ms(void)
+static long long _monotonic_ms(void)
 {
     struct timespec now = {0, 0}; // the clock does not fail; if it did, this is defined
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
+static int _ms_until(long long deadline)
+{
+    return (int)(deadline - _monotonic_ms());
 }
 
 static void _set_fd_nonblock(int fd)
@@ -51,65 +60,73 @@ static void _set_fd_nonblock(int fd)
         TV_LOG("%s,fail to set fd nonblock:%s", __func__, strerror(errno));
 }
 
-// Wait until fd is ready for the events. Returns more than 0 when it is, 0 when the budget is
-// used up, -1 on an error or when interruptions used it up.
-static int _wait_fd(int fd, short events, int *budget)
+// Wait for the events. Returns true when the next call on fd will not block.
+static bool _wait_fd(int fd, short events, int timeoutMs)
 {
-    if (*budget <= 0) {
-        TV_LOG("poll timeout :%d", *budget);
-        return 0;
-    }
-    for (;;) {
+    const long long deadline = _monotonic_ms() + timeoutMs;
+    int left = timeoutMs;
+    for (; left > 0; left = _ms_until(deadline)) {
         struct pollfd entry = {fd, events, 0};
-        const long long start = monotonic_ms();
-        const int result = poll(&entry, 1, *budget);
-        if (result == 0)
-            return 0;
-        if (result < 0 && errno != EINTR) {
+        const int result = poll(&entry, 1, left);
+        if (result >= 0)
+            return result > 0;
+        if (errno != EINTR) {
             TV_LOG("poll fd error:%s", strerror(errno));
-            return -1;
-        }
-        *budget -= (int)(monotonic_ms() - start);
-        if (result > 0)
-            return result;
-        if (*budget <= 0) {
-            TV_LOG("poll timeout :%d", *budget);
-            return -1;
+            return false;
         }
     }
+    TV_LOG("poll timeout :%d", left);
+    return false;
 }
 
 // ---- sending
 
-static int _impl_send_with_timeout(int fd, const char *bytes, int count, int *budget, int flags)
+static bool _impl_send_with_timeout(int fd, const char *bytes, int count, int flags,
+                                    long long deadline)
 {
-    if (count <= 0)
-        return count;
-    if (*budget <= 0) {
-        TV_LOG("time out:%d", *budget);
-        return -1;
-    }
-    for (int sent = 0;;) {
-        if (_wait_fd(fd, POLLOUT, budget) <= 0) {
-            TV_LOG("failed");
-            return -1;
-        }
-        const ssize_t result = send(fd, bytes + sent, count - sent, flags | MSG_NOSIGNAL);
-        if (result >= 0) {
+    int sent = 0;
+    for (bool first = true; sent < count; first = false) {
+        const ssize_t result =
+            send(fd, bytes + sent, count - sent, flags | MSG_NOSIGNAL | MSG_DONTWAIT);
+        const int error = result < 0 ? errno : 0;
+        if (result >= 0)
             sent += (int)result;
-        } else if (errno == EAGAIN || errno == EINTR) {
-            TV_LOG("send error: %s continue", strerror(errno));
-        } else {
-            TV_LOG("failed send error:%s", strerror(errno));
-            return -1;
-        }
         if (sent == count)
-            return count;
-        if (*budget <= 0) {
-            TV_LOG("time out:%d", *budget);
-            return -1;
+            break;
+        if (error != 0 && error != EAGAIN && error != EINTR) {
+            TV_LOG("failed send error:%s", strerror(error));
+            return false;
+        }
+        // The first EAGAIN is no news: it takes the place of a wait before the first try.
+        if (error != 0 && !(first && error == EAGAIN))
+            TV_LOG("send error: %s continue", strerror(error));
+        const int left = _ms_until(deadline);
+        if (left <= 0) {
+            TV_LOG("time out:%d", left);
+            return false;
+        }
+        if (!_wait_fd(fd, POLLOUT, left)) {
+            TV_LOG("failed");
+            return false;
         }
     }
+    return true;
+}
+
+static bool _send_header(int fd, int len, int timeoutMs, long long deadline)
+{
+    if (timeoutMs <= 0) {
+        TV_LOG("time out:%d", timeoutMs);
+        return false;
+    }
+    char header[headerSize] = {0};
+    memcpy(header, watermark, sizeof(watermark));
+    const uint32_t netLen = htonl((uint32_t)len);
+    memcpy(header + watermarkFieldSize, &netLen, sizeof(netLen));
+
+    // With a body to follow, the header waits for it and both leave in one segment.
+    const int flags = len > 0 ? MSG_MORE : 0;
+    return _impl_send_with_timeout(fd, header, headerSize, flags, deadline);
 }
 
 int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
@@ -118,19 +135,12 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
         TV_LOG("tcp_impl_send, negative length[%d]", len);
         return -1;
     }
-    int budget = timeoutMs;
-    char header[headerSize] = {0};
-    memcpy(header, watermark, sizeof(watermark));
-    const uint32_t netLen = htonl((uint32_t)len);
-    memcpy(header + watermarkFieldSize, &netLen, sizeof(netLen));
-
-    // With a body to follow, the header waits for it and both leave in one segment.
-    const int flags = len > 0 ? MSG_MORE : 0;
-    if (_impl_send_with_timeout(fd, header, headerSize, &budget, flags) != headerSize) {
+    const long long deadline = _monotonic_ms() + timeoutMs;
+    if (!_send_header(fd, len, timeoutMs, deadline)) {
         TV_LOG("tcp_impl_send, failed on send header");
         return -1;
     }
-    if (_impl_send_with_timeout(fd, body, len, &budget, 0) != len) {
+    if (!_impl_send_with_timeout(fd, body, len, 0, deadline)) {
         TV_LOG("tcp_impl_send, failed on send msg, len[%d]", len);
         return -1;
     }
@@ -139,80 +149,74 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 
 // ---- receiving
 
-// The most bytes that one recv() takes: the clock is looked at in between.
-static const int receiveStep = 256 * 1024;
-
-// What is given back in a millisecond when a receive of many megabytes fails: the limit is for all.
-static const int releasedPerMs = 10 * 1024 * 1024;
-
-// Without a limit never wait, only read. With one, read on without waiting when the budget is used
-// up, until nothing is there; and from the second pass on the time worked counts as well as the
-// time waited: a peer must not hold its receiver longer by dripping bytes, nor by flooding it.
-static int _impl_receive_with_timeout(int fd, char *dst, int count, int *budget, bool limited)
+// Without a deadline, spin on recv(). With one, drain what is buffered once it has passed, then
+// fail; a body of more than one step fails at its next step, so that a flood cannot hold it longer.
+static bool _impl_receive_with_timeout(int fd, char *dst, int count, long long deadline)
 {
-    if (count <= 0)
-        return count;
-    const int most = limited && count > receiveStep ? receiveStep : count;
-    long long deadline = -1; // known from the second pass on: most transfers need but one
-    for (int received = 0;;) {
-        if (*budget > 0 && _wait_fd(fd, POLLIN, budget) <= 0) {
-            TV_LOG("%s failed ", __func__);
-            return -1;
-        }
+    const bool limited = deadline != noDeadline;
+    int received = 0;
+    for (bool first = true; received < count; first = false) {
         const int missing = count - received;
-        const ssize_t result = recv(fd, dst + received, missing < most ? missing : most, 0);
+        const ssize_t result =
+            recv(fd, dst + received, missing < receiveStep ? missing : receiveStep,
+                 limited ? MSG_DONTWAIT : 0);
+        const int error = result < 0 ? errno : 0;
         if (result == 0) {
             TV_LOG("the remote peer closed");
-            return -1;
+            return false;
         }
-        if (result > 0) {
+        if (error != 0 && error != EAGAIN && error != EINTR) {
+            TV_LOG("failed receive error:%s", strerror(error));
+            return false;
+        }
+        if (result > 0)
             received += (int)result;
-        } else if (errno == EAGAIN && limited && *budget <= 0) {
-            TV_LOG("time out:%d", *budget);
-            return -1;
-        } else if (errno == EAGAIN || errno == EINTR) {
-            TV_LOG("error %s continue", strerror(errno));
-        } else {
-            TV_LOG("failed receive error:%s", strerror(errno));
-            return -1;
-        }
         if (received == count)
-            return count;
-        if (!limited)
-            continue;
-        const long long now = monotonic_ms();
-        if (deadline < 0)
-            deadline = now + (*budget > 0 ? *budget : 0);
-        *budget = (int)(deadline - now) - received / releasedPerMs;
-        if (*budget < 0) {
-            TV_LOG("time out:%d", *budget);
-            return -1;
+            break;
+        const int left = limited ? _ms_until(deadline) : 0;
+        if (limited && left <= 0 && (error != 0 || count > receiveStep)) {
+            TV_LOG("time out:%d", left);
+            return false;
+        }
+        if (error != 0 && !(limited && first && error == EAGAIN))
+            TV_LOG("error %s continue", strerror(error));
+        if (left > 0 && !_wait_fd(fd, POLLIN, left)) {
+            TV_LOG("%s failed ", __func__);
+            return false;
         }
     }
+    return true;
+}
+
+// Returns the length of the body, or -1.
+static int _receive_header(int fd, long long deadline)
+{
+    char header[headerSize];
+    if (!_impl_receive_with_timeout(fd, header, headerSize, deadline)) {
+        TV_LOG("tcp_impl_receive, failed on receive header");
+        return -1;
+    }
+    if (memcmp(header, watermark, sizeof(watermark)) != 0) {
+        TV_LOG("tcp_impl_receive, invalid watermark");
+        return -1;
+    }
+    uint32_t netLen;
+    memcpy(&netLen, header + watermarkFieldSize, sizeof(netLen));
+    const uint32_t len = ntohl(netLen);
+    if (len > INT_MAX) {
+        TV_LOG("tcp_impl_receive, invalid length[%u]", len);
+        return -1;
+    }
+    return (int)len;
 }
 
 char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs)
 {
     *len = 0;
-    int budget = timeoutMs;
-    const bool limited = timeoutMs > 0;
-    char header[headerSize];
-    if (_impl_receive_with_timeout(fd, header, headerSize, &budget, limited) != headerSize) {
-        TV_LOG("tcp_impl_receive, failed on receive header");
+    const long long deadline = timeoutMs > 0 ? _monotonic_ms() + timeoutMs : noDeadline;
+    const int bodyLen = _receive_header(fd, deadline);
+    if (bodyLen < 0)
         return NULL;
-    }
-    if (memcmp(header, watermark, sizeof(watermark)) != 0) {
-        TV_LOG("tcp_impl_receive, invalid watermark");
-        return NULL;
-    }
-    uint32_t netLen;
-    memcpy(&netLen, header + watermarkFieldSize, sizeof(netLen));
-    const uint32_t bodyLen = ntohl(netLen);
-    if (bodyLen > INT_MAX) {
-        TV_LOG("tcp_impl_receive, invalid length[%u]", bodyLen);
-        return NULL;
-    }
-    *len = (int)bodyLen;
 
     // One byte more for the 0x00 that ends every scan of the message. A large block costs memory
     // only as its bytes arrive.
@@ -221,13 +225,13 @@ char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs)
         TV_LOG("tcp_impl_receive, failed on malloc");
         return NULL;
     }
-    if (_impl_receive_with_timeout(fd, body, *len, &budget, limited) != *len) {
-        TV_LOG("tcp_impl_receive, failed on receive msg, len[%d]", *len);
+    if (!_impl_receive_with_timeout(fd, body, bodyLen, deadline)) {
+        TV_LOG("tcp_impl_receive, failed on receive msg, len[%d]", bodyLen);
         free(body);
-        *len = 0;
         return NULL;
     }
     body[bodyLen] = '\0';
+    *len = bodyLen;
     return body;
 }
 
@@ -239,7 +243,7 @@ char *tcp_impl_receive(int fd, int *len)
 // ---- setting sockets up: no descriptor is handed on to a program that the application executes
 
 // A text that is no dotted IPv4 address leaves the address 0.0.0.0.
-static struct sockaddr_in make_address(const char *ip, int port)
+static struct sockaddr_in _make_address(const char *ip, int port)
 {
     struct sockaddr_in address;
     memset(&address, 0, sizeof(address));
@@ -251,7 +255,7 @@ static struct sockaddr_in make_address(const char *ip, int port)
 }
 
 // Send small frames at once instead of waiting for the acknowledgement of earlier ones.
-static void set_nodelay(int fd)
+static void _set_nodelay(int fd)
 {
     const int on = 1;
     if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) != 0)
@@ -266,7 +270,7 @@ int impl_create_server_socket(const char *ip, int port)
         return -1;
     }
     const int on = 1;
-    const struct sockaddr_in address = make_address(ip, port);
+    const struct sockaddr_in address = _make_address(ip, port);
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
         TV_LOG("%s, failed on setsockopt", __func__);
     } else if (bind(fd, (const struct sockaddr *)&address, sizeof(address)) < 0) {
@@ -281,9 +285,9 @@ int impl_create_server_socket(const char *ip, int port)
 }
 
 // Wait for the end of a connect in progress. Returns true when it succeeded; logs for its caller.
-static bool connect_finished(int fd, int timeoutMs, const char *caller)
+static bool _connect_finished(int fd, int timeoutMs, const char *caller)
 {
-    if (_wait_fd(fd, POLLOUT, &timeoutMs) <= 0)
+    if (!_wait_fd(fd, POLLOUT, timeoutMs))
         return false;
 
     int outcome = -1;
@@ -297,26 +301,54 @@ static bool connect_finished(int fd, int timeoutMs, const char *caller)
     return outcome == 0;
 }
 
+// While a server is down, TCP may connect a client on the same host to itself: the kernel picks the
+// server's port as the client's own, sooner or later. The server could not start then.
+static bool _is_connected_to_itself(int fd)
+{
+    struct sockaddr_in own = {}, peer = {};
+    socklen_t ownSize = sizeof(own), peerSize = sizeof(peer);
+    getsockname(fd, (struct sockaddr *)&own, &ownSize);
+    getpeername(fd, (struct sockaddr *)&peer, &peerSize);
+    return own.sin_family == AF_INET && own.sin_port == peer.sin_port &&
+           own.sin_addr.s_addr == peer.sin_addr.s_addr;
+}
+
 int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrlen, int timeoutMs)
 {
     _set_fd_nonblock(fd);
-    for (;;) {
-        if (connect(fd, addr, addrlen) >= 0)
-            return fd;
-        const int error = errno;
-        TV_LOG("%s %d", strerror(error), error);
-        switch (error) {
-        case EINPROGRESS:
-        case EALREADY:
-            return connect_finished(fd, timeoutMs, __func__) ? fd : -1;
-        case EINTR:
-            break;
-        case EISCONN:
-            return fd;
-        default:
+    int error;
+    do {
+        error = connect(fd, addr, addrlen) >= 0 ? 0 : errno;
+        if (error != 0)
+            TV_LOG("%s %d", strerror(error), error);
+    } while (error == EINTR);
+
+    if (error == EINPROGRESS || error == EALREADY) {
+        if (!_connect_finished(fd, timeoutMs, __func__))
             return -1;
-        }
+    } else if (error != 0 && error != EISCONN) {
+        return -1;
     }
+    if (_is_connected_to_itself(fd)) {
+        TV_LOG("%s, connected to itself", __func__);
+        return -1;
+    }
+    return fd;
+}
+
+static bool _blocking_connect(int fd, const struct sockaddr *addr, socklen_t addrlen,
+                              const char *caller)
+{
+    if (connect(fd, addr, addrlen) < 0) {
+        TV_LOG_AT(caller, __LINE__, "%s, failed on connect", caller);
+        return false;
+    }
+    if (_is_connected_to_itself(fd)) {
+        TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
+        return false;
+    }
+    _set_fd_nonblock(fd);
+    return true;
 }
 
 int impl_create_client_socket(const char *ip, int port, int timeoutMs)
@@ -326,24 +358,20 @@ int impl_create_client_socket(const char *ip, int port, int timeoutMs)
         TV_LOG("%s, failed on create socket", __func__);
         return -1;
     }
-    const struct sockaddr_in address = make_address(ip, port);
+    const struct sockaddr_in address = _make_address(ip, port);
     const struct sockaddr *target = (const struct sockaddr *)&address;
     bool connected;
     if (timeoutMs >= 1) {
         TV_LOG("nonblock connecting mode for fd %d", fd);
         connected = _impl_nonblock_connect(fd, target, sizeof(address), timeoutMs) != -1;
     } else {
-        connected = connect(fd, target, sizeof(address)) >= 0;
-        if (connected)
-            _set_fd_nonblock(fd);
-        else
-            TV_LOG("%s, failed on connect", __func__);
+        connected = _blocking_connect(fd, target, sizeof(address), __func__);
     }
     if (!connected) {
         close(fd);
         return -1;
     }
-    set_nodelay(fd);
+    _set_nodelay(fd);
     return fd;
 }
 
@@ -353,7 +381,7 @@ int tcp_impl_accept_socket(int listenFd)
     const int fd = accept4(listenFd, NULL, NULL, SOCK_CLOEXEC);
     if (fd >= 0) {
         _set_fd_nonblock(fd);
-        set_nodelay(fd);
+        _set_nodelay(fd);
     }
     return fd;
 }

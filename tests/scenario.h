@@ -28,7 +28,8 @@
 //   peer_buffers KIND PAYLOAD   the same, but the message lies in the socket until `serve`
 //   peer_sends_empty_frame      the channel receives a frame without a message
 //   peer_sends_bytes TEXT       the channel receives TEXT, which is no frame
-//   drop_frames M N             as if M messages of the peer, and N to it, were lost (below 0: repeated)
+//   drop_frames N               as if N messages of the peer were lost (below 0: sent again)
+//   peer_misses N               as if N messages to the peer were lost
 //   peer_closes                 the peer closes its end of the connection
 //
 // VERBS of the application
@@ -44,6 +45,7 @@
 //   broadcast TEXT              a request to all clients
 //   find_client IP PORT         notes which link's client has logged in with that URL
 //   serve                       runs the channel's descriptor handler once
+//   watch                       registers the channel's descriptor with the loop once more
 //   close                       closes the channel
 //   actors FIRST SECOND         what the two actors do from now on: pass, handle, defer or another
 //                               result, and after a ":" the reply that they hand over
@@ -51,6 +53,7 @@
 //   enable_all_heartbeats MS COUNT   on the server and its pairs
 //   start_timers                many timers that do nothing
 //   next_timer                  notes the milliseconds until the next timer
+//   be_busy MS                  lets MS simulated milliseconds pass outside the main loop
 //   advance MS                  runs the main loop for MS simulated milliseconds; inside a callback
 //                               for a single pass
 //
@@ -206,6 +209,14 @@ static void called(Text callback, int id, const char *text, int length)
         awaited.erase(id); // unless a plan has sent the next one
 }
 
+static int watch(int id)
+{
+    const int fd = tv_get_polling_fd(id);
+    if (get_channel_type(id) == TV_CHANNEL_CLIENT)
+        return tv_register_polling_fd(fd, tv_channel_fd_handler, id, 0);
+    return tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0);
+}
+
 static void on_link_down(int id, const char *url)
 {
     called("link_down", id, url, strlen(url));
@@ -214,11 +225,11 @@ static void on_link_down(int id, const char *url)
 static void on_fd_open(int fd)
 {
     openPairs++;
-    tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0);
     const tv_channel_list *const newest = tv_service_server.pairList.prev;
     const int id = ((const tv_channel_node *)newest)->channel->channelId;
     pairIds[fd] = current->channelId = id;
     owners[id] = current;
+    watch(id);
     called("fd_open", id, "", 0);
 }
 
@@ -276,12 +287,19 @@ static void stop_server()
     tv_stop_server();
 }
 
-static void accept_peer(Link &link)
+static void connect_peer(Link &link)
 {
     close_peer(link);
     link = {link.label};
-    link.peerFd = __real_socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    const int fd = __real_socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    link.peerFd = __real_fcntl(fd, F_DUPFD, 32); // low numbers are the library's, to be used again
+    __real_close(fd);
     __real_connect(link.peerFd, (sockaddr *)&serverAddress, sizeof(serverAddress));
+}
+
+static void accept_peer(Link &link)
+{
+    connect_peer(link);
     tv_server_fd_handler(tv_get_server_polling_fd(), 0, 0);
 }
 
@@ -307,7 +325,7 @@ static int connect_client(int id)
     const int result = tv_connect_server(id);
     if (result == 0) {
         REQUIRE(get_channel_type(id) == TV_CHANNEL_CLIENT);
-        tv_register_polling_fd(tv_get_polling_fd(id), tv_channel_fd_handler, id, 0);
+        watch(id);
     }
     return result;
 }
@@ -346,8 +364,12 @@ static void serve(int id)
         tv_pair_fd_handler(fd, 0, 0);
 }
 
-static void do_nothing(intptr_t, intptr_t)
+static const ruvo_timer_cb doNothing = [](intptr_t, intptr_t) {};
+
+static void serve_bytes(const Link &link, Text bytes)
 {
+    send_bytes(link, bytes);
+    serve(link.channelId);
 }
 
 // The timer library keeps the room that it has got: while something fails, ask for more each time.
@@ -355,7 +377,7 @@ static void start_timers()
 {
     static int count = 40;
     for (int i = 0; i < count; i++)
-        if (__real_ruvo_start_timer(5, do_nothing, 0, 0) == -1)
+        if (__real_ruvo_start_timer(5, doNothing, 0, 0) == -1)
             note("no timer " + std::to_string(i));
     if (injection.fault != nullptr && count < 200)
         count *= 2;
@@ -399,21 +421,10 @@ static std::map<std::string, Act> verbs = {
     {"peer_logs_in", [](const Step &s) { run("accept; peer_sends login " + s.a + "~"); }},
     {"peer_buffers", [](const Step &s) { send_message(s.link, s.a, s.b); }},
     {"peer_sends", [](const Step &s) { run("peer_buffers " + s.words + "; serve"); }},
-    {"peer_sends_empty_frame",
-     [](const Step &s) {
-         send_bytes(s.link, frame(""));
-         run("serve");
-     }},
-    {"peer_sends_bytes",
-     [](const Step &s) {
-         send_bytes(s.link, s.a);
-         run("serve");
-     }},
-    {"drop_frames",
-     [](const Step &s) {
-         s.link.sent += s.m;
-         s.link.received += s.n;
-     }},
+    {"peer_sends_empty_frame", [](const Step &s) { serve_bytes(s.link, frame("")); }},
+    {"peer_sends_bytes", [](const Step &s) { serve_bytes(s.link, s.a); }},
+    {"drop_frames", [](const Step &s) { s.link.sent += s.m; }},
+    {"peer_misses", [](const Step &s) { s.link.received += s.m; }},
     {"peer_closes", [](const Step &s) { close_peer(s.link); }},
 
     {"start_server", call([](const Step &) { return start_server(); })},
@@ -432,6 +443,7 @@ static std::map<std::string, Act> verbs = {
      call([](const Step &s) { return tv_broadcast_rqst_to_client(&s.a[0], s.a.size()); })},
     {"find_client", [](const Step &s) { find_client(s.a, s.n); }},
     {"serve", [](const Step &s) { serve(s.id); }},
+    {"watch", call([](const Step &s) { return watch(s.id); })},
     {"close", [](const Step &s) { close_by_id(s.id); }},
     {"actors",
      [](const Step &s) {
@@ -446,6 +458,7 @@ static std::map<std::string, Act> verbs = {
      [](const Step &) {
          note("next timer " + std::to_string(ruvo_timer_get_expected_interval()));
      }},
+    {"be_busy", [](const Step &s) { now += std::min(s.m, 10000); }},
     {"advance", [](const Step &s) { advance(std::min(s.m, 10000)); }},
 };
 
@@ -510,7 +523,7 @@ static void run(Text scenario)
 static void begin()
 {
     [[maybe_unused]] static const int once = // the timer library never gives its table back
-        ruvo_stop_timer(ruvo_start_timer(1, do_nothing, 0, 0));
+        ruvo_stop_timer(ruvo_start_timer(1, doNothing, 0, 0));
     links.clear();
     owners.clear();
     current = &links[""];

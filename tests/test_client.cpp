@@ -12,7 +12,7 @@ TEST_F(Client, ConnectsAgainOnANewConnection)
     play(R"(
         set_connect_timeout 150
         disconnect                      => disconnect: -1
-        drop_frames 0 1                 # the logout, which was numbered
+        peer_misses 1                 # the logout, which was numbered
         connect     => connecting to 127.0.0.1:80 within 150, peer_got login tcp://link:7~
         enable_heartbeat 100 1
         next_timer                      => next timer -1

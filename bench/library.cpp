@@ -1,24 +1,16 @@
-// library.cpp - the library as a contender, and as a server of many plain connections.
+// library.cpp - the library as a contender, and as a server of many clients.
 
 #include "contender.h"
 
+#include "ruvo_timer.h"
 #include "tolvane.h"
 
 #include <cstdlib>
-#include <unistd.h>
-
-const size_t channelSize = sizeof(tv_channel);
+#include <sys/epoll.h>
 
 static const int timeout = 1000;
-static const int hbInterval = 600000; // longer than any pause: every message restarts the timer
-static const int hbCount = 3;
 
-static void on_linkdown(int, const char *)
-{
-    _exit(EXIT_FAILURE); // the other process is gone
-}
-
-// ---- server
+// ---- servers
 
 static int echo(int, const char *payload, int len, char **reply, int *replyLen)
 {
@@ -26,72 +18,104 @@ static int echo(int, const char *payload, int len, char **reply, int *replyLen)
         message_received();
         return TV_ACTOR_HANDLED;
     }
-    *reply = copy_of(payload, len);
+    *reply = (char *)malloc(len);
+    copy(*reply, payload, len);
     *replyLen = len;
     return TV_ACTOR_HANDLED;
 }
 
-static void start_server(int port, tv_client_fd_cb opened)
+static void close_pair(int id, const char *)
+{
+    tv_close_client_connection(id);
+}
+
+static void start(int port, tv_client_fd_cb opened)
 {
     const int id = tv_start_server("127.0.0.1", port);
     check(id != -1, "tv_start_server");
     tv_register_actor(id, echo);
     tv_register_client_fd_open_callback(opened);
-    tv_register_linkdown_callback(id, on_linkdown);
+    tv_register_linkdown_callback(id, close_pair);
     tv_set_poll_timeout(id, timeout);
-    if (theTask.self->heartbeats)
-        tv_service_enable_heartbeat(hbInterval, hbCount, on_linkdown);
+    server_is_ready();
 }
 
-static void poll_pair(int fd)
+static void register_pair(int fd)
 {
     check(tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0) == 0, "register");
 }
 
-void library_serve(int port)
+static void read_record(int id, const char *)
 {
-    start_server(port, poll_pair);
-    tv_register_polling_fd(tv_get_server_polling_fd(), tv_server_fd_handler, 0, 0);
-    server_is_ready();
-    tv_main_loop();
+    check(tv_get_channel(id)->pairSocket != nullptr, "record");
+}
+
+static int epollFd;
+
+static void watch(int fd)
+{
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    check(epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &event) == 0, "epoll_ctl");
 }
 
 void library_serve_many(int port)
 {
-    start_server(port, watch);
-    serve_many(tv_get_server_polling_fd(), tv_server_fd_handler, tv_pair_fd_handler);
+    epollFd = epoll_create1(0);
+    start(port, watch);
+    tv_register_connected_callback(0, read_record);
+    watch(tv_get_server_polling_fd());
+    for (;;) {
+        epoll_event event;
+        const int ready = epoll_wait(epollFd, &event, 1, ruvo_timer_get_expected_interval());
+        ruvo_fire_timer();
+        if (ready != 1)
+            continue;
+        const bool isServer = event.data.fd == tv_get_server_polling_fd();
+        (isServer ? tv_server_fd_handler : tv_pair_fd_handler)(event.data.fd, 0, 0);
+    }
 }
 
-// ---- client
+// ---- client, in a loop of its own
 
-static void send_request(int id)
+static const char *lastReply;
+
+static void on_reply(int, const char *payload, int)
 {
-    const int replyTimeout = theTask.oneWay ? 0 : timeout;
-    check(tv_send_rqst(id, theTask.payload, theTask.len, replyTimeout) == 0, "tv_send_rqst");
+    lastReply = payload;
 }
 
-static void on_reply(int id, const char *, int)
+link_end open_library(int port, bool serving)
 {
-    tick();
-    send_request(id);
-}
-
-void library_request(int port)
-{
-    tv_client_addr address = {"127.0.0.1", "127.0.0.1", (uint16_t)port, 6000};
+    if (serving) {
+        start(port, register_pair);
+        tv_register_polling_fd(tv_get_server_polling_fd(), tv_server_fd_handler, 0, 0);
+        tv_main_loop();
+    }
+    static uint16_t number = 0; // names the client
+    const tv_client_addr address = {"127.0.0.1", "127.0.0.1", (uint16_t)port, ++number};
     const int id = tv_create_client_channel(&address);
     tv_register_resp_handler(id, on_reply);
-    tv_register_linkdown_callback(id, on_linkdown);
     tv_set_poll_timeout(id, timeout);
-    if (theTask.self->heartbeats)
-        tv_client_enable_heartbeat(id, hbInterval, hbCount, on_linkdown);
     check(tv_connect_server(id) == 0, "tv_connect_server");
-    check(tv_register_polling_fd(tv_get_polling_fd(id), tv_channel_fd_handler, id, 0) == 0,
-          "register");
-    for (;;) {
-        send_request(id);
-        if (!theTask.oneWay)
-            tv_main_loop(); // on_reply goes on
-        tick();
-    }
+    const int fd = tv_get_polling_fd(id);
+    const auto send = [=](const char *payload) {
+        const int replyTimeout = theTask.oneWay ? 0 : timeout;
+        check(tv_send_rqst(id, payload, theTask.len, replyTimeout) == 0, "tv_send_rqst");
+    };
+    const auto receive = [=] {
+        pollfd entry = {fd, POLLIN, 0};
+        lastReply = nullptr;
+        poll(&entry, 1, ruvo_timer_get_expected_interval());
+        ruvo_fire_timer();
+        tv_channel_fd_handler(fd, id, 0);
+        check(lastReply != nullptr, "reply");
+        return lastReply;
+    };
+    const auto close = [=] {
+        tv_disconnect_server(id);
+        tv_close_channel(id);
+    };
+    return {send, receive, close};
 }

@@ -1,122 +1,160 @@
-// peers.cpp - other messaging libraries, each used as its own documents show it: REQ and REP
-// sockets for the round trip, PUSH and PULL sockets for the one-way stream.
+// peers.cpp - what the library is compared with.
+//
+// raw TCP     one send and one receive a message on blocking sockets. Nothing over TCP is faster.
+// bare calls  the calls that the library cannot do without: for each message the event loop's
+//             poll(), two sends and two receives (header and body), one block and one copy. Nothing
+//             is printed, searched, looked up or checked.
+// libzmq, nng as their documents show it: REQ and REP sockets for the round trip, PUSH and PULL
+//             sockets one way, which may put many messages into one transfer.
 
 #include "contender.h"
 
+#include <arpa/inet.h>
 #include <cstdlib>
-#include <nanomsg/nn.h>
-#include <nanomsg/pipeline.h>
-#include <nanomsg/reqrep.h>
-#include <nanomsg/tcp.h>
+#include <netinet/tcp.h>
 #include <nng/nng.h>
 #include <nng/protocol/pipeline0/pull.h>
 #include <nng/protocol/pipeline0/push.h>
 #include <nng/protocol/reqrep0/rep.h>
 #include <nng/protocol/reqrep0/req.h>
+#include <poll.h>
 #include <string>
 #include <zmq.h>
+
+static char buffer[1 << 16]; // the message that was received last, or is sent
+
+// ---- raw TCP
+
+static int open_socket(int port, bool listening)
+{
+    const sockaddr_in address = {AF_INET, htons((uint16_t)port), {htonl(INADDR_LOOPBACK)}, {}};
+    const int fd = socket(AF_INET, SOCK_STREAM, 0), on = 1;
+    check(setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) == 0, "setsockopt");
+    const auto open = listening ? bind : connect;
+    check(open(fd, (const sockaddr *)&address, sizeof(address)) == 0, "socket");
+    if (listening) {
+        check(listen(fd, 16) == 0, "listen");
+        server_is_ready();
+    }
+    return fd; // an accepted connection inherits TCP_NODELAY
+}
+
+static void send_all(int fd, const void *bytes, int len, int flags)
+{
+    check(send(fd, bytes, len, flags | MSG_NOSIGNAL) == len, "send");
+}
+
+static void receive_all(int fd, void *dst, int len)
+{
+    check(recv(fd, dst, len, MSG_WAITALL) == len, "recv");
+}
+
+static link_end open_raw(int port, bool serving)
+{
+    const int opened = open_socket(port, serving),
+              fd = serving ? accept(opened, nullptr, nullptr) : opened;
+    const auto receive = [=] {
+        receive_all(fd, buffer, theTask.len);
+        return buffer;
+    };
+    return {[=](const char *payload) { send_all(fd, payload, theTask.len, 0); }, receive, {}};
+}
+
+// ---- bare calls
+
+static const std::string header =
+    "1000\nvelun_tolvane_request\ntcp://127.0.0.1:6000\nvelun_tolvane_payload\n";
+
+struct frame_header {
+    char watermark[32] = "TCP_WATER_MARK";
+    uint32_t len = 0; // of the body, in network order
+};
+
+static void bare_send(int fd, const char *payload)
+{
+    const int len = (int)header.size() + theTask.len;
+    frame_header frame;
+    frame.len = htonl(len);
+    header.copy(buffer, header.size());
+    copy(buffer + header.size(), payload, theTask.len);
+    send_all(fd, &frame, sizeof(frame), MSG_MORE);
+    send_all(fd, buffer, len, 0);
+}
+
+static const char *bare_receive(int fd)
+{
+    static char *body;
+    frame_header frame;
+    receive_all(fd, &frame, sizeof(frame));
+    const int len = (int)ntohl(frame.len);
+    free(body);
+    body = (char *)malloc(len);
+    receive_all(fd, body, len);
+    return body + len - theTask.len;
+}
+
+static link_end open_bare(int port, bool serving)
+{
+    const int opened = open_socket(port, serving),
+              fd = serving ? accept(opened, nullptr, nullptr) : opened;
+    const auto receive = [=] { // a server watches its listening socket, too
+        pollfd entries[] = {{fd, POLLIN, 0}, {opened, POLLIN, 0}};
+        check(poll(entries, serving ? 2 : 1, -1) == 1, "poll");
+        return bare_receive(fd);
+    };
+    return {[=](const char *payload) { bare_send(fd, payload); }, receive, {}};
+}
+
+// ---- other libraries
 
 static std::string address_of(int port)
 {
     return "tcp://127.0.0.1:" + std::to_string(port);
 }
 
-// The loops are the same for all: Send and Receive move theTask.len bytes and return their count.
-template <class Send, class Receive> static void serve(Send send, Receive receive)
+static link_end open_zmq(int port, bool serving)
 {
-    std::string buffer(theTask.len, '\0');
-    server_is_ready();
-    for (;;) {
-        check(receive(&buffer[0]) == theTask.len, "receive");
-        if (theTask.oneWay)
-            message_received();
-        else
-            check(send(buffer.data()) == theTask.len, "send");
-    }
+    static const int types[2][2] = {{ZMQ_REQ, ZMQ_REP}, {ZMQ_PUSH, ZMQ_PULL}};
+    void *socket = zmq_socket(zmq_ctx_new(), types[theTask.oneWay][serving]);
+    const auto open = serving ? zmq_bind : zmq_connect;
+    check(open(socket, address_of(port).c_str()) == 0, "zmq");
+    if (serving)
+        server_is_ready();
+    const auto send = [=](const char *payload) {
+        check(zmq_send(socket, payload, theTask.len, 0) == theTask.len, "zmq_send");
+    };
+    const auto receive = [=] {
+        check(zmq_recv(socket, buffer, theTask.len, 0) == theTask.len, "zmq_recv");
+        return buffer;
+    };
+    return {send, receive, {}};
 }
 
-template <class Send, class Receive> static void request(Send send, Receive receive)
+static link_end open_nng(int port, bool serving)
 {
-    std::string buffer(theTask.len, '\0');
-    for (;;) {
-        check(send(theTask.payload) == theTask.len, "send");
-        if (!theTask.oneWay)
-            check(receive(&buffer[0]) == theTask.len, "receive");
-        tick();
-    }
-}
-
-// ---- libzmq
-
-void zmq_serve(int port)
-{
-    void *socket = zmq_socket(zmq_ctx_new(), theTask.oneWay ? ZMQ_PULL : ZMQ_REP);
-    check(zmq_bind(socket, address_of(port).c_str()) == 0, "zmq_bind");
-    serve([=](const char *bytes) { return zmq_send(socket, bytes, theTask.len, 0); },
-          [=](char *bytes) { return zmq_recv(socket, bytes, theTask.len, 0); });
-}
-
-void zmq_request(int port)
-{
-    void *socket = zmq_socket(zmq_ctx_new(), theTask.oneWay ? ZMQ_PUSH : ZMQ_REQ);
-    check(zmq_connect(socket, address_of(port).c_str()) == 0, "zmq_connect");
-    request([=](const char *bytes) { return zmq_send(socket, bytes, theTask.len, 0); },
-            [=](char *bytes) { return zmq_recv(socket, bytes, theTask.len, 0); });
-}
-
-// ---- nanomsg
-
-static int nanomsg_socket(int protocol)
-{
-    const int socket = nn_socket(AF_SP, protocol);
-    const int on = 1;
-    check(nn_setsockopt(socket, NN_TCP, NN_TCP_NODELAY, &on, sizeof(on)) == 0, "nn_setsockopt");
-    return socket;
-}
-
-void nanomsg_serve(int port)
-{
-    const int socket = nanomsg_socket(theTask.oneWay ? NN_PULL : NN_REP);
-    check(nn_bind(socket, address_of(port).c_str()) >= 0, "nn_bind");
-    serve([=](const char *bytes) { return nn_send(socket, bytes, theTask.len, 0); },
-          [=](char *bytes) { return nn_recv(socket, bytes, theTask.len, 0); });
-}
-
-void nanomsg_request(int port)
-{
-    const int socket = nanomsg_socket(theTask.oneWay ? NN_PUSH : NN_REQ);
-    check(nn_connect(socket, address_of(port).c_str()) >= 0, "nn_connect");
-    request([=](const char *bytes) { return nn_send(socket, bytes, theTask.len, 0); },
-            [=](char *bytes) { return nn_recv(socket, bytes, theTask.len, 0); });
-}
-
-// ---- nng, which sends without delay unless told otherwise
-
-static int nng_send_bytes(nng_socket socket, const char *bytes)
-{
-    return nng_send(socket, const_cast<char *>(bytes), theTask.len, 0) == 0 ? theTask.len : -1;
-}
-
-static int nng_receive_bytes(nng_socket socket, char *bytes)
-{
-    size_t len = theTask.len;
-    return nng_recv(socket, bytes, &len, 0) == 0 ? (int)len : -1;
-}
-
-void nng_serve(int port)
-{
+    int (*const types[2][2])(nng_socket *) = {{nng_req0_open, nng_rep0_open},
+                                              {nng_push0_open, nng_pull0_open}};
     nng_socket socket;
-    check((theTask.oneWay ? nng_pull0_open : nng_rep0_open)(&socket) == 0, "nng open");
-    check(nng_listen(socket, address_of(port).c_str(), nullptr, 0) == 0, "nng_listen");
-    serve([=](const char *bytes) { return nng_send_bytes(socket, bytes); },
-          [=](char *bytes) { return nng_receive_bytes(socket, bytes); });
+    check(types[theTask.oneWay][serving](&socket) == 0, "nng");
+    const std::string address = address_of(port);
+    check((serving ? nng_listen(socket, address.c_str(), nullptr, 0)
+                   : nng_dial(socket, address.c_str(), nullptr, 0)) == 0,
+          "nng");
+    if (serving)
+        server_is_ready();
+    const auto send = [=](const char *payload) {
+        check(nng_send(socket, const_cast<char *>(payload), theTask.len, 0) == 0, "nng_send");
+    };
+    const auto receive = [=] {
+        size_t len = sizeof(buffer);
+        check(nng_recv(socket, buffer, &len, 0) == 0, "nng_recv");
+        return buffer;
+    };
+    return {send, receive, {}};
 }
 
-void nng_request(int port)
-{
-    nng_socket socket;
-    check((theTask.oneWay ? nng_push0_open : nng_req0_open)(&socket) == 0, "nng open");
-    check(nng_dial(socket, address_of(port).c_str(), nullptr, 0) == 0, "nng_dial");
-    request([=](const char *bytes) { return nng_send_bytes(socket, bytes); },
-            [=](char *bytes) { return nng_receive_bytes(socket, bytes); });
-}
+const std::vector<contender> contenders = {{"raw TCP", open_raw},
+                                           {"bare calls", open_bare},
+                                           {"library", open_library},
+                                           {"libzmq", open_zmq},
+                                           {"nng", open_nng}};

@@ -15,7 +15,10 @@ file(CONFIGURE OUTPUT debian/changelog CONTENT
  -- @CPACK_DEBIAN_PACKAGE_MAINTAINER@  @changelog_date@
 " @ONLY)
 execute_process(COMMAND ${GZIP} -9nf debian/changelog WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
-    COMMAND_ERROR_IS_FATAL ANY)
+    RESULT_VARIABLE gzip_failed)
+if(gzip_failed)
+    message(FATAL_ERROR "gzip: ${gzip_failed}")
+endif()
 file(CONFIGURE OUTPUT debian/copyright CONTENT
 "Copyright: the tolvane developers
 

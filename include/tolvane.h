@@ -1,49 +1,60 @@
-/* tolvane.h - request and reply messages between processes over TCP, on one thread.
+/** @file
+ * Request and reply messages between processes over TCP, on one thread.
  *
- * The one public header of libtolvane.so, for C11 and C++17. Its sections go from the application
- * down to the sockets; most programs need sections 2 to 6 only:
+ * The public header of libtolvane.so, for C11 and C++17. Its sections lead from the application
+ * down to the sockets: 1 types and records, 2 channels by id, 3 client, 4 server, 5 event loop,
+ * 6 log, 7 request and reply, 8 heartbeat and dispatch, 9 channel lists, 10 message text,
+ * 11 channel transport, 12 sockets and frames. Most programs need sections 1 to 6 only.
  *
- *   1  Types and records           5  Event loop               9   Channel lists
- *   2  Channels by id              6  Log                      10  Message text
- *   3  Client                      7  Request and reply        11  Channel transport
- *   4  Server                      8  Heartbeat, dispatch      12  Sockets and frames
+ * A program that defines TOLVANE_APPLICATION_ONLY before it includes this header sees only those,
+ * without their lower-level steps: all types, and the functions with the prefix tv_ that serve an
+ * application, plus get_channel_type(). Names such as log_file, get_channel or send_rqst then stay
+ * free for the program. The first inclusion in a source file decides.
  *
- * CONVENTIONS, true of every entry below unless it says otherwise
+ * Conventions, which hold for every entry unless it says otherwise:
  *
- * Results    0 is success and -1 failure, or a length, an id or a descriptor, or -1. A record
- *            that is not found is a null pointer. errno is no result: what a failed system
- *            call left in it is good for a message to a reader, and no more. Most failures are
- *            logged, once, where they are detected (section 6). A failed operation changes
- *            nothing but what its entry names.
- * Time       milliseconds, measured on the monotonic clock: a changed wall clock moves nothing.
- * Sizes      bytes. Lengths are int and never negative: a negative one is refused.
- * Text       NUL-terminated. A text that is too long for its record is cut, never overrun.
- * Ownership  the library copies every text and payload that it is given before the call returns
- *            and keeps no pointer to it. What a callback is handed is valid until the callback
- *            returns, unless its type says otherwise.
- * Threads    none are started and nothing is locked. One thread makes every call, and every
- *            callback runs on it, inside such a call or inside the event loop.
- * Blocking   a connect, a send or a receive takes at most the channel's connect time-out or
- *            poll time-out, also if the peer sends without a pause. Until they are set, a
- *            connect takes as long as the system tries, about two minutes, and a transfer up to
- *            24.8 days: set them (section 2).
- * Closing    where a callback type forbids closing its own channel, do it later, for example
- *            from a timer. Closing there all the same is safe for memory: the channel is gone
- *            at once, and the operation that called back stops when the callback returns.
- * Callbacks  return normally: no C++ exception and no longjmp() may leave one.
- * Signals    none are raised: a peer that vanished is a failed send, never SIGPIPE. A log
- *            stream of the application's is another matter: a pipe that nobody reads.
- * Children   all descriptors are close-on-exec. After fork() one of the two processes only may
- *            go on using them: they share the connections and the listening port, and of two
- *            that accept one hangs.
+ * - Results: 0 is success and -1 is failure; a function that returns a length, an id or a
+ *   descriptor returns -1 on failure; a record that is not found is a null pointer. errno is not
+ *   part of the interface; use it only for diagnostics. A failed operation changes nothing but
+ *   what its entry names. Most failures are logged (section 6), some by more than one function,
+ *   some by none.
+ * - Arguments: pointers are not null and are not checked. A negative length is refused.
+ * - Time: milliseconds on the monotonic clock. Changes of the wall clock have no effect.
+ * - Sizes: bytes, as int.
+ * - Text: NUL-terminated. Text that is too long for its field is cut.
+ * - Ownership: the library copies every text and payload that it is given before the call returns.
+ *   What a callback receives is valid until the callback returns.
+ * - Payloads: any bytes, with their length. Every payload that a callback receives is followed by
+ *   a 0x00 that its length does not count.
+ * - Threads: the library starts none and takes no locks. One thread makes all calls, and every
+ *   callback runs on it, inside such a call or inside the event loop.
+ * - Blocking: connecting, or transferring one message, blocks for at most the timeout you set with
+ *   tv_set_connect_timeout() or tv_set_poll_timeout(), plus the time it takes to release the
+ *   memory of an incomplete frame. A transfer has one deadline for the whole message, so a peer
+ *   that trickles data cannot extend it. The defaults are the system's connect timeout, about two
+ *   minutes, and a poll timeout of 24.8 days: set both. Handling a complete message is not
+ *   limited; it takes time in proportion to the message.
+ * - Callbacks: a callback may call any function of this library: close other channels, register
+ *   and unregister descriptors, start and stop timers, start and stop the server (a start is
+ *   refused while a server runs). Closing any channel, its own included, and stopping the server
+ *   is memory-safe in every callback: the channel is gone at once, and the operation that called
+ *   back stops when the callback returns. Callbacks must return normally: no C++ exception and no
+ *   longjmp() may leave one.
+ * - Signals: the library never raises SIGPIPE; a peer that has gone away is a failed send. A log
+ *   stream that you open yourself is not covered.
+ * - Processes: all descriptors are close-on-exec. After fork(), only one of the two processes may
+ *   go on using the library: both share its connections and its listening socket.
  */
 #ifndef TOLVANE_H
 #define TOLVANE_H
 
+#include <stdint.h> /* intptr_t, uint8_t, uint16_t */
+#include <stdio.h>  /* FILE */
+
+#ifndef TOLVANE_APPLICATION_ONLY
 #include <poll.h>       /* struct pollfd */
-#include <stdint.h>     /* intptr_t, uint8_t, uint16_t */
-#include <stdio.h>      /* FILE */
 #include <sys/socket.h> /* struct sockaddr, socklen_t */
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -54,27 +65,27 @@ extern "C" {
 #define TV_VERSION_PATCH 0
 #define TV_VERSION       "1.0.0"
 
-/* Limits, in bytes unless a comment says otherwise. */
-#define TV_MSG_BUF_SIZE    0x10000  /* one message as sent: header text and payload together */
-#define TV_URL_SIZE        64       /* a channel's URL with its terminating NUL */
-#define TV_IP_SIZE         16       /* a dotted IPv4 text with its terminating NUL */
-#define TV_MAX_ACTORS      16       /* actors a channel */
-#define TV_RQST_QUEUE_SIZE 8        /* received requests waiting behind the one being served */
-#define TV_MAX_POLLING_FDS 16       /* descriptors in the event loop */
-#define TV_LOG_FILE_SIZE   128      /* the log path with its terminating NUL */
-#define TV_LOG_LIMIT       0x200000 /* size from which a log takes no more, see section 6 */
+/* Limits, in bytes unless stated otherwise. */
+#define TV_MSG_BUF_SIZE    0x10000  /**< one message as sent: header text and payload together */
+#define TV_URL_SIZE        64       /**< a channel's URL with its NUL */
+#define TV_IP_SIZE         16       /**< a dotted IPv4 address with its NUL */
+#define TV_MAX_ACTORS      16       /**< actors per channel */
+#define TV_RQST_QUEUE_SIZE 8        /**< received requests that wait behind the one being served */
+#define TV_MAX_POLLING_FDS 16       /**< descriptors in the event loop */
+#define TV_LOG_FILE_SIZE   128      /**< the log path with its NUL */
+#define TV_LOG_LIMIT       0x200000 /**< size at which a log sink stops taking entries */
 
 /* ---- 1  Types and records ------------------------------------------------------------------ */
 
-/* Channel types, as get_channel_type reports them. */
+/** Channel types, as get_channel_type() reports them. */
 enum {
-    TV_CHANNEL_SERVER = 0, /* owns the listening socket */
-    TV_CHANNEL_CLIENT = 1, /* connects to a server */
-    TV_CHANNEL_PAIR = 2,   /* the server's end of one accepted connection */
-    TV_CHANNEL_NONE = 3    /* no such channel, or closed */
+    TV_CHANNEL_SERVER = 0, /**< owns the listening socket */
+    TV_CHANNEL_CLIENT = 1, /**< connects to a server */
+    TV_CHANNEL_PAIR = 2,   /**< the server's end of one accepted connection */
+    TV_CHANNEL_NONE = 3    /**< no such channel, or closed */
 };
 
-/* Message types, as get_msg_type reports them. */
+/** Message types, as get_msg_type() reports them. */
 enum {
     TV_MSG_LOGIN = 0,
     TV_MSG_LOGOUT = 1,
@@ -85,271 +96,388 @@ enum {
     TV_MSG_UNKNOWN = 6
 };
 
-/* Results of an actor. Any value but TV_ACTOR_PASS and TV_ACTOR_DEFERRED means handled. */
+/** Results of an actor. Any value but TV_ACTOR_PASS and TV_ACTOR_DEFERRED means handled. */
 enum {
-    TV_ACTOR_PASS = 0,    /* not mine: offer the request to the next actor */
-    TV_ACTOR_HANDLED = 1, /* handled: send *respPayload if there is one */
-    TV_ACTOR_DEFERRED = 2 /* mine: the reply follows through tv_send_resp */
+    TV_ACTOR_PASS = 0,    /**< not handled: offer the request to the next actor */
+    TV_ACTOR_HANDLED = 1, /**< handled: send *respPayload, if it is set */
+    TV_ACTOR_DEFERRED = 2 /**< accepted: the reply follows through tv_send_resp() */
 };
 
-/* Heartbeat modes of a channel record. */
+/** Heartbeat modes of a channel record. */
 enum { TV_HEARTBEAT_ON = 0, TV_HEARTBEAT_OFF = 2 };
 
-/* Serves one received request. Called with each request once, in order of registration, until
- * an actor takes it.
+/** Serves one received request. Runs once for each request, in the order of registration, until
+ * an actor returns something other than TV_ACTOR_PASS.
  *
- *   payload      the request's bytes, may hold 0x00; valid until the actor returns, and after
- *                TV_ACTOR_DEFERRED until the reply has been sent or the channel is closed
- *   payloadLen   0 or more
- *   respPayload  points to a null pointer, or to what an actor before this one left there (free
- *                that before replacing it); may be set to a reply from malloc(). It belongs to
- *                the library then, which frees it whatever the actor returns
- *   respLen      points to 0, or to what an actor before left; the reply's length. A reply that
- *                does not fit leaves the request owed: tv_send_resp may answer it
+ * Once an actor has deferred a reply, up to TV_RQST_QUEUE_SIZE further requests of that peer wait
+ * in the channel's queue; more are dropped. A reply that does not fit into a message leaves the
+ * request pending; tv_send_resp() can still answer it.
  *
- * While a deferred reply is owed, up to TV_RQST_QUEUE_SIZE further requests wait their turn. An
- * actor that runs its channel's descriptor handler, or a loop, before it returns gives up a
- * request that was deferred there, if it then replies or defers its own: the other's payload is
- * gone, and it gets no reply. If it returns without a reply, the other one stays owed. Must not
- * close its own channel. */
+ * May send requests on its channel; the request it is serving is answered only through its result.
+ * Leave the channel open until the actor has returned: closing it here is memory-safe, but the
+ * request gets no reply.
+ *
+ * An actor that runs the event loop, or its channel's descriptor handler, may be called again for
+ * the next request before it returns. A request that is deferred in that inner call stays pending
+ * only if the outer actor neither sends a reply nor defers its own request; otherwise the inner
+ * request's payload is released and it gets no reply. Example: the actor for R1 runs the loop, in
+ * which R2 arrives and is deferred; if the actor then replies to R1, R2 is never answered.
+ *
+ * @param channelId    the channel that received the request
+ * @param payload      the request's bytes; valid until the actor returns, or, after
+ *                     TV_ACTOR_DEFERRED, until the reply is sent or the channel is closed
+ * @param payloadLen   0 or more
+ * @param respPayload  points to a null pointer, or to what an earlier actor left there (free that
+ *                     before replacing it); may be set to a reply from malloc(), which the library
+ *                     frees whatever the actor returns
+ * @param respLen      points to 0, or to what an earlier actor left there: the reply's length
+ * @return a TV_ACTOR_ value */
 typedef int (*tv_actor)(int channelId, const char *payload, int payloadLen, char **respPayload,
                         int *respLen);
 
-/* Receives the reply to the channel's request: at most once a request. A reply without a payload
- * marker arrives as null and 0. May send the next request. Must not close its own channel. */
+/** Receives the reply to the channel's request. Runs at most once per request.
+ *
+ * May send the next request. Leave the channel open until the handler has returned, then close it
+ * from a timer; closing it here is memory-safe.
+ *
+ * @param channelId   the channel that sent the request
+ * @param payload     the reply's bytes; null if the reply has no payload marker
+ * @param payloadLen  0 or more */
 typedef void (*tv_resp_handler)(int channelId, const char *payload, int payloadLen);
 
-/* Tells that a request's time-out passed: at most once a request, and not after its reply.
- * The request still counts as outstanding until the handler returns: a request sent from here on
- * the same channel is refused. Only a handler that runs the channel's own descriptor handler, or a
- * loop, may find the reply after all: the response handler runs then, too, and the next request
- * is not refused any more. Must not close its own channel. */
+/** Reports that a request's timeout has expired. Runs at most once per request, and not after its
+ * reply was handled.
+ *
+ * tv_main_loop() fires timers before it reads. A reply that arrived in time but was still unread
+ * when the timeout expired, because the thread was busy, therefore counts as late. A late reply is
+ * discarded, or taken for the reply to the next request if that is outstanding when it is read:
+ * after a timeout, close the connection before you send again, or use correlation IDs.
+ *
+ * The request counts as outstanding until the handler returns: a request that it sends on the same
+ * channel is refused. A handler that runs the event loop, or the channel's descriptor handler, may
+ * still receive the reply: the response handler runs too, and then the next request is accepted.
+ *
+ * Leave the channel open until the handler has returned, then close it from a timer; closing it
+ * here is memory-safe. */
 typedef void (*tv_timeout_handler)(int channelId);
 
-/* Tells that the link is down: after every failed send or receive on a connection, after an empty
- * frame, and once when the heartbeat gives up. It does not run inside itself: what it sends on
- * the channel just fails. A send or receive without a connection, or on the listening channel,
- * does not call it. url is the channel's own field. The channel stays open until it is closed,
- * here or later; its descriptor may stay readable, so unregister it from the loop at the latest
- * here. May close its channel, except when a reply fails while queued requests are being served;
- * as that cannot be told from here, the library copes with both. */
+/** Reports that the link is down. Runs after every failed send or receive on a connection, after a
+ * received frame without a body, and once when the heartbeat gives up. A send or receive without a
+ * connection, or on the listening channel, does not call it.
+ *
+ * It is not called again while it runs for the same channel: a send that fails inside it returns
+ * -1 and does not call back. A send may also succeed there, as the connection may still work; after
+ * an empty frame it does. If the heartbeat gives up while the callback runs, the callback runs once
+ * more after it has returned.
+ *
+ * The channel stays open until you close it, here or later, and its descriptor may stay readable:
+ * unregister it from the event loop here at the latest. May close its channel.
+ *
+ * @param channelId  the channel
+ * @param url        the record's url field */
 typedef void (*tv_linkdown_cb)(int channelId, const char *url);
 
-/* Tells the server that a client has logged in on pair channelId. An older pair with the same URL
- * is closed by then, and tv_get_client_channel finds the new one once the callback has returned:
- * neither if the URL is longer than 63 characters, or if the application has taken the older pair
- * out of the repository. Must not close the pair. */
+/** Reports to the server that a client has logged in on a pair. An older pair with the same URL has
+ * been closed by then, unless the URL is longer than 63 characters or the application has taken
+ * that pair out of the repository.
+ *
+ * tv_get_client_channel() finds the pair once the callback has returned. May send on the pair. Leave
+ * the pair open until the callback has returned; closing it here is memory-safe.
+ *
+ * @param channelId  the pair
+ * @param url        the URL in the login: text from the network, of any length and content; cut it
+ *                   before you show or store it */
 typedef void (*tv_connected_cb)(int channelId, const char *url);
 
-/* Tells the server that a client is gone. After a logout the pair is closed already and the id
- * names nothing; when a newer login replaces the pair, it is closed right after the callback
- * (which is logged as a miss if the callback has closed it). May close any channel. */
+/** Reports to the server that a client is gone. Runs when a client has logged out, and when a newer
+ * login with the same URL replaces its pair; not after a lost link, nor when the application
+ * closes the pair.
+ *
+ * After a logout the pair is closed already and the id no longer names a channel. On a replacement
+ * the pair is still open, for a last request, and is closed after the callback returns; if the
+ * callback closes it, that is logged as a miss. A pair that the application has taken out of the
+ * repository is reported but not closed.
+ *
+ * @param channelId  the pair
+ * @param url        after a logout the text in the logout, unchecked; on a replacement the URL in
+ *                   the new login. Text from the network, of any length and content */
 typedef void (*tv_disconnected_cb)(int channelId, const char *url);
 
-/* Announces a pair's descriptor to the server: opened, once a connection, to be registered with
- * the event loop; or about to be closed, once a close, to be unregistered. The one for opened
- * descriptors must not close the pair. */
+/** Announces a pair's descriptor. As fd-open callback it runs once per accepted connection, to
+ * register fd with the event loop; as fd-close callback once per close of a pair, to unregister fd
+ * while it is still open.
+ *
+ * Sends on the pair are possible in both, within the server's poll timeout. The fd-open callback
+ * should leave the pair open; closing it there is memory-safe. In the fd-close callback the pair is
+ * being closed already, and closing it again does nothing. */
 typedef void (*tv_client_fd_cb)(int fd);
 
-/* Serves one ready descriptor of the event loop; arg1 and arg2 are those of its registration.
- * The result is ignored. May register, unregister and close any descriptor. */
+/** Serves one ready descriptor of the event loop. May register, unregister and close any
+ * descriptor and close any channel.
+ *
+ * @param fd    the descriptor: readable, hung up or in error
+ * @param arg1  the first argument of its registration
+ * @param arg2  the second one
+ * @return ignored */
 typedef int (*tv_fd_handler)(int fd, intptr_t arg1, intptr_t arg2);
 
-/* Addresses of a new client channel. */
+/** Addresses of a new client channel. */
 typedef struct tv_client_addr {
-    char serverIp[TV_IP_SIZE]; /* dotted IPv4 text of the server; any other, a host name too, means
-                                  0.0.0.0: this machine */
-    char clientIp[TV_IP_SIZE]; /* names this client in its URL; need not be its real address */
-    uint16_t serverPort;
-    uint16_t clientPort; /* names this client in its URL */
+    char serverIp[TV_IP_SIZE]; /**< dotted IPv4 address of the server. Names are not resolved:
+                                    anything else is taken as 0.0.0.0, which is this machine */
+    char clientIp[TV_IP_SIZE]; /**< names this client in its URL; need not be its real address */
+    uint16_t serverPort;       /**< the server's TCP port */
+    uint16_t clientPort;       /**< names this client in its URL */
 } tv_client_addr;
 
-/* A socket, owned by its channel. */
+/** A socket. Its channel owns it. */
 typedef struct tv_socket {
-    int fd; /* -1: a client channel that is not connected */
+    int fd; /**< -1: a client channel without a connection */
 } tv_socket;
 
-/* One received request in a queue. */
+/** One received request in a queue. */
 typedef struct rb_item {
-    char *msg; /* received message buffer */
-    int len;   /* its length as received */
+    char *msg; /**< received message */
+    int len;   /**< its length */
 } rb_item;
 
-/* A queue of requests. Both indices equal capacity while it is empty. */
+/** A queue of received requests. Both indices equal capacity while it is empty. */
 typedef struct ring_buffer {
     rb_item *items;
-    int lastIdx;  /* newest item */
-    int firstIdx; /* oldest item */
-    int capacity; /* slots, all of them usable */
+    int lastIdx;  /**< newest item */
+    int firstIdx; /**< oldest item */
+    int capacity; /**< slots, all of them usable */
 } ring_buffer;
 
-/* A channel: everything the library knows of one end of a connection. Applications hold its id,
- * not its address, which dies with tv_close_channel. The fields may be read; write them through
- * the operations below. */
+/** Everything the library knows of one end of a connection.
+ *
+ * Applications hold a channel's id rather than its address, which is invalid after
+ * tv_close_channel(). Records in the repository and in pairList may be read freely; their fields
+ * change only through the library's operations. One exception: while a client channel has no
+ * connection, an application may store a connected socket of its own in clientSocket->fd; it then
+ * belongs to the channel, which closes it. */
 typedef struct tv_channel {
-    int channelId; /* never -1, never changes */
-    tv_resp_handler respHandler;
-    tv_timeout_handler timeoutHandler;
-    tv_linkdown_cb linkdownCallback;
-    int rqstTimerId;           /* time-out of the outstanding request, -1: none */
-    int pollTimeout;           /* of every send and receive; 0x7fffffff at first */
-    int connectTimeout;        /* of a client's connect; -1 at first: no limit but the system's */
-    uint16_t serverPort;       /* client only */
-    char serverIp[TV_IP_SIZE]; /* client only */
-    char url[TV_URL_SIZE];     /* a client's own; a pair's after its client's login, else empty */
-    uint8_t waitingResp;       /* 1: a request of this channel awaits its reply */
-    char msgBuf[TV_MSG_BUF_SIZE]; /* the outgoing message */
-    int msgSequence;              /* number of the next message sent */
-    int recvSequence;             /* number of the last message accepted; 0: accepts any next */
-    int actorCount;
-    tv_actor actors[TV_MAX_ACTORS];
-    char *pendingRqst;     /* the request that the application still has to answer */
-    ring_buffer rqstQueue; /* the requests behind it */
-    rb_item rqstQueueItems[TV_RQST_QUEUE_SIZE];
-    int hbMode;              /* TV_HEARTBEAT_ON or TV_HEARTBEAT_OFF */
-    int hbInterval;          /* below 1: no heartbeat starts */
-    int hbCount;             /* unanswered heartbeats before the link is declared down */
-    int hbTimerId;           /* -1: none */
-    int hbSequence;          /* heartbeats sent since the last accepted message */
-    int hbMissCount;         /* expiries since the last accepted message */
-    tv_socket *clientSocket; /* at most one of the three is set: the channel's type */
-    tv_socket *serverSocket;
-    tv_socket *pairSocket;
+    int channelId;                     /**< never -1, never changes */
+    tv_resp_handler respHandler;       /**< null: none */
+    tv_timeout_handler timeoutHandler; /**< null: none */
+    tv_linkdown_cb linkdownCallback;   /**< null: none */
+    int rqstTimerId;           /**< timer of the outstanding request, -1 if it could not be started;
+                                    meaningful only while waitingResp is 1 */
+    int pollTimeout;           /**< of every send and receive; 0x7fffffff by default */
+    int connectTimeout;        /**< of a client's connect; -1 by default: the system's limit */
+    uint16_t serverPort;       /**< client only */
+    char serverIp[TV_IP_SIZE]; /**< client only */
+    char url[TV_URL_SIZE];     /**< a client's own URL; a pair's is its client's, empty before the
+                                    login; the server channel's is empty */
+    uint8_t waitingResp;       /**< 1 while a request of this channel awaits its reply */
+    char msgBuf[TV_MSG_BUF_SIZE];   /**< the outgoing message */
+    int msgSequence;                /**< number of the next message to send */
+    int recvSequence;               /**< number of the last accepted message; 0: accept any next */
+    int actorCount;                 /**< used entries of actors */
+    tv_actor actors[TV_MAX_ACTORS]; /**< in the order of registration */
+    char *pendingRqst;              /**< the request whose reply the application still owes */
+    ring_buffer rqstQueue;          /**< the requests that wait */
+    rb_item rqstQueueItems[TV_RQST_QUEUE_SIZE]; /**< storage of rqstQueue */
+    int hbMode;                                 /**< TV_HEARTBEAT_ON or TV_HEARTBEAT_OFF */
+    int hbInterval;                             /**< below 1: no heartbeat starts */
+    int hbCount;             /**< unanswered heartbeats before the link is declared down */
+    int hbTimerId;           /**< -1: none */
+    int hbSequence;          /**< heartbeats sent since the last accepted message */
+    int hbMissCount;         /**< expiries since the last accepted message */
+    tv_socket *clientSocket; /**< at most one of the three is set; it makes the channel's type */
+    tv_socket *serverSocket; /**< the listening socket */
+    tv_socket *pairSocket;   /**< an accepted connection */
 } tv_channel;
 
-/* The two links of a channel list: of its head, and first in each of its nodes. A head whose
- * links point to itself is an empty list. */
+/** The two links of a channel list, of its head as well as of each node. A head whose links point
+ * to itself is an empty list. */
 typedef struct tv_channel_list {
     struct tv_channel_list *next;
     struct tv_channel_list *prev;
 } tv_channel_list;
 
-/* An entry of a channel list. The list owns the node, not the channel. */
+/** An entry of a channel list. Nodes come from add_channel() only and belong to their list; the
+ * record does not. */
 typedef struct tv_channel_node {
     tv_channel_list links;
     tv_channel *channel;
 } tv_channel_node;
 
-/* The service server of this process. */
+/** The service server of this process. */
 typedef struct tv_server {
-    tv_channel *serverChannel; /* null while no server runs */
-    tv_channel_list pairList;  /* pairs in order of acceptance; null links before the first start */
+    tv_channel *serverChannel; /**< null while no server runs */
+    tv_channel_list pairList;  /**< pairs in order of acceptance; null links before any start */
     tv_connected_cb connectedCallback;
     tv_disconnected_cb disconnectedCallback;
     tv_client_fd_cb clientFdOpenCallback;
     tv_client_fd_cb clientFdCloseCallback;
-    char listenIp[64]; /* as given to the start; for the application, not used by the library */
+    char listenIp[64]; /**< as given to the start; the library does not read it */
 } tv_server;
 
-/* The server's record. Read it; write it through section 4. */
+/** The server's record. May be read freely, pairList included; it changes only through the
+ * functions of section 4. */
 extern tv_server tv_service_server;
 
 /* ---- 2  Channels by id ---------------------------------------------------------------------
  *
- * Every operation here that takes an id first finds its channel. When there is none it logs
- * "could not get channel with id[%d] in %s", with its own name, and returns -1, null, or nothing.
- * get_channel_type returns TV_CHANNEL_NONE and tv_channel_fd_handler 0; what get_channel_type and
- * tv_set_poll_timeout log is a miss of tv_get_channel. */
+ * Every function here that takes an id looks the channel up first. If there is none, it logs
+ * "could not get channel with id[%d] in %s" with its own name (get_channel_type and
+ * tv_set_poll_timeout log the name tv_get_channel) and fails. */
 
-/* Return the next channel id: 0, 1, 2 and so on through all 32-bit numbers but -1. Uses it up.
- * An id comes round again after all the others. */
+/** Returns a new channel id: 0, 1, 2 and so on through all 32-bit numbers except -1.
+ *
+ * Ids wrap around; one is issued again only after 2^32 - 2 others, without a test whether it is
+ * still in use. A process that comes that far with an old channel still open must be restarted
+ * first. */
 int tv_get_channel_id(void);
 
-/* Return the channel's record, or null. The record is valid until the channel is closed. */
+/** Finds a channel by its id.
+ *
+ * @return the record, valid until the channel is closed; or null */
 tv_channel *tv_get_channel(int channelId);
 
-/* Return the channel's type, TV_CHANNEL_...; TV_CHANNEL_NONE for an id that names nothing. A
- * client channel is one also while it is not connected. */
+/** Returns a channel's type, a TV_CHANNEL_ value. A client channel has its type also while it has
+ * no connection; TV_CHANNEL_NONE means that the id names no open channel. */
 int get_channel_type(int channelId);
 
-/* List a record in the repository, so that its id finds it. The record stays its owner's until
- * tv_close_channel releases it with free(), and takes it out however often it is listed. Returns
- * the new node, which belongs to the repository, or null without memory. The library lists the
- * channels it creates itself. */
+/** Adds a record to the repository, so that its id finds it. The library adds the channels that it
+ * creates itself.
+ *
+ * @param channel  allocated with malloc(); tv_close_channel() removes it, however often it was
+ *                 added, and releases it
+ * @return the new node, which the repository owns; or null without memory */
 tv_channel_node *tv_add_channel(tv_channel *channel);
 
-/* Take the channel with the record's id out of the repository. Returns 0, or 1 when it was not
- * listed. Closes and releases nothing: a client's record is the caller's then; a pair and the
- * server channel stay the server's, and tv_stop_server closes and releases them. */
+/** Takes the oldest entry with the record's id out of the repository. Closes and releases nothing.
+ *
+ * The caller then owns a client's record. A pair or the server channel still belongs to the server:
+ * tv_stop_server() closes and releases it.
+ *
+ * @return 0, or 1 if no entry has the id */
 int tv_remove_channel(tv_channel *channel);
 
-/* End a channel: tell the server's application of the descriptor about to close (pairs only),
- * stop the heartbeat, close the descriptor, take the channel out of the repository, and release
- * the record with all requests it still holds. A client's descriptor has to be unregistered from
- * the event loop before. No other callback is called: not the time-out handler of a request
- * still outstanding, nor a link-down or disconnected callback. The id names nothing afterwards.
- * Closing a running server's own channel leaves its pairs open, to be closed by their ids before
- * the next start, which forgets them; use tv_stop_server instead. */
+/** Closes a channel and releases its record with all requests that it holds.
+ *
+ * For a pair, the fd-close callback runs first. Then the heartbeat stops, the descriptor is closed
+ * and the id no longer names a channel. No other callback runs: neither the timeout handler of an
+ * outstanding request nor a link-down or disconnected callback. The timer of an outstanding request
+ * is left pending; when it fires, it finds no channel and does nothing but log that.
+ *
+ * Unregister a client's descriptor from the event loop before the call. Closing a running server's
+ * own channel leaves its pairs open, and they are served until the next start; after that they can
+ * only be closed by their ids. Use tv_stop_server() instead. */
 void tv_close_channel(int channelId);
 
-/* Append an actor to a client or server channel; it may be appended more than once and stays
- * for the channel's life. Pairs take the server channel's actors when they are accepted. Returns
- * 0, or -1: no such channel, a pair, or TV_MAX_ACTORS actors already. */
+/** Appends an actor to a client or server channel, for the channel's life.
+ *
+ * Pairs take the server channel's actors when they are accepted. An actor may be appended more than
+ * once. A null actor takes an entry and is passed over.
+ *
+ * @return 0, or -1: no such channel, a pair, or TV_MAX_ACTORS actors already */
 int tv_register_actor(int channelId, tv_actor actor);
 
-/* Set the channel's handler of replies, time-outs or link losses; null clears it. Set on the
- * server channel it reaches the pairs accepted afterwards. Returns 0, or -1: no such channel. */
+/** Sets the channel's response handler. On the server channel it reaches the pairs accepted
+ * afterwards.
+ *
+ * @param channelId  any channel
+ * @param handler    null: none
+ * @return 0, or -1: no such channel */
 int tv_register_resp_handler(int channelId, tv_resp_handler handler);
+
+/** Sets the channel's timeout handler. On the server channel it reaches the pairs accepted
+ * afterwards.
+ *
+ * @param channelId  any channel
+ * @param handler    null: none
+ * @return 0, or -1: no such channel */
 int tv_register_timeout_handler(int channelId, tv_timeout_handler handler);
+
+/** Sets the channel's link-down callback. On the server channel it reaches the pairs accepted
+ * afterwards.
+ *
+ * @param channelId  any channel
+ * @param cb         null: none
+ * @return 0, or -1: no such channel */
 int tv_register_linkdown_callback(int channelId, tv_linkdown_cb cb);
 
-/* Set how long one send or receive of the channel may block, in milliseconds, 1 or more. The
- * limit covers a whole message, from its first byte to its last. Set on the server channel it
- * reaches the pairs accepted afterwards. Returns 0, or -1: no such channel, or timeoutMs below 1
- * (nothing changes then). */
+/** Sets how long one send or receive of the channel may block. On the server channel it reaches the
+ * pairs accepted afterwards.
+ *
+ * @param channelId  any channel
+ * @param timeoutMs  milliseconds for a whole message, from its first byte to its last; 1 or more
+ * @return 0, or -1: no such channel, or timeoutMs is below 1 (nothing changes) */
 int tv_set_poll_timeout(int channelId, int timeoutMs);
 
-/* Set how long a connect of the client channel may block, in milliseconds. A value below 1
- * changes nothing. Until it is set, a signal whose handler does not restart calls makes a connect
- * fail. */
+/** Sets how long tv_connect_server() may take to connect.
+ *
+ * Until it is set, a connect takes as long as the system tries, and a signal whose handler does
+ * not restart system calls makes it fail.
+ *
+ * @param channelId  a client channel
+ * @param timeoutMs  milliseconds; a value below 1 changes nothing */
 void tv_set_connect_timeout(int channelId, int timeoutMs);
 
-/* Send one request on a channel and start waiting for its reply.
+/** Sends one request on a channel and starts waiting for its reply.
  *
- *   channelId  a connected client channel or a pair channel
- *   payload    request bytes, may hold 0x00, not null; copied before the call returns
- *   len        0 or more; header and payload together fit TV_MSG_BUF_SIZE bytes (with a URL of
- *              21 characters and sequence number 0 that leaves 65468 for the payload)
- *   timeout    milliseconds to wait for the reply; 0 or less: no reply is awaited
+ * With a positive timeout, a result of 0 means that exactly one of the response handler and the
+ * timeout handler will run. Exceptions: the channel is closed first; the timer could not be started
+ * (logged; then only a reply ends the wait); the timeout handler itself receives on the channel
+ * (both may run).
  *
- * Returns 0 when the request is sent, or -1: no such channel, a request still awaits its reply,
- * the message does not fit, not connected, or the send failed (then, and only then, the link-down
- * callback has run). After 0 with a positive timeout exactly one of the response handler and the
- * time-out handler runs, unless the channel is closed first, the timer could not be started
- * (logged: only a reply ends the wait then), or the time-out handler itself receives on the
- * channel (both may run then). Blocks for at most the channel's poll time-out.
+ * While the channel waits, requests of the peer stay in its queue until the reply, the timeout, or
+ * a tv_send_resp() for an earlier one. If both ends ask at once, each waits until one times out.
  *
- * A message whose send failed has used up its number, and the peer refuses what follows on that
- * connection: give the connection up.
+ * Replies carry no number. One that arrives while no request is outstanding is discarded. One that
+ * is late, or that answers a request without a timeout, is taken for the reply to a newer request
+ * if that is outstanding when it arrives. Use correlation IDs in the payloads where this matters,
+ * and do not answer requests that await no reply.
  *
- * While the channel awaits a reply, the peer's requests wait in its queue, until the reply, the
- * time-out, or a tv_send_resp that answers the one before them: two requests that cross wait for
- * each other until one of them times out.
+ * The receiver finds a message's type by searching all of its text up to the first 0x00. A payload
+ * must not contain "velun_tolvane_" before its first 0x00.
  *
- * A payload must not contain "velun_tolvane_" before its first 0x00: the receiver searches the
- * whole text for the type of the message, and a payload could change it.
+ * A message uses up its sequence number when it is built, even if it is not sent because there is
+ * no connection. After a failed send the peer refuses all that follows: close the connection.
  *
- * A reply that comes while no request awaits one is discarded. Replies carry no number of their
- * request: one that is too late, or one to a request without a time-out, is taken for the reply
- * to a newer request if that one waits when it comes. Where this matters, put a mark of your own
- * into the payload, and have it returned; and do not answer what needs no answer. */
+ * Blocks for at most the channel's poll timeout.
+ *
+ * @param channelId  a connected client channel or a pair
+ * @param payload    request bytes, may contain 0x00; null is refused, also with length 0
+ * @param len        0 or more; header and payload together fit in TV_MSG_BUF_SIZE bytes (with a
+ *                   URL of 21 characters and sequence number 0, 65468 are left for the payload)
+ * @param timeout    milliseconds to wait for the reply; 0 or less: no reply is awaited
+ * @return 0 once the request is sent, or -1: no such channel, a request is still outstanding, the
+ *         message does not fit, no connection, or the send failed (only then the link-down callback
+ *         has run) */
 int tv_send_rqst(int channelId, const char *payload, int len, int timeout);
 
-/* Answer the request for which an actor returned TV_ACTOR_DEFERRED, then serve the requests that
- * waited behind it: actors may run before the call returns. The payload is as for tv_send_rqst.
- * Returns 0 when the reply is sent, or -1: no such channel, no request to answer (also inside the
- * actor that takes it), the message does not fit, not connected, or the send failed (then, and
- * only then, the link-down callback has run). After a failure other than the first two the
- * request is still to be answered, after a failed send not on this connection. Blocks for at most
- * the channel's poll time-out, and again for each reply that an actor gives to a waiting one. */
+/** Answers the request for which an actor returned TV_ACTOR_DEFERRED. Then serves the requests that
+ * waited behind it: actors may run before the call returns.
+ *
+ * If the message does not fit, there is no connection, or the send failed, the request stays
+ * pending; after a failed send, do not answer it on the same connection. Blocks for at most the
+ * channel's poll timeout, and again for each reply that an actor gives to a waiting request.
+ *
+ * @param channelId  the channel that received the request
+ * @param payload    as for tv_send_rqst()
+ * @param len        as for tv_send_rqst()
+ * @return 0 once the reply is sent, or -1: no such channel, no request pending (as inside the actor
+ *         that accepts it), the message does not fit, no connection, or the send failed (only then
+ *         the link-down callback has run) */
 int tv_send_resp(int channelId, const char *payload, int len);
 
-/* Return the descriptor to watch for the channel, or -1: no such channel, or not connected. It
- * stays the channel's: watch it, but neither read nor close it. */
+/** Returns the descriptor to watch for the channel.
+ *
+ * @return the descriptor, which stays the channel's: neither read from it nor close it; or -1: no
+ *         such channel, or no connection */
 int tv_get_polling_fd(int channelId);
 
-/* The event loop's handler for a client channel's descriptor: receive one message and handle it.
- * Register it with the channel's id as arg1; fd and arg2 are not used. Returns 0. */
+/** Receives one message on a client channel and handles it: the event loop's handler for a client's
+ * descriptor. Blocks until the whole message is there, for at most the poll timeout.
+ *
+ * @param fd         not used
+ * @param channelId  the channel, as first argument of tv_register_polling_fd()
+ * @param arg2       not used
+ * @return 0 */
 int tv_channel_fd_handler(int fd, intptr_t channelId, intptr_t arg2);
 
 /* ---- 3  Client -----------------------------------------------------------------------------
@@ -360,47 +488,85 @@ int tv_channel_fd_handler(int fd, intptr_t channelId, intptr_t arg2);
  *   tv_register_polling_fd(tv_get_polling_fd(id), tv_channel_fd_handler, id, 0), tv_main_loop,
  *   tv_disconnect_server, tv_unregister_polling_fd, tv_close_channel. */
 
-/* Create a client channel with the URL "tcp://clientIp:clientPort", which names this client to
- * the server. addr is not kept. Returns the new channel's id, or -1 without memory. */
+/** Creates a client channel. Its URL "tcp://clientIp:clientPort" names this client to the server.
+ *
+ * @param addr  copied
+ * @return the new channel's id, or -1 without memory */
 int tv_create_client_channel(const tv_client_addr *addr);
 
-/* Connect to the channel's server and log in with its URL, then start the heartbeat if one is
- * set. A connection that was open is closed first: unregister its descriptor from the event loop
- * before the call, and register the new one after it. Returns 0, or -1: no such channel, not a
- * client, or the connect failed (the channel has no connection then), or the login could not be
- * sent (the link-down callback has run, the connection is open and not logged in).
- * 0 says that the login was sent, not that the server has read it. Blocks for at most the connect
- * time-out plus the poll time-out.
+/** Connects to the channel's server, logs in with the channel's URL, and starts the heartbeat if
+ * one is set.
  *
- * The channel goes on numbering where it was, in both directions, while the server numbers each
- * connection from 0. A channel that had accepted a message numbered 1 or more therefore refuses
- * the server's messages on the next connection up to that number: to reconnect, close the channel
- * and create a new one with the same addresses. */
+ * An open connection is closed first: unregister its descriptor from the event loop before the
+ * call, and register the new one afterwards. If the connect fails, the channel has no connection; a
+ * client that got connected to itself counts as a failed connect. If the login cannot be sent, the
+ * link-down callback has run and the connection is open but not logged in. A result of 0 means that
+ * the login was sent, not that the server has read it.
+ *
+ * To reconnect, close the channel and create a new one with the same addresses. A second connect on
+ * one channel has these effects. Sequence numbers continue in both directions while the server
+ * starts from 0, so the channel refuses the server's messages up to the number that it accepted
+ * last. The outstanding request, the request it owes a reply to, and the queue are kept; a reply
+ * to an old request goes out on the new connection. After a failed second connect the old heartbeat
+ * timer still runs and may call the link-down callback on a channel without a connection. The
+ * channel's own callbacks may connect it again. In its link-down callback start a timer for that:
+ * the callback may run inside a tv_connect_server() whose login failed, and that one returns -1 even
+ * if the inner call has connected.
+ *
+ * Blocks for at most the connect timeout plus the poll timeout.
+ *
+ * @return 0, or -1: no such channel, not a client, the connect failed, or the login was not sent */
 int tv_connect_server(int channelId);
 
-/* Send the logout message. The server closes its end when it reads it; the channel stays open
- * until tv_close_channel. Returns 0, or -1: no such channel, not a client, not connected,
- * or the send failed (then, and only then, the link-down callback has run). */
+/** Sends the logout message. The server closes its end when it reads it; this end stays open until
+ * tv_close_channel(). Blocks for at most the poll timeout.
+ *
+ * @return 0, or -1: no such channel, not a client, no connection, or the send failed (only then the
+ *         link-down callback has run) */
 int tv_disconnect_server(int channelId);
 
-/* Set the client channel's heartbeat and its link-down callback.
- *
- *   interval  milliseconds between heartbeats; below 1: none is started, but one that runs is not
- *             switched off, see tv_service_enable_heartbeat
- *   count     heartbeats that may go unanswered, 0 or more
- *   cb        link-down callback, replaces the one registered before; may be null
+/** Sets the heartbeat of a client channel, and its link-down callback.
  *
  * A silent peer is declared down (count + 1) * interval after its last accepted message. The
- * timer starts with the next tv_connect_server or accepted message. When the heartbeat has given
- * up it is off until it is set again; a link lost by a failed send or receive keeps it set. */
+ * heartbeat starts with the next tv_connect_server() or accepted message; new settings take effect
+ * then, a new count at the next expiry. Once it has given up it is off until it is set again; a
+ * failed send or receive leaves it set.
+ *
+ * A running heartbeat ends only when it gives up or the channel is closed. An interval below 1 does
+ * not switch it off: it keeps its old interval and gives up after count + 1 expiries, whatever the
+ * channel receives.
+ *
+ * @param channelId  a client channel
+ * @param interval   milliseconds between heartbeats; below 1: none is started
+ * @param count      heartbeats that may go unanswered; with 0 or less the heartbeat gives up at the
+ *                   first expiry
+ * @param cb         replaces the link-down callback; null: none */
 void tv_client_enable_heartbeat(int channelId, int interval, int count, tv_linkdown_cb cb);
 
-/* The steps of the three operations above, on a record: fill in a record that the caller
- * allocated with malloc() (left as it was without memory for the socket), connect and log in
- * without starting a heartbeat, log out. Return 0 or -1. */
+#ifndef TOLVANE_APPLICATION_ONLY
+
+/** Makes a record a client channel without a connection: a step of tv_create_client_channel(). Does
+ * not add it to the repository.
+ *
+ * @param channel    allocated with malloc(), of any content
+ * @param channelId  from tv_get_channel_id()
+ * @param addr       copied
+ * @return 0, or -1 without memory (the record is unchanged) */
 int create_client_channel(tv_channel *channel, int channelId, const tv_client_addr *addr);
+
+/** Connects and logs in, as tv_connect_server(), without starting a heartbeat.
+ *
+ * @return 0, or -1: not a client, the connect failed, or the login was not sent (the link-down
+ *         callback has run and may have closed the channel) */
 int connect_server(tv_channel *channel);
+
+/** Logs out, as tv_disconnect_server().
+ *
+ * @return 0, or -1: no connection, or the send failed (the link-down callback has run and may have
+ *         closed the channel) */
 int disconnect_server(tv_channel *channel);
+
+#endif
 
 /* ---- 4  Server -----------------------------------------------------------------------------
  *
@@ -413,319 +579,617 @@ int disconnect_server(tv_channel *channel);
  * The fd-open callback registers each pair's descriptor with tv_pair_fd_handler, the fd-close
  * callback unregisters it, and the link-down callback closes the pair. */
 
-/* Start the service server of this process: listen and accept into pair channels.
+/** Starts the service server of this process: it listens, and accepted connections become pairs.
  *
- *   ip                 dotted IPv4 text to listen on; any other text: all addresses
- *   port               TCP port, taken modulo 65536; 0: the system chooses
- *   respHandler        for replies to the server's own requests, may be null
- *   timeoutHandler     for their time-outs, may be null
- *   connectedCallback  replaces the one registered before, null clears it
+ * Actors, timeouts, handlers and the heartbeat are set on the server channel afterwards and reach
+ * the pairs accepted from then on; each start begins without any. Pairs that are left of an earlier
+ * server are no longer served, but can be closed by their ids.
  *
- * Returns the server channel's id, or -1: a server runs already (it is left alone), no memory, or
- * the address cannot be listened on. A failed start uses up a channel id; any but a refused one
- * may have stored ip and connectedCallback all the same. Actors, time-outs and handlers set on the
- * server channel reach the pairs accepted afterwards. */
+ * A failed start uses up a channel id. Unless it was refused because a server runs, it may have
+ * replaced listenIp and the connected callback, and emptied pairList.
+ *
+ * @param ip                 dotted IPv4 address to listen on. Names are not resolved: anything else
+ *                           is taken as 0.0.0.0, which is all addresses of this machine
+ * @param port               TCP port, taken modulo 65536; 0: the system chooses, and getsockname()
+ *                           on tv_get_server_polling_fd() tells which. Choose one below 32768: the
+ *                           system takes source ports from 32768 on, so a client on the same host
+ *                           can occupy a higher one, or connect to itself, while no server runs
+ * @param respHandler        for replies to the server's own requests; null: none
+ * @param timeoutHandler     for their timeouts; null: none
+ * @param connectedCallback  replaces the one registered before; null: none
+ * @return the server channel's id, or -1: a server runs already (it is left alone), no memory, or
+ *         the address cannot be listened on */
 int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandler,
                             tv_timeout_handler timeoutHandler, tv_connected_cb connectedCallback);
 
-/* The same without handlers: tv_start_service_server(ip, port, NULL, NULL, NULL). */
+/** Starts the server without handlers: tv_start_service_server(ip, port, NULL, NULL, NULL). This
+ * clears the connected callback. */
 int tv_start_server(const char *ip, int port);
 
-/* Stop the server: close every pair in order of acceptance (with the fd-close callback, without
- * the disconnected callback), then the listening socket. The callbacks stay registered for the
- * next start. Does nothing while no server runs. Unregister the listening descriptor before. */
+/** Stops the server: closes every pair in order of acceptance, then the listening socket.
+ *
+ * The fd-close callback runs for each pair, the disconnected callback does not. The disconnected,
+ * fd-open and fd-close callbacks stay registered for the next start; everything that was set on the
+ * server channel is gone and must be set again. Does nothing while no server runs. Unregister the
+ * listening descriptor from the event loop before the call. */
 void tv_stop_server(void);
 
-/* Return the listening descriptor, or -1 while no server runs. */
+/** Returns the listening descriptor, or -1 (logged) while no server runs. */
 int tv_get_server_polling_fd(void);
 
-/* The event loop's handler for the listening descriptor: accept one connection into a pair and
- * call the fd-open callback. arg1 and arg2 are not used. Returns 0, or -1: the accept failed, or
- * no pair could be made or none is left (the connection is closed then). */
+/** Accepts one connection from the listening descriptor fd, makes it a pair and calls the fd-open
+ * callback: the event loop's handler for the listening descriptor.
+ *
+ * Blocks until a client connects if none is waiting: call it only when fd is readable. The pair has
+ * the server's handlers and poll timeout already when the fd-open callback runs; changes that the
+ * callback makes to the server's poll timeout, link-down callback or heartbeat reach the pair.
+ *
+ * @param fd    the listening descriptor
+ * @param arg1  not used
+ * @param arg2  not used
+ * @return 0, or -1: the accept failed, or the connection is closed again because no server runs,
+ *         there is no memory, or the callback has closed the pair */
 int tv_server_fd_handler(int fd, intptr_t arg1, intptr_t arg2);
 
-/* The event loop's handler for a pair's descriptor: receive one message and handle it. arg1 and
- * arg2 are not used. Returns 0. A failed receive calls the pair's link-down callback. */
+/** Receives one message on the pair with the descriptor fd and handles it: the event loop's handler
+ * for a pair's descriptor. Blocks until the whole message is there, for at most the poll timeout.
+ *
+ * A failed receive calls the pair's link-down callback. A descriptor that belongs to no pair is not
+ * read; that is logged.
+ *
+ * @param fd    a pair's descriptor
+ * @param arg1  not used
+ * @param arg2  not used
+ * @return 0 */
 int tv_pair_fd_handler(int fd, intptr_t arg1, intptr_t arg2);
 
-/* Set one of the server's callbacks; null clears it. Before a start or after it, but the start
- * sets the connected callback anew. channelId is not used. Return 0. */
+/** Sets the server's connected callback. Every start replaces it, so register it after the start.
+ *
+ * @param channelId  not used
+ * @param callback   null: none
+ * @return 0 */
 int tv_register_connected_callback(int channelId, tv_connected_cb callback);
+
+/** Sets the server's disconnected callback, before or after the start.
+ *
+ * @param channelId  not used
+ * @param callback   null: none
+ * @return 0 */
 int tv_register_disconnected_callback(int channelId, tv_disconnected_cb callback);
+
+/** Sets the server's fd-open callback, before or after the start.
+ *
+ * @param callback  null: none
+ * @return 0 */
 int tv_register_client_fd_open_callback(tv_client_fd_cb callback);
+
+/** Sets the server's fd-close callback, before or after the start.
+ *
+ * @param callback  null: none
+ * @return 0 */
 int tv_register_client_fd_close_callback(tv_client_fd_cb callback);
 
-/* Supervise all clients, those connected and those to come: as tv_client_enable_heartbeat, on
- * every pair, and the timers of connected pairs start now. An interval below 1 starts nothing and
- * does not switch a running heartbeat off: that pair is declared down after count + 1 expiries
- * whatever it receives. Returns 0, also while no server runs (nothing happens then). */
+/** Sets the heartbeat and the link-down callback of all pairs, those connected and those to come.
+ * The heartbeats of connected pairs start now, with a full interval; otherwise as
+ * tv_client_enable_heartbeat(), which also says why an interval below 1 switches nothing off.
+ *
+ * @param interval          milliseconds between heartbeats; below 1: none is started
+ * @param count             heartbeats that may go unanswered
+ * @param linkdownCallback  replaces the link-down callback of every pair; null: none
+ * @return 0, also while no server runs (nothing happens) */
 int tv_service_enable_heartbeat(int interval, int count, tv_linkdown_cb linkdownCallback);
 
-/* Send one request to every pair, in order of acceptance, without awaiting replies: a client
- * should not answer it, see the last paragraph of tv_send_rqst. A pair that still awaits the
- * reply to an earlier request is passed over; a pair whose send fails has its link-down callback
- * called, which may close any pair. Returns 0, whatever came of the single sends. Blocks for at
- * most the sum of the pairs' poll time-outs. */
+/** Sends one request to every pair, in order of acceptance, without awaiting replies. Clients
+ * should not answer it; tv_send_rqst() says why.
+ *
+ * A pair with an outstanding request of its own is skipped. A pair whose send fails has its
+ * link-down callback called, which may close any pair. Blocks for at most the sum of the pairs'
+ * poll timeouts.
+ *
+ * @param data    request bytes; null: nothing is sent
+ * @param length  0 or more
+ * @return 0, whatever became of the single sends */
 int tv_broadcast_rqst_to_client(const void *data, int length);
 
-/* Write the pairs' descriptors to fds, at most maxsize of them, in order of acceptance, and
- * leave the rest of the array as it was: fill it with -1 before to find the end. Returns 0. */
+/** Lists the pairs' descriptors in order of acceptance.
+ *
+ * The number of descriptors is not reported: fill the array with -1 first to find the end. If there
+ * are more than maxsize, that is logged.
+ *
+ * @param fds      the first maxsize descriptors are written here; the rest is unchanged
+ * @param maxsize  elements of fds; with 0 or less nothing is written
+ * @return 0 */
 int tv_get_all_client_fds(int *fds, int maxsize);
 
-/* Return the id of the pair whose client logged in as "tcp://ip:port", or -1: none, or a null
- * ip. The texts are compared as they are: an address written differently is another one. */
+/** Finds the pair whose client logged in as "tcp://ip:port".
+ *
+ * The text is compared exactly: an address written differently is a different one. Only its first
+ * 63 characters count, as pairs store no more: a longer name finds a pair whose name begins alike.
+ *
+ * @param ip    the address in the client's URL; null finds nothing
+ * @param port  the port in the client's URL
+ * @return the pair's id, or -1: none has this URL */
 int tv_get_client_channel(const char *ip, int port);
 
-/* Close one client's connection: tv_close_channel by another name. */
+/** Closes one client's connection. Another name of tv_close_channel(). */
 void tv_close_client_connection(int channelId);
 
-/* The steps of the operations above. create_server_channel fills in a record and opens its
- * listening socket; create_pair_channel makes an accepted descriptor a pair, or closes it;
- * update_pair_channel stores a pair's URL, cut to 63 characters; login_msg_received and
- * logout_msg_received handle a message of that type and release it; server_remove_channel calls
- * the fd-close callback for a pair and takes it out of the server's list (1: it was not there).
- * Return 0, or -1 on failure. */
+#ifndef TOLVANE_APPLICATION_ONLY
+
+/** Makes a record a server channel and opens its listening socket: a step of
+ * tv_start_service_server(). Does not add it to the repository.
+ *
+ * @param channel    allocated with malloc(), of any content; null is refused
+ * @param channelId  from tv_get_channel_id()
+ * @param ip         as for tv_start_service_server()
+ * @param port       as for tv_start_service_server()
+ * @return 0, or -1: null, no memory (the record is unchanged), or the address cannot be listened on
+ *         (the record has no socket) */
 int create_server_channel(tv_channel *channel, int channelId, const char *ip, int port);
+
+/** Makes an accepted descriptor a pair, as tv_server_fd_handler() does.
+ *
+ * @param fd  taken over: on failure it is closed
+ * @return 0, or -1: no server runs, no memory, or the fd-open callback has closed the pair */
 int create_pair_channel(int fd);
+
+/** Stores a pair's URL, cut to 63 characters. The only way to change it.
+ *
+ * @return 0 */
 int update_pair_channel(tv_channel *channel, const char *url);
+
+/** Handles a received login on a pair: closes an older pair with the same URL, calls the connected
+ * callback and stores the URL. A login without a payload marker, or with an empty URL (0x00 alone
+ * is one), is dropped.
+ *
+ * @param channel  the pair; a callback may have closed it when the call returns
+ * @param msg      released
+ * @return 0 */
 int login_msg_received(tv_channel *channel, char *msg);
+
+/** Handles a received logout on a pair: closes the pair, then calls the disconnected callback, with
+ * the empty text if the message has no payload marker.
+ *
+ * @param channel  the pair, closed when the call returns
+ * @param msg      released
+ * @return 0 */
 int logout_msg_received(tv_channel *channel, char *msg);
+
+/** Calls the fd-close callback if the channel is a pair, and takes the channel out of pairList.
+ *
+ * @param channel  may be null
+ * @return 0, also for null; or 1 if it was not in the list */
 int server_remove_channel(tv_channel *channel);
+
+#endif
 
 /* ---- 5  Event loop -------------------------------------------------------------------------
  *
- * A poll() loop over at most TV_MAX_POLLING_FDS descriptors, which also fires the timers. An
- * application with a loop of its own calls the three descriptor handlers when their descriptors
- * are readable, waits for at most ruvo_timer_get_expected_interval() and then calls
- * ruvo_fire_timer(), both from ruvo_timer.h. */
+ * A poll() loop over at most TV_MAX_POLLING_FDS descriptors, which also fires the timers.
+ *
+ * An application with a loop of its own waits for at most ruvo_timer_get_expected_interval(), then
+ * calls the handlers of the descriptors that are readable (sections 2 and 4), and then
+ * ruvo_fire_timer(): read first, then fire, so that a reply that has arrived is not counted as
+ * late. It takes events one by one, or checks with a zero-timeout poll() before every handler but
+ * the first: an earlier handler may have closed the descriptor, and its number may have been
+ * given to another connection, on which the handler would block. */
 
-/* Serve a descriptor with a handler: it is polled from the next pass on, and served in this one
- * already if its number was reported ready and it is. fd is open, handler is not null; neither is
- * tested. A descriptor that is registered twice takes two places; the handler of the lower one
- * serves for both. Returns 0, or -1 when all places are taken. */
+/** Registers a descriptor with the event loop. It is polled from the next pass on.
+ *
+ * If its number was reported ready in the running pass and is readable, the handler is called in
+ * this pass already. A descriptor that is registered twice takes two slots, and the handler of the
+ * lower slot serves both.
+ *
+ * @param fd       an open descriptor; not checked
+ * @param handler  not null; not checked
+ * @param arg1     passed to the handler
+ * @param arg2     passed to the handler
+ * @return 0, or -1: all slots are taken */
 int tv_register_polling_fd(int fd, tv_fd_handler handler, intptr_t arg1, intptr_t arg2);
 
-/* Serve a descriptor no longer, at once. Returns 0, or -1 when it is not registered. */
+/** Stops watching a descriptor, effective immediately. Call it before the descriptor is closed. If
+ * fd is registered twice, one call clears the lower slot.
+ *
+ * @return 0, or -1: it is not registered */
 int tv_unregister_polling_fd(int fd);
 
-/* Run: wait, fire the timers that are due, then serve the ready descriptors in the order of their
- * places in the table, over and over. Returns only when poll() fails with an error other than
- * EINTR, which perror() has printed then. A signal handler's work is done best by a descriptor
- * (signalfd, or a pipe) that is registered. */
+/** Runs the event loop: waits, fires the timers that are due, then serves the ready descriptors in
+ * the order of their slots.
+ *
+ * Before it calls a handler it checks again that the descriptor is readable, if anything may have
+ * changed since poll(). Timers are fired before descriptors are read, see tv_timeout_handler.
+ * Returns only when poll() fails with an error other than EINTR, after perror() has printed it: the
+ * process lacks memory, or its RLIMIT_NOFILE is below the number of registered descriptors. To act
+ * on signals, register a signalfd or a pipe. */
 void tv_main_loop(void);
 
-/* Return the index of the lowest free place and count it as taken, or TV_MAX_POLLING_FDS when
- * there is none. For tv_register_polling_fd: a place that is counted and not filled is lost. */
+#ifndef TOLVANE_APPLICATION_ONLY
+
+/** Reserves a slot of the descriptor table, for tv_register_polling_fd(). Lowers the number of
+ * slots that can still be had without marking one: two calls in a row return the same index, and a
+ * program that calls it loses a slot each time.
+ *
+ * @return the index of the lowest free slot, or TV_MAX_POLLING_FDS if none can be had */
 int reserve_fd_index(void);
 
-/* Fill list with the registered descriptors, to be polled for POLLIN, in the order of their
- * places. Returns how many were written, at most size. */
+/** Lists the registered descriptors for poll(), in the order of their slots.
+ *
+ * @param list  each entry gets a descriptor, events POLLIN and revents 0
+ * @param size  elements of list
+ * @return how many were written */
 int build_polling_fd_list(struct pollfd *list, int size);
 
-/* Do nothing but log their call; kept for programs written for a loop with a fixed interval. */
+/** Does nothing but log the call. Kept for programs written for a loop with a fixed interval. */
 void tv_set_polling_interval(int interval);
+
+/** Does nothing but log the call. Kept for programs written for a loop with a fixed interval. */
 void disable_polling_timer(void);
+
+#endif
 
 /* ---- 6  Log --------------------------------------------------------------------------------
  *
  * Off until a sink is set. An entry is "<date and time> [<file>-><function>:<line>]<message>" and
- * two line feeds. With both sinks set the stream takes the entries. */
+ * two line feeds. If both sinks are set, the stream takes the entries. Text from the network is cut
+ * to 65,536 characters and otherwise written as it is, line feeds included. */
 
-/* The sinks as set. */
+#ifndef TOLVANE_APPLICATION_ONLY
+
+/** The log stream, or null. Set it with tv_set_log_fd(). */
 extern FILE *fp_log;
+
+/** The log path; empty: none. Set it with tv_set_log_file(). */
 extern char log_file[TV_LOG_FILE_SIZE];
 
-/* Log to a stream while its position is below TV_LOG_LIMIT; null: back to the path. The stream
- * stays the caller's, is not flushed here, and must stay open until it is replaced. Returns 0. */
+#endif
+
+/** Sends the log to a stream while its position is below TV_LOG_LIMIT; a stream without a position,
+ * such as a pipe or a terminal, has no limit. A pipe that nobody reads blocks the process.
+ *
+ * @param fp  stays the caller's and must stay open until it is replaced; it is not flushed here.
+ *            Null: back to the path
+ * @return 0 */
 int tv_set_log_fd(FILE *fp);
 
-/* Log to the end of the file at path while it is not larger than TV_LOG_LIMIT. The file is
- * opened and closed for every entry, so it may be moved away at any time. The path is cut to 127
- * characters; an empty one switches the sink off, a null one changes nothing. Returns 0. */
+/** Appends the log to a file while that is not larger than TV_LOG_LIMIT. The file is opened and
+ * closed for every entry, so it may be moved away at any time.
+ *
+ * If RLIMIT_FSIZE is below TV_LOG_LIMIT, an entry beyond it raises SIGXFSZ, which ends the process
+ * unless it is ignored.
+ *
+ * @param path  cut to 127 characters; empty: no path; null: nothing changes
+ * @return 0 */
 int tv_set_log_file(const char *path);
+
+#ifndef TOLVANE_APPLICATION_ONLY
 
 /* ---- 7  Request and reply ------------------------------------------------------------------
  *
- * What tv_send_rqst and the descriptor handlers do, on a record. A channel awaits at most one
- * reply and owes at most one; requests that arrive meanwhile are queued. */
+ * What tv_send_rqst() and the descriptor handlers do, on a record. A channel awaits at most one
+ * reply and owes at most one; requests that arrive meanwhile are queued. Callbacks may have closed
+ * the channel when one of these functions returns. */
 
-/* Set a record's fields to those of a new channel without a socket; serverPort, serverIp, url,
- * msgBuf, the actors and the queue's items are left as they are. */
+/** Sets a record's fields to those of a new channel without a socket. serverPort, serverIp, url,
+ * msgBuf, actors and rqstQueueItems are left as they are. */
 void init_channel(tv_channel *channel, int channelId);
 
-/* As tv_send_rqst and tv_send_resp. */
+/** Sends a request, as tv_send_rqst(). */
 int send_rqst(tv_channel *channel, const char *payload, int len, int timeout);
+
+/** Answers the pending request, as tv_send_resp(). */
 int send_resp(tv_channel *channel, const char *payload, int len);
 
-/* Serve a received request now, or queue it. Takes msg, released when it has been served.
- * Returns 0, or -1: no channel, no room in the queue, no payload marker, no actor for it, its
- * reply could not be sent, or an actor closed the channel. */
+/** Serves a received request now, or queues it if the channel awaits or owes a reply.
+ *
+ * @param channel  may be null
+ * @param msg      the library's from now on: released when the request has been served or refused
+ * @param len      length of msg
+ * @return 0, or -1: null, the queue is full (not logged), no payload marker, no actor took it, its
+ *         reply could not be sent, or an actor closed the channel */
 int process_channel_rqst(tv_channel *channel, char *msg, int len);
 
-/* Take a received reply: end the wait and call the response handler, then serve the queue. Takes
- * and releases msg. Returns 0, or -1 when no reply is awaited or there is no channel. */
+/** Takes a received reply: ends the wait, calls the response handler, then serves the queue.
+ *
+ * @param channel  may be null
+ * @param msg      released
+ * @param len      length of msg
+ * @return 0, or -1: null, or no reply is awaited */
 int process_channel_resp(tv_channel *channel, char *msg, int len);
 
-/* Append an actor to a record, as tv_register_actor. */
+/** Appends an actor to a record, as tv_register_actor().
+ *
+ * @return 0, or -1: null, a pair, or TV_MAX_ACTORS actors already */
 int register_actor(tv_channel *channel, tv_actor actor);
 
-/* Stop the heartbeat and close the descriptor. The record stays allocated and listed, with its
- * requests and callbacks; its type is TV_CHANNEL_NONE. tv_close_channel does the rest. */
+/** Stops the heartbeat and closes the descriptor: a step of tv_close_channel(). The record stays
+ * allocated and in its lists, with its requests and callbacks; its type is TV_CHANNEL_NONE. */
 void close_channel(tv_channel *channel);
 
-/* Return the descriptor to watch, or -1: a null record, or not connected. */
+/** Returns the descriptor to watch, or -1: null (logged), or no connection. */
 int get_polling_fd(tv_channel *channel);
 
-/* A queue of requests: 1 when it is empty, else 0; append an item (-1 when it is full); take
- * the oldest one (-1 when it is empty). Items are copied, their messages are not. */
+/** Returns 1 if the queue is empty, otherwise 0. */
 int rb_is_empty(const ring_buffer *rb);
+
+/** Appends an item to a queue. The item is copied, its message is not.
+ *
+ * @return 0, or -1 if all slots are taken */
 int rb_push_item(ring_buffer *rb, rb_item item);
+
+/** Takes the oldest item out of a queue.
+ *
+ * @param rb   the queue
+ * @param out  unchanged if the queue is empty
+ * @return 0, or -1 if it is empty */
 int rb_pop_item(ring_buffer *rb, rb_item *out);
 
 /* ---- 8  Heartbeat and dispatch -------------------------------------------------------------- */
 
-/* Start the channel's heartbeat anew, with a full interval and nothing missed. Returns 0, also
- * for a channel without a connection of its own (the server's), and when no timer could be
- * started (the next accepted message tries again); or -1: null, or hbInterval below 1. */
+/** Restarts the channel's heartbeat with a full interval and nothing missed.
+ *
+ * @param channel  may be null
+ * @return 0, also if the channel has no heartbeat of its own (the server channel, a closed one) or
+ *         no timer could be started (the next accepted message tries again); or -1: null, or
+ *         hbInterval is below 1 (nothing changes) */
 int enable_heartbeat(tv_channel *channel);
 
-/* Send one heartbeat, when the channel's mode is TV_HEARTBEAT_ON. A failed send shows only in the
- * link-down callback. */
+/** Sends one heartbeat if the channel's mode is TV_HEARTBEAT_ON. A failed send is reported by the
+ * link-down callback only.
+ *
+ * @param channel  null: nothing happens */
 void send_heartbeat(tv_channel *channel);
 
-/* Answer a heartbeat. Returns 0, or -1 when the send failed. */
+/** Sends a heartbeat acknowledgement.
+ *
+ * @return 0, or -1 if it was not sent */
 int send_heartbeat_ack(tv_channel *channel);
 
-/* Take and release a received heartbeat (it is answered) or acknowledgement. */
+/** Handles a received heartbeat: acknowledges it, whatever the channel's own mode.
+ *
+ * @param channel  the channel that received it
+ * @param msg      released */
 void heartbeat_received(tv_channel *channel, char *msg);
+
+/** Handles a received acknowledgement. Accepting it has restarted the heartbeat already.
+ *
+ * @param channel  not used
+ * @param msg      released */
 void heartbeat_ack_received(tv_channel *channel, char *msg);
 
-/* Check a received message's number: accepted are the successor of the last one, and any number
- * after 0. Accepting restarts the heartbeat. Returns 0, or -1: refused, or a null record. */
+/** Checks a received message's sequence number and, if it is accepted, stores it and restarts the
+ * heartbeat. Accepted is the number after the stored one, and any number if 0 is stored.
+ *
+ * @param channel  may be null
+ * @param seq      the message's number
+ * @return 0, or -1: refused, or null */
 int tv_msg_received(tv_channel *channel, int seq);
 
-/* Receive one message of a client channel and handle it. Returns 0 when nothing came or it was
- * handled, or -1. */
+/** Receives one message on a client channel and handles it.
+ *
+ * @return 0 if nothing came or the message was handled; or -1: its number or type was refused, or
+ *         the result of process_channel_rqst() or process_channel_resp() */
 int handle_client_polling_fd(tv_channel *channel);
 
 /* ---- 9  Channel lists ----------------------------------------------------------------------
  *
- * Circular lists in order of insertion, searched from the oldest entry on: step by step, but for
- * the library's own two, which are indexed. A head whose links are null is no list; searching it
- * is logged. */
+ * Circular lists in the order of insertion; searches return the oldest match. The repository and
+ * pairList are indexed besides, so that searching them takes the same time for any number of
+ * channels. Both may be read freely. Their nodes, the links between them and the fields of their
+ * records change only through the library's operations.
+ *
+ * To make a list, let both links of a head point to the head itself. Searching a head with null
+ * links fails and is logged. */
 
-/* Append a record. Returns the new node, which belongs to the list, or null without memory (the
- * list is unchanged then). A record that is listed already gets a second node. */
+/** Appends a record. A record that is in the list already gets a second node.
+ *
+ * @param head     an initialised list: null links crash
+ * @param channel  stays the caller's
+ * @return the new node, which the list owns; or null without memory (the list is unchanged) */
 tv_channel_node *add_channel(tv_channel_list *head, tv_channel *channel);
 
-/* Take out the first entry with the id. Returns 0, or 1 when there is none. The record is left
- * alone. */
+/** Takes the oldest entry with the id out of the list. The record is left alone.
+ *
+ * @return 0, or 1 if there is none */
 int remove_channel(tv_channel_list *head, int channelId);
 
-/* Return the first channel with the id, or whose URL is exactly url, or null. */
+/** Returns the oldest channel with the id, or null. */
 tv_channel *get_channel(tv_channel_list *head, int channelId);
+
+/** Returns the oldest channel whose URL is exactly url, or null. */
 tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url);
 
-/* Take out all entries. The records are left alone. head is a list, empty or not. */
+/** Takes all entries out of the list. The records are left alone.
+ *
+ * @param head  an initialised list, empty or not: null links crash */
 void clean_channel_repo(tv_channel_list *head);
 
 /* ---- 10  Message text ----------------------------------------------------------------------
  *
- * "<sequence>\n<tag>\n<URL>\nvelun_tolvane_payload\n" and the payload. The readers take a message
- * as text up to its first 0x00, which a received message always has: one stands just past its
- * last byte. docs/protocol.md shows the bytes. */
+ * A message is the sequence number, a line feed, the tag of its type, the sender's URL, the payload
+ * marker and the payload. The readers take a message as text up to its first 0x00; a received
+ * message always has one just past its last byte. docs/protocol.md shows the bytes. */
 
-/* Build a message of the channel and advance its sequence number: a request or a reply with the
- * payload, a login or a logout with text and its NUL, in msgBuf; a heartbeat or an
- * acknowledgement in dst. Return the message's length, or -1: it does not fit (the destination
- * holds the beginning of its header then), or len is negative (nothing is written). After -1 the
- * number is not advanced. The first two return 0 for a null channel or payload. */
+/** Builds a request in msgBuf and advances the channel's sequence number.
+ *
+ * @param channel  null is refused
+ * @param payload  null is refused
+ * @param len      0 or more
+ * @return the message's length; 0: channel or payload is null; or -1: it does not fit (msgBuf holds
+ *         the start of its header) or len is negative. Unless a message was built, the number is
+ *         unchanged */
 int pack_outgoing_rqst(tv_channel *channel, const char *payload, int len);
+
+/** Builds a reply in msgBuf, as pack_outgoing_rqst() builds a request. */
 int pack_outgoing_resp(tv_channel *channel, const char *payload, int len);
+
+/** Builds a login in msgBuf and advances the channel's sequence number.
+ *
+ * @param channel  the sender
+ * @param text     the payload, sent with its NUL: the client's URL
+ * @return the message's length, or -1: it does not fit (the number is unchanged) */
 int build_login_msg(tv_channel *channel, const char *text);
+
+/** Builds a logout in msgBuf, as build_login_msg() builds a login. */
 int build_logout_msg(tv_channel *channel, const char *text);
+
+/** Builds a heartbeat in dst and advances the channel's sequence number.
+ *
+ * @param channel  the sender; hbSequence, hbInterval and hbCount make the payload
+ * @param dst      at least size bytes; 512 are enough
+ * @param size     bytes of dst
+ * @return the message's length, or -1: it does not fit (the number is unchanged) */
 int build_heartbeat_msg(tv_channel *channel, char *dst, int size);
+
+/** Builds a heartbeat acknowledgement in dst, as build_heartbeat_msg() builds a heartbeat. */
 int build_heartbeat_ack_msg(tv_channel *channel, char *dst, int size);
 
-/* Return the message's type, TV_MSG_.... The tags are searched in the whole text, payload
- * included, and the lowest type found wins. */
+/** Returns a message's type, a TV_MSG_ value. The tags are searched in the whole text, payload
+ * included; of several, the lowest type wins. */
 int get_msg_type(const char *msg);
 
-/* Return the message's number, or 0 when it has none; a number beyond 32 bits becomes the nearest
- * one within. */
+/** Returns a message's sequence number, or 0 if it has none. A number beyond 32 bits becomes the
+ * nearest one within. */
 int get_msg_sequence(const char *msg);
 
-/* Copy the sender's URL to dst, cut to size - 1 characters, size 1 or more. Returns 0, or -1: no
- * tag, or the first payload marker is not behind it (dst is untouched then). */
+/** Copies the URL in a message's header.
+ *
+ * @param msg   the message
+ * @param dst   gets the URL, cut to size - 1 characters
+ * @param size  bytes of dst, 1 or more
+ * @return 0, or -1: no tag, or the first payload marker is before it (dst is unchanged) */
 int get_msg_url(const char *msg, char *dst, int size);
 
-/* Return the payload inside msg, of length len, and its length in *payloadLen; or null and 0 when
- * there is no payload marker within len. */
+/** Finds a message's payload.
+ *
+ * @param msg         the message
+ * @param len         its length
+ * @param payloadLen  gets the payload's length, or 0
+ * @return the payload inside msg, or null: no payload marker within len */
 const char *get_msg_payload(const char *msg, int len, int *payloadLen);
 
-/* Return the value in a heartbeat's payload, or -1 when it is not there. */
+/** Returns the number after the name "sequence" in a heartbeat's payload, 0 if no digits follow the
+ * name; or -1: no such name, or no closing brace after it. */
 int get_heartbeat_sequence(const char *text);
+
+/** Returns the number after the name "interval", as get_heartbeat_sequence(). */
 int get_heartbeat_interval(const char *text);
+
+/** Returns the number after the name "count", as get_heartbeat_sequence(). */
 int get_heartbeat_count(const char *text);
 
 /* ---- 11  Channel transport ----------------------------------------------------------------- */
 
-/* Return the descriptor of the channel's socket, or -1: null, no socket, or not connected. */
+/** Returns the descriptor of the channel's socket, or -1: null, no socket, or no connection. */
 int tv_impl_get_polling_fd(tv_channel *channel);
 
-/* Send a message as one frame within the channel's poll time-out. The two do the same. Return 0,
- * or -1: no descriptor, a listening one, a negative length, or the frame was not sent whole (the
- * link-down callback has run then). */
+/** Sends a message as one frame within the channel's poll timeout.
+ *
+ * @param channel  null is refused
+ * @param msg      the message
+ * @param len      its length
+ * @return 0; or -1: no descriptor, the listening channel, a negative length, or the frame was not
+ *         sent whole (only then the link-down callback has run, and may have closed the channel) */
 int tv_impl_send_rqst(tv_channel *channel, const char *msg, int len);
+
+/** Sends a message: another name of tv_impl_send_rqst(). */
 int tv_impl_send_resp(tv_channel *channel, const char *msg, int len);
 
-/* Receive one message within a time-out, or the channel's poll time-out; 0 or less: no limit.
- * Return the message, to be released with tv_impl_free_msg, and its length in *len, or null. A
- * failed receive and an empty message (returned with length 0) call the link-down callback, but
- * without a descriptor, or on the listening channel, nothing does. The callback may have closed
- * the channel: touch the record only after a message with bytes. */
+/** Receives one message.
+ *
+ * A failed receive, and a frame without a body, call the link-down callback, which may close the
+ * channel: use the record only after a message with at least one byte. Without a descriptor, and on
+ * the listening channel, nothing is called.
+ *
+ * @param channel    null is refused
+ * @param len        gets the message's length, or 0
+ * @param timeoutMs  milliseconds for the whole frame; 0 or less: no limit, and a non-blocking
+ *                   descriptor is tried again and again without a pause
+ * @return the message, to be released with tv_impl_free_msg(), also if it is empty; or null */
 char *tv_impl_recv_with_timeout(tv_channel *channel, int *len, int timeoutMs);
+
+/** Receives one message within the channel's poll timeout, as tv_impl_recv_with_timeout(). */
 char *tv_impl_recv(tv_channel *channel, int *len);
 
-/* Close the channel's descriptor and release its socket. Null is ignored. */
+/** Closes the channel's descriptor and releases its socket.
+ *
+ * @param channel  null: nothing happens */
 void tv_impl_close_channel(tv_channel *channel);
 
-/* Release a received message. Null is ignored. */
+/** Releases a received message.
+ *
+ * @param msg  null: nothing happens */
 void tv_impl_free_msg(char *msg);
 
-/* Do nothing. Returns 0. */
+/** Does nothing.
+ *
+ * @return 0 */
 int tv_impl_set_retransmit_interval(int interval);
 
 /* ---- 12  Sockets and frames ----------------------------------------------------------------
  *
- * A frame is 36 bytes of header, with the watermark and the body's length, and the body. A frame
- * that fails part-way leaves the stream out of step: give the connection up. */
+ * A frame is a header of 36 bytes, with the watermark and the body's length, and the body. Every
+ * transfer is tried first; the library waits only when the kernel would block. A frame that fails
+ * leaves the stream out of step: close the connection. */
 
-/* Send one frame within timeoutMs, which is kept on a non-blocking descriptor only; 0 or less:
- * fails at once. Returns len, or -1. */
+/** Sends one frame.
+ *
+ * @param fd         a connected socket, blocking or not
+ * @param body       the message
+ * @param len        0 or more
+ * @param timeoutMs  milliseconds for the whole frame; 0 or less: nothing is sent
+ * @return len, or -1 */
 int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs);
 
-/* Receive one frame. The first one takes at most timeoutMs, which is kept on a non-blocking
- * descriptor only. With 0 or less, and in the second one, there is no limit: a non-blocking
- * descriptor is then tried again and again without a pause. Return the body in a block from
- * malloc(), followed by one 0x00 that is not counted, and its length in *len; or null (*len means
- * nothing then). Memory is used up as the bytes arrive, not as the length announces them. */
+/** Receives one frame.
+ *
+ * With a timeout, one deadline covers header and body, on blocking descriptors too, however the
+ * bytes arrive. Once it has passed, bytes that are buffered already may still complete a body of up
+ * to 256 KiB, which is the most that one recv() takes; otherwise the receive fails. Memory is used
+ * as the bytes arrive, not as the length announces them.
+ *
+ * @param fd         a connected socket
+ * @param len        gets the body's length; meaningless after a failure
+ * @param timeoutMs  milliseconds; 0 or less: no limit, and a non-blocking descriptor is tried again
+ *                   and again without a pause
+ * @return the body in a block from malloc(), followed by a 0x00 that is not counted; or null */
 char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs);
+
+/** Receives one frame without a time limit: tcp_impl_receive_with_timeout() with 0. */
 char *tcp_impl_receive(int fd, int *len);
 
-/* Open a listening socket, or connect one. ip is a dotted IPv4 text; any other stands for
- * 0.0.0.0. port is taken modulo 65536. A connect waits for timeoutMs; 0 or less: as long as the
- * system does. Return the descriptor (a connected one is non-blocking), which is the caller's,
- * or -1 with nothing left open. */
+/** Opens a listening socket. It is blocking.
+ *
+ * @param ip    dotted IPv4 address; anything else is taken as 0.0.0.0
+ * @param port  TCP port, taken modulo 65536; 0: the system chooses
+ * @return the descriptor, which is the caller's; or -1 with nothing left open */
 int impl_create_server_socket(const char *ip, int port);
+
+/** Connects a socket. A socket that got connected to itself, which happens on one host while no
+ * server listens on the port, is a failed connect.
+ *
+ * @param ip         dotted IPv4 address; anything else is taken as 0.0.0.0, which is this machine
+ * @param port       TCP port, taken modulo 65536
+ * @param timeoutMs  milliseconds; 0 or less: as long as the system tries
+ * @return the connected, non-blocking descriptor, which is the caller's; or -1 with nothing left
+ *         open */
 int impl_create_client_socket(const char *ip, int port, int timeoutMs);
 
-/* Make fd non-blocking and connect it within timeoutMs; 0 or less: fails unless it connects at
- * once. Returns fd, or -1: fd is the caller's to close. */
+/** Makes a socket non-blocking and connects it. A socket that got connected to itself is a failed
+ * connect.
+ *
+ * @param fd         a TCP socket; on failure it is the caller's to close
+ * @param addr       the address
+ * @param addrlen    its size
+ * @param timeoutMs  milliseconds; 0 or less: fails unless it connects at once
+ * @return fd, or -1 */
 int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrlen, int timeoutMs);
 
-/* Accept one connection and make it non-blocking. Returns its descriptor, or a negative value. */
+/** Accepts one connection and makes it non-blocking. Blocks if none is waiting.
+ *
+ * @return its descriptor, or a negative value */
 int tcp_impl_accept_socket(int listenFd);
+
+#endif /* TOLVANE_APPLICATION_ONLY */
 
 #ifdef __cplusplus
 }

@@ -1,8 +1,7 @@
 // tv_log.h - the library's own side of its log; private, not installed.
 //
 // Every module logs through TV_LOG, which names the module, the function and the line of the
-// entry. With no sink set it costs two loads and a branch. Writing an entry may change errno:
-// read errno before logging when it still matters.
+// entry. With no sink set it costs two loads and a branch. errno stays as it was.
 #ifndef TV_LOG_H
 #define TV_LOG_H
 
@@ -13,12 +12,13 @@
 // The same in the name of another function, for helpers that log for their caller.
 #define TV_LOG_AT(function, line, ...)                                                             \
     do {                                                                                           \
-        if (fp_log != NULL || log_file[0] != '\0')                                                 \
-            tv_log_write(__FILE_NAME__, function, line, __VA_ARGS__);                              \
+        if (fp_log != nullptr || log_file[0] != '\0')                                              \
+            tv_log_write(__FILE__, function, line, __VA_ARGS__);                                   \
     } while (0)
 
-// Write one entry to the sink that is set, unless that has reached its limit.
-extern "C" void tv_log_write(const char *module, const char *function, int line, const char *format,
+// Write one entry to the sink that is set, unless that has reached its limit. Of the source file's
+// path only the file's own name is written.
+extern "C" void tv_log_write(const char *path, const char *function, int line, const char *format,
                              ...) __attribute__((format(printf, 4, 5), cold));
 
 #endif

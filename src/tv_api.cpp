@@ -18,8 +18,8 @@ static uint32_t nextChannelId = 0;
 static tv_channel *find_channel(int channelId, const char *caller = __builtin_FUNCTION(),
                                 int line = __builtin_LINE())
 {
-    tv_channel *channel = find_by_id(&tv_repository, channelId);
-    if (channel == NULL)
+    tv_channel *channel = get_channel(&tv_repository, channelId);
+    if (channel == nullptr)
         TV_LOG_AT(caller, line, "could not get channel with id[%d] in %s", channelId, caller);
     return channel;
 }
@@ -33,14 +33,9 @@ int tv_get_channel_id(void)
     return (int)nextChannelId++;
 }
 
-tv_channel *find_listed_channel(int channelId)
-{
-    return find_channel(channelId, "tv_get_channel");
-}
-
 tv_channel *tv_get_channel(int channelId)
 {
-    return index_handed_out(find_channel(channelId));
+    return find_channel(channelId);
 }
 
 tv_channel_node *tv_add_channel(tv_channel *channel)
@@ -53,25 +48,27 @@ int tv_remove_channel(tv_channel *channel)
     return remove_channel(&tv_repository, channel->channelId);
 }
 
+void end_channel(tv_channel *channel)
+{
+    tv_channel_list *pairs = &tv_service_server.pairList;
+    channel_guard guard(channel);
+    guard.closing = true;
+    if (channel->pairSocket != nullptr)
+        server_remove_channel(channel);
+    else if (index_find_record(pairs, channel) != nullptr) // a pair whose socket has been closed
+        unlist_channel(pairs, channel);
+    close_channel(channel);
+    if (channel == tv_service_server.serverChannel)
+        tv_service_server.serverChannel = nullptr;
+    unlist_channel(&tv_repository, channel);
+    release_channel(channel);
+}
+
 void tv_close_channel(int channelId)
 {
     tv_channel *channel = find_channel(channelId);
-    if (channel == NULL || is_closing(channel)) // the fd-close callback may close its pair again
-        return;
-
-    channel_guard guard;
-    guard_channel(&guard, channel);
-    guard.closing = true;
-    if (channel->pairSocket != NULL)
-        server_remove_channel(channel);
-    else if (tv_service_server.pairList.next != NULL) // perhaps a pair whose socket is closed
-        unlist_channel(&tv_service_server.pairList, channel);
-    close_channel(channel);
-    if (channel == tv_service_server.serverChannel)
-        tv_service_server.serverChannel = NULL;
-    unlist_channel(&tv_repository, channel);
-    release_channel(channel);
-    unguard_channel(&guard);
+    if (channel != nullptr && !is_closing(channel)) // a pair's fd-close callback may close it again
+        end_channel(channel);
 }
 
 // ---- setting a channel up
@@ -79,40 +76,39 @@ void tv_close_channel(int channelId)
 int tv_register_actor(int channelId, tv_actor actor)
 {
     tv_channel *channel = find_channel(channelId);
-    return channel == NULL ? -1 : register_actor(channel, actor);
+    return channel == nullptr ? -1 : register_actor(channel, actor);
+}
+
+template <typename Callback>
+static int set_callback(int channelId, Callback tv_channel::*field, Callback callback,
+                        const char *caller = __builtin_FUNCTION())
+{
+    tv_channel *channel = find_channel(channelId, caller);
+    if (channel == nullptr)
+        return -1;
+    channel->*field = callback;
+    return 0;
 }
 
 int tv_register_resp_handler(int channelId, tv_resp_handler handler)
 {
-    tv_channel *channel = find_channel(channelId);
-    if (channel == NULL)
-        return -1;
-    channel->respHandler = handler;
-    return 0;
+    return set_callback(channelId, &tv_channel::respHandler, handler);
 }
 
 int tv_register_timeout_handler(int channelId, tv_timeout_handler handler)
 {
-    tv_channel *channel = find_channel(channelId);
-    if (channel == NULL)
-        return -1;
-    channel->timeoutHandler = handler;
-    return 0;
+    return set_callback(channelId, &tv_channel::timeoutHandler, handler);
 }
 
 int tv_register_linkdown_callback(int channelId, tv_linkdown_cb cb)
 {
-    tv_channel *channel = find_channel(channelId);
-    if (channel == NULL)
-        return -1;
-    channel->linkdownCallback = cb;
-    return 0;
+    return set_callback(channelId, &tv_channel::linkdownCallback, cb);
 }
 
 int tv_set_poll_timeout(int channelId, int timeoutMs)
 {
-    tv_channel *channel = find_listed_channel(channelId);
-    if (channel == NULL || timeoutMs <= 0)
+    tv_channel *channel = tv_get_channel(channelId);
+    if (channel == nullptr || timeoutMs <= 0)
         return -1;
     channel->pollTimeout = timeoutMs;
     return 0;
@@ -121,14 +117,14 @@ int tv_set_poll_timeout(int channelId, int timeoutMs)
 void tv_set_connect_timeout(int channelId, int timeoutMs)
 {
     tv_channel *channel = find_channel(channelId);
-    if (channel != NULL && timeoutMs > 0)
+    if (channel != nullptr && timeoutMs > 0)
         channel->connectTimeout = timeoutMs;
 }
 
 void tv_client_enable_heartbeat(int channelId, int interval, int count, tv_linkdown_cb cb)
 {
     tv_channel *channel = find_channel(channelId);
-    if (channel == NULL)
+    if (channel == nullptr)
         return;
     channel->hbInterval = interval;
     channel->hbCount = count;
@@ -141,14 +137,14 @@ void tv_client_enable_heartbeat(int channelId, int interval, int count, tv_linkd
 int tv_create_client_channel(const tv_client_addr *addr)
 {
     tv_channel *channel = (tv_channel *)malloc(sizeof(tv_channel));
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     const int channelId = tv_get_channel_id();
     if (create_client_channel(channel, channelId, addr) != 0) {
         free(channel);
         return -1;
     }
-    if (list_channel(&tv_repository, channel) == NULL) {
+    if (add_channel(&tv_repository, channel) == nullptr) {
         TV_LOG("malloc error in function %s", __func__);
         close_channel(channel);
         release_channel(channel);
@@ -162,9 +158,9 @@ static tv_channel *find_client(int channelId, const char *caller = __builtin_FUN
                                int line = __builtin_LINE())
 {
     tv_channel *channel = find_channel(channelId, caller, line);
-    if (channel != NULL && get_channel_type(channelId) != TV_CHANNEL_CLIENT) {
+    if (channel != nullptr && get_channel_type(channelId) != TV_CHANNEL_CLIENT) {
         TV_LOG_AT(caller, line, "failed on %s, channel[%d] is not a client", caller, channelId);
-        return NULL;
+        return nullptr;
     }
     return channel;
 }
@@ -172,7 +168,7 @@ static tv_channel *find_client(int channelId, const char *caller = __builtin_FUN
 int tv_connect_server(int channelId)
 {
     tv_channel *channel = find_client(channelId);
-    if (channel == NULL || connect_server(channel) != 0)
+    if (channel == nullptr || connect_server(channel) != 0)
         return -1;
     enable_heartbeat(channel);
     return 0;
@@ -181,7 +177,7 @@ int tv_connect_server(int channelId)
 int tv_disconnect_server(int channelId)
 {
     tv_channel *channel = find_client(channelId);
-    return channel == NULL ? -1 : disconnect_server(channel);
+    return channel == nullptr ? -1 : disconnect_server(channel);
 }
 
 // ---- requests, replies, descriptor
@@ -189,27 +185,25 @@ int tv_disconnect_server(int channelId)
 int tv_send_rqst(int channelId, const char *payload, int len, int timeout)
 {
     tv_channel *channel = find_channel(channelId);
-    return channel == NULL ? -1 : send_rqst(channel, payload, len, timeout);
+    return channel == nullptr ? -1 : send_rqst(channel, payload, len, timeout);
 }
 
 int tv_send_resp(int channelId, const char *payload, int len)
 {
     tv_channel *channel = find_channel(channelId);
-    return channel == NULL ? -1 : send_resp(channel, payload, len);
+    return channel == nullptr ? -1 : send_resp(channel, payload, len);
 }
 
 int tv_get_polling_fd(int channelId)
 {
     tv_channel *channel = find_channel(channelId);
-    return channel == NULL ? -1 : get_polling_fd(channel);
+    return channel == nullptr ? -1 : get_polling_fd(channel);
 }
 
-int tv_channel_fd_handler(int fd, intptr_t channelId, intptr_t arg2)
+int tv_channel_fd_handler(int, intptr_t channelId, intptr_t)
 {
-    (void)fd;
-    (void)arg2;
     tv_channel *channel = find_channel((int)channelId);
-    if (channel != NULL)
+    if (channel != nullptr)
         handle_client_polling_fd(channel);
     return 0;
 }
@@ -224,7 +218,7 @@ int tv_set_log_fd(FILE *fp)
 
 int tv_set_log_file(const char *path)
 {
-    if (path != NULL && path != log_file)
+    if (path != nullptr && path != log_file)
         strncpy(log_file, path, sizeof(log_file) - 1); // fills up with NULs; the last byte is one
     return 0;
 }

@@ -1,13 +1,13 @@
 // tv_channel.cpp - what one channel does: exchange, heartbeat, dispatch, actors, closing.
 //
-// Place      above the transport; called by tv_api.cpp, tv_client.cpp, tv_server_api.cpp and, by
+// Place      above the transport; called by tv_api.cpp, tv_client.cpp, tv_server_api.cpp and, with a
 //            channel id, by the timers.
 // Exchange   outgoing: at most one request awaits its reply. Incoming: at most one request awaits
 //            the application's reply; more wait in a queue of 8.
-// Messages   a received message belongs to the operation that it is handed to, until that has
-//            released it or stored it in pendingRqst or the queue.
-// Callbacks  may close their channel. After each one the guard tells whether it is still there;
-//            if not, the operation releases what it holds and stops.
+// Messages   an operation owns the message it is given. It releases the message or stores it in
+//            pendingRqst or the queue.
+// Callbacks  may close their channel. After each one the operation checks its guard; if the channel
+//            is closed, it releases what it still holds and stops.
 // State      none but the channel records.
 
 #include "tv_internal.h"
@@ -18,7 +18,7 @@
 #include <limits.h>
 #include <stdlib.h>
 
-// Room for a heartbeat or an acknowledgement, which are 192 bytes at most.
+// Room for a heartbeat or an acknowledgement: at most 192 bytes.
 static const int heartbeatBufSize = 512;
 
 // ---- the record
@@ -26,9 +26,9 @@ static const int heartbeatBufSize = 512;
 void init_channel(tv_channel *channel, int channelId)
 {
     channel->channelId = channelId;
-    channel->respHandler = NULL;
-    channel->timeoutHandler = NULL;
-    channel->linkdownCallback = NULL;
+    channel->respHandler = nullptr;
+    channel->timeoutHandler = nullptr;
+    channel->linkdownCallback = nullptr;
     channel->rqstTimerId = -1;
     channel->pollTimeout = INT_MAX;
     channel->connectTimeout = -1;
@@ -36,7 +36,7 @@ void init_channel(tv_channel *channel, int channelId)
     channel->msgSequence = 0;
     channel->recvSequence = 0;
     channel->actorCount = 0;
-    channel->pendingRqst = NULL;
+    channel->pendingRqst = nullptr;
     channel->rqstQueue.items = channel->rqstQueueItems;
     channel->rqstQueue.lastIdx = TV_RQST_QUEUE_SIZE;
     channel->rqstQueue.firstIdx = TV_RQST_QUEUE_SIZE;
@@ -47,21 +47,21 @@ void init_channel(tv_channel *channel, int channelId)
     channel->hbTimerId = -1;
     channel->hbSequence = 0;
     channel->hbMissCount = 0;
-    channel->clientSocket = NULL;
-    channel->serverSocket = NULL;
-    channel->pairSocket = NULL;
+    channel->clientSocket = nullptr;
+    channel->serverSocket = nullptr;
+    channel->pairSocket = nullptr;
 }
 
 int get_channel_type(int channelId)
 {
-    const tv_channel *channel = find_listed_channel(channelId);
-    if (channel == NULL)
+    const tv_channel *channel = tv_get_channel(channelId);
+    if (channel == nullptr)
         return TV_CHANNEL_NONE;
-    if (channel->clientSocket != NULL)
+    if (channel->clientSocket != nullptr)
         return TV_CHANNEL_CLIENT;
-    if (channel->serverSocket != NULL)
+    if (channel->serverSocket != nullptr)
         return TV_CHANNEL_SERVER;
-    return channel->pairSocket != NULL ? TV_CHANNEL_PAIR : TV_CHANNEL_NONE;
+    return channel->pairSocket != nullptr ? TV_CHANNEL_PAIR : TV_CHANNEL_NONE;
 }
 
 // ---- the queue of requests
@@ -104,9 +104,10 @@ int rb_pop_item(ring_buffer *rb, rb_item *out)
 
 // ---- incoming requests
 
-// Keep a request until its reply has been sent. There is an older one only if an actor ran the
-// channel's handler, or a loop, itself, and a request was left owing there; that one is given up.
-static void owe_reply(tv_channel *channel, char *msg)
+// Keep a request until its reply has been sent. An older one is pending only if an actor ran the
+// channel's descriptor handler or a loop, and another actor deferred a request there. That request
+// is dropped.
+static void set_pending_rqst(tv_channel *channel, char *msg)
 {
     tv_impl_free_msg(channel->pendingRqst);
     channel->pendingRqst = msg;
@@ -114,47 +115,45 @@ static void owe_reply(tv_channel *channel, char *msg)
 
 // Offer a request to the actors in turn. Returns the result of the one that took it, or
 // TV_ACTOR_PASS. Stops when an actor closed the channel.
-static int offer_to_actors(const channel_guard *guard, const char *payload, int payloadLen,
+static int offer_to_actors(const channel_guard &guard, const char *payload, int payloadLen,
                            char **reply, int *replyLen)
 {
-    const tv_channel *channel = guard->channel;
+    const tv_channel *channel = guard.channel;
     int result = TV_ACTOR_PASS;
-    for (int i = 0; result == TV_ACTOR_PASS && !guard->closed && i < channel->actorCount; i++)
-        result = channel->actors[i](channel->channelId, payload, payloadLen, reply, replyLen);
+    for (int i = 0; result == TV_ACTOR_PASS && !guard.closed && i < channel->actorCount; i++) {
+        const tv_actor actor = channel->actors[i];
+        if (actor != nullptr)
+            result = actor(channel->channelId, payload, payloadLen, reply, replyLen);
+    }
     return result;
 }
 
-// Do what the actor that took the request decided. Takes msg; the reply stays the caller's.
+// Act on the result of the actor that took the request. Takes msg; the reply stays the caller's.
 static int finish_rqst(tv_channel *channel, char *msg, int result, const char *reply, int replyLen)
 {
-    if (result == TV_ACTOR_DEFERRED) {
-        owe_reply(channel, msg);
-        return 0;
-    }
-    if (reply == NULL) {
+    if (result != TV_ACTOR_DEFERRED && reply == nullptr) {
         tv_impl_free_msg(msg);
         return 0;
     }
-    owe_reply(channel, msg);
-    return send_resp(channel, reply, replyLen);
+    set_pending_rqst(channel, msg);
+    return result == TV_ACTOR_DEFERRED ? 0 : send_resp(channel, reply, replyLen);
 }
 
 static int do_process_rqst(tv_channel *channel, char *msg, int len)
 {
     int payloadLen = 0;
     const char *payload = get_msg_payload(msg, len, &payloadLen);
-    if (payload == NULL) {
+    if (payload == nullptr) {
         TV_LOG("not expected msg layout, ignore: %.*s", TV_MSG_BUF_SIZE, msg);
         tv_impl_free_msg(msg);
         return -1;
     }
-    char *reply = NULL;
+    char *reply = nullptr;
     int replyLen = 0;
     int outcome = -1;
-    channel_guard guard;
-    guard_channel(&guard, channel);
-    const int result = offer_to_actors(&guard, payload, payloadLen, &reply, &replyLen);
-    if (!unguard_channel(&guard)) {
+    channel_guard guard(channel);
+    const int result = offer_to_actors(guard, payload, payloadLen, &reply, &replyLen);
+    if (guard.closed) {
         tv_impl_free_msg(msg);
     } else if (result == TV_ACTOR_PASS) {
         TV_LOG("no actor registered to process this msg: %.*s", TV_MSG_BUF_SIZE, msg);
@@ -168,24 +167,21 @@ static int do_process_rqst(tv_channel *channel, char *msg, int len)
 
 static int process_queued_rqsts(tv_channel *channel)
 {
+    channel_guard guard(channel);
     rb_item item;
-    bool open = true;
-    while (open && channel->pendingRqst == NULL && rb_pop_item(&channel->rqstQueue, &item) == 0) {
-        channel_guard guard;
-        guard_channel(&guard, channel);
+    while (!guard.closed && channel->pendingRqst == nullptr &&
+           rb_pop_item(&channel->rqstQueue, &item) == 0)
         do_process_rqst(channel, item.msg, item.len);
-        open = unguard_channel(&guard);
-    }
     return 0;
 }
 
 int process_channel_rqst(tv_channel *channel, char *msg, int len)
 {
-    if (channel == NULL) {
+    if (channel == nullptr) {
         tv_impl_free_msg(msg);
         return -1;
     }
-    if (channel->pendingRqst == NULL && !channel->waitingResp)
+    if (channel->pendingRqst == nullptr && !channel->waitingResp)
         return do_process_rqst(channel, msg, len);
 
     const rb_item item = {msg, len};
@@ -197,7 +193,7 @@ int process_channel_rqst(tv_channel *channel, char *msg, int len)
 
 int send_resp(tv_channel *channel, const char *payload, int len)
 {
-    if (channel->pendingRqst == NULL) {
+    if (channel->pendingRqst == nullptr) {
         TV_LOG("no message pending, response discarded");
         return -1;
     }
@@ -205,7 +201,7 @@ int send_resp(tv_channel *channel, const char *payload, int len)
     if (msgLen < 1 || tv_impl_send_resp(channel, channel->msgBuf, msgLen) != 0)
         return -1;
     tv_impl_free_msg(channel->pendingRqst);
-    channel->pendingRqst = NULL;
+    channel->pendingRqst = nullptr;
     return process_queued_rqsts(channel);
 }
 
@@ -213,20 +209,19 @@ int send_resp(tv_channel *channel, const char *payload, int len)
 
 static void rqst_timeout(intptr_t channelId, intptr_t)
 {
-    tv_channel *channel = find_listed_channel((int)channelId);
-    if (channel == NULL)
+    tv_channel *channel = tv_get_channel((int)channelId);
+    if (channel == nullptr)
         return;
     channel->rqstTimerId = -1;
     if (channel->waitingResp) {
-        channel_guard guard;
-        guard_channel(&guard, channel);
-        if (channel->timeoutHandler != NULL)
+        channel_guard guard(channel);
+        if (channel->timeoutHandler != nullptr)
             channel->timeoutHandler(channel->channelId);
-        if (!unguard_channel(&guard))
+        if (guard.closed)
             return;
-        // A handler that ran the channel's own descriptor handler may have got the reply after all,
-        // and sent the next request, which goes on waiting.
-        if (channel->rqstTimerId == -1)
+        // If the handler ran the channel's descriptor handler, the reply may have arrived, and the
+        // response handler may have sent the next request, which still waits.
+        if (!guard.replyReceived)
             channel->waitingResp = 0;
     }
     process_queued_rqsts(channel);
@@ -259,7 +254,7 @@ int send_rqst(tv_channel *channel, const char *payload, int len, int timeout)
 
 int process_channel_resp(tv_channel *channel, char *msg, int len)
 {
-    if (channel == NULL) {
+    if (channel == nullptr) {
         tv_impl_free_msg(msg);
         return -1;
     }
@@ -271,15 +266,15 @@ int process_channel_resp(tv_channel *channel, char *msg, int len)
     if (channel->rqstTimerId != -1)
         ruvo_stop_timer(channel->rqstTimerId);
     channel->waitingResp = 0;
+    note_reply(channel);
 
     int payloadLen = 0;
     const char *payload = get_msg_payload(msg, len, &payloadLen);
-    channel_guard guard;
-    guard_channel(&guard, channel);
-    if (channel->respHandler != NULL)
+    channel_guard guard(channel);
+    if (channel->respHandler != nullptr)
         channel->respHandler(channel->channelId, payload, payloadLen);
     tv_impl_free_msg(msg);
-    if (unguard_channel(&guard))
+    if (!guard.closed)
         process_queued_rqsts(channel);
     return 0;
 }
@@ -302,38 +297,33 @@ static void switch_heartbeat_off(tv_channel *channel)
     channel->hbCount = 0;
 }
 
-static void channel_disconnected(int channelId)
+static void channel_disconnected(tv_channel *channel)
 {
-    tv_channel *channel = find_listed_channel(channelId);
-    if (channel == NULL) {
-        TV_LOG("channel_disconnected , channel[%d] not found", channelId);
-        return;
-    }
     switch_heartbeat_off(channel);
-    report_linkdown(channel);
+    report_linkdown(channel, true);
 }
 
 static void active_hb_timeout(intptr_t arg, intptr_t)
 {
     const int channelId = (int)arg;
-    tv_channel *channel = find_listed_channel(channelId);
-    if (channel == NULL) {
+    tv_channel *channel = tv_get_channel(channelId);
+    if (channel == nullptr) {
         TV_LOG("active_hb_timeout , channel[%d] not found", channelId);
         return;
     }
     TV_LOG("active_hb_timeout, channel id[%d]", channelId);
     channel->hbMissCount++;
     if (channel->hbMissCount > channel->hbCount)
-        channel_disconnected(channelId);
+        channel_disconnected(channel);
     else
         send_heartbeat(channel);
 }
 
 int enable_heartbeat(tv_channel *channel)
 {
-    if (channel == NULL || channel->hbInterval < 1)
+    if (channel == nullptr || channel->hbInterval < 1)
         return -1;
-    if (channel->clientSocket == NULL && channel->pairSocket == NULL)
+    if (channel->clientSocket == nullptr && channel->pairSocket == nullptr)
         return 0;
     stop_heartbeat_timer(channel);
     channel->hbMode = TV_HEARTBEAT_ON;
@@ -346,7 +336,7 @@ int enable_heartbeat(tv_channel *channel)
 
 void send_heartbeat(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return;
     if (channel->hbMode != TV_HEARTBEAT_ON) {
         TV_LOG("could not send HB on mode[%d]", channel->hbMode);
@@ -372,24 +362,17 @@ void heartbeat_received(tv_channel *channel, char *msg)
     tv_impl_free_msg(msg);
 }
 
-void heartbeat_ack_received(tv_channel *channel, char *msg)
+void heartbeat_ack_received(tv_channel *, char *msg) // accepting it has cleared the misses
 {
-    (void)channel; // accepting the message has cleared the misses
     TV_LOG("heartbeat ack msg");
     tv_impl_free_msg(msg);
 }
 
 // ---- dispatch
 
-// The number after 2147483647, and after any negative one, is 0.
-static int next_sequence(int sequence)
-{
-    return sequence < 0 || sequence == INT_MAX ? 0 : sequence + 1;
-}
-
 int tv_msg_received(tv_channel *channel, int seq)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     const int expected = next_sequence(channel->recvSequence);
     if (channel->recvSequence != 0 && seq != expected) {
@@ -401,11 +384,11 @@ int tv_msg_received(tv_channel *channel, int seq)
     return 0;
 }
 
-int handle_client_polling_fd(tv_channel *channel)
+int serve_channel(tv_channel *channel, int (*handle_other)(tv_channel *, int type, char *msg))
 {
     int len = 0;
     char *msg = tv_impl_recv_with_timeout(channel, &len, channel->pollTimeout);
-    if (msg == NULL || len == 0) { // the link is down: the channel may be closed
+    if (msg == nullptr || len == 0) { // the link is down: the channel may be closed
         tv_impl_free_msg(msg);
         return 0;
     }
@@ -413,7 +396,8 @@ int handle_client_polling_fd(tv_channel *channel)
         tv_impl_free_msg(msg);
         return -1;
     }
-    switch (get_msg_type(msg)) {
+    const int type = get_msg_type(msg);
+    switch (type) {
     case TV_MSG_REQUEST:
         return process_channel_rqst(channel, msg, len);
     case TV_MSG_REPLY:
@@ -425,19 +409,29 @@ int handle_client_polling_fd(tv_channel *channel)
         heartbeat_ack_received(channel, msg);
         return 0;
     default:
-        TV_LOG("unexpected msg received");
-        tv_impl_free_msg(msg);
-        return -1;
+        return handle_other(channel, type, msg);
     }
+}
+
+static int reject_msg(tv_channel *, int, char *msg)
+{
+    TV_LOG_AT("handle_client_polling_fd", __LINE__, "unexpected msg received");
+    tv_impl_free_msg(msg);
+    return -1;
+}
+
+int handle_client_polling_fd(tv_channel *channel)
+{
+    return serve_channel(channel, reject_msg);
 }
 
 // ---- actors, closing, descriptor
 
 int register_actor(tv_channel *channel, tv_actor actor)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
-    if (channel->pairSocket != NULL) {
+    if (channel->pairSocket != nullptr) {
         TV_LOG("should not register actor for pair channel, register for server");
         return -1;
     }
@@ -457,7 +451,7 @@ void close_channel(tv_channel *channel)
 
 int get_polling_fd(tv_channel *channel)
 {
-    if (channel == NULL) {
+    if (channel == nullptr) {
         TV_LOG("get_polling_fd, channel is NULL");
         return -1;
     }

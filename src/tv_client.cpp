@@ -1,8 +1,8 @@
 // tv_client.cpp - the client's role: its record, connecting with login, logging out.
 //
 // Place    called by tv_api.cpp, which finds the record by id and starts the heartbeat.
-// Failure  a failed connect leaves the channel without a connection; a login or logout whose send
-//          fails leaves the connection open, and the link-down callback has run then.
+// Failure  a failed connect leaves the channel without a connection. A failed send of a login or
+//          logout leaves the connection open; the link-down callback has run.
 // State    none but the channel record.
 
 #include "tv_log.h"
@@ -14,14 +14,14 @@
 int create_client_channel(tv_channel *channel, int channelId, const tv_client_addr *addr)
 {
     tv_socket *socket = (tv_socket *)malloc(sizeof(tv_socket));
-    if (socket == NULL) {
+    if (socket == nullptr) {
         TV_LOG("malloc error in function %s", __func__);
         return -1;
     }
     init_channel(channel, channelId);
     socket->fd = -1;
 
-    // The texts may fill their arrays: none is read beyond its own.
+    // The texts may fill their arrays without a terminator.
     snprintf(channel->url, sizeof(channel->url), "tcp://%.*s:%d", (int)sizeof(addr->clientIp),
              addr->clientIp, addr->clientPort);
     snprintf(channel->serverIp, sizeof(channel->serverIp), "%.*s",
@@ -31,8 +31,8 @@ int create_client_channel(tv_channel *channel, int channelId, const tv_client_ad
     return 0;
 }
 
-// Send the message that stands in msgBuf, up to and with the NUL that ends its payload. The record
-// is not touched after a failure: the link-down callback may have closed it.
+// Send the message in msgBuf, including the NUL that ends its payload. Do not touch the record after
+// a failure: the link-down callback may have closed the channel.
 static int send_built_msg(tv_channel *channel)
 {
     return tv_impl_send_rqst(channel, channel->msgBuf, (int)strlen(channel->msgBuf) + 1);
@@ -41,7 +41,7 @@ static int send_built_msg(tv_channel *channel)
 int connect_server(tv_channel *channel)
 {
     tv_socket *socket = channel->clientSocket;
-    if (socket == NULL)
+    if (socket == nullptr)
         return -1;
     if (socket->fd != -1)
         close(socket->fd);

@@ -1,8 +1,8 @@
 // tv_guard.cpp - the operations in progress: guards on channels, walks over lists.
 //
-// Place    beside the modules that call back into the application; tv_internal.h tells them how.
+// Place    used by every module that calls back into the application; see tv_internal.h.
 // Method   guards and walks lie on the stacks of their operations and are linked, the innermost
-//          first. Closing a channel and removing an entry tell all that are concerned.
+//          first. Closing a channel marks its guards; removing an entry moves the walks past it.
 // Failure  none: nothing is allocated.
 // State    the innermost guard and the innermost walk.
 
@@ -12,33 +12,50 @@
 
 // ---- guards
 
-static channel_guard *guards = NULL; // the innermost one
+static channel_guard *guards = nullptr; // the innermost one
 
-void guard_channel(channel_guard *guard, tv_channel *channel)
+channel_guard::channel_guard(tv_channel *channel) : channel(channel), outer(guards)
 {
-    guard->channel = channel;
-    guard->closing = false;
-    guard->closed = false;
-    guard->telling = false;
-    guard->outer = guards;
-    guards = guard;
+    guards = this;
 }
 
-bool unguard_channel(channel_guard *guard)
+channel_guard::~channel_guard()
 {
-    guards = guard->outer;
-    if (guard->closed)
-        release_channel(guard->channel);
-    return !guard->closed;
+    guards = outer;
+    if (closed)
+        release_channel(channel);
+}
+
+// The innermost guard on the channel that has the flag, or null.
+static channel_guard *find_guard(const tv_channel *channel, bool channel_guard::*flag)
+{
+    channel_guard *guard = guards;
+    while (guard != nullptr && !(guard->channel == channel && guard->*flag))
+        guard = guard->outer;
+    return guard;
 }
 
 bool is_closing(const tv_channel *channel)
 {
-    for (const channel_guard *guard = guards; guard != NULL; guard = guard->outer) {
-        if (guard->channel == channel && guard->closing)
-            return true;
+    return find_guard(channel, &channel_guard::closing) != nullptr;
+}
+
+// Set the flag on all guards of the channel. Returns whether there are any.
+static bool mark_guards(const tv_channel *channel, bool channel_guard::*flag)
+{
+    bool guarded = false;
+    for (channel_guard *guard = guards; guard != nullptr; guard = guard->outer) {
+        if (guard->channel == channel) {
+            guard->*flag = true;
+            guarded = true;
+        }
     }
-    return false;
+    return guarded;
+}
+
+void note_reply(const tv_channel *channel)
+{
+    mark_guards(channel, &channel_guard::replyReceived);
 }
 
 static void free_channel(tv_channel *channel)
@@ -52,64 +69,56 @@ static void free_channel(tv_channel *channel)
 
 void release_channel(tv_channel *channel)
 {
-    bool guarded = false;
-    for (channel_guard *guard = guards; guard != NULL; guard = guard->outer) {
-        if (guard->channel == channel) {
-            guard->closed = true;
-            guarded = true;
-        }
-    }
-    if (!guarded)
+    if (!mark_guards(channel, &channel_guard::closed))
         free_channel(channel);
 }
 
-bool report_linkdown(tv_channel *channel)
+bool report_linkdown(tv_channel *channel, bool mustNotBeLost)
 {
-    if (channel->linkdownCallback == NULL)
+    channel_guard *running = find_guard(channel, &channel_guard::inLinkdown);
+    if (running != nullptr) {
+        running->linkdownPending |= mustNotBeLost;
         return false;
-    for (const channel_guard *guard = guards; guard != NULL; guard = guard->outer) {
-        if (guard->channel == channel && guard->telling)
-            return false;
     }
-    channel_guard guard; // the callback is shown the record's URL
-    guard_channel(&guard, channel);
-    guard.telling = true;
-    channel->linkdownCallback(channel->channelId, channel->url);
-    unguard_channel(&guard);
+    if (channel->linkdownCallback == nullptr)
+        return false;
+    channel_guard guard(channel); // the callback is shown the record's URL
+    guard.inLinkdown = true;
+    do {
+        guard.linkdownPending = false;
+        channel->linkdownCallback(channel->channelId, channel->url);
+    } while (guard.linkdownPending && !guard.closed && channel->linkdownCallback != nullptr);
     return true;
 }
 
 // ---- walks
 
-static list_walk *walks = NULL; // the innermost one
+static list_walk *walks = nullptr; // the innermost one
 
-void begin_walk(list_walk *walk, tv_channel_list *head)
+list_walk::list_walk(tv_channel_list *head) : head(head), next(head->next), outer(walks)
 {
-    walk->head = head;
-    walk->next = head->next;
-    walk->outer = walks;
-    walks = walk;
+    walks = this;
 }
 
-tv_channel *next_channel(list_walk *walk)
+list_walk::~list_walk()
 {
-    while (walk->next != walk->head && walk->next != NULL) {
-        tv_channel_node *node = (tv_channel_node *)walk->next;
-        walk->next = node->links.next;
-        if (node->channel != NULL)
-            return node->channel;
+    walks = outer;
+}
+
+tv_channel *list_walk::next_channel()
+{
+    while (next != head && next != nullptr) {
+        const tv_channel_node *entry = (const tv_channel_node *)next;
+        next = entry->links.next;
+        if (entry->channel != nullptr)
+            return entry->channel;
     }
-    return NULL;
-}
-
-void end_walk(list_walk *walk)
-{
-    walks = walk->outer;
+    return nullptr;
 }
 
 void step_walks_over(const tv_channel_list *entry)
 {
-    for (list_walk *walk = walks; walk != NULL; walk = walk->outer) {
+    for (list_walk *walk = walks; walk != nullptr; walk = walk->outer) {
         if (walk->next == entry)
             walk->next = entry->next;
     }

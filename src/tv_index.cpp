@@ -1,329 +1,206 @@
-// tv_index.cpp - where to look first in the repository and in the server's list of pairs.
+// tv_index.cpp - finds entries of the library's own two lists without walking them.
 //
-// Place    below tv_channel_repo.cpp, which keeps it in step with the two lists.
-// Method   one hash table with open addressing for all three keys: pointers to nodes, and beside
-//          them tags of 32 bits, the key's hash and which key it is. It grows by a third; 36 bytes a
-//          pair, at a load of 0.6 to 0.8. A list's ends are remembered as the library left them: if
-//          they differ, the list was changed by hand, and its entries go without a look at its nodes,
-//          which may be gone. An entry leaves with its node, also if its key was written by hand.
-// Failure  without memory the key is distrusted, and searches are walks.
-// State    the table, freed with its last entry; the lists' ends; the keys that are trusted.
-
+// Place    below tv_channel_repo.cpp, which keeps it in step with the repository and the server's
+//          pairs. The lists are the truth: every hit is checked against its record.
+// Method   one hash table with chains per key. The links of the chains lie in the list entries, so
+//          an entry leaves without a search for it and without a look at its record. Of several
+//          matches the oldest wins, as in a walk.
+// Failure  none: a table that cannot grow has longer chains.
+// State    the tables, back in static memory once the lists are empty, and the seed of the URLs' hash.
 
 #include "tv_internal.h"
 
 #include <stdlib.h>
 #include <string.h>
+#include <sys/random.h>
 
-static tv_channel_node **nodes; // null: free
-static uint32_t *tags;          // in the same block, behind the nodes
-static uint32_t capacity, used;
+enum { FIRST_SIZE = 64 }; // a power of two, as all sizes are
 
-// A pair comes by its descriptor first, and leaves so last: that entry tells whether there is one by
-// URL.
-static const index_key keys[] = {INDEX_ID, INDEX_FD, INDEX_URL},
-                       reverse[] = {INDEX_URL, INDEX_FD, INDEX_ID};
-static const uint32_t named = 4; // in the tag of a descriptor, beside the key's two bits
+struct index_table {
+    index_node **chains;
+    uint32_t size;
+    uint32_t count;
+};
 
-// A key is trusted from the first entry of its list on: every later one is in the table then, and
-// no two have the same key.
-static bool trusted[sizeof(keys) / sizeof(keys[0])];
+static index_node *firstChains[INDEX_KEYS][FIRST_SIZE];
+static index_table tables[INDEX_KEYS] = {
+    {firstChains[INDEX_ID], FIRST_SIZE, 0},
+    {firstChains[INDEX_FD], FIRST_SIZE, 0},
+    {firstChains[INDEX_URL], FIRST_SIZE, 0},
+};
+static uint64_t nextRank;
 
-static tv_channel_list repositoryEnds, pairEnds; // as the library left them
+// ---- hashes
 
-static uint32_t tag_of_number(index_key key, int number)
+static uint32_t hash_number(int number)
 {
-    return ((uint32_t)number * 2654435769U & ~7U) | key;
+    const uint32_t product = (uint32_t)number * 2654435769U;
+    return product ^ product >> 16;
 }
 
-static uint32_t tag_of_url(const char *url)
+// Early after boot there may be none yet.
+static uint64_t random_number(uint64_t otherwise)
 {
-    uint32_t hash = 2166136261U; // FNV-1a
-    for (; *url != '\0'; url++)
-        hash = (hash ^ (unsigned char)*url) * 16777619U;
-    return (hash * 2654435769U & ~7U) | INDEX_URL;
+    uint64_t number;
+    return getrandom(&number, sizeof(number), GRND_NONBLOCK) == sizeof(number) ? number : otherwise;
 }
 
-// The tag by which a channel is found. Returns false for one that is not found by the key.
-static bool get_tag(index_key key, const tv_channel *channel, uint32_t *tag)
+// Peers choose URLs. Because seed and multiplier are secret, they cannot choose URLs that collide.
+static uint32_t hash_url(const char *url)
 {
-    if (channel == NULL || (key == INDEX_FD && channel->pairSocket == NULL) ||
-        (key == INDEX_URL && channel->url[0] == '\0'))
-        return false;
-    *tag = key == INDEX_ID   ? tag_of_number(key, channel->channelId)
-           : key == INDEX_FD ? tag_of_number(key, channel->pairSocket->fd)
-                             : tag_of_url(channel->url);
-    return true;
-}
-
-static bool has_key(index_key key, const tv_channel *channel, int number, const char *url)
-{
-    if (channel == NULL)
-        return false;
-    if (key == INDEX_FD)
-        return channel->pairSocket != NULL && channel->pairSocket->fd == number;
-    return key == INDEX_ID ? channel->channelId == number : strcmp(channel->url, url) == 0;
-}
-
-// ---- the table
-
-static uint32_t first_place(uint32_t tag)
-{
-    return (uint32_t)((uint64_t)(tag & ~named) * capacity >> 32);
-}
-
-static uint32_t next_place(uint32_t place)
-{
-    return place + 1 == capacity ? 0 : place + 1;
-}
-
-static void insert(tv_channel_node *node, uint32_t tag)
-{
-    uint32_t place = first_place(tag);
-    while (nodes[place] != NULL)
-        place = next_place(place);
-    nodes[place] = node;
-    tags[place] = tag;
-    used++;
-}
-
-// Make room for a third more entries.
-static bool grow(void)
-{
-    tv_channel_node **const oldNodes = nodes;
-    const uint32_t *const oldTags = tags;
-    const uint32_t oldCapacity = capacity;
-    const uint32_t newCapacity = capacity + capacity / 3 + 16;
-    void *block = reallocarray(NULL, newCapacity, sizeof(void *) + sizeof(uint32_t));
-    if (block == NULL)
-        return false;
-    nodes = (tv_channel_node **)memset(block, 0, newCapacity * sizeof(void *));
-    tags = (uint32_t *)(nodes + newCapacity);
-    capacity = newCapacity;
-    used = 0;
-    for (uint32_t i = 0; i < oldCapacity; i++) {
-        if (oldNodes[i] != NULL)
-            insert(oldNodes[i], oldTags[i]);
+    static uint64_t seed, multiplier;
+    if (multiplier == 0) {
+        seed = random_number(0);
+        multiplier = random_number(0x9e3779b97f4a7c15) | 1;
     }
-    free(oldNodes);
-    return true;
+    uint64_t hash = seed;
+    for (int i = 0; i < TV_URL_SIZE && url[i] != '\0'; i++) {
+        hash = (hash ^ (unsigned char)url[i]) * multiplier;
+        hash ^= hash >> 32;
+    }
+    return (uint32_t)hash;
 }
 
-// Free a place, and move up what a search for it would not find any more.
-static void erase(uint32_t place)
+// ---- chains
+
+static index_node **chain_of(index_key key, uint32_t hash)
 {
-    for (uint32_t next = next_place(place); nodes[next] != NULL; next = next_place(next)) {
-        const uint32_t first = first_place(tags[next]);
-        const bool stays =
-            place < next ? place < first && first <= next : place < first || first <= next;
-        if (!stays) {
-            nodes[place] = nodes[next];
-            tags[place] = tags[next];
-            place = next;
+    return &tables[key].chains[hash & (tables[key].size - 1)];
+}
+
+static void prepend(index_key key, index_node *node)
+{
+    index_node **chain = chain_of(key, node->chains[key].hash);
+    node->chains[key].next = *chain;
+    *chain = node;
+}
+
+static void grow(index_key key)
+{
+    const index_table old = tables[key];
+    void *block = reallocarray(nullptr, old.size, 2 * sizeof(index_node *));
+    if (block == nullptr)
+        return;
+    memset(block, 0, old.size * 2 * sizeof(index_node *));
+    tables[key] = {(index_node **)block, old.size * 2, old.count};
+    for (uint32_t i = 0; i < old.size; i++) {
+        for (index_node *node = old.chains[i], *next; node != nullptr; node = next) {
+            next = node->chains[key].next;
+            prepend(key, node);
         }
     }
-    nodes[place] = NULL;
-    used--;
+    if (old.chains == firstChains[key])
+        memset(firstChains[key], 0, sizeof(firstChains[key]));
+    else
+        free(old.chains);
 }
 
-static void free_if_empty(void)
+static void link_node(index_key key, index_node *node, uint32_t hash)
 {
-    if (used != 0)
+    if (tables[key].count >= tables[key].size)
+        grow(key);
+    node->chains[key].hash = hash;
+    node->chains[key].linked = true;
+    prepend(key, node);
+    tables[key].count++;
+}
+
+static void unlink_node(index_key key, index_node *node)
+{
+    if (!node->chains[key].linked)
         return;
-    free(nodes);
-    nodes = NULL;
-    capacity = 0;
-}
+    index_node **link = chain_of(key, node->chains[key].hash);
+    while (*link != node)
+        link = &(*link)->chains[key].next;
+    *link = node->chains[key].next;
+    node->chains[key].linked = false;
 
-// ---- the two lists
-
-// The ends of a list that is indexed, else null.
-static tv_channel_list *ends_of(const tv_channel_list *head)
-{
-    if (head == &tv_repository)
-        return &repositoryEnds;
-    return head == &tv_service_server.pairList ? &pairEnds : NULL;
-}
-
-static bool is_of(index_key key, const tv_channel_list *head)
-{
-    return (key == INDEX_ID) == (head == &tv_repository);
-}
-
-// ---- trust
-
-void index_distrust_list(const tv_channel_list *head)
-{
-    if (ends_of(head) == NULL)
-        return;
-    for (const index_key key : keys)
-        trusted[key] = trusted[key] && !is_of(key, head);
-}
-
-tv_channel *index_handed_out(tv_channel *channel)
-{
-    if (channel != NULL && channel->clientSocket == NULL && channel->serverSocket == NULL)
-        trusted[INDEX_URL] = false;
-    return channel;
-}
-
-void index_forget_list(const tv_channel_list *head)
-{
-    if (ends_of(head) == NULL)
-        return;
-    index_distrust_list(head);
-    for (uint32_t place = 0; place < capacity; place++) {
-        while (nodes[place] != NULL && is_of((index_key)(tags[place] & 3), head))
-            erase(place);
+    index_table *table = &tables[key];
+    if (--table->count == 0 && table->chains != firstChains[key]) {
+        free(table->chains);
+        *table = {firstChains[key], FIRST_SIZE, 0};
     }
-    free_if_empty();
-}
-
-// Forget a list that has been changed by hand.
-static void check_ends(const tv_channel_list *head)
-{
-    const tv_channel_list *const ends = ends_of(head);
-    if (head->next != ends->next || head->prev != ends->prev)
-        index_forget_list(head);
-}
-
-// ---- finding
-
-// The node whose channel has the key now, and which is linked.
-static tv_channel_node *find(index_key key, uint32_t tag, int number, const char *url)
-{
-    if (used == 0)
-        return NULL;
-    for (uint32_t place = first_place(tag); nodes[place] != NULL; place = next_place(place)) {
-        tv_channel_node *node = nodes[place];
-        if ((tags[place] & ~named) == tag && has_key(key, node->channel, number, url) &&
-            node->links.prev != NULL && node->links.prev->next == &node->links)
-            return node;
-    }
-    return NULL;
-}
-
-tv_channel_node *index_find(index_key key, int number)
-{
-    check_ends(key == INDEX_ID ? &tv_repository : &tv_service_server.pairList);
-    return trusted[key] ? find(key, tag_of_number(key, number), number, NULL) : NULL;
-}
-
-bool index_find_url(const char *url, tv_channel_node **node)
-{
-    check_ends(&tv_service_server.pairList);
-    if (!trusted[INDEX_URL] || url[0] == '\0')
-        return false;
-    *node = find(INDEX_URL, tag_of_url(url), 0, url);
-    return true;
 }
 
 // ---- keeping in step
 
-// The tag of the node's entry by the key, or null: it has none, or the key was written by hand.
-static uint32_t *tag_of_entry(index_key key, const tv_channel_node *node, const tv_channel *channel)
+static void link_url(index_node *node)
 {
-    uint32_t tag;
-    if (used == 0 || !get_tag(key, channel, &tag))
-        return NULL;
-    for (uint32_t place = first_place(tag); nodes[place] != NULL; place = next_place(place)) {
-        if (nodes[place] == node && (tags[place] & ~named) == tag)
-            return &tags[place];
-    }
-    return NULL;
+    if (node->entry.channel->url[0] != '\0')
+        link_node(INDEX_URL, node, hash_url(node->entry.channel->url));
 }
 
-static void enter(index_key key, tv_channel_node *node)
+void index_add(index_node *node)
 {
-    uint32_t tag;
-    if (!trusted[key] || !get_tag(key, node->channel, &tag))
+    const tv_channel *channel = node->entry.channel;
+    node->rank = nextRank++;
+    if (channel == nullptr)
         return;
-    const int number = key == INDEX_FD ? node->channel->pairSocket->fd : node->channel->channelId;
-    // Of two with the same key a walk tells which one is older, also after one more has come.
-    const bool taken = find(key, tag, number, node->channel->url) != NULL;
-    if (taken || ((used + 1) * 5ULL > capacity * 4ULL && !grow() && used + 1 >= capacity)) {
-        trusted[key] = false;
+    link_node(INDEX_ID, node, hash_number(channel->channelId));
+    if (node->head == &tv_repository)
         return;
-    }
-    insert(node, tag);
-    uint32_t *byFd = key == INDEX_URL ? tag_of_entry(INDEX_FD, node, node->channel) : NULL;
-    if (byFd != NULL)
-        *byFd |= named;
+    if (channel->pairSocket != nullptr)
+        link_node(INDEX_FD, node, hash_number(channel->pairSocket->fd));
+    link_url(node);
 }
 
-// The record may be gone: null, then.
-static void drop(index_key key, const tv_channel_node *node, const tv_channel *channel)
+void index_remove(index_node *node)
 {
-    uint32_t *byFd = key == INDEX_URL ? tag_of_entry(INDEX_FD, node, channel) : NULL;
-    if (byFd != NULL && (*byFd & named) == 0)
-        return;
-    if (byFd != NULL)
-        *byFd &= ~named;
-    const uint32_t *entry = tag_of_entry(key, node, channel);
-    if (entry != NULL)
-        return erase((uint32_t)(entry - tags));
-    for (uint32_t place = 0; place < capacity; place++) { // the key was written by hand
-        if (nodes[place] == node && (tags[place] & 3) == key)
-            return erase(place);
+    unlink_node(INDEX_ID, node);
+    unlink_node(INDEX_FD, node);
+    unlink_node(INDEX_URL, node);
+}
+
+void index_update_url(const tv_channel *pair)
+{
+    const uint32_t hash = hash_number(pair->channelId);
+    for (index_node *node = *chain_of(INDEX_ID, hash); node != nullptr;
+         node = node->chains[INDEX_ID].next) {
+        if (node->entry.channel == pair && node->head != &tv_repository) {
+            unlink_node(INDEX_URL, node);
+            link_url(node);
+        }
     }
 }
 
-void index_changing(const tv_channel_list *head, const tv_channel_node *leaving)
+// ---- finding
+
+// The oldest entry of the list in a chain whose record is the one that is looked for.
+template <typename Match>
+static tv_channel_node *find(index_key key, uint32_t hash, const tv_channel_list *head,
+                             Match matches)
 {
-    const bool indexed = ends_of(head) != NULL;
-    if (indexed)
-        check_ends(head);
-    if (leaving == NULL)
-        return;
-    for (const index_key key : reverse) {
-        if (!indexed) // a node may have been moved by hand, and its record freed
-            drop(key, leaving, NULL);
-        else if (is_of(key, head))
-            drop(key, leaving, leaving->channel);
+    index_node *oldest = nullptr;
+    for (index_node *node = *chain_of(key, hash); node != nullptr; node = node->chains[key].next) {
+        if (node->chains[key].hash == hash && node->head == head && matches(node->entry.channel) &&
+            (oldest == nullptr || node->rank < oldest->rank))
+            oldest = node;
     }
-    free_if_empty();
+    return oldest == nullptr ? nullptr : &oldest->entry;
 }
 
-void index_changed(const tv_channel_list *head, tv_channel_node *added)
+tv_channel_node *index_find_id(const tv_channel_list *head, int channelId)
 {
-    tv_channel_list *const ends = ends_of(head);
-    if (ends == NULL)
-        return;
-    for (const index_key key : keys) {
-        if (added == NULL || !is_of(key, head))
-            continue;
-        trusted[key] = trusted[key] || (head->next == &added->links && head->prev == head->next);
-        enter(key, added);
-    }
-    *ends = *head;
+    return find(INDEX_ID, hash_number(channelId), head,
+                [=](const tv_channel *channel) { return channel->channelId == channelId; });
 }
 
-// The node of a listed pair.
-static tv_channel_node *node_of(const tv_channel *channel)
+tv_channel_node *index_find_record(const tv_channel_list *head, const tv_channel *channel)
 {
-    tv_channel_node *node =
-        channel->pairSocket == NULL ? NULL : index_find(INDEX_FD, channel->pairSocket->fd);
-    return node != NULL && node->channel == channel ? node : NULL;
+    return find(INDEX_ID, hash_number(channel->channelId), head,
+                [=](const tv_channel *listed) { return listed == channel; });
 }
 
-void index_renaming(const tv_channel *channel)
+tv_channel_node *index_find_fd(int fd)
 {
-    const tv_channel_node *node = node_of(channel);
-    if (node != NULL)
-        drop(INDEX_URL, node, channel);
-    else
-        trusted[INDEX_URL] = false;
+    return find(INDEX_FD, hash_number(fd), &tv_service_server.pairList,
+                [=](const tv_channel *pair) {
+                    return pair->pairSocket != nullptr && pair->pairSocket->fd == fd;
+                });
 }
 
-void index_renamed(const tv_channel *channel)
+tv_channel_node *index_find_url(const char *url)
 {
-    tv_channel_node *node = node_of(channel);
-    if (node != NULL)
-        enter(INDEX_URL, node);
-}
-
-void index_closing(const tv_channel *channel)
-{
-    if (node_of(channel) != NULL)
-        trusted[INDEX_FD] = false;
+    return find(INDEX_URL, hash_url(url), &tv_service_server.pairList,
+                [=](const tv_channel *pair) { return strcmp(pair->url, url) == 0; });
 }

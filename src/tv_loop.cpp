@@ -2,10 +2,13 @@
 //
 // Place    called by the application only; the library registers no descriptor itself.
 // Method   poll() over a table of 16, in slot order; timers fire after every poll() and before any
-//          descriptor is served. Handlers may register, unregister and close descriptors, so a
-//          slot is searched anew for every ready descriptor.
+//          descriptor is served. Handlers may register, unregister and close descriptors, so each
+//          ready descriptor's slot is looked up when its turn comes.
+// Stale    what poll() reported may be out of date when a descriptor's turn comes: its number may
+//          belong to another descriptor by now, or its input may have been taken already. A handler
+//          would then block, so the loop asks again if anything of that kind may have happened.
 // Failure  the loop ends when poll() fails with anything but EINTR.
-// State    the table, in static storage, set up on first use.
+// State    the table.
 
 #include "tv_internal.h"
 #include "tv_log.h"
@@ -15,40 +18,26 @@
 #include <errno.h>
 
 struct fd_handler_slot {
-    int fd; // -1: free
-    intptr_t arg1;
-    intptr_t arg2;
-    tv_fd_handler handler;
+    int fd = -1; // free
+    intptr_t arg1 = 0;
+    intptr_t arg2 = 0;
+    tv_fd_handler handler = nullptr;
 };
 
-static uint8_t fdTableInitialized;
 static int fdHandlerCount;
 static fd_handler_slot fdHandlerTable[TV_MAX_POLLING_FDS];
 
-// Cleared before every poll(): whether what it reported may be out of date by now, since a reported
-// number may have got to another descriptor, or what was there has been taken already.
-static bool changedSincePoll;
+// Whether poll()'s reports may be out of date.
+static bool reportsStale;
 
-// The descriptor whose handler runs, until it has taken a frame or a connection there; else -1.
+// The descriptor whose handler runs and has taken no input yet, or -1.
 static int servedFd = -1;
 
-// The timer library's two functions that the loop calls, by their own names: a site's library may
-// declare an argument for them, and is handed the number of listed descriptors, and poll()'s result.
+// The two functions of the timer library that the loop calls. A site's own timer library may declare
+// an argument for each, so they are passed the number of listed descriptors and poll()'s result.
 extern "C" {
 int expected_interval(int listed) __asm__("ruvo_timer_get_expected_interval");
 void fire_timer(int ready) __asm__("ruvo_fire_timer");
-}
-
-static const fd_handler_slot freeSlot = {-1, 0, 0, NULL};
-
-static void init_fd_handler_table(void)
-{
-    if (fdTableInitialized)
-        return;
-    fdTableInitialized = 1;
-    fdHandlerCount = 0;
-    for (fd_handler_slot &slot : fdHandlerTable)
-        slot = freeSlot;
 }
 
 // The lowest slot that holds fd, or null.
@@ -58,23 +47,17 @@ static fd_handler_slot *find_slot(int fd)
         if (slot.fd == fd)
             return &slot;
     }
-    return NULL;
+    return nullptr;
 }
 
 int reserve_fd_index(void)
 {
-    init_fd_handler_table();
     if (fdHandlerCount >= TV_MAX_POLLING_FDS) {
         TV_LOG("failed on reserve_fd_index, fdHandlerCount[%d]", fdHandlerCount);
         return TV_MAX_POLLING_FDS;
     }
-    const fd_handler_slot *slot = find_slot(-1);
-    if (slot == NULL) {
-        TV_LOG("failed on reserve_fd_index, no slot found");
-        return TV_MAX_POLLING_FDS;
-    }
     fdHandlerCount++;
-    return (int)(slot - fdHandlerTable);
+    return (int)(find_slot(-1) - fdHandlerTable); // every slot in use is counted, so one is free
 }
 
 int tv_register_polling_fd(int fd, tv_fd_handler handler, intptr_t arg1, intptr_t arg2)
@@ -85,20 +68,19 @@ int tv_register_polling_fd(int fd, tv_fd_handler handler, intptr_t arg1, intptr_
         return -1;
     }
     fdHandlerTable[index] = {fd, arg1, arg2, handler};
-    changedSincePoll = true;
+    reportsStale = true;
     TV_LOG("tv_register_polling_fd, fd[%d]", fd);
     return 0;
 }
 
 int tv_unregister_polling_fd(int fd)
 {
-    init_fd_handler_table();
-    fd_handler_slot *slot = fd == -1 ? NULL : find_slot(fd); // -1 would find a free slot
-    if (slot == NULL) {
+    fd_handler_slot *slot = fd == -1 ? nullptr : find_slot(fd); // -1 would find a free slot
+    if (slot == nullptr) {
         TV_LOG("faield on tv_unregister_polling_fd, fd[%d]", fd);
         return -1;
     }
-    *slot = freeSlot;
+    *slot = {};
     if (fdHandlerCount > 0) {
         TV_LOG("tv_unregister_polling_fd, fd[%d]", fd);
         fdHandlerCount--;
@@ -108,7 +90,6 @@ int tv_unregister_polling_fd(int fd)
 
 int build_polling_fd_list(struct pollfd *list, int size)
 {
-    init_fd_handler_table();
     int count = 0;
     for (const fd_handler_slot &slot : fdHandlerTable) {
         if (slot.fd == -1)
@@ -123,64 +104,71 @@ int build_polling_fd_list(struct pollfd *list, int size)
     return count;
 }
 
-void input_expected(int fd)
+void note_input_taken(int fd)
 {
     if (fd != servedFd)
-        changedSincePoll = true;
-    servedFd = -1;
+        reportsStale = true;
+    servedFd = -1; // one report stands for one message or connection
 }
 
-// An earlier handler of this pass may have closed the descriptor that was reported, and another
-// one may have got its number; or it has taken there what was reported. A handler must not run
-// and block for data that is not there.
-static bool is_still_ready(int fd)
+static bool is_readable(int fd)
 {
-    if (!changedSincePoll)
-        return true;
     struct pollfd entry = {fd, POLLIN, 0};
     return poll(&entry, 1, 0) > 0;
 }
 
-// latest is the place that was served before in this pass; they come in the order of the table.
-static void handle_polling_socket(int fd, int *latest)
+static void handle_polling_socket(int fd)
 {
     const fd_handler_slot *slot = find_slot(fd);
-    if (slot == NULL) {
+    if (slot == nullptr) {
         TV_LOG("unknown socket[%d], not registerd", fd);
         return;
     }
-    const int place = (int)(slot - fdHandlerTable);
-    if (place <= *latest) // fd has two, and has been served for the first
-        changedSincePoll = true;
-    *latest = place;
-    if (is_still_ready(fd)) {
-        servedFd = fd;
-        slot->handler(fd, slot->arg1, slot->arg2);
-        servedFd = -1;
+    if (reportsStale && !is_readable(fd))
+        return;
+    servedFd = fd;
+    slot->handler(fd, slot->arg1, slot->arg2);
+    servedFd = -1;
+}
+
+// Whether an earlier entry has the same descriptor.
+static bool is_repeated(const struct pollfd *list, int index)
+{
+    for (int i = 0; i < index; i++) {
+        if (list[i].fd == list[index].fd)
+            return true;
+    }
+    return false;
+}
+
+static void serve_ready(const struct pollfd *list, int count)
+{
+    for (int i = 0; i < count; i++) {
+        if (list[i].revents == 0)
+            continue;
+        if (is_repeated(list, i))
+            reportsStale = true;
+        handle_polling_socket(list[i].fd);
     }
 }
 
 void tv_main_loop(void)
 {
-    init_fd_handler_table();
     for (;;) {
         struct pollfd list[TV_MAX_POLLING_FDS];
         const int count = build_polling_fd_list(list, TV_MAX_POLLING_FDS);
-        changedSincePoll = false;
         const int ready = poll(list, count, expected_interval(count));
+        reportsStale = false;
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready < 0) {
             perror("poll");
-            changedSincePoll = true; // for the pass of an outer loop, if this one is nested
+            reportsStale = true; // for the pass of an outer loop, if this one is nested
             return;
         }
         fire_timer(ready);
-        int latest = -1;
-        for (int i = 0; ready > 0 && i < count; i++) {
-            if (list[i].revents != 0)
-                handle_polling_socket(list[i].fd, &latest);
-        }
+        if (ready > 0)
+            serve_ready(list, count);
     }
 }
 

@@ -1,12 +1,12 @@
 // tv_msg_header.cpp - the text in front of every payload: building it, and reading it back.
 //
-// Place    called by the exchange, the heartbeat, the client and the server; does no I/O.
-// Layout   "<sequence>\n<tag>\n<URL>\nvelun_tolvane_payload\n", then the payload's bytes.
-// Reading  a message is text up to its first 0x00. The transport stores one past the last byte
-//          of everything it receives, so no scan here leaves the message.
-// Failure  a message that does not fit is not built, and keeps its sequence number.
-// State    none but the channel's sequence number.
+// The exchange, the heartbeat, the client and the server call it; it does no I/O.
+// A message is "<sequence>\n<tag>\n<URL>\nvelun_tolvane_payload\n", then the payload's bytes. Readers
+// take it as text up to its first 0x00. The transport stores one past the last byte of everything
+// it receives, so no scan here leaves the message.
+// A message that does not fit is not built, and keeps its sequence number. No state but that number.
 
+#include "tv_internal.h"
 #include "tv_log.h"
 
 #include <limits.h>
@@ -17,22 +17,20 @@
 #define PREFIX         "velun_tolvane_"
 #define PAYLOAD_MARKER "\n" PREFIX "payload\n"
 
-static const size_t prefixLen = sizeof(PREFIX) - 1;
+static const int prefixLen = sizeof(PREFIX) - 1;
 static const int markerLen = sizeof(PAYLOAD_MARKER) - 1;
 
-// The tags in the order of their type codes, which is also the order in which they decide. Each
-// is a whole literal, so its data() ends with a NUL.
-static constexpr std::string_view tags[TV_MSG_UNKNOWN] = {
-    PREFIX "login\n", PREFIX "logout\n",    PREFIX "request\n",
-    PREFIX "reply\n", PREFIX "heartbeat\n", PREFIX "heartbeatack\n",
+// What follows the prefix in each tag, in the order of the type codes, which is also the order in
+// which the tags decide.
+static constexpr std::string_view tagNames[TV_MSG_UNKNOWN] = {
+    "login\n", "logout\n", "request\n", "reply\n", "heartbeat\n", "heartbeatack\n",
 };
 
-// More than any header has with its terminator: sequence, tag, URL and marker.
-static const int maxHeaderSize = 11 + 1 + 27 + TV_URL_SIZE + sizeof(PAYLOAD_MARKER);
+// The longest number: "-2147483648".
+static const int maxIntLen = 11;
 
-// How many prefixes a message may hold and still be searched in one go. Every one has two, in its
-// tag and in its payload marker.
-static const int maxPrefixes = 4;
+// More than any header has with its terminator: sequence, line end, tag, URL and marker.
+static const int maxHeaderSize = maxIntLen + 1 + 27 + TV_URL_SIZE + sizeof(PAYLOAD_MARKER);
 
 // A sequence number or a heartbeat value: as much of a text as is ever converted.
 static const size_t maxNumberLen = 31;
@@ -50,7 +48,7 @@ static char *append(char *end, std::string_view text)
 
 static char *append_number(char *end, int number)
 {
-    char digits[10]; // the lowest first
+    char digits[maxIntLen]; // the lowest first
     int count = 0;
     unsigned rest = number < 0 ? -(unsigned)number : number;
     do {
@@ -64,61 +62,58 @@ static char *append_number(char *end, int number)
     return end;
 }
 
-// Print the header and return its length, or what it would need. Where it fits for certain it is
-// put together from its parts: snprintf() took a third of a small message's instructions.
-static int print_header(const tv_channel *channel, std::string_view tag, char *dst, int size)
+// Write the header into a buffer of maxHeaderSize bytes and return its length. snprintf() would take
+// a third of a small message's instructions.
+static int print_header(const tv_channel *channel, int type, char *header)
 {
-    if (size < maxHeaderSize) {
-        return snprintf(dst, size > 0 ? size : 0, "%d\n%s%s%s", channel->msgSequence, tag.data(),
-                        channel->url, PAYLOAD_MARKER);
-    }
-    char *end = append_number(dst, channel->msgSequence);
-    end = append(end, "\n");
-    end = append(end, tag);
+    char *end = append_number(header, channel->msgSequence);
+    end = append(end, "\n" PREFIX);
+    end = append(end, tagNames[type]);
     end = append(end, {channel->url, strnlen(channel->url, TV_URL_SIZE)});
     end = append(end, PAYLOAD_MARKER);
     *end = '\0';
-    return (int)(end - dst);
+    return (int)(end - header);
 }
 
-static int pack_msg_to_buf(tv_channel *channel, const char *payload, int len, std::string_view tag,
-                           char *dst, int size)
+static int pack_msg_to_buf(tv_channel *channel, const char *payload, int len, int type, char *dst,
+                           int size)
 {
     if (len < 0) {
         TV_LOG("pack_msg_to_buf, negative length[%d]", len);
         return -1;
     }
-    const int sequence = channel->msgSequence;
-    const int headerLen = print_header(channel, tag, dst, size);
-    if (headerLen <= 0 || headerLen >= size) {
+    char header[maxHeaderSize];
+    const int headerLen = print_header(channel, type, header);
+    if (headerLen >= size) {
+        snprintf(dst, size > 0 ? size : 0, "%s", header); // as much as fits
         TV_LOG("snprintf error:%d", headerLen);
         return -1;
     }
+    memcpy(dst, header, headerLen + 1);
     if (len > size - headerLen) {
         TV_LOG("pack_msg_to_buf, msg[len:%d] is too long", len);
         return -1;
     }
     memcpy(dst + headerLen, payload, len);
-
-    channel->msgSequence = sequence < 0 || sequence == INT_MAX ? 0 : sequence + 1;
+    channel->msgSequence = next_sequence(channel->msgSequence);
     return headerLen + len;
 }
 
 static int pack_into_channel(tv_channel *channel, const char *payload, int len, int type)
 {
-    return pack_msg_to_buf(channel, payload, len, tags[type], channel->msgBuf, TV_MSG_BUF_SIZE);
+    return pack_msg_to_buf(channel, payload, len, type, channel->msgBuf, TV_MSG_BUF_SIZE);
 }
 
 int pack_outgoing_rqst(tv_channel *channel, const char *payload, int len)
 {
-    if (payload == NULL || channel == NULL)
+    if (payload == nullptr || channel == nullptr)
         return 0;
     return pack_into_channel(channel, payload, len, TV_MSG_REQUEST);
 }
 
 int pack_outgoing_resp(tv_channel *channel, const char *payload, int len)
 {
-    if (payload == NULL || channel == NULL)
+    if (payload == nullptr || channel == nullptr)
         return 0;
     return pack_into_channel(channel, payload, len, TV_MSG_REPLY);
 }
@@ -138,62 +133,87 @@ int build_heartbeat_msg(tv_channel *channel, char *dst, int size)
     char text[heartbeatTextSize];
     snprintf(text, sizeof(text), "{%s:%d}, {%s:%d},{%s:%d}", "sequence", channel->hbSequence,
              "interval", channel->hbInterval, "count", channel->hbCount);
-    return pack_msg_to_buf(channel, text, strlen(text) + 1, tags[TV_MSG_HEARTBEAT], dst, size);
+    return pack_msg_to_buf(channel, text, strlen(text) + 1, TV_MSG_HEARTBEAT, dst, size);
 }
 
 int build_heartbeat_ack_msg(tv_channel *channel, char *dst, int size)
 {
     char text[heartbeatTextSize];
     snprintf(text, sizeof(text), "{%s:%d}", "sequence", channel->hbSequence);
-    return pack_msg_to_buf(channel, text, strlen(text) + 1, tags[TV_MSG_HEARTBEAT_ACK], dst, size);
+    return pack_msg_to_buf(channel, text, strlen(text) + 1, TV_MSG_HEARTBEAT_ACK, dst, size);
 }
 
 // ---- reading
 
-// The lowest type below limit whose tag stands at position, where a prefix was found, or limit.
-static int tag_at(const char *position, int limit)
+// The lowest type below limit whose tag has the name that begins here, or limit.
+static int type_of_name(const char *name, int limit)
 {
-    const char *name = position + prefixLen; // all tags begin with the prefix
     for (int type = TV_MSG_LOGIN; type < limit; type++) {
-        const char *tagName = tags[type].data() + prefixLen;
-        if (*name == *tagName && strncmp(name, tagName, tags[type].size() - prefixLen) == 0)
+        const std::string_view wanted = tagNames[type];
+        if (*name == *wanted.data() && strncmp(name, wanted.data(), wanted.size()) == 0)
             return type;
     }
     return limit;
 }
 
-// The lowest type below limit whose tag occurs in the text, or limit.
-static int search_each_tag(const char *text, int limit, const char **tag)
-{
-    for (int type = TV_MSG_LOGIN; type < limit; type++) {
-        const char *found = strstr(text, tags[type].data());
-        if (found != NULL) {
-            *tag = found;
-            return type;
+// For each pair of characters in the prefix, how far it is from the prefix's end.
+struct pair_table {
+    uint16_t pairs[64] = {};
+    uint8_t distances[64] = {};
+
+    static constexpr uint16_t pair_at(const char *second)
+    {
+        return (uint16_t)((unsigned char)second[-1] << 8 | (unsigned char)second[0]);
+    }
+    static constexpr int slot_of(uint16_t pair)
+    {
+        return ((pair >> 8) * 4 + pair) & 63; // no two pairs of the prefix share a slot
+    }
+    constexpr pair_table()
+    {
+        for (int i = 1; i < prefixLen; i++) {
+            const uint16_t pair = pair_at(&PREFIX[i]);
+            pairs[slot_of(pair)] = pair;
+            distances[slot_of(pair)] = (uint8_t)(prefixLen - 1 - i);
         }
     }
-    return limit;
+};
+static constexpr pair_table prefixPairs;
+
+// The first prefix between text and end, or null. A peer may send megabytes that are full of almost
+// any text, so the search moves by as much as the last two characters of its window allow. strstr()
+// does the same, but would build its table again after each prefix.
+static const char *find_prefix(const char *text, const char *end)
+{
+    const char *last = text + prefixLen - 1; // of the window
+    while (last < end) {
+        const uint16_t pair = pair_table::pair_at(last);
+        const int slot = pair_table::slot_of(pair);
+        int skip = prefixLen - 1;
+        if (prefixPairs.pairs[slot] == pair)
+            skip = prefixPairs.distances[slot];
+        if (skip == 0 && memcmp(last - (prefixLen - 1), PREFIX, prefixLen) == 0)
+            return last - (prefixLen - 1);
+        last += skip > 0 ? skip : 1;
+    }
+    return nullptr;
 }
 
-// Find the lowest type whose tag occurs in the text, and its first occurrence. One search for the
-// common prefix serves all tags; no prefix overlaps another, so each is skipped whole. A payload
-// full of prefixes would make that slow, so after a few of them the rest of the text is searched
-// once for each tag that still matters.
-static int find_tag(const char *msg, const char **tag)
+// Find the lowest type whose tag occurs in the text, and the URL behind its first occurrence, in one
+// pass over the prefixes, which do not overlap.
+static int find_tag(const char *msg, const char **url)
 {
+    const char *end = msg + strlen(msg);
     int lowest = TV_MSG_UNKNOWN;
-    const char *at = strstr(msg, PREFIX);
-    for (int prefixes = 1; at != NULL; prefixes++) {
-        if (prefixes > maxPrefixes)
-            return search_each_tag(at, lowest, tag);
-        const int type = tag_at(at, lowest);
+    const char *prefix = find_prefix(msg, end);
+    while (prefix != nullptr && lowest > TV_MSG_LOGIN) {
+        const char *name = prefix + prefixLen;
+        const int type = type_of_name(name, lowest);
         if (type < lowest) {
             lowest = type;
-            *tag = at;
+            *url = name + tagNames[type].size();
         }
-        if (lowest == TV_MSG_LOGIN)
-            break; // none comes before it
-        at = strstr(at + prefixLen, PREFIX);
+        prefix = find_prefix(name, end);
     }
     return lowest;
 }
@@ -201,13 +221,9 @@ static int find_tag(const char *msg, const char **tag)
 // Convert a number of at most count characters; out of range gives the nearest 32-bit number.
 static int to_int(const char *text, size_t count)
 {
-    // A short number ends with its text, at a tag or a brace; only a long one has to be cut.
     char number[maxNumberLen + 1] = "";
-    if (count > maxNumberLen) {
-        strncpy(number, text, maxNumberLen);
-        text = number;
-    }
-    const long value = strtol(text, NULL, 10);
+    strncpy(number, text, count < maxNumberLen ? count : maxNumberLen);
+    const long value = strtol(number, nullptr, 10);
     if (value > INT_MAX)
         return INT_MAX;
     return value < INT_MIN ? INT_MIN : (int)value;
@@ -215,8 +231,8 @@ static int to_int(const char *text, size_t count)
 
 int get_msg_type(const char *msg)
 {
-    const char *tag = NULL;
-    const int type = find_tag(msg, &tag);
+    const char *url = nullptr;
+    const int type = find_tag(msg, &url);
     if (type == TV_MSG_UNKNOWN)
         TV_LOG("get_msg_type, unexpected tolvane received");
     return type;
@@ -225,27 +241,24 @@ int get_msg_type(const char *msg)
 int get_msg_sequence(const char *msg)
 {
     const char *prefix = strstr(msg, PREFIX);
-    return prefix == NULL ? 0 : to_int(msg, prefix - msg);
+    return prefix == nullptr ? 0 : to_int(msg, prefix - msg);
 }
 
 static const char *get_url_pos(const char *msg)
 {
-    const char *tag = NULL;
-    const int type = find_tag(msg, &tag);
-    if (type == TV_MSG_UNKNOWN) {
+    const char *url = nullptr;
+    if (find_tag(msg, &url) == TV_MSG_UNKNOWN)
         TV_LOG("get_url_pos, unexpected tolvane received");
-        return NULL;
-    }
-    return tag + tags[type].size();
+    return url;
 }
 
 int get_msg_url(const char *msg, char *dst, int size)
 {
     const char *url = get_url_pos(msg);
-    if (url == NULL)
+    if (url == nullptr)
         return -1;
     const char *marker = strstr(msg, PAYLOAD_MARKER);
-    if (marker == NULL || marker < url || size < 1)
+    if (marker == nullptr || marker < url || size < 1)
         return -1;
 
     const long len = marker - url < size ? marker - url : size - 1;
@@ -257,10 +270,10 @@ int get_msg_url(const char *msg, char *dst, int size)
 const char *get_msg_payload(const char *msg, int len, int *payloadLen)
 {
     const char *marker = strstr(msg, PAYLOAD_MARKER);
-    if (marker == NULL || marker - msg + markerLen > len) {
+    if (marker == nullptr || marker - msg + markerLen > len) {
         TV_LOG("get_msg_payload, unexpected tolvane received");
         *payloadLen = 0;
-        return NULL;
+        return nullptr;
     }
     const char *payload = marker + markerLen;
     *payloadLen = len - (int)(payload - msg);
@@ -270,12 +283,12 @@ const char *get_msg_payload(const char *msg, int len, int *payloadLen)
 static int get_heartbeat_value(const char *text, const char *key)
 {
     const char *found = strstr(text, key);
-    if (found == NULL) {
+    if (found == nullptr) {
         TV_LOG("could not find key");
         return -1;
     }
     const char *end = strchr(found, '}');
-    if (end == NULL)
+    if (end == nullptr)
         return -1;
 
     // The character after the key, a colon, is not looked at. A brace in its place makes the

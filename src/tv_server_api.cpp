@@ -9,6 +9,7 @@
 #include "tv_internal.h"
 #include "tv_log.h"
 
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -19,10 +20,10 @@ tv_server tv_service_server;
 
 int create_server_channel(tv_channel *channel, int channelId, const char *ip, int port)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     tv_socket *socket = (tv_socket *)malloc(sizeof(tv_socket));
-    if (socket == NULL) {
+    if (socket == nullptr) {
         TV_LOG("malloc error in function %s", __func__);
         return -1;
     }
@@ -38,25 +39,27 @@ int create_server_channel(tv_channel *channel, int channelId, const char *ip, in
     return 0;
 }
 
-// Pairs that outlived a server whose channel was closed by id are the application's to close, also
-// when the start fails afterwards.
+// Pairs that outlived their server, because its channel was closed by id, leave the list. The
+// application can still close them by id.
 static void empty_pair_list(void)
 {
-    if (tv_service_server.pairList.next != NULL)
-        clean_channel_repo(&tv_service_server.pairList);
-    init_channel_list(&tv_service_server.pairList);
+    tv_channel_list *pairs = &tv_service_server.pairList;
+    if (pairs->next != nullptr)
+        clean_channel_repo(pairs);
+    pairs->next = pairs;
+    pairs->prev = pairs;
 }
 
 int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandler,
                             tv_timeout_handler timeoutHandler, tv_connected_cb connectedCallback)
 {
     const int channelId = tv_get_channel_id();
-    if (tv_service_server.serverChannel != NULL) {
+    if (tv_service_server.serverChannel != nullptr) {
         TV_LOG("%s, a server is running already", __func__);
         return -1;
     }
     tv_channel *channel = (tv_channel *)malloc(sizeof(tv_channel));
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     if (ip != tv_service_server.listenIp) // a restart may hand back the stored address
         snprintf(tv_service_server.listenIp, sizeof(tv_service_server.listenIp), "%s", ip);
@@ -68,7 +71,7 @@ int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandle
     }
     channel->respHandler = respHandler;
     channel->timeoutHandler = timeoutHandler;
-    if (list_channel(&tv_repository, channel) == NULL) {
+    if (add_channel(&tv_repository, channel) == nullptr) {
         TV_LOG("malloc error in function %s", __func__);
         close_channel(channel);
         release_channel(channel);
@@ -80,57 +83,36 @@ int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandle
 
 int tv_start_server(const char *ip, int port)
 {
-    return tv_start_service_server(ip, port, NULL, NULL, NULL);
+    return tv_start_service_server(ip, port, nullptr, nullptr, nullptr);
 }
 
-// Close a channel of the server and take it out of the list, also one that cannot be closed by id:
-// because the application took it out of the repository, or because its own fd-close callback is
-// stopping the server, in which case it only has to leave the list now.
-static void close_for_stop(tv_channel *channel)
+// The oldest pair of a server that is stopping. Null: there is none, or another server has been
+// started meanwhile, whose pairs stay.
+static tv_channel *oldest_pair_of(const tv_channel *stopping)
 {
-    channel_guard guard;
-    guard_channel(&guard, channel);
-    tv_close_channel(channel->channelId);
-    if (!guard.closed && is_closing(channel)) {
-        unlist_channel(&tv_service_server.pairList, channel);
-    } else if (!guard.closed) {
-        guard.closing = true;
-        server_remove_channel(channel);
-        close_channel(channel);
-        unlist_channel(&tv_repository, channel); // listed there if its id is used twice
-        release_channel(channel);
-    }
-    unguard_channel(&guard);
-}
-
-static tv_channel *first_pair(void)
-{
-    list_walk walk;
-    begin_walk(&walk, &tv_service_server.pairList);
-    tv_channel *pair = next_channel(&walk);
-    end_walk(&walk);
-    return pair;
+    const tv_channel *current = tv_service_server.serverChannel;
+    if (current != nullptr && current != stopping)
+        return nullptr;
+    return list_walk(&tv_service_server.pairList).next_channel();
 }
 
 void tv_stop_server(void)
 {
     tv_channel *server = tv_service_server.serverChannel;
-    if (server == NULL)
+    if (server == nullptr)
         return;
 
-    // Every close calls back, and the callback may stop the server itself.
-    channel_guard guard;
-    guard_channel(&guard, server);
-    while (!guard.closed || tv_service_server.serverChannel == NULL) { // not yet another server
-        tv_channel *pair = first_pair();
-        if (pair == NULL)
-            break;
-        close_for_stop(pair);
+    // Closing a pair calls back, and the callback may close pairs, accept one, or stop the server.
+    channel_guard guard(server);
+    for (tv_channel *pair = oldest_pair_of(server); pair != nullptr;
+         pair = oldest_pair_of(server)) {
+        if (is_closing(pair)) // in its own fd-close callback, which has called this
+            unlist_channel(&tv_service_server.pairList, pair);
+        else
+            end_channel(pair);
     }
-    if (unguard_channel(&guard)) {
-        close_for_stop(server);
-        tv_service_server.serverChannel = NULL;
-    }
+    if (!guard.closed)
+        end_channel(server);
 }
 
 int tv_get_server_polling_fd(void)
@@ -146,10 +128,15 @@ static void inherit_handlers(tv_channel *pair, const tv_channel *server)
     memcpy(pair->actors, server->actors, sizeof(server->actors[0]) * server->actorCount);
     pair->respHandler = server->respHandler;
     pair->timeoutHandler = server->timeoutHandler;
+}
+
+static void inherit_link_settings(tv_channel *pair, const tv_channel *server)
+{
+    pair->pollTimeout = server->pollTimeout;
     pair->linkdownCallback = server->linkdownCallback;
 }
 
-static void inherit_supervision(tv_channel *pair, const tv_channel *server)
+static void inherit_heartbeat(tv_channel *pair, const tv_channel *server)
 {
     pair->hbMode = server->hbMode;
     pair->hbInterval = server->hbInterval;
@@ -158,74 +145,71 @@ static void inherit_supervision(tv_channel *pair, const tv_channel *server)
     pair->hbMissCount = 0;
 }
 
-// Put a pair into the repository and into pairList: both or neither.
+// Put a pair into both lists or into neither.
 static bool list_pair(tv_channel *pair)
 {
-    if (list_channel(&tv_repository, pair) == NULL)
+    if (add_channel(&tv_repository, pair) == nullptr)
         return false;
-    if (list_channel(&tv_service_server.pairList, pair) != NULL)
+    if (add_channel(&tv_service_server.pairList, pair) != nullptr)
         return true;
     unlist_channel(&tv_repository, pair);
     return false;
 }
 
-// Make a listed record of an accepted descriptor. Returns null without memory.
+// Create and list the record of an accepted connection. Returns null without memory.
 static tv_channel *new_pair(int fd)
 {
     tv_channel *pair = (tv_channel *)malloc(sizeof(tv_channel));
     tv_socket *socket = (tv_socket *)malloc(sizeof(tv_socket));
     const int channelId = tv_get_channel_id();
-    if (pair != NULL && socket != NULL) {
+    if (pair != nullptr && socket != nullptr) {
         init_channel(pair, channelId);
         socket->fd = fd;
         pair->pairSocket = socket;
         pair->url[0] = '\0';
         inherit_handlers(pair, tv_service_server.serverChannel);
+        inherit_link_settings(pair, tv_service_server.serverChannel);
         if (list_pair(pair))
             return pair;
     }
     free(pair);
     free(socket);
-    return NULL;
+    return nullptr;
 }
 
 int create_pair_channel(int fd)
 {
-    if (tv_service_server.serverChannel == NULL) {
+    if (tv_service_server.serverChannel == nullptr) {
         TV_LOG("%s, no server is running", __func__);
         close(fd);
         return -1;
     }
     tv_channel *pair = new_pair(fd);
-    if (pair == NULL) {
+    if (pair == nullptr) {
         TV_LOG("malloc error in function %s", __func__);
         close(fd);
         return -1;
     }
     TV_LOG("pair fd:%d", fd);
-    channel_guard guard;
-    guard_channel(&guard, pair);
-    if (tv_service_server.clientFdOpenCallback != NULL)
+    channel_guard guard(pair);
+    if (tv_service_server.clientFdOpenCallback != nullptr)
         tv_service_server.clientFdOpenCallback(fd);
-    if (!unguard_channel(&guard))
+    if (guard.closed)
         return -1;
 
-    // Read anew: the callback may have changed the server's settings, or stopped the server.
+    // The callback may have changed the server's settings, or stopped the server.
     const tv_channel *server = tv_service_server.serverChannel;
-    if (server != NULL) {
-        pair->pollTimeout = server->pollTimeout;
-        pair->linkdownCallback = server->linkdownCallback;
-        inherit_supervision(pair, server);
+    if (server != nullptr) {
+        inherit_link_settings(pair, server);
+        inherit_heartbeat(pair, server);
         enable_heartbeat(pair);
     }
     return 0;
 }
 
-int tv_server_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
+int tv_server_fd_handler(int fd, intptr_t, intptr_t)
 {
-    (void)arg1;
-    (void)arg2;
-    input_expected(fd);
+    note_input_taken(fd);
     const int pairFd = tcp_impl_accept_socket(fd);
     if (pairFd < 0) {
         TV_LOG("%s, failed on accept", __func__);
@@ -236,10 +220,9 @@ int tv_server_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
 
 int update_pair_channel(tv_channel *channel, const char *url)
 {
-    index_renaming(channel);
-    if (url != channel->url)
-        snprintf(channel->url, sizeof(channel->url), "%s", url);
-    index_renamed(channel);
+    if (url != channel->url) // a URL from the network may be of any length: no more is read
+        snprintf(channel->url, sizeof(channel->url), "%.*s", TV_URL_SIZE - 1, url);
+    index_update_url(channel);
     return 0;
 }
 
@@ -250,15 +233,12 @@ void tv_close_client_connection(int channelId)
 
 int server_remove_channel(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return 0;
-    channel_guard guard; // the callback may close the channel
-    guard_channel(&guard, channel);
-    if (channel->pairSocket != NULL && tv_service_server.clientFdCloseCallback != NULL)
+    channel_guard guard(channel); // the callback may close the channel
+    if (channel->pairSocket != nullptr && tv_service_server.clientFdCloseCallback != nullptr)
         tv_service_server.clientFdCloseCallback(channel->pairSocket->fd);
-    const int result = guard.closed ? 1 : unlist_channel(&tv_service_server.pairList, channel);
-    unguard_channel(&guard);
-    return result;
+    return guard.closed ? 1 : unlist_channel(&tv_service_server.pairList, channel);
 }
 
 // ---- what arrives on a pair
@@ -267,33 +247,37 @@ static tv_channel *get_pair_by_fd(int fd)
 {
     const tv_channel_list *head = &tv_service_server.pairList;
     const tv_channel_list *link = head->next;
-    for (int steps = 0; link != NULL && link != head; link = link->next) {
+    for (int steps = 1; link != nullptr && link != head && steps <= WALK_LIMIT; steps++) {
         tv_channel *pair = ((const tv_channel_node *)link)->channel;
-        if (pair == NULL || pair->pairSocket == NULL)
+        if (pair == nullptr || pair->pairSocket == nullptr)
             TV_LOG("internal list error, should never reach here");
         else if (pair->pairSocket->fd == fd)
             return pair;
-        const tv_channel_node *found = ++steps == INDEX_FROM ? index_find(INDEX_FD, fd) : NULL;
-        if (found != NULL)
+        const tv_channel_node *found = steps == WALK_FIRST ? index_find_fd(fd) : nullptr;
+        if (found != nullptr)
             return found->channel;
+        link = link->next;
     }
-    if (link == NULL)
+    if (link == nullptr)
         TV_LOG("channel list is null");
     TV_LOG("could not find channel with fd[%d]", fd);
-    return NULL;
+    return nullptr;
 }
 
-// The URL in a login or logout, or null (which has been logged). Its NUL ends the message's text.
+// The URL in a login or logout, of any length, or null (which has been logged). The NUL that ends
+// the message's text ends the URL too, so the message's length does not matter.
 static const char *get_url_payload(const char *msg)
 {
     int len = 0;
-    return get_msg_payload(msg, (int)strlen(msg), &len);
+    return get_msg_payload(msg, INT_MAX, &len);
 }
 
-// Close an older connection of the client that is logging in.
+// Close an older connection of the client that logs in. The disconnected callback may close it too.
 static void replace_pair(int channelId, const char *url)
 {
-    if (tv_service_server.disconnectedCallback != NULL)
+    TV_LOG_AT("login_msg_received", __LINE__,
+              "login_msg_received, close previous channel for url: %s", url);
+    if (tv_service_server.disconnectedCallback != nullptr)
         tv_service_server.disconnectedCallback(channelId, url);
     tv_close_channel(channelId);
 }
@@ -301,22 +285,19 @@ static void replace_pair(int channelId, const char *url)
 int login_msg_received(tv_channel *channel, char *msg)
 {
     const char *url = get_url_payload(msg);
-    if (url == NULL || *url == '\0') { // an empty one would match every pair not logged in yet
-        if (url != NULL)
+    if (url == nullptr || *url == '\0') { // an empty one would match every pair not logged in yet
+        if (url != nullptr)
             TV_LOG("%s, empty url, ignore", __func__);
         tv_impl_free_msg(msg);
         return 0;
     }
-    channel_guard guard;
-    guard_channel(&guard, channel);
-    const tv_channel *older = find_by_url(&tv_service_server.pairList, url);
-    if (older != NULL && older != channel) {
-        TV_LOG("login_msg_received, close previous channel for url: %s", url);
+    channel_guard guard(channel);
+    const tv_channel *older = get_channel_by_ip(&tv_service_server.pairList, url);
+    if (older != nullptr && older != channel)
         replace_pair(older->channelId, url);
-    }
-    if (!guard.closed && tv_service_server.connectedCallback != NULL)
+    if (!guard.closed && tv_service_server.connectedCallback != nullptr)
         tv_service_server.connectedCallback(channel->channelId, url);
-    if (unguard_channel(&guard))
+    if (!guard.closed)
         update_pair_channel(channel, url);
     tv_impl_free_msg(msg);
     return 0;
@@ -327,51 +308,31 @@ int logout_msg_received(tv_channel *channel, char *msg)
     const int channelId = channel->channelId;
     const char *url = get_url_payload(msg);
     tv_close_client_connection(channelId);
-    if (tv_service_server.disconnectedCallback != NULL)
-        tv_service_server.disconnectedCallback(channelId, url != NULL ? url : "");
+    if (tv_service_server.disconnectedCallback != nullptr)
+        tv_service_server.disconnectedCallback(channelId, url != nullptr ? url : "");
     tv_impl_free_msg(msg);
     return 0;
 }
 
-int tv_pair_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
+static int handle_login_or_logout(tv_channel *pair, int type, char *msg)
 {
-    (void)arg1;
-    (void)arg2;
-    tv_channel *pair = get_pair_by_fd(fd);
-    if (pair == NULL)
-        return 0;
-
-    int len = 0;
-    char *msg = tv_impl_recv_with_timeout(pair, &len, pair->pollTimeout);
-    // Without bytes the link is down, and the pair may be closed by now.
-    if (msg == NULL || len == 0 || tv_msg_received(pair, get_msg_sequence(msg)) != 0) {
-        tv_impl_free_msg(msg);
-        return 0;
-    }
-    switch (get_msg_type(msg)) {
-    case TV_MSG_LOGIN:
-        login_msg_received(pair, msg);
-        break;
-    case TV_MSG_LOGOUT:
+    if (type == TV_MSG_LOGIN)
+        return login_msg_received(pair, msg);
+    if (type == TV_MSG_LOGOUT) {
         logout_msg_received(pair, msg);
-        TV_LOG("logout msg received");
-        break;
-    case TV_MSG_REQUEST:
-        process_channel_rqst(pair, msg, len);
-        break;
-    case TV_MSG_REPLY:
-        process_channel_resp(pair, msg, len);
-        break;
-    case TV_MSG_HEARTBEAT:
-        heartbeat_received(pair, msg);
-        break;
-    case TV_MSG_HEARTBEAT_ACK:
-        heartbeat_ack_received(pair, msg);
-        break;
-    default:
-        TV_LOG("unexpected msg type received!!!");
-        tv_impl_free_msg(msg);
+        TV_LOG_AT("tv_pair_fd_handler", __LINE__, "logout msg received");
+        return 0;
     }
+    TV_LOG_AT("tv_pair_fd_handler", __LINE__, "unexpected msg type received!!!");
+    tv_impl_free_msg(msg);
+    return 0;
+}
+
+int tv_pair_fd_handler(int fd, intptr_t, intptr_t)
+{
+    tv_channel *pair = get_pair_by_fd(fd);
+    if (pair != nullptr)
+        serve_channel(pair, handle_login_or_logout);
     return 0;
 }
 
@@ -380,83 +341,72 @@ int tv_pair_fd_handler(int fd, intptr_t arg1, intptr_t arg2)
 int tv_broadcast_rqst_to_client(const void *data, int length)
 {
     // A send that fails calls back, and the callback may close any pair.
-    list_walk walk;
-    begin_walk(&walk, &tv_service_server.pairList);
-    for (tv_channel *pair = next_channel(&walk); pair != NULL; pair = next_channel(&walk))
+    list_walk walk(&tv_service_server.pairList);
+    while (tv_channel *pair = walk.next_channel())
         send_rqst(pair, (const char *)data, length, 0);
-    end_walk(&walk);
     return 0;
 }
 
 int tv_service_enable_heartbeat(int interval, int count, tv_linkdown_cb linkdownCallback)
 {
     tv_channel *server = tv_service_server.serverChannel;
-    if (server != NULL) {
+    if (server != nullptr) {
         server->linkdownCallback = linkdownCallback;
         server->hbInterval = interval;
         server->hbCount = count;
         server->hbMode = TV_HEARTBEAT_ON;
     }
-    const tv_channel_list *head = &tv_service_server.pairList;
-    for (const tv_channel_list *link = head->next; link != head; link = link->next) {
-        if (link == NULL) {
-            TV_LOG("channel list is null");
-            return 0;
-        }
-        tv_channel *pair = ((const tv_channel_node *)link)->channel;
-        if (pair == NULL || server == NULL)
+    list_walk walk(&tv_service_server.pairList);
+    while (tv_channel *pair = walk.next_channel()) {
+        if (server == nullptr)
             continue;
-        inherit_supervision(pair, server);
+        inherit_heartbeat(pair, server);
         enable_heartbeat(pair);
         pair->linkdownCallback = linkdownCallback;
     }
+    if (walk.next == nullptr)
+        TV_LOG("channel list is null");
     return 0;
 }
 
 int tv_get_all_client_fds(int *fds, int maxsize)
 {
-    const tv_channel_list *head = &tv_service_server.pairList;
+    list_walk walk(&tv_service_server.pairList);
     int count = 0;
-    for (const tv_channel_list *link = head->next; link != head; link = link->next) {
-        if (count >= maxsize) {
-            TV_LOG("too many fds, maxsize is [%d]", maxsize);
-            return 0;
-        }
-        if (link == NULL) {
-            TV_LOG("channel list is null");
-            return 0;
-        }
-        const tv_channel *pair = ((const tv_channel_node *)link)->channel;
-        if (pair == NULL)
-            continue;
-        if (pair->pairSocket != NULL)
+    while (walk.next != walk.head && count < maxsize) {
+        const tv_channel *pair = walk.next_channel();
+        if (pair == nullptr)
+            break;
+        if (pair->pairSocket != nullptr)
             fds[count++] = pair->pairSocket->fd;
         else
             TV_LOG("internal data error");
     }
+    if (walk.next != walk.head && count >= maxsize)
+        TV_LOG("too many fds, maxsize is [%d]", maxsize);
+    else if (walk.next == nullptr)
+        TV_LOG("channel list is null");
     return 0;
 }
 
 int tv_get_client_channel(const char *ip, int port)
 {
-    if (ip == NULL)
+    if (ip == nullptr)
         return -1;
     char url[TV_URL_SIZE];
     snprintf(url, sizeof(url), "tcp://%s:%d", ip, port);
-    const tv_channel *pair = find_by_url(&tv_service_server.pairList, url);
-    return pair == NULL ? -1 : pair->channelId;
+    const tv_channel *pair = get_channel_by_ip(&tv_service_server.pairList, url);
+    return pair == nullptr ? -1 : pair->channelId;
 }
 
-int tv_register_connected_callback(int channelId, tv_connected_cb callback)
+int tv_register_connected_callback(int, tv_connected_cb callback)
 {
-    (void)channelId;
     tv_service_server.connectedCallback = callback;
     return 0;
 }
 
-int tv_register_disconnected_callback(int channelId, tv_disconnected_cb callback)
+int tv_register_disconnected_callback(int, tv_disconnected_cb callback)
 {
-    (void)channelId;
     tv_service_server.disconnectedCallback = callback;
     return 0;
 }

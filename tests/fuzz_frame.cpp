@@ -1,6 +1,6 @@
 // fuzz_frame.cpp - the receiver of frames, given any bytes in any pieces over a pair of sockets.
-// Every frame that it returns, and its last refusal, is compared with a plain reading of the bytes;
-// and so are the bytes of the same frame when it is sent.
+// Every frame that it returns, and its last refusal, is compared with a plain reading of the bytes.
+// Each returned body is also sent, and the bytes on the wire are compared.
 //
 // Input: one byte that says how recv() and the end of the stream behave, then the stream.
 

@@ -1,6 +1,5 @@
-// fuzz_message.cpp - the readers of a message's text, given anything, and the builders of the six
-// kinds. What they return is compared with plain searches, and with texts that are plainly put
-// together.
+// fuzz_message.cpp - the readers of a message's text, given any bytes, and the builders of the six
+// kinds. Results are compared with plain searches and with texts put together from their parts.
 
 #include "tolvane.h"
 
@@ -19,7 +18,7 @@ static const std::string tags[] = {"velun_tolvane_login\n",     "velun_tolvane_l
                                    "velun_tolvane_request\n",   "velun_tolvane_reply\n",
                                    "velun_tolvane_heartbeat\n", "velun_tolvane_heartbeatack\n"};
 
-// A stranger's number: 31 characters of it are read, and one that is out of range is the nearest.
+// Only 31 characters of a number are read; a number out of range becomes the nearest int.
 static int number_of(const std::string &text)
 {
     const long number = strtol(text.substr(0, 31).c_str(), nullptr, 10);
@@ -29,13 +28,13 @@ static int number_of(const std::string &text)
 static int heartbeat_value(const std::string &text, const std::string &key)
 {
     const size_t at = text.find(key), end = text.find('}', at);
-    if (end == std::string::npos) // as it also is behind no key
+    if (end == std::string::npos) // no brace, or no key
         return -1;
-    const size_t value = at + key.size() + 1; // behind a colon, or behind the brace in its place:
-    return number_of(text.substr(value, end - value)); // then it is what follows, to the end
+    const size_t value = at + key.size() + 1; // a brace in the colon's place makes the length huge
+    return number_of(text.substr(value, end - value));
 }
 
-// msg holds len bytes and the NUL behind them that the transport stores.
+// msg holds len bytes and the NUL after them that the transport stores.
 static void check_readers(const char *msg, int len)
 {
     const std::string text(msg);
@@ -71,14 +70,14 @@ static void check_readers(const char *msg, int len)
     REQUIRE(get_heartbeat_count(msg) == heartbeat_value(text, "count"));
 }
 
-// Each kind to the byte, from a channel with what is given as URL, payload and numbers.
+// Every kind, byte for byte, from a channel whose URL, payload and numbers come from the input.
 static void check_builders(const char *msg, int len)
 {
     static tv_channel channel;
     channel = {};
     const std::string text(msg), url = text.substr(0, TV_URL_SIZE), textWithEnd = text + '\0';
-    url.copy(channel.url, TV_URL_SIZE); // perhaps without an end
-    channel.waitingResp = 'v';          // is behind it
+    url.copy(channel.url, TV_URL_SIZE); // perhaps unterminated: waitingResp follows in the record
+    channel.waitingResp = 'v';
     const int number = (int)(msg[0] * 0x01010101U);
     channel.hbSequence = number;
     channel.hbInterval = 10;
@@ -104,7 +103,7 @@ static void check_builders(const char *msg, int len)
             REQUIRE(build() == (int)built.size());
             REQUIRE(memcmp(dst, built.data(), built.size()) == 0);
             REQUIRE(channel.msgSequence == (first < 0 || first == INT_MAX ? 0 : first + 1));
-            if (type == TV_MSG_REQUEST) // for one kind: reading takes longest
+            if (type == TV_MSG_REQUEST) // one kind is enough: reading takes longest
                 check_readers(built.c_str(), built.size());
         }
     }
@@ -114,7 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size > TV_MSG_BUF_SIZE - 200)
         return 0;
-    char *const msg = (char *)calloc(size + 1, 1); // of the exact size: nothing behind it is read
+    char *const msg = (char *)calloc(size + 1, 1); // the exact size, so that overreads are caught
     memcpy(msg, data, size);
     check_readers(msg, size);
     check_builders(msg, size);

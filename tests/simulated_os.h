@@ -61,7 +61,6 @@ struct Fault {
 static const Fault faults[] = {
     {{"malloc", "realloc"}, {ENOMEM}, SEEN, ""},
     {{"calloc"}, {ENOMEM}, SEEN, "malloc error in function"},
-    {{"reallocarray"}, {ENOMEM}, SAME, ""},
     {{"socket"}, {EMFILE}, SEEN, "failed on create socket"},
     {{"setsockopt"}, {ENOBUFS}, ANY, "failed on setsockopt"},
     {{"getsockopt"}, {ENOBUFS}, SEEN, "getsockopt error:No buffer space"},
@@ -146,8 +145,6 @@ static void *new_block(size_t size)
 WRAP(void *, malloc, (size_t size), nullptr, new_block(size))
 WRAP(void *, calloc, (size_t n, size_t size), nullptr, count_block(__real_calloc(n, size)))
 WRAP(void *, realloc, (void *old, size_t size), nullptr, __real_realloc(old, size))
-WRAP(void *, reallocarray, (void *old, size_t n, size_t size), nullptr,
-     count_block(__real_reallocarray(old, n, size)))
 
 extern "C" void __real_free(void *);
 extern "C" void __wrap_free(void *block)
@@ -252,6 +249,7 @@ WRAP(int, getsockopt, (int fd, int level, int option, void *value, socklen_t *si
 extern "C" int __real_close(int);
 extern "C" int __wrap_close(int fd)
 {
+    REQUIRE(fd >= 0);
     const int result = __real_close(fd);
     return fails("close") ? -1 : result;
 }

@@ -51,7 +51,7 @@ done
 
 check_by_cmake "$work/inside" "-DTOLVANE_SOURCE=$source" -DTOLVANE_INSTALL=ON \
     -DCMAKE_CXX_STANDARD=20 -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
-grep -q -- "-std=\(c\|gnu\)++20.*tv_loop" "$work/inside/compile_commands.json" ||
+grep -q -- "-std=\(c\|gnu\)++2[0a].*tv_loop" "$work/inside/compile_commands.json" ||
     fail "the standard of the project around it is not honoured"
 check_installation static "$work/inside"
 ! readelf -d "$work/build-static/consumer_c" | grep 'libstdc++\|tolvane\|ruvo' ||

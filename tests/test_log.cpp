@@ -15,9 +15,12 @@ TEST(Log, EachEntryGoesToOneSinkUntilThatIsFull)
     using Growth = std::pair<long, long>; // of the stream and the file, by one entry
     const auto entry = [=] {
         const long position = ftell(stream), size = lseek(file, 0, SEEK_END);
+        const time_t longAgo = 1000000;
+        const tm *const applications = localtime(&longAgo);
         errno = EDOM;
         disable_polling_timer();
-        EXPECT_EQ(errno, EDOM); // the application's
+        EXPECT_EQ(errno, EDOM); // the application's, like the record of its local time
+        EXPECT_EQ(applications->tm_year, 70);
         return Growth(ftell(stream) - position, lseek(file, 0, SEEK_END) - size);
     };
 

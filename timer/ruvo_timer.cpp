@@ -1,13 +1,11 @@
 // ruvo_timer.cpp - one-shot and periodic timers on the monotonic clock.
 //
-// Place    a library of its own; libtolvane.so and applications call it.
-// Method   a binary heap ordered by due time, then by start; and a table of the timers, in which a
-//          timer's place is its id modulo the table's size. A start takes the next id whose place
-//          is free, so ids come round late and finding a timer takes one step. The table is at
-//          most half full: a free place is two steps away on average. Stopping costs O(log n), and
-//          starting does on average.
-// Failure  a start without memory returns -1 and leaves everything as it was.
-// State    heap and table, in memory that grows and is kept; one thread, no locks.
+// A library of its own; libtolvane.so and applications call it. Timers are in a table, in the slot
+// given by their id modulo the table's size, and their ids in a binary heap ordered by due time,
+// then by start. A start takes the next id whose slot is free, so an id is not reused soon and is
+// found in one step. The table is at most half full, so a free slot is two steps away on average.
+// Starting costs O(log n) on average, stopping O(log n). A start without memory returns -1 and
+// changes nothing. Table and heap grow and are kept; one thread, no locks.
 
 #include "ruvo_timer.h"
 
@@ -19,8 +17,8 @@ struct timer_entry {
     int id; // -1: free
     uint32_t heapIndex;
     int64_t due;    // nanoseconds on the monotonic clock
-    uint64_t rank;  // order of starts
-    int64_t period; // nanoseconds, 0: one-shot
+    uint64_t rank;  // counts the starts
+    int64_t period; // nanoseconds; 0: one-shot
     ruvo_timer_cb callback;
     intptr_t arg1;
     intptr_t arg2;
@@ -38,7 +36,7 @@ static uint64_t nextRank;
 
 static int64_t monotonic_ns(void)
 {
-    struct timespec now = {0, 0}; // the clock does not fail; if it did, this is defined
+    struct timespec now = {0, 0}; // defined even if the clock failed, which it does not
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * (1000 * nsPerMs) + now.tv_nsec;
 }
@@ -63,7 +61,7 @@ static void put(uint32_t index, int id)
     entry_of(id)->heapIndex = index;
 }
 
-// Move the timer at index towards the root, then towards the leaves, to where it belongs.
+// Moves the timer at index towards the root, then towards the leaves, until the order holds.
 static void settle(uint32_t index)
 {
     const int id = heap[index];
@@ -95,8 +93,8 @@ static void remove_entry(timer_entry *entry)
 
 // ---- the table
 
-// Make room for one more timer. Ids that differ modulo the old size differ modulo twice that size,
-// so every timer finds its new place free.
+// Makes room for one more timer. Ids that differ modulo the old size also differ modulo twice that
+// size, so no two timers share a slot of the new table.
 static bool make_room(void)
 {
     if (heapCount < tableSize / 2)
@@ -104,9 +102,9 @@ static bool make_room(void)
     const uint32_t size = tableSize == 0 ? firstTableSize : 2 * tableSize;
     timer_entry *grown = (timer_entry *)malloc(size * sizeof(timer_entry));
     int *grownHeap = (int *)realloc(heap, size / 2 * sizeof(int));
-    if (grownHeap != NULL)
+    if (grownHeap != nullptr)
         heap = grownHeap;
-    if (grown == NULL || grownHeap == NULL) {
+    if (grown == nullptr || grownHeap == nullptr) {
         free(grown);
         return false;
     }
@@ -122,7 +120,7 @@ static bool make_room(void)
 
 static int start(int interval, int64_t period, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2)
 {
-    if (interval < 1 || callback == NULL || !make_room())
+    if (interval < 1 || callback == nullptr || !make_room())
         return -1;
     do {
         lastId = lastId == INT_MAX ? 0 : lastId + 1;
@@ -167,11 +165,11 @@ void ruvo_fire_timer(void)
 {
     if (heapCount == 0)
         return;
-    // The clock is read once: what a callback starts is due later than that.
+    // The clock is read once, so a timer that a callback starts is not due in this pass.
     const int64_t now = monotonic_ns();
     while (heapCount > 0 && entry_of(heap[0])->due <= now) {
         timer_entry *entry = entry_of(heap[0]);
-        const timer_entry due = *entry; // the callback may stop the timer or move the table
+        const timer_entry due = *entry; // a copy: the callback may stop timers or grow the table
         if (due.period == 0) {
             remove_entry(entry);
         } else {

@@ -1,21 +1,21 @@
-/* ruvo_timer.h - one-shot and periodic timers for a poll() loop, on one thread.
+/** @file
+ * One-shot and periodic timers for a poll() loop, on one thread.
  *
  * The public header of libruvo_timer.so, for C11 and C++17. libtolvane.so calls these five
- * functions and nothing else of a timer library, so a site may put its own libruvo_timer.so in
- * this one's place.
+ * functions and nothing else of a timer library, so a site may install its own libruvo_timer.so
+ * instead.
  *
- * A loop waits for at most ruvo_timer_get_expected_interval() and calls ruvo_fire_timer()
- * afterwards:
+ * A loop waits for at most ruvo_timer_get_expected_interval() and calls ruvo_fire_timer() after it
+ * has served the ready descriptors, so that a reply which has arrived is not counted as late:
  *
  *     for (;;) {
- *         poll(list, count, ruvo_timer_get_expected_interval());
- *         ruvo_fire_timer();
+ *         int ready = poll(list, count, ruvo_timer_get_expected_interval());
  *         ... serve the ready descriptors ...
+ *         ruvo_fire_timer();
  *     }
  *
- * Times are milliseconds on the monotonic clock. Nothing is locked: one thread makes all calls.
- * Memory grows with the largest number of timers pending at once, and is kept for the next ones.
- */
+ * Times are milliseconds on the monotonic clock. There are no locks: one thread makes all calls.
+ * Memory grows with the largest number of timers pending at once and is kept for later timers. */
 #ifndef RUVO_TIMER_H
 #define RUVO_TIMER_H
 
@@ -25,31 +25,48 @@
 extern "C" {
 #endif
 
-/* Called by ruvo_fire_timer when a timer is due, with the two arguments of its start. May start
- * timers, which do not fire in the same pass, and stop any, its own included. */
+/** Runs when a timer is due, inside ruvo_fire_timer(). May start timers, which do not fire in the
+ * same pass, and stop any timer, its own included.
+ *
+ * @param arg1  as given to the start
+ * @param arg2  as given to the start */
 typedef void (*ruvo_timer_cb)(intptr_t arg1, intptr_t arg2);
 
-/* Start a timer.
+/** Starts a timer that fires once.
  *
- *   interval  milliseconds, 1 or more, until it fires; for a periodic one also between two times
- *   callback  not null
+ * The id names nothing from the moment the timer fires. It is issued again only after more than
+ * 2^30 other starts.
  *
- * Returns the timer's id, 0 or more, or -1: an interval below 1, a null callback, or no memory.
- * An id comes round again only after more than 2^30 starts. A one-shot timer's id names nothing
- * from the moment it fires. A periodic timer keeps to the grid of its start; one that is late by
- * several periods fires once and goes on with the next point of the grid. */
+ * @param interval  milliseconds until it fires, 1 or more
+ * @param callback  not null
+ * @param arg1      passed to the callback
+ * @param arg2      passed to the callback
+ * @return the timer's id, 0 or more; or -1: interval below 1, null callback, or no memory */
 int ruvo_start_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2);
+
+/** Starts a timer that fires every interval until it is stopped.
+ *
+ * It is due at its start plus 1, 2, 3, ... intervals. If it is late by several intervals it fires
+ * once and continues with the next of these times.
+ *
+ * @param interval  milliseconds, 1 or more
+ * @param callback  not null
+ * @param arg1      passed to the callback
+ * @param arg2      passed to the callback
+ * @return the timer's id, as for ruvo_start_timer(); or -1 */
 int ruvo_start_periodic_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr_t arg2);
 
-/* Stop a timer: its callback is not called again. Returns 0, or -1 when the id names none. */
+/** Stops a timer: its callback does not run again.
+ *
+ * @return 0, or -1 if no timer has the id */
 int ruvo_stop_timer(int timerId);
 
-/* Return the milliseconds until the next timer is due, rounded up, 0 when it is due already, or
- * -1 when no timer is pending: what poll() takes as its time-out. */
+/** Returns how long poll() may wait: the milliseconds until the next timer is due, rounded up; 0 if
+ * one is due already; -1 if no timer is pending. */
 int ruvo_timer_get_expected_interval(void);
 
-/* Call the callbacks of all timers that are due by the clock, earliest first, those due at the
- * same time in the order of their starts. */
+/** Runs the callbacks of all timers that are due by the clock, earliest first; timers due at the
+ * same time run in the order in which they were started. */
 void ruvo_fire_timer(void);
 
 #ifdef __cplusplus

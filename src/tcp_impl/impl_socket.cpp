@@ -216,19 +216,19 @@ char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs)
     const long long deadline = timeoutMs > 0 ? _monotonic_ms() + timeoutMs : noDeadline;
     const int bodyLen = _receive_header(fd, deadline);
     if (bodyLen < 0)
-        return NULL;
+        return nullptr;
 
     // One byte more for the 0x00 that ends every scan of the message. A large block costs memory
     // only as its bytes arrive.
     char *body = (char *)malloc((size_t)bodyLen + 1);
-    if (body == NULL) {
+    if (body == nullptr) {
         TV_LOG("tcp_impl_receive, failed on malloc");
-        return NULL;
+        return nullptr;
     }
     if (!_impl_receive_with_timeout(fd, body, bodyLen, deadline)) {
         TV_LOG("tcp_impl_receive, failed on receive msg, len[%d]", bodyLen);
         free(body);
-        return NULL;
+        return nullptr;
     }
     body[bodyLen] = '\0';
     *len = bodyLen;
@@ -245,8 +245,7 @@ char *tcp_impl_receive(int fd, int *len)
 // A text that is no dotted IPv4 address leaves the address 0.0.0.0.
 static struct sockaddr_in _make_address(const char *ip, int port)
 {
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof(address));
+    struct sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons((uint16_t)port);
     if (inet_pton(AF_INET, ip, &address.sin_addr) != 1)
@@ -301,16 +300,21 @@ static bool _connect_finished(int fd, int timeoutMs, const char *caller)
     return outcome == 0;
 }
 
-// While a server is down, TCP may connect a client on the same host to itself: the kernel picks the
-// server's port as the client's own, sooner or later. The server could not start then.
-static bool _is_connected_to_itself(int fd)
+// While a server is down, the kernel may give a client on the same host the server's port as its own
+// and connect it to itself; the server could not start again. Logs for its caller.
+static bool _is_connected_to_itself(int fd, const char *caller)
 {
-    struct sockaddr_in own = {}, peer = {};
-    socklen_t ownSize = sizeof(own), peerSize = sizeof(peer);
+    struct sockaddr_in own = {};
+    struct sockaddr_in peer = {};
+    socklen_t ownSize = sizeof(own);
+    socklen_t peerSize = sizeof(peer);
     getsockname(fd, (struct sockaddr *)&own, &ownSize);
     getpeername(fd, (struct sockaddr *)&peer, &peerSize);
-    return own.sin_family == AF_INET && own.sin_port == peer.sin_port &&
-           own.sin_addr.s_addr == peer.sin_addr.s_addr;
+    if (own.sin_family != AF_INET || own.sin_port != peer.sin_port ||
+        own.sin_addr.s_addr != peer.sin_addr.s_addr)
+        return false;
+    TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
+    return true;
 }
 
 int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrlen, int timeoutMs)
@@ -323,32 +327,10 @@ int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrle
             TV_LOG("%s %d", strerror(error), error);
     } while (error == EINTR);
 
-    if (error == EINPROGRESS || error == EALREADY) {
-        if (!_connect_finished(fd, timeoutMs, __func__))
-            return -1;
-    } else if (error != 0 && error != EISCONN) {
-        return -1;
-    }
-    if (_is_connected_to_itself(fd)) {
-        TV_LOG("%s, connected to itself", __func__);
-        return -1;
-    }
-    return fd;
-}
-
-static bool _blocking_connect(int fd, const struct sockaddr *addr, socklen_t addrlen,
-                              const char *caller)
-{
-    if (connect(fd, addr, addrlen) < 0) {
-        TV_LOG_AT(caller, __LINE__, "%s, failed on connect", caller);
-        return false;
-    }
-    if (_is_connected_to_itself(fd)) {
-        TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
-        return false;
-    }
-    _set_fd_nonblock(fd);
-    return true;
+    bool connected = error == 0 || error == EISCONN;
+    if (error == EINPROGRESS || error == EALREADY)
+        connected = _connect_finished(fd, timeoutMs, __func__);
+    return connected && !_is_connected_to_itself(fd, __func__) ? fd : -1;
 }
 
 int impl_create_client_socket(const char *ip, int port, int timeoutMs)
@@ -360,12 +342,15 @@ int impl_create_client_socket(const char *ip, int port, int timeoutMs)
     }
     const struct sockaddr_in address = _make_address(ip, port);
     const struct sockaddr *target = (const struct sockaddr *)&address;
-    bool connected;
+    bool connected = false;
     if (timeoutMs >= 1) {
         TV_LOG("nonblock connecting mode for fd %d", fd);
         connected = _impl_nonblock_connect(fd, target, sizeof(address), timeoutMs) != -1;
+    } else if (connect(fd, target, sizeof(address)) < 0) {
+        TV_LOG("%s, failed on connect", __func__);
     } else {
-        connected = _blocking_connect(fd, target, sizeof(address), __func__);
+        connected = !_is_connected_to_itself(fd, __func__);
+        _set_fd_nonblock(fd);
     }
     if (!connected) {
         close(fd);
@@ -378,7 +363,7 @@ int impl_create_client_socket(const char *ip, int port, int timeoutMs)
 int tcp_impl_accept_socket(int listenFd)
 {
     // The peer is known by the URL of its login, not by its address.
-    const int fd = accept4(listenFd, NULL, NULL, SOCK_CLOEXEC);
+    const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd >= 0) {
         _set_fd_nonblock(fd);
         _set_nodelay(fd);

@@ -1,10 +1,8 @@
 // tcp_impl.cpp - the transport of one channel: its descriptor, its messages, its broken link.
 //
-// Place    between the channel logic and the frames of impl_socket.cpp. All traffic of a channel
-//          passes here.
-// Failure  a failed transfer is reported to the channel's link-down callback, which may close the
-//          channel. Callers touch the record only after a success.
-// State    none but the channel's socket.
+// Between the channel logic and the frames of impl_socket.cpp. All traffic of a channel passes here.
+// A failed transfer is reported to the channel's link-down callback, which may close the channel:
+// callers touch the record only after a success. No state but the channel's socket.
 
 #include "tv_internal.h"
 #include "tv_log.h"
@@ -12,25 +10,31 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+// The slot of the channel's socket, or null.
+static tv_socket **find_socket(tv_channel *channel)
+{
+    if (channel->pairSocket != nullptr)
+        return &channel->pairSocket;
+    if (channel->clientSocket != nullptr)
+        return &channel->clientSocket;
+    return channel->serverSocket != nullptr ? &channel->serverSocket : nullptr;
+}
+
 int tv_impl_get_polling_fd(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
-    const tv_socket *socket = channel->pairSocket;
-    if (socket == NULL)
-        socket = channel->clientSocket;
-    if (socket == NULL)
-        socket = channel->serverSocket;
-    if (socket == NULL) {
+    tv_socket **slot = find_socket(channel);
+    if (slot == nullptr) {
         TV_LOG("tv_impl_get_polling_fd, channel is invalid");
         return -1;
     }
-    return socket->fd;
+    return (*slot)->fd;
 }
 
 static int _impl_get_io_socket(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return -1;
     if (get_channel_type(channel->channelId) == TV_CHANNEL_SERVER) {
         TV_LOG("error in tv_impl_send_rqst, could not send msg to listening socket");
@@ -66,42 +70,36 @@ char *tv_impl_recv_with_timeout(tv_channel *channel, int *len, int timeoutMs)
     const int fd = _impl_get_io_socket(channel);
     if (fd == -1) {
         *len = 0;
-        return NULL;
+        return nullptr;
     }
-    input_expected(fd);
+    note_input_taken(fd);
     char *msg = tcp_impl_receive_with_timeout(fd, len, timeoutMs);
-    if (msg == NULL || *len == 0)
+    if (msg == nullptr || *len == 0)
         report_linkdown(channel);
     return msg;
 }
 
 char *tv_impl_recv(tv_channel *channel, int *len)
 {
-    if (channel == NULL) {
+    if (channel == nullptr) {
         *len = 0;
-        return NULL;
+        return nullptr;
     }
     return tv_impl_recv_with_timeout(channel, len, channel->pollTimeout);
 }
 
-// Free a socket and clear its slot. Returns false when the slot is empty.
-static bool free_socket(tv_socket **socket)
-{
-    if (*socket == NULL)
-        return false;
-    free(*socket);
-    *socket = NULL;
-    return true;
-}
-
 void tv_impl_close_channel(tv_channel *channel)
 {
-    if (channel == NULL)
+    if (channel == nullptr)
         return;
-    index_closing(channel);
-    close(tv_impl_get_polling_fd(channel));
-    if (!free_socket(&channel->clientSocket) && !free_socket(&channel->serverSocket))
-        free_socket(&channel->pairSocket);
+    const int fd = tv_impl_get_polling_fd(channel);
+    if (fd != -1)
+        close(fd);
+    tv_socket **slot = find_socket(channel);
+    if (slot != nullptr) {
+        free(*slot);
+        *slot = nullptr;
+    }
 }
 
 void tv_impl_free_msg(char *msg)

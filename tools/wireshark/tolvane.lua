@@ -155,6 +155,11 @@ local function message_of(tvb, pinfo, body)
     return messages[key]
 end
 
+-- TvbRange:raw() of Wireshark 3.4 begins where the packet does.
+local function bytes_of(range)
+    return range:bytes():raw()
+end
+
 local function printable(text)
     return (text:gsub("%z$", ""):gsub("[^\32-\126]", "."))
 end
@@ -167,7 +172,7 @@ local HEARTBEAT_VALUES = {
 
 local function show_payload(message, range, tree)
     tree:add(field.payload, range)
-    local payload = range:raw()
+    local payload = bytes_of(range)
     if message.kind < 4 then
         tree:add(field.text, range, printable(payload))
         return
@@ -214,13 +219,13 @@ local function show_message(message, range, pinfo, tree)
     end
     if message.url_size and message.url_size > 0 then
         local url = range(message.url_at, message.url_size)
-        tree:add(field.url, url, printable(url:raw()))
-        info = info .. " " .. printable(url:raw())
+        tree:add(field.url, url, printable(bytes_of(url)))
+        info = info .. " " .. printable(bytes_of(url))
     end
     if message.payload_at and message.payload_at < range:len() then
         local payload = range(message.payload_at)
         show_payload(message, payload, tree)
-        info = string.format("%s %q", info, printable(payload:raw(0, math.min(payload:len(), 60))))
+        info = string.format("%s %q", info, printable(bytes_of(payload):sub(1, 60)))
     elseif message.kind ~= UNKNOWN and not message.payload_at then
         tree:add_proto_expert_info(expert.message, "No payload marker")
     end
@@ -245,7 +250,7 @@ local function dissect_frame(tvb, pinfo, tree)
             bad_frame(pinfo, item, "Refused length")
         elseif tvb:len() > HEADER_SIZE then
             local range = tvb(HEADER_SIZE)
-            show_message(message_of(tvb, pinfo, range:raw()), range, pinfo, item)
+            show_message(message_of(tvb, pinfo, bytes_of(range)), range, pinfo, item)
         end
     end
     return tvb:len()

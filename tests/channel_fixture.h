@@ -1,10 +1,15 @@
-// channel_fixture.h - scenarios as tests: parts of them, each with all that it brings about.
+// channel_fixture.h - GoogleTest fixture that plays the scenarios of scenario.h.
 //
 //     play(R"(
-//         a: login tcp://a:1  => a: fd-open, a: connected tcp://a:1;
-//         ask ping 100        => a: hears request ping;
-//         in resp ask pong 0 & close;
-//         gets reply pong     => a: resp pong, a: hears request pong, a: fd-close, a: hears the end)");
+//         send_request second 100     => send_request: -1
+//         logged has pending outgoing request, could not send request now
+//         advance 100                 => timeout)");
+//
+// Behind "=>" stands everything that the steps before it cause; a line that begins with "=>" goes on
+// with it. Three more verbs:
+//   logged ENTRY, ENTRY    all that the line before has logged
+//   last_logged ENTRY      the last entry of it
+//   fail CALL              from now on this system call fails with ECONNREFUSED ("nothing": none does)
 #ifndef CHANNEL_FIXTURE_H
 #define CHANNEL_FIXTURE_H
 
@@ -13,8 +18,8 @@
 
 using namespace std::string_literals;
 
-// The same words in one line, a NUL as "~".
-inline std::string squeeze(std::string text)
+// All words in one line, with a blank between them, and a NUL as "~".
+inline std::string one_line(std::string text)
 {
     std::replace(text.begin(), text.end(), '\0', '~');
     std::istringstream words(text);
@@ -24,19 +29,28 @@ inline std::string squeeze(std::string text)
     return line;
 }
 
+inline std::string joined(const Texts &texts)
+{
+    std::string all;
+    for (Text each : texts)
+        all += (all.empty() ? "" : ", ") + one_line(each);
+    return all;
+}
+
 struct ChannelTest : testing::Test {
     LogCapture log;
-    Texts logged; // by the part before
+    Texts logged; // by the line before
 
     ChannelTest()
     {
-        static fault chosen = {"", {ECONNREFUSED}, EITHER, ""};
-        active = &chosen;
-        way = chosen.ways[0];
-        target = lasting = careless = true;
-        verbs["fail"] = [](Step s) { chosen.calls = " " + s.a + " "; }; // a call, from now on
-        verbs["log"] = [this](Step) { notes.insert(notes.end(), logged.begin(), logged.end()); };
+        static Fault chosen = {{}, {ECONNREFUSED}, ANY, ""};
+        injection = {&chosen, ECONNREFUSED, 1, true};
         chosen.calls.clear();
+        verbs["fail"] = [](const Step &s) { chosen.calls = {s.a}; };
+        verbs["logged"] = [this](const Step &s) { EXPECT_EQ(joined(logged), one_line(s.words)); };
+        verbs["last_logged"] = [this](const Step &s) {
+            EXPECT_EQ(one_line(logged.back()), one_line(s.words));
+        };
         begin();
         log.take();
     }
@@ -50,26 +64,29 @@ struct ChannelTest : testing::Test {
     {
         note("");
         notes.pop_back();
-        std::string all;
-        for (Text each : std::exchange(notes, {}))
-            all += (all.empty() ? "" : ", ") + squeeze(each);
-        return all;
+        return joined(std::exchange(notes, {}));
     }
-    void prepare(Text part) // what it brings about is left unseen
+    void prepare(Text steps) // without a look at what they cause
     {
-        run(part);
+        run(steps);
         happened();
         log.take();
     }
     void play(Text scenario)
     {
-        std::istringstream parts(scenario);
-        for (std::string part; std::getline(parts, part, ';');) {
-            const size_t arrow = std::min(part.find("=>"), part.size());
-            run(part.substr(0, arrow));
+        std::istringstream lines(scenario);
+        std::vector<std::pair<std::string, std::string>> parts; // steps, and their notes
+        for (std::string line; std::getline(lines, line);) {
+            const size_t arrow = std::min(line.find("=>"), line.size());
+            const std::string steps = one_line(line.substr(0, arrow));
+            if (!steps.empty() || parts.empty())
+                parts.emplace_back(steps, "");
+            parts.back().second += line.substr(std::min(arrow + 2, line.size()));
+        }
+        for (const auto &[steps, wanted] : parts) {
+            run(steps);
             logged = log.take();
-            const std::string wanted = arrow == part.size() ? "" : part.substr(arrow + 2);
-            EXPECT_EQ(happened(), squeeze(wanted)) << part;
+            EXPECT_EQ(happened(), one_line(wanted)) << steps;
         }
     }
 };

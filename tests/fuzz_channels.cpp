@@ -1,24 +1,35 @@
-// fuzz_channels.cpp - any text as a scenario, while one kind of the library's calls may fail.
+// fuzz_channels.cpp - any text as a scenario, while a call of the library may fail.
 //
-// Input: which call fails in which way, from which one on, once or lasting; whether there is a log,
-// and whether a link that is down is closed; then the text.
+// Input: a letter for the fault ('A' is the first one; other characters: none), and three digits: the
+// way it fails, the first call that fails, and a sum of options: 1 the calls after that fail, too, 2 a
+// channel whose link is down is closed, 4 there is a log. Then a scenario, in which a word that is no
+// verb stands for the next one in the alphabet.
 
 #include "scenario.h"
 
+static std::string nearest_verb(Text word)
+{
+    const auto next = verbs.lower_bound(word);
+    return next == verbs.end() ? verbs.begin()->first : next->first;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 3)
+    if (size < 4)
         return 0;
-    const unsigned number = data[0] % 64 - 1;
-    active = number < std::size(faults) ? &faults[number] : nullptr;
-    way = active == nullptr ? 0 : active->ways[data[0] / 64 % active->ways.size()];
-    target = data[1];
-    lasting = data[2] & 1;
-    careless = data[2] & 2;
-    tv_set_log_file(data[2] & 4 ? "/dev/null" : "");
-    lenient = true;
+    find_verb = nearest_verb;
+    injection = {};
+    const size_t number = data[0] - 'A';
+    if (number < std::size(faults)) {
+        injection.fault = &faults[number];
+        injection.way = faults[number].ways[data[1] % faults[number].ways.size()];
+    }
+    injection.first = data[2] - '0';
+    injection.lasting = data[3] & 1;
+    closesOnLinkDown = data[3] & 2;
+    tv_set_log_file(data[3] & 4 ? "/dev/null" : "");
     begin();
-    run({(const char *)data + 3, size - 3});
+    run({(const char *)data + 4, size - 4});
     end();
     return 0;
 }

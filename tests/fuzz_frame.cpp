@@ -4,20 +4,16 @@
 //
 // Input: one byte that says how recv() and the end of the stream behave, then the stream.
 
-#include "frail_system.h"
+#include "simulated_os.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     int ends[2];
     if (size == 0 || size > 60000 || socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0)
         return 0;
-    static const fault halting = {" recv ", {HALF, EINTR, EAGAIN}, SAME, ""};
-    active = &halting;
-    way = halting.ways[data[0] % 3];
-    target = data[0] / 4 % 8;
-    lasting = data[0] & 0x20;
-    calls = 0;
-    armed = true;
+    static const Fault halting = {{"recv"}, {HALF, EINTR, EAGAIN}, SAME, ""};
+    injection = {&halting, halting.ways[data[0] % 3], data[0] / 4 % 8, (data[0] & 0x20) != 0};
+    injecting = true;
     std::string_view stream((const char *)data + 1, size - 1);
     REQUIRE(write(ends[1], stream.data(), stream.size()) == (ssize_t)stream.size());
     fcntl(ends[0], F_SETFL, O_NONBLOCK);
@@ -41,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         free(body);
         stream.remove_prefix(headerSize + length);
     }
-    armed = false;
+    injecting = false;
     close(ends[0]);
     close(ends[1]);
     return 0;

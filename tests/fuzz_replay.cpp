@@ -1,22 +1,39 @@
-// fuzz_replay.cpp - the main() of a fuzz target without libFuzzer: every file in the folder that is
-// named is one input.
+// fuzz_replay.cpp - the main() of a fuzz target without libFuzzer: every line of the file that is
+// named is one input, in the form that corpus.py describes.
 
-#include <filesystem>
+#include "require.h"
+
 #include <fstream>
-#include <iterator>
 #include <stdint.h>
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
+static std::string unescaped(const std::string &line)
+{
+    std::string bytes;
+    for (size_t i = 0; i < line.size(); i++) {
+        if (line[i] != '\\') {
+            bytes += line[i];
+        } else if (line[++i] == 'n') {
+            bytes += '\n';
+        } else { // \x and two digits
+            bytes += (char)std::stoi(line.substr(i + 1, 2), nullptr, 16);
+            i += 2;
+        }
+    }
+    return bytes;
+}
+
 int main(int, char **argv)
 {
-    bool empty = true;
-    for (const auto &entry : std::filesystem::directory_iterator(argv[1])) {
-        std::ifstream file(entry.path(), std::ios::binary);
-        const std::string input(std::istreambuf_iterator<char>(file), {});
+    std::ifstream file(argv[1]);
+    int count = 0;
+    for (std::string line; std::getline(file, line); count++) {
+        const std::string input = unescaped(line);
         LLVMFuzzerTestOneInput((const uint8_t *)input.data(), input.size());
-        empty = false;
     }
-    return empty;
+    printf("%d inputs\n", count);
+    REQUIRE(count > 0);
+    return 0;
 }

@@ -2,9 +2,9 @@
 //
 //     LogCapture log;
 //     tv_unregister_polling_fd(7);
-//     EXPECT_LOG({"faield on tv_unregister_polling_fd, fd[7]"}); // these since the last take, no more
+//     EXPECT_LOG({"faield on tv_unregister_polling_fd, fd[7]"}); // all entries since the last take
 //
-// Every entry's frame (date, file, function, line, two line feeds) is checked when it is taken.
+// take() also checks the frame of each entry: date, file, function, line, two line feeds.
 #ifndef LOG_CAPTURE_H
 #define LOG_CAPTURE_H
 

@@ -1,395 +1,556 @@
-// scenario.h - scenarios: channels of both kinds in one process, each with a peer, on the system of
-// frail_system.h, where nothing has to be waited for.
+// scenario.h - a language for scenarios: what an application does with the library, what the peers
+// at the other end of its connections do, and what comes of it.
 //
-// Whatever can be seen from outside is noted: callbacks, what the peers hear, and operations that
-// fail. A scenario is a text of steps, in parts that ";" ends:
+// Everything plays in one process on simulated_os.h, where nothing takes time but `advance`. An
+// example from a test of the server; what follows "=>" is what must happen, in this order:
 //
-//     a: login tcp://a:1 & ask ping 100; in resp ask pong 0 & close; gets reply pong
+//     a: peer_logs_in tcp://a:1      => a: fd_open, a: connected tcp://a:1
+//     send_request ping 100          => a: peer_got request ping
+//     on response: send_request more 0; close
+//     peer_sends reply pong          => a: response pong, a: peer_got request more, a: fd_close,
+//                                    => a: peer_got EOF
 //
-// A step is one of the verbs below and two words at most, at the channel that was named last; "&"
-// joins several. What follows "in" happens inside the next callback of that name. A "~" is a NUL.
+// Peer `a` connects, is accepted as a pair and logs in. The application sends it a request and waits
+// 100 ms for the reply. When that comes, the response handler sends another request and closes the pair.
 //
-// Required of every scenario: a request gets one of a reply and a time-out at most; a callback's
-// channel is open; what callbacks are handed can be read; a pair's descriptor is opened and closed
-// once; at the end no channel, timer, block or descriptor is left.
+// SYNTAX
+//   VERB WORD WORD; VERB ...    steps, one after the other; each line is a list of steps
+//   NAME: VERB ...              chooses the link NAME, a channel with its peer, from here on
+//   on CALLBACK: VERB ...       the rest of the line is run inside the next CALLBACK
+//   ~                           in a payload stands for 0x00
+//   # text                      a comment
+//
+// VERBS of the peer. It numbers its messages as it must, and requires the same of the channel.
+//   accept                      a new peer connects; the server accepts it as a pair channel
+//   peer_logs_in URL            accept, then a login
+//   peer_sends KIND PAYLOAD     the channel receives a login, logout, request, reply, heartbeat ... ;
+//                               without a PAYLOAD the message has no payload marker
+//   peer_buffers KIND PAYLOAD   the same, but the message lies in the socket until `serve`
+//   peer_sends_empty_frame      the channel receives a frame without a message
+//   peer_sends_bytes TEXT       the channel receives TEXT, which is no frame
+//   drop_frames N               as if N messages of the peer were lost (below 0: sent again)
+//   peer_misses N               as if N messages to the peer were lost
+//   peer_closes                 the peer closes its end of the connection
+//
+// VERBS of the application
+//   start_server, stop_server   with all handlers and callbacks registered (begin() has started one)
+//   close_server                closes the server channel by its id
+//   create_client               the link's channel becomes a new client channel
+//   set_connect_timeout MS
+//   connect                     connects the client and logs it in
+//   disconnect                  logs the client out
+//   send_request TEXT MS        and awaits the reply for MS milliseconds (0: does not await it)
+//   send_large_request MS       60,000 bytes: the second one that is not received blocks
+//   send_reply TEXT             the reply that was deferred; "!" has a negative length
+//   broadcast TEXT              a request to all clients
+//   find_client IP PORT         notes which link's client has logged in with that URL
+//   serve                       runs the channel's descriptor handler once
+//   watch                       registers the channel's descriptor with the loop once more
+//   close                       closes the channel
+//   actors FIRST SECOND         what the two actors do from now on: pass, handle, defer or another
+//                               result, and after a ":" the reply that they hand over
+//   enable_heartbeat MS COUNT   on the link's channel
+//   enable_all_heartbeats MS COUNT   on the server and its pairs
+//   start_timers                many timers that do nothing
+//   next_timer                  notes the milliseconds until the next timer
+//   be_busy MS                  lets MS simulated milliseconds pass outside the main loop
+//   advance MS                  runs the main loop for MS simulated milliseconds; inside a callback
+//                               for a single pass
+//
+// NOTES, each with the name of its link in front
+//   CALLBACK TEXT               a callback ran: fd_open, fd_close, connected, disconnected, actor0,
+//                               actor1, response, timeout, link_down
+//   peer_got KIND PAYLOAD       the peer received a message, or EOF when the connection has ended
+//   VERB: RESULT                a call failed
+//   connecting to IP:PORT within MS, client NAME: or no client, next timer MS
+//
+// Whatever happens, no scenario may break these rules: a request gets at most one of reply and
+// timeout; callbacks get readable texts and a channel that is open; each descriptor is opened and
+// closed once; at the end no channel, timer, memory or descriptor is left.
 #ifndef SCENARIO_H
 #define SCENARIO_H
 
-#include "frail_system.h"
+#include "simulated_os.h"
 
 #include <deque>
-#include <functional>
 #include <map>
 #include <sstream>
 
 using Text = const std::string &;
 using Texts = std::vector<std::string>;
 
-// A channel and its peer, which numbers what it says and what it hears.
+// A channel of the library, and its peer.
 struct Link {
-    std::string prefix, url; // the prefix is for the notes
-    int id = -1, far = -1;   // the channel's, and the peer's end of the connection
-    long long said = 0, heard = 0;
-    std::string unheard = ""; // the beginning of a frame
+    std::string label;                // "a: ", in front of its notes
+    std::string url = "";             // the client's
+    int channelId = -1, peerFd = -1;  // peerFd: the peer's end of the connection
+    long long sent = 0, received = 0; // numbers of the peer's next messages
+    std::string unread = "";          // a frame that has only begun
 };
 
 static std::map<std::string, Link> links;
-static Link *current;                // the one that was named last
-static std::map<int, Link *> owners; // of channels
-static std::map<int, int> pairs;     // by their descriptors
-// What the two actors do, a word each: P, H or D to pass, handle or defer, any other for another
-// result, and the reply that they hand over, "!" for one of a negative length.
-static Texts script;
+static Link *current;                // the link that was chosen last
+static std::map<int, Link *> owners; // links by the ids of their channels
+static std::map<int, int> pairIds;   // by their descriptors
+static int serverId;                 // of the server channel that was started last
+static Texts actorPlans;
 static Texts notes;
-static std::map<std::string, std::deque<std::function<void()>>> inside; // for the next callbacks
-static int depth;                                                       // of these
-static bool careless;              // a link that is down is left alone
-static std::map<int, int> awaited; // the requests that wait for a reply, by channel
-static int openPairs;              // between their fd-open and their fd-close
-static int server;                 // the id of the one started last
-static int firstId, descriptors;   // before the scenario
+static std::map<std::string, std::deque<std::string>> planned; // steps inside the next callbacks
+static int depth;                                              // of callbacks
+static bool closesOnLinkDown;      // the application closes a channel whose link is down
+static std::map<int, int> awaited; // by channel, the number of the request that awaits its reply
+static int openPairs;              // fd_open minus fd_close
+static int firstId, descriptors;   // when the scenario began
 static int steps;                  // so far
-static bool lenient;               // a word that is no verb stands for the next in the alphabet
 
 static void run(Text scenario);
 
 // ---- the peers
 
-static void send_to(const Link &at, Text bytes)
+static void send_bytes(const Link &link, Text bytes)
 {
-    __real_send(at.far, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    __real_send(link.peerFd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
-// The channel receives a message. An empty payload stands for none, without its marker.
-static void say(Link &at, Text tag, std::string payload)
+static void send_message(Link &link, Text kind, std::string payload)
 {
-    if (tag == "login")
-        at.url = payload.substr(0, payload.find('~'));
+    if (kind == "login")
+        link.url = payload.substr(0, payload.find('~'));
     std::replace(payload.begin(), payload.end(), '~', '\0');
-    const std::string body = std::to_string(at.said++) + "\nvelun_tolvane_" + tag + "\n" + at.url;
-    send_to(at, frame(payload.empty() ? body : body + "\nvelun_tolvane_payload\n" + payload));
+    std::string body = std::to_string(link.sent++) + "\nvelun_tolvane_" + kind + "\n" + link.url;
+    if (!payload.empty())
+        body += "\nvelun_tolvane_payload\n" + payload;
+    send_bytes(link, frame(body));
 }
 
-// Note what has arrived: the tag and the payload of a message that is otherwise as it has to be, or
-// else all of it.
-static void hear(Link &at)
+// The kind and the payload of a message, if its number and URL are right; otherwise all of it.
+static std::string summary(Text body, Text number, Text url)
+{
+    const std::string start = number + "\nvelun_tolvane_";
+    const std::string middle = "\n" + url + "\nvelun_tolvane_payload\n";
+    const size_t kindEnd = body.find(middle);
+    if (body.rfind(start, 0) != 0 || kindEnd == std::string::npos)
+        return body;
+    return body.substr(start.size(), kindEnd - start.size()) + " " +
+           body.substr(kindEnd + middle.size());
+}
+
+// Note all that has arrived at the peer.
+static void read_messages(Link &link)
 {
     char bytes[4096];
     ssize_t got = -1;
-    while (at.far != -1 && (got = __real_recv(at.far, bytes, sizeof(bytes), 0)) > 0)
-        at.unheard.append(bytes, got);
-    const bool ended = at.far != -1 && (got == 0 || errno != EAGAIN);
-    for (int size; (size = frame_length(at.unheard)) != -1;
-         at.unheard.erase(0, headerSize + size)) {
-        std::string body = at.unheard.substr(headerSize, size);
-        const std::string start = std::to_string(at.heard++) + "\nvelun_tolvane_";
-        const std::string middle = "\n" + at.url + "\nvelun_tolvane_payload\n";
-        const size_t end = body.find(middle);
-        if (body.rfind(start, 0) == 0 && end != std::string::npos)
-            body.replace(end, middle.size(), " ").erase(0, start.size());
-        notes.push_back(at.prefix + "hears " + body);
+    if (link.peerFd == -1)
+        return;
+    while ((got = __real_recv(link.peerFd, bytes, sizeof(bytes), 0)) > 0)
+        link.unread.append(bytes, got);
+    const bool ended = got == 0 || errno != EAGAIN;
+    for (int length; (length = frame_length(link.unread)) != -1;) {
+        const std::string body = link.unread.substr(headerSize, length);
+        link.unread.erase(0, headerSize + length);
+        notes.push_back(link.label + "peer_got " +
+                        summary(body, std::to_string(link.received++), link.url));
     }
     if (ended) {
-        notes.push_back(at.prefix + "hears the end");
-        __real_close(std::exchange(at.far, -1));
+        notes.push_back(link.label + "peer_got EOF");
+        __real_close(std::exchange(link.peerFd, -1));
     }
 }
 
-static void hang_up(Link &at)
+static void close_peer(Link &link)
 {
-    if (at.far != -1)
-        REQUIRE(__real_close(std::exchange(at.far, -1)) == 0); // nobody else has closed it
+    if (link.peerFd != -1)
+        REQUIRE(__real_close(std::exchange(link.peerFd, -1)) == 0); // the library has not closed it
 }
 
-static void note(Text text) // what the peers have heard comes before it
+// What the peers have received comes first.
+static void note(Text text)
 {
     for (auto &[name, link] : links)
-        hear(link);
+        read_messages(link);
     notes.push_back(text);
 }
 
 // ---- the application
 
-static void finish(int id)
+static void close_by_id(int id)
 {
     tv_unregister_polling_fd(tv_get_polling_fd(id));
     tv_close_channel(id);
 }
 
-// A link-down callback is shown the record's URL, which a login that is served meanwhile changes;
-// anything else stays as it was handed over.
-static void called(Text name, int id, const char *text, int len)
+// All callbacks end up here: check and note the call, then run what is planned for it. What was
+// handed over must not change meanwhile, except for the URL of a link-down callback: it is the
+// record's own.
+static void called(Text callback, int id, const char *text, int length)
 {
-    const std::string handed = text == nullptr ? "(null)" : std::string(text, len);
-    if (name == "fd-open")
-        owners[current->id = id] = current;
-    openPairs += (name == "fd-open") - (name == "fd-close");
-    REQUIRE(name == "disconnected" || name == "fd-close" ||
-            get_channel_type(id) != TV_CHANNEL_NONE);
-    REQUIRE(name != "resp" || awaited.erase(id) == 1);
-    const int request = name == "timeout" ? awaited.at(id) : -1;
-    note((owners.count(id) == 0 ? "" : owners[id]->prefix) + name + " " + handed);
-    auto &acts = inside[name];
-    if (!acts.empty()) {
-        const auto act = acts.front();
-        acts.pop_front();
+    const std::string handed = text == nullptr ? "(null)" : std::string(text, length);
+    if (callback != "disconnected" && callback != "fd_close")
+        REQUIRE(get_channel_type(id) != TV_CHANNEL_NONE);
+    if (callback == "response")
+        REQUIRE(awaited.erase(id) == 1);
+    const int request = callback == "timeout" ? awaited.at(id) : -1;
+    note((owners.count(id) == 0 ? "" : owners[id]->label) + callback + " " + handed);
+    auto &plans = planned[callback];
+    if (!plans.empty()) {
+        const std::string plan = plans.front();
+        plans.pop_front();
         depth++;
-        act();
+        run(plan);
         depth--;
-        REQUIRE(name == "linkdown" ? strlen(text) < TV_URL_SIZE
-                                   : text == nullptr || handed == std::string(text, len));
-    } else if (name == "linkdown" && !careless) {
-        finish(id);
+        if (callback == "link_down")
+            REQUIRE(strlen(text) < TV_URL_SIZE);
+        else
+            REQUIRE(text == nullptr || handed == std::string(text, length));
+    } else if (callback == "link_down" && closesOnLinkDown) {
+        close_by_id(id);
     }
     if (request != -1 && awaited.count(id) == 1 && awaited[id] == request)
-        awaited.erase(id); // no newer one
+        awaited.erase(id); // unless a plan has sent the next one
 }
 
-template <int N> static int act(int id, const char *payload, int len, char **reply, int *size)
+static int watch(int id)
 {
-    const std::string play = script[N];
+    const int fd = tv_get_polling_fd(id);
+    if (get_channel_type(id) == TV_CHANNEL_CLIENT)
+        return tv_register_polling_fd(fd, tv_channel_fd_handler, id, 0);
+    return tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0);
+}
+
+static void on_link_down(int id, const char *url)
+{
+    called("link_down", id, url, strlen(url));
+}
+
+static void on_fd_open(int fd)
+{
+    openPairs++;
+    const tv_channel_list *const newest = tv_service_server.pairList.prev;
+    const int id = ((const tv_channel_node *)newest)->channel->channelId;
+    pairIds[fd] = current->channelId = id;
+    owners[id] = current;
+    watch(id);
+    called("fd_open", id, "", 0);
+}
+
+static void on_fd_close(int fd)
+{
+    openPairs--;
+    tv_unregister_polling_fd(fd);
+    called("fd_close", pairIds[fd], "", 0);
+}
+
+template <int N> static int actor(int id, const char *payload, int len, char **reply, int *replyLen)
+{
+    const std::string plan = actorPlans[N], name = plan.substr(0, plan.find(':'));
     called("actor" + std::to_string(N), id, payload, len);
-    if (play.size() > 1 && *reply == nullptr) { // another actor's belongs to the library
-        *reply = (char *)allocated(__real_malloc(play.size() - 1));
-        *size = play[1] == '!' ? -1 : play.copy(*reply, play.size() - 1, 1);
+    if (name != plan && *reply == nullptr) { // what an actor before left belongs to the library
+        const std::string text = plan.substr(name.size() + 1);
+        *reply = (char *)count_block(__real_malloc(text.size()));
+        *replyLen = text[0] == '!' ? -1 : text.copy(*reply, text.size());
     }
-    return std::string("PHD").find(play[0]); // or -1
+    if (name == "defer")
+        return TV_ACTOR_DEFERRED;
+    return name == "pass" ? TV_ACTOR_PASS : name == "handle" ? TV_ACTOR_HANDLED : -1;
 }
 
-static void on_linkdown(int id, const char *url)
+static void register_handlers(int id)
 {
-    called("linkdown", id, url, strlen(url));
-}
-
-static void set_up(int id)
-{
-    tv_register_actor(id, act<0>);
-    tv_register_actor(id, act<1>);
+    tv_register_actor(id, actor<0>);
+    tv_register_actor(id, actor<1>);
     tv_register_resp_handler(
-        id, [](int id, const char *payload, int len) { called("resp", id, payload, len); });
+        id, [](int id, const char *payload, int len) { called("response", id, payload, len); });
     tv_register_timeout_handler(id, [](int id) { called("timeout", id, "", 0); });
-    tv_register_linkdown_callback(id, on_linkdown);
+    tv_register_linkdown_callback(id, on_link_down);
     tv_set_poll_timeout(id, 100);
 }
 
-static int start()
+static int start_server()
 {
     const int id = tv_start_server("127.0.0.1", 7);
     tv_register_connected_callback(
         -1, [](int id, const char *url) { called("connected", id, url, strlen(url)); });
     tv_register_disconnected_callback(
         0, [](int id, const char *url) { called("disconnected", id, url, strlen(url)); });
-    tv_register_client_fd_open_callback([](int fd) {
-        tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0);
-        const tv_channel_list *const newest = tv_service_server.pairList.prev;
-        pairs[fd] = ((const tv_channel_node *)newest)->channel->channelId;
-        called("fd-open", pairs[fd], "", 0);
-    });
-    tv_register_client_fd_close_callback([](int fd) {
-        tv_unregister_polling_fd(fd);
-        called("fd-close", pairs[fd], "", 0);
-    });
+    tv_register_client_fd_open_callback(on_fd_open);
+    tv_register_client_fd_close_callback(on_fd_close);
     if (id == -1)
         return -1;
-    set_up(server = id);
+    serverId = id;
+    register_handlers(id);
     return tv_register_polling_fd(tv_get_server_polling_fd(), tv_server_fd_handler, 0, 0);
 }
 
-static void stop()
+static void stop_server()
 {
     tv_unregister_polling_fd(tv_get_server_polling_fd());
     tv_stop_server();
 }
 
-static void accept_peer(Link &at)
+static void connect_peer(Link &link)
 {
-    hang_up(at);
-    at = {at.prefix, ""};
-    at.far = __real_socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    __real_connect(at.far, (sockaddr *)&listening, sizeof(listening));
+    close_peer(link);
+    link = {link.label};
+    const int fd = __real_socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    link.peerFd = __real_fcntl(fd, F_DUPFD, 32); // low numbers are the library's, to be used again
+    __real_close(fd);
+    __real_connect(link.peerFd, (sockaddr *)&serverAddress, sizeof(serverAddress));
+}
+
+static void accept_peer(Link &link)
+{
+    connect_peer(link);
     tv_server_fd_handler(tv_get_server_polling_fd(), 0, 0);
 }
 
-static void create_client(Link &at)
+static void create_client(Link &link)
 {
-    const tv_client_addr addr = {"127.0.0.1", "link", 80, 7};
-    hang_up(at);
-    at = {at.prefix, "tcp://link:7"};
-    at.id = tv_create_client_channel(&addr);
-    owners[at.id] = &at;
-    set_up(at.id);
+    const tv_client_addr address = {"127.0.0.1", "link", 80, 7};
+    close_peer(link);
+    link = {link.label, "tcp://link:7"};
+    link.channelId = tv_create_client_channel(&address);
+    owners[link.channelId] = &link;
+    register_handlers(link.channelId);
 }
 
-static int dial(int id)
+static int connect_client(int id)
 {
     tv_unregister_polling_fd(tv_get_polling_fd(id));
-    connected = [](int far) {
-        hear(*current); // the end of the connection before
-        current->unheard.clear();
-        hang_up(*current);
-        current->far = far;
+    connected = [](int peerFd) {
+        read_messages(*current); // of the connection before
+        close_peer(*current);
+        current->unread.clear();
+        current->peerFd = peerFd;
     };
     const int result = tv_connect_server(id);
-    REQUIRE(result != 0 || get_channel_type(id) != TV_CHANNEL_NONE);
-    if (result == 0)
-        tv_register_polling_fd(tv_get_polling_fd(id), tv_channel_fd_handler, id, 0);
+    if (result == 0) {
+        REQUIRE(get_channel_type(id) == TV_CHANNEL_CLIENT);
+        watch(id);
+    }
     return result;
 }
 
 extern "C" int __real_impl_create_client_socket(const char *, int, int);
 extern "C" int __wrap_impl_create_client_socket(const char *ip, int port, int timeout)
 {
-    note("dials " + std::string(ip) + ":" + std::to_string(port) + " within " +
+    note("connecting to " + std::string(ip) + ":" + std::to_string(port) + " within " +
          std::to_string(timeout));
     return __real_impl_create_client_socket(ip, port, timeout);
 }
 
-static int ask(int id, Text payload, int timeout)
+static int send_request(int id, Text payload, int timeout)
 {
+    static int count = 0;
     const int result = tv_send_rqst(id, payload.data(), payload.size(), timeout);
-    REQUIRE(result != 0 || get_channel_type(id) != TV_CHANNEL_NONE); // the link is not down
-    static int requests = 0;
-    REQUIRE(result != 0 || timeout <= 0 || awaited.emplace(id, ++requests).second);
+    if (result == 0)
+        REQUIRE(get_channel_type(id) != TV_CHANNEL_NONE); // a lost link would be a failure
+    if (result == 0 && timeout > 0)
+        REQUIRE(awaited.emplace(id, ++count).second);
     return result;
 }
 
-static int serve(int id)
+static void find_client(Text ip, int port)
 {
-    const int fd = tv_get_polling_fd(id);
-    return get_channel_type(id) == TV_CHANNEL_CLIENT ? tv_channel_fd_handler(fd, id, 0)
-                                                     : tv_pair_fd_handler(fd, 0, 0);
+    const int id = tv_get_client_channel(ip.c_str(), port);
+    note(id == -1 ? "no client" : "client " + owners[id]->label);
 }
 
-static const ruvo_timer_cb nothing = [](intptr_t, intptr_t) {};
+static void serve(int id)
+{
+    const int fd = tv_get_polling_fd(id);
+    if (get_channel_type(id) == TV_CHANNEL_CLIENT)
+        tv_channel_fd_handler(fd, id, 0);
+    else
+        tv_pair_fd_handler(fd, 0, 0);
+}
 
-// As many timers as there is room for, and, if something fails, more.
-static void fill_timers()
+static const ruvo_timer_cb doNothing = [](intptr_t, intptr_t) {};
+
+static void serve_bytes(const Link &link, Text bytes)
+{
+    send_bytes(link, bytes);
+    serve(link.channelId);
+}
+
+// The timer library keeps the room that it has got: while something fails, ask for more each time.
+static void start_timers()
 {
     static int count = 40;
     for (int i = 0; i < count; i++)
-        if (__real_ruvo_start_timer(5, nothing, 0, 0) == -1)
+        if (__real_ruvo_start_timer(5, doNothing, 0, 0) == -1)
             note("no timer " + std::to_string(i));
-    if (active != nullptr && count < 200)
+    if (injection.fault != nullptr && count < 200)
         count *= 2;
 }
 
-// The library's loop, for so many milliseconds; inside a callback for one pass.
-static void run_loop(int ms)
+static void advance(int ms)
 {
-    stopAt = now + (depth == 0 ? ms : 0);
+    loopEnd = now + (depth == 0 ? ms : 0);
     tv_main_loop();
-    if (now < stopAt)
-        note("the loop has ended");
-    now = std::max(now, stopAt);
+    if (now < loopEnd)
+        note("the loop has ended early");
+    now = std::max(now, loopEnd);
 }
 
 // ---- the steps
 
 struct Step {
-    Link &at;
-    int id;                           // of its channel
-    std::string verb, a = "", b = ""; // and its words
-    int m = 0, n = 0;                 // the same as numbers
+    Link &link;
+    int id;                  // of the link's channel
+    std::string verb, words; // all words, as they stand there
+    std::string a, b;        // the first two
+    int m, n;                // these as numbers
 };
 
-static void tell(const Step &step, int result)
+static void note_failure(const Step &step, int result)
 {
     if (result != 0)
-        note(step.at.prefix + step.verb + ": " + std::to_string(result));
+        note(step.link.label + step.verb + ": " + std::to_string(result));
 }
 
-static std::map<std::string, std::function<void(Step)>> verbs = {
-    {"start", [](Step s) { tell(s, start()); }},
-    {"dial", [](Step s) { tell(s, dial(s.id)); }},
-    {"logout", [](Step s) { tell(s, tv_disconnect_server(s.id)); }},
-    {"ask", [](Step s) { tell(s, ask(s.id, s.a, s.n)); }},
-    {"flood", [](Step s) { tell(s, ask(s.id, std::string(60000, 'x'), s.m)); }},
-    {"respond", [](Step s) { tell(s, tv_send_resp(s.id, &s.a[0], s.a == "!" ? -1 : s.a.size())); }},
-    {"broadcast", [](Step s) { tell(s, tv_broadcast_rqst_to_client(&s.a[0], s.a.size())); }},
-    {"serve", [](Step s) { tell(s, serve(s.id)); }},
-    {"accept", [](Step s) { accept_peer(s.at); }},
-    {"client", [](Step s) { create_client(s.at); }},
-    {"login", [](Step s) { run("accept & gets login " + s.a + "~"); }},
-    {"says", [](Step s) { say(s.at, s.a, s.b); }}, // the peer, a tag and a payload
-    {"gets", [](Step s) { say(s.at, s.a, s.b), run("serve"); }},
-    {"lose", [](Step s) { s.at.said += s.m, s.at.heard += s.n; }}, // so many messages
-    {"bytes", [](Step s) { send_to(s.at, s.a), run("serve"); }},
-    {"empty", [](Step s) { send_to(s.at, frame("")), run("serve"); }},
-    {"end", [](Step s) { hang_up(s.at); }},
-    {"close", [](Step s) { finish(s.id); }},
-    {"shut", [](Step) { finish(server); }}, // not by a stop
-    {"stop", [](Step) { stop(); }},
-    {"after", [](Step s) { run_loop(s.m % 10000); }},
-    {"timers", [](Step) { fill_timers(); }},
-    {"left", [](Step) { note(std::to_string(ruvo_timer_get_expected_interval())); }}, // to wait
-    {"supervise", [](Step s) { tv_client_enable_heartbeat(s.id, s.m, s.n, on_linkdown); }},
-    {"watch", [](Step s) { tv_service_enable_heartbeat(s.m, s.n, on_linkdown); }},
-    {"actors", [](Step s) { script[0] = s.a, script[1] = s.b; }},
-    {"within", [](Step s) { tv_set_connect_timeout(s.id, s.m); }},
+using Act = std::function<void(const Step &)>;
+
+// The same for verbs whose result is noted.
+static Act call(int (*operation)(const Step &))
+{
+    return [operation](const Step &s) { note_failure(s, operation(s)); };
+}
+
+static std::map<std::string, Act> verbs = {
+    {"accept", [](const Step &s) { accept_peer(s.link); }},
+    {"peer_logs_in", [](const Step &s) { run("accept; peer_sends login " + s.a + "~"); }},
+    {"peer_buffers", [](const Step &s) { send_message(s.link, s.a, s.b); }},
+    {"peer_sends", [](const Step &s) { run("peer_buffers " + s.words + "; serve"); }},
+    {"peer_sends_empty_frame", [](const Step &s) { serve_bytes(s.link, frame("")); }},
+    {"peer_sends_bytes", [](const Step &s) { serve_bytes(s.link, s.a); }},
+    {"drop_frames", [](const Step &s) { s.link.sent += s.m; }},
+    {"peer_misses", [](const Step &s) { s.link.received += s.m; }},
+    {"peer_closes", [](const Step &s) { close_peer(s.link); }},
+
+    {"start_server", call([](const Step &) { return start_server(); })},
+    {"stop_server", [](const Step &) { stop_server(); }},
+    {"close_server", [](const Step &) { close_by_id(serverId); }},
+    {"create_client", [](const Step &s) { create_client(s.link); }},
+    {"set_connect_timeout", [](const Step &s) { tv_set_connect_timeout(s.id, s.m); }},
+    {"connect", call([](const Step &s) { return connect_client(s.id); })},
+    {"disconnect", call([](const Step &s) { return tv_disconnect_server(s.id); })},
+    {"send_request", call([](const Step &s) { return send_request(s.id, s.a, s.n); })},
+    {"send_large_request",
+     call([](const Step &s) { return send_request(s.id, std::string(60000, 'x'), s.m); })},
+    {"send_reply",
+     call([](const Step &s) { return tv_send_resp(s.id, &s.a[0], s.a == "!" ? -1 : s.a.size()); })},
+    {"broadcast",
+     call([](const Step &s) { return tv_broadcast_rqst_to_client(&s.a[0], s.a.size()); })},
+    {"find_client", [](const Step &s) { find_client(s.a, s.n); }},
+    {"serve", [](const Step &s) { serve(s.id); }},
+    {"watch", call([](const Step &s) { return watch(s.id); })},
+    {"close", [](const Step &s) { close_by_id(s.id); }},
+    {"actors",
+     [](const Step &s) {
+         actorPlans = {s.a, s.b};
+     }},
+    {"enable_heartbeat",
+     [](const Step &s) { tv_client_enable_heartbeat(s.id, s.m, s.n, on_link_down); }},
+    {"enable_all_heartbeats",
+     [](const Step &s) { tv_service_enable_heartbeat(s.m, s.n, on_link_down); }},
+    {"start_timers", [](const Step &) { start_timers(); }},
+    {"next_timer",
+     [](const Step &) {
+         note("next timer " + std::to_string(ruvo_timer_get_expected_interval()));
+     }},
+    {"be_busy", [](const Step &s) { now += std::min(s.m, 10000); }},
+    {"advance", [](const Step &s) { advance(std::min(s.m, 10000)); }},
 };
 
-static void run_part(Text part)
+// The verb that a word stands for. A fuzz target, which is given any words, has a rule of its own.
+static std::string known_verb(Text word)
 {
-    std::istringstream words(part);
-    for (std::string verb, callback, rest; steps < 300 && words >> verb; steps++) {
-        if (verb.back() == ':') {
-            current = &links[verb];
-            current->prefix = verb + " ";
-        } else if (verb == "in") {
-            words >> callback;
-            std::getline(words, rest, '\0');
-            inside[callback].push_back([rest] { run(rest); });
-        } else {
-            Step step = {*current, current->id, verb};
-            std::getline(words, rest, '&');
-            std::istringstream(rest) >> step.a >> step.b;
-            step.m = atoi(step.a.c_str());
-            step.n = atoi(step.b.c_str());
-            REQUIRE(lenient || verbs.count(verb) == 1);
-            const auto known = verbs.lower_bound(verb);
-            (known == verbs.end() ? verbs.begin() : known)->second(step);
+    if (verbs.count(word) == 0)
+        fprintf(stderr, "scenario.h has no verb '%s'\n", word.c_str());
+    REQUIRE(verbs.count(word) == 1);
+    return word;
+}
+static std::string (*find_verb)(Text word) = known_verb;
+
+// Rest of a stream, without blanks in front.
+static std::string rest_of(std::istringstream &stream)
+{
+    std::string rest;
+    std::getline(stream >> std::ws, rest, '\0');
+    return rest;
+}
+
+static void run_step(Text word, std::istringstream &stream)
+{
+    Step step = {*current, current->channelId, find_verb(word), rest_of(stream), "", "", 0, 0};
+    std::istringstream(step.words) >> step.a >> step.b;
+    step.m = atoi(step.a.c_str());
+    step.n = atoi(step.b.c_str());
+    verbs[step.verb](step);
+}
+
+// At most 300 steps, since a callback may plan itself again.
+static void run_line(Text line)
+{
+    std::istringstream rest(line.substr(0, line.find('#')));
+    for (std::string step, word; steps < 300 && std::getline(rest, step, ';'); steps++) {
+        std::istringstream words(step);
+        while (words >> word && word.back() == ':') {
+            current = &links[word];
+            current->label = word + " ";
         }
+        if (words.fail())
+            continue;
+        if (word != "on") {
+            run_step(word, words);
+            continue;
+        }
+        words >> word; // the callback, and a colon
+        word.pop_back();
+        const std::string first = rest_of(words);
+        planned[word].push_back(first + ";" + rest_of(rest));
     }
 }
 
 static void run(Text scenario)
 {
-    std::istringstream parts(scenario);
-    for (std::string part; std::getline(parts, part, ';');)
-        run_part(part);
+    std::istringstream lines(scenario);
+    for (std::string line; std::getline(lines, line);)
+        run_line(line);
 }
 
+// Before and after a scenario.
 static void begin()
 {
-    [[maybe_unused]] static const int prepared = // the table of timers is kept
-        ruvo_stop_timer(ruvo_start_timer(1, nothing, 0, 0));
+    [[maybe_unused]] static const int once = // the timer library never gives its table back
+        ruvo_stop_timer(ruvo_start_timer(1, doNothing, 0, 0));
     links.clear();
     owners.clear();
     current = &links[""];
-    script = {"P", "P"};
+    actorPlans = {"pass", "pass"};
     notes.clear();
     firstId = tv_get_channel_id();
     descriptors = count_descriptors();
-    calls = failed = blocks = steps = 0;
+    injection.calls = injection.failed = blocks = steps = 0;
     now = 1000000; // no timer is pending
-    armed = true;
-    tv_register_polling_fd(idleFd, nullptr, 0, 0);
-    run("start");
+    injecting = true;
+    tv_register_polling_fd(loopFd, nullptr, 0, 0);
+    run("start_server");
 }
 
 static void end()
 {
-    inside.clear();
-    stop();
+    planned.clear();
+    stop_server();
     for (int id = tv_get_channel_id(); id > firstId; id--)
-        finish(id);
+        close_by_id(id);
     note("the end");
     for (auto &[name, link] : links)
-        hang_up(link);
+        close_peer(link);
     awaited.clear();
-    armed = false;
-    run_loop(INT_MAX); // timers of closed channels
-    tv_unregister_polling_fd(idleFd);
+    injecting = false;
+    advance(INT_MAX); // timers of closed channels
+    tv_unregister_polling_fd(loopFd);
     REQUIRE(openPairs == 0);
     REQUIRE(ruvo_timer_get_expected_interval() == -1);
     REQUIRE(blocks == 0);

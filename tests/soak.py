@@ -1,198 +1,131 @@
 #!/usr/bin/env -S python3 -B
-# soak.py - a server and 13 clients with random requests both ways, and every kind of trouble.
+# soak.py - a server and eight clients with random requests both ways, and every kind of trouble.
 #
-# usage: soak.py <examples/server> <examples/client> [SECONDS [RATE [SEED]]]
+# usage: soak.py <examples/server> <examples/client> [SECONDS [SEED]]
 #
-# Six clients are programs; five of them are now and then stopped until the server has found them
-# silent. Seven are guests, links of examples/peer.py with up to eight requests at a time, which
-# leave in one of WAYS with requests under way, and come again. RATE is how many times as often as
-# usual.
-#
-# Every request has one outcome: its reply, byte by byte; a time-out, not before its time; the loss
-# of its link, which has a cause; or a refusal, because an earlier one waits. The programs print it.
-import collections, itertools, random, re, signal, string, sys, threading, time
+# Four clients are programs, now and then stopped until the server has declared them down. Four are
+# guests, links of examples/peer.py with up to eight requests under way, which leave in one of WAYS.
+# Each reply is compared with its request; at the end the server has its descriptors and memory back.
+import collections, itertools, queue, random, signal, string, sys, threading, time
 
 from programs import PATIENCE, Program, Server, peer, read_until_closed, run
 
-CLIENTS, GUESTS = [f"client{i}" for i in range(6)], [f"guest{i}" for i in range(7)]
-BUSY = CLIENTS[1:]  # the other one only answers heartbeats
-WAYS = ["log out", "close", "log in anew", "fall silent"]
-VERBS = ["say"] * 100 + ["later", "lose"]
-OUTCOMES = "reply", "no reply", "lost", "refused"
-ENDS = "has logged out", "has lost its link", "logs in anew", "has fallen silent"
-LINE = re.compile(r"(\w*):? ?(request|asking|reply|no reply|not sent|no link|connected)?"
-                  r"(?:.*tcp://(\w+):1)? ?(%s)?"  # the server tells what of whom
-                  r"(?:.*?(\d+:\w*)\n)?" % "|".join(ENDS))
-FILLING = string.ascii_letters * 1300
-SECOND = 1000000
-clients = {}  # their programs, by name
-away = {}  # clients without a link, or soon without, and since when
-unheard = set()  # marks of texts that programs have not printed yet
-waiting = {}  # marks of requests, by the end of a link: who speaks, and the server of whom
-owed = set()  # ends with marks of replies that may come, those that are late included
-happened = []
-finds = []  # how long the server has taken for each silent client
+WAYS = ["log out", "close", "log in again", "fall silent"]
+LETTERS = string.ascii_letters.encode() * 1300
+happened = collections.Counter()
+declared_down = collections.defaultdict(threading.Event)  # clients, by name
 
 
-def now():
-    return time.monotonic_ns() // 1000
+def random_text():
+    length = random.choice([random.randrange(300)] * 50 + [random.randrange(60000, 65000)])
+    return LETTERS[random.randrange(52):][:length] + b"."
 
 
-# A text begins with its mark, the time at which it is sent, which also tells the rest.
-def text_of(mark):
-    length = 60000 + mark % 5000 if mark % 50 == 0 else mark // 50 % 300
-    return f"{mark}:" + FILLING[mark % 52:][:length]
+def hear_server(line):
+    for outcome in b"reply of", b"no reply of", b"not sent", b"no such client":
+        happened[f"server: {outcome.decode()}"] += line.startswith(b"server: " + outcome)
+    if b"fallen silent" in line:
+        declared_down[line.split(b"//")[1].split(b":")[0].decode()].set()
 
 
-def mark_of(text):
-    mark = int(text.split(":")[0])
-    assert text.upper() == text_of(mark).upper(), text[:100]
-    return mark
+def drive(server, program, name, until):
+    lines = queue.Queue()
+    client = Program(program, *server.address, name, 1, hear=lines.put)
+
+    def wait_for(*texts):
+        deadline, line = time.monotonic() + PATIENCE, b""
+        while not any(text in line for text in texts):
+            assert time.monotonic() < deadline, texts
+            line = lines.get(timeout=PATIENCE)
+        return line.split(b": ", 1)[1][:-1]
+
+    wait_for(b"logging in")
+    while time.monotonic() < until:
+        text, verb, sent = random_text(), random.choice([b"say"] * 50 + [b"later", b"lose"]), time.monotonic()
+        client.say(verb + b" " + text)
+        outcome = wait_for(b": reply: ", b": no reply", b": not sent")
+        happened[f"{name}: {verb.decode()}"] += 1
+        if outcome != b"reply: " + text.upper():
+            assert outcome.startswith(b"no reply") and time.monotonic() - sent > 0.99, outcome
+            time.sleep(1)  # the late reply must not be taken for the next one
+        if random.random() < 0.005:
+            declared_down[name].clear()
+            client.process.send_signal(signal.SIGSTOP)
+            assert declared_down[name].wait(PATIENCE)
+            client.process.send_signal(signal.SIGCONT)
+            wait_for(b"logging in")
+            happened["stopped"] += 1
+    client.process.stdin.close()
+    assert client.process.wait(PATIENCE) == 0
 
 
-# Tell a program to send a new text.
-def send_by(program, verb):
-    mark = now()
-    unheard.add(mark)
-    program.say(f"{verb} {text_of(mark)}".encode())
-
-
-# Hear a line of any program.
-def hear(line):
-    who, what, name, how, text = LINE.match(line.decode()).groups()
-    name = name if who == "server" else who
-    mark, end = text and mark_of(text), (who, name)
-    if what in ("request", "asking"):
-        happened.append("sent")
-        if end in waiting:
-            what = "refused"  # it says so next
-        else:
-            waiting[end] = mark
-            owed.add((end, mark))
-    elif what in ("reply", "no reply"):
-        since = waiting.pop(end)
-        assert what == "reply" or now() - since >= SECOND
-        if mark:
-            owed.remove((end, mark))
-    elif what == "no link" or how:
-        since = away[name]  # somebody has caused it
-        if waiting.pop(end, None):
-            happened.append("lost")
-        if how == "has fallen silent":
-            finds.append(now() - since)
-        if name in GUESTS:
-            del away[name]
-        elif how and how != "has logged out":
-            clients[name].process.send_signal(signal.SIGCONT)
-    elif what == "connected":
-        away.pop(name, None)
-    happened.append(how or what)
-    unheard.discard(mark)
-
-
-# Few requests of the server get no reply.
-def serve(payload):
-    return payload[4:] if payload[:4] == b"ask " and random.random() < 0.95 else None
-
-
-def send_rqsts(link):
-    texts = [text_of(now()) for _ in range(random.randint(1, 8))]
+def exchange(link):
+    texts = [random_text() for _ in range(random.randint(1, 8))]
     for text in texts:
-        link.send(peer.REQUEST, f"{random.choice(VERBS)} {text}".encode())
-    happened.extend(["sent"] * len(texts))
-    return texts
+        link.send(peer.REQUEST, b"say " + text)
+    deadline = time.monotonic() + PATIENCE
+    for text in texts:
+        while (message := link.step(PATIENCE))[0] != peer.REPLY:
+            assert time.monotonic() < deadline
+        assert message[1] == text.upper()
+    happened["guests: reply"] += len(texts)
 
 
-# A guest: it awaits all replies while it stays, and leaves without those under way.
-def visit(server, number, until, pause):
-    name, newer = GUESTS[number], None
-    ways = itertools.cycle(WAYS[number:] + WAYS[:number])
-    for way in itertools.takewhile(lambda way: now() < until, ways):
-        link = newer or server.connect(name, serve=serve)
-        leaves = min(now() + random.uniform(0, pause), until)
-        while now() < leaves:
-            for text in send_rqsts(link):
-                while (message := link.step(PATIENCE))[0] != peer.REPLY:
-                    assert now() - mark_of(text) < PATIENCE * SECOND
-                assert message[1].decode() == text.upper()
-                happened.append("reply")
-            time.sleep(random.uniform(0, 0.02))
-        happened.extend(["lost"] * len(send_rqsts(link)))
-        away[name], older, newer = now(), link.connection, None
+def visit(server, name, first_way, until):
+    link = server.connect(name, serve=bytes.upper)
+    for way in itertools.islice(itertools.cycle(WAYS), first_way, None):
+        leaves = min(time.monotonic() + random.uniform(0, 2), until)
+        while time.monotonic() < leaves:
+            exchange(link)
+        link.send(peer.REQUEST, b"say " + random_text())  # it leaves without the reply
+        if leaves == until:
+            return link.logout()
+        older, silent_since = link.connection, time.monotonic()
         if way == "log out":
             link.logout()
-        elif way == "log in anew":
-            newer = server.connect(name, serve=serve)
-        if way in ("log in anew", "fall silent"):
+        if way == "log in again":
+            link = server.connect(name, serve=bytes.upper)
             read_until_closed(older)
+        if way == "fall silent":
+            read_until_closed(older)
+            assert time.monotonic() - silent_since > 1.99  # after two heartbeats of one second
         older.close()
-        while name in away:
-            time.sleep(0.01)
-    if newer is not None:
-        away[name] = now()
-        newer.logout()
+        if way != "log in again":
+            link = server.connect(name, serve=bytes.upper)
+        happened[way] += 1
 
 
-# What has begun and not ended: none of it long ago.
-def under_way():
-    time.sleep(random.uniform(0, 0.01))
-    times = [*away.values(), *waiting.values(), *unheard]
-    assert min(times, default=now()) > now() - PATIENCE * SECOND
-    return times
-
-
-def command(server, rate):
-    if random.random() < 0.3:
-        server.say(f"ask {random.choice(BUSY + GUESTS)} 1 {text_of(now())}".encode())
-    if random.random() < 0.01:
-        send_by(server, "all")
-    name = random.choice(BUSY)
-    if name not in away:
-        send_by(clients[name], random.choice(VERBS))
-        if random.random() < rate / 200:
-            away[name] = now()
-            clients[name].process.send_signal(signal.SIGSTOP)
-
-
-def soak(server_program, client_program, seconds=20, rate=1, seed=random.randrange(1000000)):
-    print("seed", seed, flush=True)  # what is drawn, not what comes of it, is the same again
+def soak(server_program, client_program, seconds=20, seed=random.randrange(1000000)):
+    print("seed", seed, flush=True)  # repeats what is drawn, not what comes of it
     random.seed(str(seed))
     signal.alarm(int(seconds) + 90)
-    server = Server(server_program, hear=hear)
+    server = Server(server_program, hear=hear_server)
     descriptors, memory = server.descriptors(), []
-    third, pause = int(seconds) * SECOND // 3, 10 * SECOND // int(rate)
-    until = now() + 3 * third
-    for name in CLIENTS:
-        away[name] = now()
-        clients[name] = Program(client_program, *server.address, name, 1, hear=hear)
-    guests = [threading.Thread(target=visit, args=(server, number, until, pause), daemon=True)
-              for number in range(len(GUESTS))]
-    for guest in guests:
-        guest.start()
-    for end in until - 2 * third, until - third, until:
-        while now() < end:
-            command(server, int(rate))
-            under_way()
-        memory.append(server.kilobytes("VmHWM"))
-    send_by(server, "all")  # what it was told before is heard before
-    while under_way() or any(guest.is_alive() for guest in guests):
-        pass
-    for name in CLIENTS:
-        away[name] = now()
-        clients[name].process.stdin.close()
-        assert clients[name].process.wait(PATIENCE) == 0
+    start = time.monotonic()
+    until = start + int(seconds)
+    threads = [threading.Thread(target=drive, args=(server, client_program, f"program{i}", until))
+               for i in range(4)]
+    threads += [threading.Thread(target=visit, args=(server, f"guest{i}", i, until)) for i in range(4)]
+    for thread in threads:
+        thread.daemon = True
+        thread.start()
+    while any(thread.is_alive() for thread in threads):
+        name = random.choice(["program", "guest"]) + str(random.randrange(4))
+        server.say(b"ask %s 1 " % name.encode() + random_text())
+        if random.random() < 0.01:
+            server.say(b"all " + random_text())
+        time.sleep(random.uniform(0, 0.02))
+        if time.monotonic() > start + int(seconds) / 3 * (len(memory) + 1):
+            memory.append(server.kilobytes("VmHWM"))
+    deadline = time.monotonic() + PATIENCE
     while server.descriptors() != descriptors:
-        under_way()
+        assert time.monotonic() < deadline
     sanitized = server.kilobytes("VmSize") > 2 ** 33  # keeps what is freed
     server.say(b"stop")
     assert server.process.wait(PATIENCE) == 0
-
-    counts = collections.Counter(happened)
-    print(", ".join(f"{what} {counts[what]}" for what in ("sent", *OUTCOMES, *ENDS)))
-    print(f"slowest find of a silent client: {max(finds) / SECOND:.2f} s; memory in KiB: {memory}")
-    assert counts["sent"] == sum(counts[outcome] for outcome in OUTCOMES)
-    assert counts["refused"] <= counts["not sent"] and all(counts[what] for what in OUTCOMES + ENDS)
-    assert max(finds) > 2.99 * SECOND and (sanitized or memory[-1] < memory[0] * 1.1 + 512)
+    print(*(f"{what}: {count}" for what, count in sorted(happened.items())), f"KiB: {memory}", sep=", ")
+    assert all(happened[what] for what in ["server: reply of", "guests: reply", *WAYS])
+    assert sanitized or memory[-1] < memory[0] * 1.1 + 512
 
 
 run(soak, *sys.argv[1:])

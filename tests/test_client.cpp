@@ -1,96 +1,100 @@
-// test_client.cpp - connecting, logging in and out, what a client's handler does with each message,
-// and the operations by id.
+// test_client.cpp - connecting, logging in and out, what a client does with each kind of message,
+// and the limits of the operations by id.
 
 #include "channel_fixture.h"
 
-#include <limits.h>
-
 using Client = ChannelTest;
 
-TEST_F(Client, ReconnectsOnANewConnectionAndStartsItsHeartbeat)
+TEST_F(Client, ConnectsAgainOnANewConnection)
 {
-    run("client");
-    EXPECT_EQ(tv_get_polling_fd(current->id), -1);
-    tv_set_connect_timeout(current->id, 150);
+    run("create_client");
+    EXPECT_EQ(tv_get_polling_fd(current->channelId), -1);
     play(R"(
-        logout                => logout: -1;
-        lose 0 1;
-        dial                  => dials 127.0.0.1:80 within 150, hears login tcp://link:7~;
-        supervise 100 1 & left => -1;
-        dial & left           => hears the end, dials 127.0.0.1:80 within 150,
-                                 hears login tcp://link:7~, 100;
-        logout                => hears logout tcp://link:7~;
-        fail send; dial => hears the end, dials 127.0.0.1:80 within 150,
-                                 linkdown tcp://link:7, dial: -1;
-        fail connect & dial   => hears the end, dials 127.0.0.1:80 within 150, dial: -1)");
-    EXPECT_EQ(logged.back(), "create client or connect server fail");
-    EXPECT_EQ(tv_get_polling_fd(current->id), -1);
+        set_connect_timeout 150
+        disconnect                      => disconnect: -1
+        peer_misses 1                 # the logout, which was numbered
+        connect     => connecting to 127.0.0.1:80 within 150, peer_got login tcp://link:7~
+        enable_heartbeat 100 1
+        next_timer                      => next timer -1
+        connect     => peer_got EOF, connecting to 127.0.0.1:80 within 150,
+                    => peer_got login tcp://link:7~
+        next_timer                      => next timer 100
+        disconnect                      => peer_got logout tcp://link:7~
+        fail send
+        connect     => peer_got EOF, connecting to 127.0.0.1:80 within 150,
+                    => link_down tcp://link:7, connect: -1
+        fail connect
+        connect     => peer_got EOF, connecting to 127.0.0.1:80 within 150, connect: -1
+        last_logged create client or connect server fail)");
+    EXPECT_EQ(tv_get_polling_fd(current->channelId), -1);
 }
 
-TEST_F(Client, AcceptsTheSuccessorAndAnythingAfterZero)
+TEST_F(Client, AcceptsTheNextSequenceNumberAndAnyAfterZero)
 {
     const int cases[][3] = {
+        // last, received, expected
         {0, 5, 5},       {0, -3, -3},     {5, 6, 6},  {5, 7, 6},   {5, 5, 6},
         {INT_MAX, 0, 0}, {INT_MAX, 1, 0}, {-3, 0, 0}, {-3, -2, 0},
     };
-    prepare("client");
-    tv_channel *channel = tv_get_channel(current->id);
+    prepare("create_client");
+    tv_channel *channel = tv_get_channel(current->channelId);
     for (const auto &[last, number, expected] : cases) {
-        const bool accepted = number == expected;
         channel->recvSequence = last;
-        EXPECT_EQ(tv_msg_received(channel, number), accepted ? 0 : -1);
-        EXPECT_EQ(channel->recvSequence, accepted ? number : last);
-        if (!accepted) {
+        if (number == expected) {
+            EXPECT_EQ(tv_msg_received(channel, number), 0);
+            EXPECT_EQ(channel->recvSequence, number);
+        } else {
+            EXPECT_EQ(tv_msg_received(channel, number), -1);
+            EXPECT_EQ(channel->recvSequence, last);
             EXPECT_LOG({"unexpected msg with seq[" + std::to_string(number) +
                         "] received, ignore, expected[" + std::to_string(expected) + "]"});
         }
     }
 }
 
-TEST_F(Client, HandlesEachMessageByItsType)
+TEST_F(Client, HandlesEachMessageByItsKind)
 {
-    prepare("client & dial & actors H P");
-    run("says request x & says reply x & says heartbeat x & says heartbeatack x & says logout x");
-    for (const int result : {0, -1, 0, 0, -1})
-        EXPECT_EQ(handle_client_polling_fd(tv_get_channel(current->id)), result);
+    prepare("create_client; connect; actors handle pass");
+    const std::pair<std::string, int> kinds[] = {
+        {"request", 0}, {"reply", -1}, {"heartbeat", 0}, {"heartbeatack", 0}, {"logout", -1}};
+    for (const auto &[kind, result] : kinds) {
+        run("peer_buffers " + kind + " x");
+        EXPECT_EQ(handle_client_polling_fd(tv_get_channel(current->channelId)), result) << kind;
+    }
     EXPECT_LOG({"no outgoing request, response discarded", "heartbeat msg", "heartbeat ack msg",
                 "unexpected msg received"});
-    play("=> actor0 x, hears heartbeatack {sequence:0}~");
-    play("empty => linkdown tcp://link:7");
+    play(R"(
+                                        => actor0 x, peer_got heartbeatack {sequence:0}~
+        peer_sends_empty_frame          => link_down tcp://link:7)");
 }
 
-TEST_F(Client, AnIdThatNamesNothingOrNoClientIsLoggedInTheOperationsName)
+TEST_F(Client, OperationsLogAnUnknownIdAndAChannelThatIsNoClient)
 {
     const std::pair<std::string, std::function<int(int)>> operations[] = {
-        {"connect_server", [](int id) { return tv_connect_server(id); }},
-        {"disconnect_server", [](int id) { return tv_disconnect_server(id); }},
-        {"get_channel", [](int id) { return tv_set_poll_timeout(id, 1); }},
-        {"register_actor", [](int id) { return tv_register_actor(id, nullptr); }},
-        {"register_resp_handler", [](int id) { return tv_register_resp_handler(id, nullptr); }},
+        {"connect_server", tv_connect_server},
+        {"disconnect_server", tv_disconnect_server},
         {"send_rqst", [](int id) { return tv_send_rqst(id, "", 0, 1); }},
-        {"send_resp", [](int id) { return tv_send_resp(id, "", 0); }},
-        {"get_polling_fd", [](int id) { return tv_get_polling_fd(id); }},
-        {"close_channel", [](int id) { return tv_close_channel(id), -1; }},
-        {"channel_fd_handler", [](int id) { return tv_channel_fd_handler(0, id, 0) - 1; }},
+        {"get_polling_fd", tv_get_polling_fd},
     };
     for (const auto &[name, operation] : operations) {
         EXPECT_EQ(operation(123456), -1);
         EXPECT_LOG({"could not get channel with id[123456] in tv_" + name});
     }
     for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(operations[i].second(server), -1);
-        EXPECT_LOG({"failed on tv_" + operations[i].first + ", channel[" + std::to_string(server) +
+        const auto &[name, operation] = operations[i];
+        EXPECT_EQ(operation(serverId), -1);
+        EXPECT_LOG({"failed on tv_" + name + ", channel[" + std::to_string(serverId) +
                     "] is not a client"});
     }
-    EXPECT_EQ(tv_send_rqst(server, "", 0, 0), -1);
+    EXPECT_EQ(tv_send_rqst(serverId, "", 0, 0), -1);
     EXPECT_LOG({"error in tv_impl_send_rqst, could not send msg to listening socket",
                 "failed to send rqst"});
 }
 
-TEST_F(Client, SettersRefuseWhatMakesNoSenseAndTextsAreCut)
+TEST_F(Client, RefusesSettingsThatMakeNoSenseAndCutsTexts)
 {
     tv_client_addr addr = {"", "", 1, 65535};
-    memset(addr.serverIp, '1', TV_IP_SIZE); // without an end
+    memset(addr.serverIp, '1', TV_IP_SIZE); // without a terminating NUL
     memset(addr.clientIp, '2', TV_IP_SIZE);
     const int id = tv_create_client_channel(&addr);
     const tv_channel *channel = tv_get_channel(id);
@@ -101,33 +105,33 @@ TEST_F(Client, SettersRefuseWhatMakesNoSenseAndTextsAreCut)
     EXPECT_EQ(channel->pollTimeout, INT_MAX);
     EXPECT_EQ(channel->connectTimeout, -1);
     tv_client_enable_heartbeat(id, 100, 1, nullptr);
-    EXPECT_EQ(channel->hbMode, TV_HEARTBEAT_ON); // from the next message on
+    EXPECT_EQ(channel->hbMode, TV_HEARTBEAT_ON);
+    EXPECT_EQ(channel->hbTimerId, -1); // until the next message
     for (int i = 0; i <= TV_MAX_ACTORS; i++)
-        EXPECT_EQ(tv_register_actor(id, act<0>), i < TV_MAX_ACTORS ? 0 : -1);
+        EXPECT_EQ(tv_register_actor(id, actor<0>), i < TV_MAX_ACTORS ? 0 : -1);
     EXPECT_LOG({"too many actors, limitation is 16"});
     prepare("accept");
-    EXPECT_EQ(tv_register_actor(current->id, act<0>), -1);
+    EXPECT_EQ(tv_register_actor(current->channelId, actor<0>), -1);
     EXPECT_LOG({"should not register actor for pair channel, register for server"});
     tv_close_channel(id);
 }
 
-TEST_F(Client, WhatCannotBePackedIsNotSentAndWhatHasNoTimerIs)
+TEST_F(Client, DoesNotSendWhatDoesNotFitAMessage)
 {
-    prepare("client & dial & actors D P & gets request x");
-    EXPECT_EQ(tv_send_rqst(current->id, nullptr, 0, 100), -1);
-    EXPECT_EQ(tv_send_rqst(current->id, "", -1, 100), -1);
-    EXPECT_EQ(tv_send_resp(current->id, "", -1), -1);
+    prepare("create_client; connect; actors defer pass; peer_sends request x");
+    EXPECT_EQ(tv_send_rqst(current->channelId, nullptr, 0, 100), -1);
+    EXPECT_EQ(tv_send_rqst(current->channelId, "", -1, 100), -1);
+    EXPECT_EQ(tv_send_resp(current->channelId, "", -1), -1);
     const std::string negative = "pack_msg_to_buf, negative length[-1]";
     EXPECT_LOG({"pack requst fail:0", negative, "pack requst fail:-1", negative});
-    play("respond late => hears reply late; fail ruvo_start_timer & ask x 100 => hears request x");
-    EXPECT_EQ(logged.back(),
-              "failed on start timer for channel[" + std::to_string(current->id) + "]");
+    play("send_reply late => peer_got reply late");
 }
 
-TEST_F(Client, WaitsForNothingLongerThanItsPollTimeout)
+TEST_F(Client, WaitsNoLongerThanItsPollTimeout)
 {
-    prepare("client & dial");
-    for (const std::string wait : {"flood & flood & flood", "serve"}) { // no room, and nothing to read
+    prepare("create_client; connect");
+    const std::string large = "send_large_request 0; "; // three are too many for the socket
+    for (const std::string &wait : {large + large + large, "serve"s}) {
         const long long start = now;
         run(wait);
         EXPECT_EQ(now - start, 100);
@@ -137,13 +141,13 @@ TEST_F(Client, WaitsForNothingLongerThanItsPollTimeout)
 
 TEST_F(Client, NeedsNoHandlers)
 {
-    prepare("client & dial");
-    tv_register_resp_handler(current->id, nullptr);
-    tv_register_timeout_handler(current->id, nullptr);
-    tv_register_linkdown_callback(current->id, nullptr);
-    for (const char *const end : {"gets reply pong", "after 100"}) {
-        play("ask ping 100 & "s + end + " => hears request ping");
+    prepare("create_client; connect");
+    tv_register_resp_handler(current->channelId, nullptr);
+    tv_register_timeout_handler(current->channelId, nullptr);
+    tv_register_linkdown_callback(current->channelId, nullptr);
+    for (const std::string end : {"peer_sends reply pong", "advance 100"}) {
+        play("send_request ping 100; " + end + " => peer_got request ping");
         awaited.clear();
     }
-    play("fail send & ask ping 100 => ask: -1");
+    play("fail send; send_request ping 100 => send_request: -1");
 }

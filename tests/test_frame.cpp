@@ -1,8 +1,8 @@
 // test_frame.cpp - frames that fail between two connected descriptors, and slow peers, on the
 // simulated clock. Whole frames and arbitrary streams of bytes are covered by fuzz_frame.cpp.
 
-#include "frail_system.h"
 #include "log_capture.h"
+#include "simulated_os.h"
 
 static const int patience = 30000;
 static const std::string none = "(null)";
@@ -41,20 +41,15 @@ struct Frame : testing::Test {
         close(ends[0]);
         close(ends[1]);
         meanwhile = nullptr;
-        active = nullptr;
-        armed = false;
-        effort = 0;
+        injecting = false;
+        recvMs = 0;
     }
 
     // From now on so many calls fail.
-    void calls_fail(const fault &which, int how, bool many)
+    void calls_fail(const Fault &fault, int way, bool lasting)
     {
-        active = &which;
-        way = how;
-        lasting = many;
-        target = 1;
-        calls = 0;
-        armed = true;
+        injection = {&fault, way, 1, lasting};
+        injecting = true;
     }
 
     LogCapture log;
@@ -128,11 +123,11 @@ TEST_F(Frame, OneDeadlineCoversHeaderAndBody)
 // Every recv() takes 10 ms here, and finds the frame buffered.
 TEST_F(Frame, WorkCountsAndAfterTheDeadlineWhatIsBufferedMayCompleteASmallFrame)
 {
-    static const fault halving = {" recv ", {HALF}, SAME, ""}; // many recv() for a small frame
+    static const Fault halving = {{"recv"}, {HALF}, SAME, ""}; // many recv() for a small frame
     const std::string small(5000, 'x'), large(300000, 'x');    // two recv() for the large one
     const int room = 1 << 20;
     __real_setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
-    effort = 10;
+    recvMs = 10;
     for (const int timeoutMs : {0, 21, 20}) {
         peer_writes(frame(large));
         EXPECT_EQ(receive(timeoutMs), timeoutMs == 20 ? none : large);
@@ -151,7 +146,7 @@ TEST_F(Frame, WorkCountsAndAfterTheDeadlineWhatIsBufferedMayCompleteASmallFrame)
 
 TEST_F(Frame, ATryComesBeforeAWaitAndItsEagainIsNotLogged)
 {
-    static const fault sends = {" send ", {}, SAME, ""}, receives = {" recv ", {}, SAME, ""};
+    static const Fault sends = {{"send"}, {}, SAME, ""}, receives = {{"recv"}, {}, SAME, ""};
     const std::string again = "Resource temporarily unavailable",
                       interrupted = "Interrupted system call";
     polls = 0;
@@ -161,7 +156,7 @@ TEST_F(Frame, ATryComesBeforeAWaitAndItsEagainIsNotLogged)
     EXPECT_EQ(polls, 0);
     EXPECT_LOG({});
     const struct {
-        const fault &which;
+        const Fault &which;
         int error;
         size_t entries;
         std::string text;

@@ -1,5 +1,5 @@
-// test_link.cpp - requests, replies and supervision over one channel, the same on a client and on a
-// pair.
+// test_link.cpp - requests, replies and supervision over one channel. Every scenario is played on a
+// client, and again on a pair.
 
 #include "channel_fixture.h"
 
@@ -7,92 +7,109 @@ static const struct Scenario {
     const char *name, *steps;
 } scenarios[] = {
     {"AReplyEndsTheWaitForOneRequest", R"(
-        ask a~b 100       => hears request a~b;
-        ask second 100    => ask: -1;
-        log               => has pending outgoing request, could not send request now;
-        in resp ask next 200; gets reply c~d => resp c~d, hears request next;
-        left => 200; gets reply => resp (null))"},
+        send_request a~b 100                => peer_got request a~b
+        send_request second 100             => send_request: -1
+        logged has pending outgoing request, could not send request now
+        on response: send_request next 200
+        peer_sends reply c~d; next_timer    => response c~d, peer_got request next, next timer 200
+        peer_sends reply                    => response (null))"},
 
-    {"ATimeOutEndsTheWaitAndWithoutATimerOnlyTheReplyDoes", R"(
-        ask ping 100      => hears request ping;
-        in timeout ask early 100; after 99; after 1 => timeout, ask: -1;
-        ask tell 0 & ask tell -1 => hears request tell, hears request tell;
-        gets reply late; log => no outgoing request, response discarded;
-        fail ruvo_start_timer & ask more 100 => hears request more;
-        gets reply told   => resp told;
-        fail nothing & ask ping 100 => hears request ping;
-        in timeout gets reply just-in-time & ask next 100;
-        after 100         => timeout, resp just-in-time, hears request next;
-        ask early 100     => ask: -1)"},
+    {"ATimeoutEndsTheWait", R"(
+        send_request ping 100               => peer_got request ping
+        on timeout: send_request early 100
+        advance 99; next_timer; advance 1   => next timer 1, timeout, send_request: -1
+        send_request untimed 0              => peer_got request untimed
+        send_request untimed -1             => peer_got request untimed
+        peer_sends reply late
+        logged no outgoing request, response discarded)"},
+
+    {"WithoutATimerOnlyTheReplyEndsTheWait", R"(
+        fail ruvo_start_timer
+        send_request ping 100               => peer_got request ping
+        send_request early 100              => send_request: -1
+        peer_sends reply pong               => response pong)"},
+
+    {"AReplyMayArriveWhileTheTimeoutHandlerRuns", R"(
+        send_request ping 100               => peer_got request ping
+        on timeout: peer_sends reply just-in-time; send_request next 100
+        advance 100                         => timeout, response just-in-time, peer_got request next
+        send_request early 100              => send_request: -1)"},
 
     {"ActorsAreAskedInOrderUntilOneTakesTheRequest", R"(
-        actors P Hb  & gets request x  => actor0 x, actor1 x, hears reply b;
-        actors Pa H  & gets request x  => actor0 x, actor1 x, hears reply a;
-        actors Xa Hb & gets request x  => actor0 x, hears reply a;
-        actors H Hb  & gets request x  => actor0 x;
-        respond late => respond: -1; log => no message pending, response discarded;
-        actors Pa D  & gets request x  => actor0 x, actor1 x;
-        respond late => hears reply late;
-        in actor0 respond early; actors D Hb  & gets request x => actor0 x, respond: -1;
-        respond late => hears reply late;
-        actors Pa P  & gets request x  => actor0 x, actor1 x;
-        log          => no actor registered to process this msg:
-                        7 velun_tolvane_request tcp://link:7 velun_tolvane_payload x;
-        gets request; log => get_msg_payload, unexpected tolvane received,
-                        not expected msg layout, ignore: 8 velun_tolvane_request tcp://link:7)"},
+        actors pass handle:b;   peer_sends request x  => actor0 x, actor1 x, peer_got reply b
+        actors pass:a handle;   peer_sends request x  => actor0 x, actor1 x, peer_got reply a
+        actors other:a handle;  peer_sends request x  => actor0 x, peer_got reply a
+        actors handle handle:b; peer_sends request x  => actor0 x
+        send_reply late                               => send_reply: -1
+        logged no message pending, response discarded
+        actors pass:a defer;    peer_sends request x  => actor0 x, actor1 x
+        send_reply late                               => peer_got reply late
+        on actor0: send_reply early
+        actors defer handle:b;  peer_sends request x  => actor0 x, send_reply: -1
+        send_reply late                               => peer_got reply late
+        actors pass:a pass;     peer_sends request x  => actor0 x, actor1 x
+        logged no actor registered to process this msg: 7 velun_tolvane_request tcp://link:7 velun_tolvane_payload x
+        peer_sends request
+        last_logged not expected msg layout, ignore: 8 velun_tolvane_request tcp://link:7)"},
 
-    // After four replies the queue's indices begin anew. The last reply serves all, nested.
     {"EightRequestsWaitBehindADeferredOneAndTheNinthIsDropped", R"(
-        actors D P & gets request 1 => actor0 1;
-        gets request 2 & gets request 3 & gets request 4 & gets request 5 & gets request 6 &
-        gets request 7 & gets request 8 & gets request 9 & gets request lost;
-        respond + => hears reply +, actor0 2; respond + => hears reply +, actor0 3;
-        respond + => hears reply +, actor0 4; respond + => hears reply +, actor0 5;
-        gets request a & gets request b & gets request c & gets request d & gets request lost;
-        actors H- P & respond + => hears reply +,
-            actor0 6, hears reply -, actor0 7, hears reply -, actor0 8, hears reply -,
-            actor0 9, hears reply -, actor0 a, hears reply -, actor0 b, hears reply -,
-            actor0 c, hears reply -, actor0 d, hears reply -)"},
+        actors defer pass; peer_sends request 1       => actor0 1
+        peer_sends request 2; peer_sends request 3; peer_sends request 4; peer_sends request 5
+        peer_sends request 6; peer_sends request 7; peer_sends request 8; peer_sends request 9
+        peer_sends request dropped
+        send_reply +; send_reply +                    => peer_got reply +, actor0 2,
+                                                      => peer_got reply +, actor0 3
+        peer_sends request a; peer_sends request b    # in the first two slots
+        peer_sends request dropped
+        actors handle:- pass; send_reply +            => peer_got reply +,
+            => actor0 4, peer_got reply -, actor0 5, peer_got reply -, actor0 6, peer_got reply -,
+            => actor0 7, peer_got reply -, actor0 8, peer_got reply -, actor0 9, peer_got reply -,
+            => actor0 a, peer_got reply -, actor0 b, peer_got reply -)"},
 
-    // Also when the first one of them gets no reply.
     {"RequestsWaitWhileTheChannelAwaitsAReply", R"(
-        actors H P; ask mine 100 & gets request A & gets request B => hears request mine;
-        after 100       => timeout, actor0 A, actor0 B;
-        actors H+ P; ask mine 100 & gets request A & gets request B => hears request mine;
-        gets reply yes  => resp yes, actor0 A, hears reply +, actor0 B, hears reply +)"},
+        send_request mine 100; peer_sends request A; peer_sends request B  => peer_got request mine
+        actors handle pass; advance 100     => timeout, actor0 A, actor0 B
+        send_request mine 100; peer_sends request A; peer_sends request B  => peer_got request mine
+        actors handle:+ pass
+        peer_sends reply yes => response yes, actor0 A, peer_got reply +, actor0 B, peer_got reply +)"},
 
     {"WhatCannotBeSentLeavesTheChannelAsItWas", R"(
-        actors D P & gets request x => actor0 x;
-        fail send & in linkdown ask untold 0;
-        ask lost 100      => linkdown tcp://link:7, ask: -1, ask: -1;
-        respond lost      => linkdown tcp://link:7, respond: -1;
-        lose 0 3 & fail nothing; respond at-last => hears reply at-last;
-        ask again 100     => hears request again)"},
+        actors defer pass; peer_sends request x       => actor0 x
+        fail send
+        on link_down: send_request inside 0           # which does not run the callback again
+        send_request lost 100    => link_down tcp://link:7, send_request: -1, send_request: -1
+        send_reply lost          => link_down tcp://link:7, send_reply: -1
+        fail nothing; peer_misses 3
+        send_reply at-last                            => peer_got reply at-last
+        send_request again 100                        => peer_got request again)"},
 
     {"ASilentPeerIsDeclaredDownOnceAndItsChannelStays", R"(
-        supervise 100 0 & gets heartbeatack {}; after 99; after 1 => linkdown tcp://link:7;
-        gets heartbeat {} => hears heartbeatack {sequence:0}~; left => -1;
-        supervise 100 2 & gets heartbeatack {};
-        after 99; after 1 => hears heartbeat {sequence:1}, {interval:100},{count:2}~;
-        after 99; after 1 => hears heartbeat {sequence:2}, {interval:100},{count:2}~;
-        after 99; after 1 => linkdown tcp://link:7;
-        gets heartbeat {} => hears heartbeatack {sequence:2}~; left => -1)"},
+        enable_heartbeat 100 0; peer_sends heartbeatack {}
+        advance 99; next_timer; advance 1   => next timer 1, link_down tcp://link:7
+        peer_sends heartbeat {}; next_timer => peer_got heartbeatack {sequence:0}~, next timer -1
+        enable_heartbeat 100 2; peer_sends heartbeatack {}
+        advance 100                         => peer_got heartbeat {sequence:1}, {interval:100},{count:2}~
+        advance 99
+        advance 1                           => peer_got heartbeat {sequence:2}, {interval:100},{count:2}~
+        advance 99
+        advance 1                           => link_down tcp://link:7
+        peer_sends heartbeat {}; next_timer => peer_got heartbeatack {sequence:2}~, next timer -1)"},
 
-    {"EveryAcceptedMessageStartsSupervisionAnewAndARefusedOneDoesNot", R"(
-        actors H P & supervise 100 1; gets request x => actor0 x;
-        after 199         => hears heartbeat {sequence:1}, {interval:100},{count:1}~;
-        gets reply x & after 199        => hears heartbeat {sequence:1}, {interval:100},{count:1}~;
-        gets heartbeatack {} & after 99; lose 1 0 & gets request after-a-gap;
-        after 100         => hears heartbeat {sequence:1}, {interval:100},{count:1}~;
-        after 1           => linkdown tcp://link:7)"},
+    {"EveryAcceptedMessageRestartsSupervisionAndARejectedOneDoesNot", R"(
+        enable_heartbeat 100 1; actors handle pass; peer_sends request x  => actor0 x
+        advance 199                         => peer_got heartbeat {sequence:1}, {interval:100},{count:1}~
+        peer_sends reply x; advance 199     => peer_got heartbeat {sequence:1}, {interval:100},{count:1}~
+        peer_sends heartbeatack {}; advance 99
+        drop_frames 1; peer_sends request after-a-gap
+        advance 100                         => peer_got heartbeat {sequence:1}, {interval:100},{count:1}~
+        advance 1                           => link_down tcp://link:7)"},
 
-    // A change is not a start: that comes with the next message, if there is an interval.
-    {"NewSettingsCountAtOnceAndChangeThePeriodWithTheNextStart", R"(
-        supervise 100 1 & gets heartbeatack {}; supervise 300 0 & left => 100;
-        gets heartbeatack {} & left   => 300;
-        supervise 100 5;
-        after 300         => hears heartbeat {sequence:1}, {interval:100},{count:5}~;
-        supervise 0 1 & gets heartbeatack {} & left   => 300)"},
+    {"ANewCountHoldsAtOnceAndANewIntervalFromTheNextMessageOn", R"(
+        enable_heartbeat 100 1; peer_sends heartbeatack {}
+        enable_heartbeat 300 0; next_timer  => next timer 100
+        peer_sends heartbeatack {}; next_timer  => next timer 300
+        enable_heartbeat 100 5; advance 300 => peer_got heartbeat {sequence:1}, {interval:100},{count:5}~
+        enable_heartbeat 0 1; peer_sends heartbeatack {}; next_timer  => next timer 300)"},
 };
 
 struct OneLink : ChannelTest, testing::WithParamInterface<Scenario> {
@@ -100,15 +117,15 @@ struct OneLink : ChannelTest, testing::WithParamInterface<Scenario> {
 
 TEST_P(OneLink, OnAClient)
 {
-    prepare("client & dial & lose 1 0"); // whose peer has sent no login
+    prepare("create_client; connect; drop_frames 1"); // a pair's peer has sent a login already
     play(GetParam().steps);
 }
 
 TEST_P(OneLink, OnAPair)
 {
-    prepare("login tcp://link:7");
+    prepare("peer_logs_in tcp://link:7");
     play(GetParam().steps);
 }
 
-INSTANTIATE_TEST_SUITE_P(Plays, OneLink, testing::ValuesIn(scenarios),
+INSTANTIATE_TEST_SUITE_P(Scenarios, OneLink, testing::ValuesIn(scenarios),
                          [](const auto &info) { return std::string(info.param.name); });

@@ -1,0 +1,19 @@
+// require.h - REQUIRE(condition): end the program where the condition does not hold. For programs
+// without GoogleTest, and for what must hold of every scenario.
+#ifndef REQUIRE_H
+#define REQUIRE_H
+
+#include <stdio.h>
+#include <stdlib.h>
+
+#define REQUIRE(condition) require(condition, #condition, __FILE__, __LINE__)
+
+inline void require(bool holds, const char *condition, const char *file, int line)
+{
+    if (!holds) {
+        fprintf(stderr, "%s:%d: not true: %s\n", file, line, condition);
+        abort();
+    }
+}
+
+#endif

@@ -104,9 +104,10 @@ static const struct Scenario {
     {"AHeartbeatThatGivesUpInsideLinkDownIsReportedAfterIt", R"(
         send_request ping 100               => peer_got request ping
         enable_heartbeat 100 0; peer_sends heartbeatack {}
-        on timeout: peer_closes; serve
-        on link_down: advance 0             # the heartbeat is due
-        advance 100                         => timeout, link_down tcp://link:7, link_down tcp://link:7)"},
+        on timeout: peer_sends_bytes 36-bytes-that-begin-no-frame-at-all!
+        on link_down: advance 0; send_reply early # the heartbeat is due
+        advance 100                         => timeout, link_down tcp://link:7, send_reply: -1,
+                                            => link_down tcp://link:7)"},
 
     {"EveryAcceptedMessageRestartsSupervisionAndARejectedOneDoesNot", R"(
         enable_heartbeat 100 1; actors handle pass; peer_sends request x  => actor0 x

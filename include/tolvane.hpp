@@ -45,7 +45,6 @@
 #include <chrono>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
@@ -59,7 +58,6 @@
 #include <string_view>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <system_error>
 #include <type_traits>
@@ -76,7 +74,7 @@ using std::chrono::milliseconds;
 /* The longest request or reply in bytes. It fits one message whatever the link and the URL. */
 constexpr std::size_t max_payload = 65398;
 
-/* A callable of any kind, move-only ones included; move-only itself. An empty one does nothing.
+/* A callable of any kind, move-only ones included; copies share it. An empty one does nothing.
  * A callback that is destroyed or replaced while it runs lives on until it returns. */
 template <class Signature> class callback;
 template <class... Args> class callback<void(Args...)>
@@ -94,9 +92,6 @@ public:
           })
     {
     }
-    callback(callback &&) = default;
-    callback &operator=(callback &&) = default;
-
     explicit operator bool() const
     {
         return target != nullptr;
@@ -180,12 +175,9 @@ enum class reason { logged_out, replaced, lost, closed };
 
 class request;
 
-namespace detail
-{
-
 // The library's lower functions that the layer is built on. They are declared here because
 // tolvane.h hides them from application programs; a second declaration does no harm.
-namespace c
+namespace detail::c
 {
 extern "C" {
 int pack_outgoing_rqst(tv_channel *channel, const char *payload, int len);
@@ -203,6 +195,9 @@ int login_msg_received(tv_channel *channel, char *msg);
 tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url);
 }
 }
+
+namespace detail
+{
 
 using clock = std::chrono::steady_clock;
 
@@ -318,7 +313,7 @@ public:
 
 private:
     friend class timer;
-    friend class peer;
+    friend class other_end;
     friend struct detail::farewell;
     friend struct detail::link;
     friend struct detail::client_state;
@@ -336,7 +331,12 @@ private:
         alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
         for (const int counter : {wakeup, alarm}) {
             if (!watch(
-                    counter, [counter] { clear(counter); }, EPOLLIN))
+                    counter,
+                    [counter] {
+                        eventfd_t count;
+                        eventfd_read(counter, &count);
+                    },
+                    EPOLLIN))
                 return close();
         }
     }
@@ -349,18 +349,6 @@ private:
         const auto dropped = std::exchange(posted, {});
         always.clear();
         unsent.clear();
-    }
-    static void clear(int counter)
-    {
-        std::uint64_t count;
-        if (read(counter, &count, sizeof(count)) < 0)
-            return; // it is clear already
-    }
-    static void wake()
-    {
-        const std::uint64_t one = 1;
-        if (write(wakeup, &one, sizeof(one)) < 0)
-            return; // the counter is full: it is ready as it is
     }
     static status watch(int fd, callback<void()> handler, unsigned events)
     {
@@ -402,13 +390,13 @@ private:
         const std::lock_guard<std::mutex> lock(guard);
         posted.push_back(std::move(task));
         if (posted.size() == 1)
-            wake();
+            eventfd_write(wakeup, 1);
     }
     // Something became due outside run_once(): a loop around this one has to call it.
     static void work_added()
     {
         if (nested && depth == 0)
-            wake();
+            eventfd_write(wakeup, 1);
     }
     static bool busy()
     {
@@ -429,12 +417,12 @@ private:
     static void serve(const epoll_event *events, int count)
     {
         const unsigned mine = ++round;
-        const auto steady = always;
+        const auto also = always;
         now = detail::clock::now();
         for (int i = 0; i < count && round == mine; i++)
             serve(events[i]);
-        for (std::size_t i = 0; i < steady.size() && round == mine; i++)
-            serve(steady[i]);
+        for (auto event = also.begin(); event != also.end() && round == mine; ++event)
+            serve(*event);
         run_posted();
         ruvo_fire_timer();
         send_all();
@@ -476,7 +464,7 @@ private:
         when.it_value.tv_nsec = due < 0 ? 0 : std::max(due % 1000 * 1000000L, 1L);
         timerfd_settime(alarm, 0, &when, nullptr);
         if (busy() || !unsent.empty())
-            wake();
+            eventfd_write(wakeup, 1);
     }
 
     static inline int objects = 0, epoll = -1, wakeup = -1, alarm = -1;
@@ -680,10 +668,10 @@ struct connection {
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // the system would not take all of the output
     buffer in, out;
-    std::string failure;           // why it has ended; what was received before is served first
-    std::uint32_t waiting_for = 0; // plain link: the request that was sent, perhaps timed out
-    bool serving = false;          // plain link: a received request is not answered yet
-    std::list<std::pair<std::string, std::size_t>> backlog; // and these wait behind it
+    std::string failure;            // why it has ended; what was received before is served first
+    std::uint32_t waiting_for = 0;  // plain link: the request that was sent, perhaps timed out
+    bool serving = false;           // plain link: a received request is not answered yet
+    std::list<std::string> backlog; // and these messages wait behind it
     std::size_t backlog_size = 0;
     timer heartbeat, overdue;
     int missed = 0; // heartbeats without an answer
@@ -705,8 +693,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         std::string text;
     };
 
-    link(const options &settings, std::shared_ptr<bool> exists)
-        : opts(settings), alive(std::move(exists))
+    link(const options &settings, std::shared_ptr<bool> exists, bool many_connections)
+        : opts(settings), alive(std::move(exists)), reconnects(many_connections)
     {
     }
     virtual ~link() = default;
@@ -715,12 +703,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     virtual void end(reason why, std::string text, bool now) = 0;
     virtual void arrived(request received) = 0;
     virtual void drained() = 0;
-    virtual void answered(bool)
-    {
-    }
-    virtual void session(int, std::string &)
-    {
-    }
+    virtual void session(int type, std::string &message) = 0; // login and what belongs to it
 
     // ---- the connection
 
@@ -806,6 +789,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     status check(std::string_view text, bool plain)
     {
+        if (id == -1 && !reconnects)
+            return {std::errc::not_connected, "the link is closed"};
         if (text.size() > max_payload)
             return {std::errc::message_size, "the payload is too long"};
         if (plain && text.find("velun_tolvane_") != std::string_view::npos)
@@ -879,33 +864,26 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (queued() < opts.max_queued) // else the other end does not read, and would not see it
             append(message, build(channel, message, sizeof(message)), {});
     }
-    bool may_send(std::uint32_t call_id) const
-    {
-        return established && (pipelined || call_id == 0 || waiting_for == 0);
-    }
-    void transmit(std::uint32_t call_id, std::string_view text)
-    {
-        if (pipelined)
-            return append_request(text, {call_id != 0 ? '?' : '!', call_id});
-        append_request(text);
-        if (call_id != 0)
-            waiting_for = call_id;
-    }
     void submit(std::uint32_t call_id, std::string_view text)
     {
-        if (waiting.empty() && may_send(call_id))
-            return transmit(call_id, text);
         waiting.push_back({call_id, std::string(text)});
         waiting_size += text.size();
+        pump();
     }
     // Send what waits and may go now.
     void pump()
     {
-        while (!waiting.empty() && may_send(waiting.front().id)) {
-            const auto next = std::move(waiting.front());
-            waiting.pop_front();
-            waiting_size -= next.text.size();
-            transmit(next.id, next.text);
+        while (established && !waiting.empty()) {
+            const auto next = waiting.begin();
+            const bool plain_call = !pipelined && next->id != 0;
+            if (plain_call && waiting_for != 0)
+                return;
+            if (plain_call)
+                waiting_for = next->id;
+            const mark with{pipelined ? (next->id != 0 ? '?' : '!') : 'p', next->id};
+            append_request(next->text, with);
+            waiting_size -= next->text.size();
+            waiting.erase(next);
         }
     }
     status tell(std::string_view text)
@@ -933,29 +911,29 @@ struct link : connection, std::enable_shared_from_this<link> {
     status reply(int connection_id, mark to, std::string_view text)
     {
         if (connection_id != id || id == -1)
-            return {std::errc::not_connected, "the link of the request is gone"};
+            return {std::errc::not_connected, "the link of the request is closed"};
         const status result = check(text, to.kind == 'p');
         if (result && to.kind == 'p')
             append(channel->msgBuf, c::pack_outgoing_resp(channel, "", 0), text);
         else if (result)
             append_request(text, {'=', to.id});
-        if (result && to.kind == 'p')
-            served();
+        if (result)
+            served(to);
         return result;
     }
     void decline(int connection_id, mark to)
     {
         if (connection_id != id || id == -1)
             return;
-        if (to.kind == 'p')
-            served();
-        else if (queued() < opts.max_queued)
+        if (to.kind != 'p' && queued() < opts.max_queued)
             append_request({}, {'-', to.id});
+        served(to);
     }
     // A plain link's request needs no service any more. The next one gets it in the loop.
-    void served()
+    void served(mark to)
     {
-        serving = false;
+        if (to.kind == 'p')
+            serving = false;
         if (!backlog.empty())
             serve_later();
     }
@@ -1023,8 +1001,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (!serving && !backlog.empty()) {
             auto next = std::move(backlog.front());
             backlog.pop_front();
-            backlog_size -= next.first.size();
-            return deliver({}, std::move(next.first), next.second);
+            backlog_size -= next.size();
+            return handle(std::move(next));
         }
         const auto size = std::size_t(next_frame());
         std::string body(in.data() + frame_header, size);
@@ -1049,9 +1027,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             reply_received(std::move(body), start);
         else if (type == TV_MSG_HEARTBEAT)
             append_heartbeat(c::build_heartbeat_ack_msg);
-        else if (type == TV_MSG_HEARTBEAT_ACK)
-            answered(false);
-        else if (type == TV_MSG_LOGIN || type == TV_MSG_LOGOUT)
+        else
             session(type, body);
     }
     void request_received(std::string body, std::size_t start)
@@ -1061,14 +1037,14 @@ struct link : connection, std::enable_shared_from_this<link> {
             (pipelined || !established) && with.read(std::string_view(body).substr(start));
         if (!marked && serving) {
             backlog_size += body.size();
-            backlog.emplace_back(std::move(body), start);
+            backlog.push_back(std::move(body));
         } else if (!marked || with.kind == '?' || with.kind == '!') {
             deliver(marked ? with : mark(), std::move(body), start + (marked ? mark::size : 0));
         } else if (with.kind == '-') {
             finish(with.id, {outcome::declined,
                              {std::errc::operation_canceled, "the other end declined to reply"}});
         } else if (with.id == 0) {
-            answered(true);
+            session(TV_MSG_REQUEST, body);
         } else {
             finish(with.id, {outcome::replied, {}, std::move(body), start + mark::size});
         }
@@ -1116,6 +1092,7 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     const options opts;
     const std::shared_ptr<bool> alive; // the client or server object still exists
+    const bool reconnects;             // a client's: what is sent without a connection waits
     bool touched = false, unread = false, stalled = false; // stalled: drained() is due
     std::map<std::uint32_t, call> calls;
     std::list<unsent_request> waiting; // for the connection, or for a plain link's turn
@@ -1130,17 +1107,62 @@ template <class T> constexpr char type_tag = 0; // its address stands for the ty
 
 }
 
-// ---- peer ----------------------------------------------------------------------------------
+// ---- peer ---------------------------------------------------------------------------------------
+
+/* Whom a link leads to: what a server's peer and a client have in common. */
+class other_end
+{
+public:
+    /* Send a request.
+     *
+     *   text     at most max_payload bytes of any kind; copied. On a plain link, and while there is
+     *            no connection, it must not contain "velun_tolvane_"
+     *   timeout  for the reply, from now on, waiting included
+     *   handler  runs exactly once, unless the client or server is destroyed before
+     *
+     * A refused request's handler gets outcome::refused, and response::status() says why. On a plain
+     * link the next request after a timeout waits until the late reply has come; when it has not
+     * come options::late_reply later, the link is closed. */
+    void request(std::string_view text, milliseconds timeout, callback<void(response)> handler)
+    {
+        if (link != nullptr)
+            return link->ask(text, timeout, std::move(handler));
+        loop::later([handler = std::move(handler)] { handler({outcome::refused, nobody()}); });
+    }
+    /* Send a one-way request, which gets no reply. Success says that it is queued: a link that is
+     * lost loses what it had queued. Refused: a text that request() would refuse. A program on the C
+     * interface must not answer it. */
+    status tell(std::string_view text)
+    {
+        return link != nullptr ? link->tell(text) : nobody();
+    }
+    /* The bytes that wait to be sent. */
+    std::size_t queued() const
+    {
+        return link != nullptr ? link->queued() : 0;
+    }
+
+protected:
+    explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to))
+    {
+    }
+    static status nobody()
+    {
+        return {std::errc::not_connected, "a handle of nobody"};
+    }
+    std::shared_ptr<detail::link> link;
+};
 
 /* One client of a server: a handle to copy and keep. It turns false when the client's connection
  * ends, and stays false: a client that connects again is another peer. Handles of the same
  * connection compare equal. */
-class peer
+class peer : public other_end
 {
 public:
     /* A handle of nobody. */
     peer() = default;
-    /* True while the client is connected. */
+    /* True while the client is connected. Then request() and tell() reach it; after that they are
+     * refused. */
     explicit operator bool() const
     {
         return link != nullptr && link->id != -1;
@@ -1150,28 +1172,6 @@ public:
     {
         static const std::string none;
         return link != nullptr ? link->url : none;
-    }
-    /* The bytes that wait to be sent to the client. */
-    std::size_t queued() const
-    {
-        return *this ? link->queued() : 0;
-    }
-    /* Send the client a request; see client::request. When the client has gone, the handler gets
-     * outcome::lost. */
-    void request(std::string_view text, milliseconds timeout, callback<void(response)> handler)
-    {
-        if (*this)
-            return link->ask(text, timeout, std::move(handler));
-        loop::later([handler = std::move(handler)] {
-            handler({outcome::lost, {std::errc::not_connected, "the client has gone"}});
-        });
-    }
-    /* Send the client a one-way request; see client::tell. Refused also when it has gone. */
-    status tell(std::string_view text)
-    {
-        if (!*this)
-            return {std::errc::not_connected, "the client has gone"};
-        return link->tell(text);
     }
     /* End the connection once what is queued is sent, at most connect_timeout later; the handle
      * turns false now. Requests under way get outcome::lost, and on_logout gets reason::closed. */
@@ -1196,20 +1196,13 @@ public:
     {
         return a.link == b.link;
     }
-    friend bool operator!=(const peer &a, const peer &b)
-    {
-        return a.link != b.link;
-    }
 
 private:
     friend class request;
     friend class server;
     friend struct detail::server_state;
     friend struct detail::pair;
-    explicit peer(std::shared_ptr<detail::link> owner) : link(std::move(owner))
-    {
-    }
-    std::shared_ptr<detail::link> link;
+    using other_end::other_end;
 };
 
 // ---- request -------------------------------------------------------------------------------
@@ -1304,7 +1297,8 @@ inline bool is_address(const std::string &text)
 
 struct client_state final : link {
     client_state(const options &settings, endpoint to, endpoint self)
-        : link(settings, std::make_shared<bool>(true)), server(std::move(to)), name(std::move(self))
+        : link(settings, std::make_shared<bool>(true), true), server(std::move(to)),
+          name(std::move(self))
     {
     }
     void arrived(request received) override
@@ -1339,34 +1333,31 @@ struct client_state final : link {
             const auto late = shared_from_this();
             end(reason::lost, "the server did not answer in time", true);
         });
-        if (const char *failed = start_connecting())
-            end(reason::lost, std::string(failed) + ": " + error_text(errno), true);
+        if (!start_connecting())
+            end(reason::lost, "connecting failed: " + error_text(errno), true);
     }
-    // Returns null, or what failed, with errno.
-    const char *start_connecting()
+    bool start_connecting()
     {
         tv_client_addr address{};
         server.host.copy(address.serverIp, sizeof(address.serverIp) - 1);
         address.serverPort = server.port;
         tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
         if (record == nullptr)
-            return "no channel";
+            return false;
         std::strcpy(record->url, name.url().c_str()); // longer than the two fields allow
         open(record, socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         record->clientSocket->fd = fd;
-        if (fd < 0)
-            return "no socket";
         const int on = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         sockaddr_in to{};
         to.sin_family = AF_INET;
         to.sin_port = htons(server.port);
         inet_pton(AF_INET, server.host.c_str(), &to.sin_addr);
+        const auto connected = [self = shared_from_this(), this] { finish_connecting(); };
         if (::connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof(to)) != 0 &&
             errno != EINPROGRESS)
-            return "connecting failed";
-        const auto connected = [self = shared_from_this(), this] { finish_connecting(); };
-        return loop::watch(fd, connected, EPOLLOUT) ? nullptr : "connecting failed";
+            return false;
+        return bool(loop::watch(fd, connected, EPOLLOUT));
     }
     // TCP has connected, or has failed to. Log in, and send a heartbeat behind the login: a server
     // of this layer answers the login first, any other one answers the heartbeat only. Requests
@@ -1396,9 +1387,11 @@ struct client_state final : link {
                getpeername(fd, reinterpret_cast<sockaddr *>(&other), &other_size) == 0 &&
                own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
     }
-    void answered(bool both_layers) override
+    // Both layers: the server has accepted a pipelined link. Else it has answered a heartbeat.
+    void session(int type, std::string &) override
     {
-        if (established || (both_layers && !opts.pipelined))
+        const bool both_layers = type == TV_MSG_REQUEST && opts.pipelined;
+        if (established || (type != TV_MSG_HEARTBEAT_ACK && !both_layers))
             return;
         established = true;
         pipelined = both_layers;
@@ -1452,8 +1445,9 @@ struct client_state final : link {
 
 }
 
-/* A client: one link to a server, kept up until disconnect(). */
-class client
+/* A client: one link to a server, kept up until disconnect(). While there is no connection, requests
+ * and one-way requests wait for one. */
+class client : public other_end
 {
 public:
     /* Set a client up; connect() starts it.
@@ -1463,14 +1457,16 @@ public:
      *   name    what this client logs in as; a newer client of the same name replaces an older one
      */
     client(loop &, endpoint server, endpoint name, options options = {})
-        : state(std::make_shared<detail::client_state>(options, std::move(server), std::move(name)))
+        : other_end(
+              std::make_shared<detail::client_state>(options, std::move(server), std::move(name))),
+          state(static_cast<detail::client_state *>(link.get()))
     {
     }
     /* Disconnect. Handlers of requests under way are destroyed without a call. */
     ~client()
     {
         *state->alive = false;
-        state->disconnect();
+        disconnect();
     }
     client(client &&) = delete;
 
@@ -1486,33 +1482,6 @@ public:
     void disconnect()
     {
         state->disconnect();
-    }
-    /* Send the server a request. While there is no connection it waits for one.
-     *
-     *   text     at most max_payload bytes of any kind; copied. On a plain link, and while there is
-     *            no connection, it must not contain "velun_tolvane_"
-     *   timeout  for the reply, from now on, waiting included
-     *   handler  runs exactly once, unless the client is destroyed before
-     *
-     * A refused request's handler gets outcome::refused, and response::status() says why. On a plain
-     * link the next request after a timeout waits until the late reply has come; when it has not
-     * come options::late_reply later, the link is closed. */
-    void request(std::string_view text, milliseconds timeout, callback<void(response)> handler)
-    {
-        state->ask(text, timeout, std::move(handler));
-    }
-    /* Send the server a one-way request, which gets no reply. While there is no connection it waits
-     * for one. Success says that it is queued: a link that is lost loses what it had queued.
-     * Refused: text as in request() is too long or not allowed, or the queue is full. A server on
-     * the C interface must not answer it. */
-    status tell(std::string_view text)
-    {
-        return state->tell(text);
-    }
-    /* The bytes that wait to be sent. */
-    std::size_t queued() const
-    {
-        return state->queued();
     }
     /* Set what runs when the server has read the login. A server that is full has not. */
     void on_connected(callback<void()> handler)
@@ -1540,7 +1509,7 @@ public:
     }
 
 private:
-    std::shared_ptr<detail::client_state> state;
+    detail::client_state *const state; // the link
 };
 
 // ---- server --------------------------------------------------------------------------------
@@ -1641,7 +1610,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
 // The server's end of one connection.
 struct pair final : link {
     explicit pair(std::shared_ptr<server_state> owner)
-        : link(owner->opts, owner->alive), server(std::move(owner))
+        : link(owner->opts, owner->alive, false), server(std::move(owner))
     {
         established = true;
     }
@@ -1655,11 +1624,11 @@ struct pair final : link {
     }
     void session(int type, std::string &message) override
     {
-        if (type == TV_MSG_LOGOUT)
-            return end(reason::logged_out, {}, true);
         int length = 0;
         const char *name = c::get_msg_payload(message.data(), int(message.size()), &length);
-        if (name != nullptr && *name != '\0')
+        if (type == TV_MSG_LOGOUT)
+            end(reason::logged_out, {}, true);
+        else if (type == TV_MSG_LOGIN && name != nullptr && *name != '\0')
             login(message, name);
     }
     // As the library does, but with the handlers of the layer: an older link of the same name ends

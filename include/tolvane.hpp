@@ -283,23 +283,45 @@ public:
             nest();
         return waited;
     }
-    /* Run a callback whenever a descriptor of the program's is readable, until unwatch(). The
-     * descriptor stays the program's. A file, which is always readable, is called in every round.
-     * Refused: a descriptor that is watched already, or is none. */
-    status watch(int fd, callback<void()> readable)
+    /* Run a callback whenever a descriptor of the program's is readable, or ready for other events
+     * of epoll, until unwatch(). The descriptor stays the program's. A file, which is always ready,
+     * has its callback run in every round. Refused: a descriptor that is watched already, or is none. */
+    static status watch(int fd, callback<void()> ready, unsigned events = EPOLLIN)
     {
-        return watch(fd, std::move(readable), EPOLLIN);
+        if (watched.count(fd) != 0)
+            return {std::errc::file_exists, "the descriptor is watched already"};
+        epoll_event event{};
+        event.events = events;
+        event.data.u64 = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
+        const bool refused = epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0;
+        if (refused && errno != EPERM)
+            return {std::errc(errno), "the descriptor cannot be watched"};
+        if (refused)
+            always.push_back(event);
+        watched[fd] = {event, std::move(ready)};
+        work_added();
+        return {};
     }
     /* Stop watching a descriptor, effective immediately; before it is closed. Does nothing when it
      * is not watched. */
-    void unwatch(int fd)
+    static void unwatch(int fd)
     {
-        release(fd);
+        const auto found = watched.find(fd);
+        if (found == watched.end())
+            return;
+        const auto released = std::move(found->second); // its destructor may call back
+        watched.erase(found);
+        epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr);
+        const auto same = [&](auto &event) { return event.data.u64 == released.event.data.u64; };
+        always.erase(std::remove_if(always.begin(), always.end(), same), always.end());
     }
     /* Run a callback in the loop's next round. Any thread may call this. */
-    void post(callback<void()> task)
+    static void post(callback<void()> task)
     {
-        later(std::move(task));
+        const std::lock_guard<std::mutex> lock(guard);
+        posted.push_back(std::move(task));
+        if (posted.size() == 1)
+            eventfd_write(wakeup, 1);
     }
     /* Return a descriptor that is readable when run_once(0) has work, for nesting this loop in
      * another one: watch it there, and call run_once(0) when it is readable. It stays the loop's.
@@ -313,11 +335,8 @@ public:
 
 private:
     friend class timer;
-    friend class other_end;
     friend struct detail::farewell;
     friend struct detail::link;
-    friend struct detail::client_state;
-    friend struct detail::server_state;
     struct watched_fd {
         epoll_event event; // with the descriptor and a number that no other registration has
         callback<void()> handler;
@@ -330,13 +349,7 @@ private:
         wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
         for (const int counter : {wakeup, alarm}) {
-            if (!watch(
-                    counter,
-                    [counter] {
-                        eventfd_t count;
-                        eventfd_read(counter, &count);
-                    },
-                    EPOLLIN))
+            if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
                 return close();
         }
     }
@@ -350,22 +363,6 @@ private:
         always.clear();
         unsent.clear();
     }
-    static status watch(int fd, callback<void()> handler, unsigned events)
-    {
-        if (watched.count(fd) != 0)
-            return {std::errc::file_exists, "the descriptor is watched already"};
-        epoll_event event{};
-        event.events = events;
-        event.data.u64 = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
-        const bool refused = epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0;
-        if (refused && errno != EPERM)
-            return {std::errc(errno), "the descriptor cannot be watched"};
-        if (refused)
-            always.push_back(event);
-        watched[fd] = {event, std::move(handler)};
-        work_added();
-        return {};
-    }
     static void change(int fd, unsigned events)
     {
         const auto found = watched.find(fd);
@@ -373,24 +370,6 @@ private:
             return;
         found->second.event.events = events;
         epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &found->second.event);
-    }
-    static void release(int fd)
-    {
-        const auto found = watched.find(fd);
-        if (found == watched.end())
-            return;
-        const auto released = std::move(found->second); // its destructor may call back
-        watched.erase(found);
-        epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr);
-        const auto same = [&](auto &event) { return event.data.u64 == released.event.data.u64; };
-        always.erase(std::remove_if(always.begin(), always.end(), same), always.end());
-    }
-    static void later(callback<void()> task)
-    {
-        const std::lock_guard<std::mutex> lock(guard);
-        posted.push_back(std::move(task));
-        if (posted.size() == 1)
-            eventfd_write(wakeup, 1);
     }
     // Something became due outside run_once(): a loop around this one has to call it.
     static void work_added()
@@ -631,7 +610,7 @@ struct mark {
 struct farewell {
     farewell(int descriptor, buffer unsent, milliseconds time)
         : fd(descriptor), out(std::move(unsent)),
-          limit(timer::once(time, [this] { loop::release(fd); }))
+          limit(timer::once(time, [this] { loop::unwatch(fd); }))
     {
     }
     ~farewell()
@@ -653,7 +632,7 @@ struct farewell {
         }
         const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
         if (got == 0 || (got < 0 && !try_later(errno)))
-            loop::release(fd); // and this object with it
+            loop::unwatch(fd); // and this object with it
     }
     int fd;
     buffer out;
@@ -716,13 +695,12 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     status watch()
     {
-        return loop::watch(
-            fd, [self = shared_from_this()] { self->ready(); }, EPOLLIN);
+        return loop::watch(fd, [self = shared_from_this()] { self->ready(); });
     }
     // Close the connection at once.
     void shut()
     {
-        loop::release(fd);
+        loop::unwatch(fd);
         tv_close_channel(id);
         static_cast<connection &>(*this) = connection();
     }
@@ -743,7 +721,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (now)
             task();
         else
-            loop::later(std::move(task));
+            loop::post(std::move(task));
     }
     // Give up the requests under way, in their order. Those not sent yet may wait on.
     void lose(bool keep_unsent, bool now)
@@ -990,7 +968,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         if (std::exchange(unread, true))
             return;
-        loop::later([self = shared_from_this(), current = id] {
+        loop::post([self = shared_from_this(), current = id] {
             self->unread = false;
             if (self->id == current && current != -1)
                 self->ready();
@@ -1127,7 +1105,7 @@ public:
     {
         if (link != nullptr)
             return link->ask(text, timeout, std::move(handler));
-        loop::later([handler = std::move(handler)] { handler({outcome::refused, nobody()}); });
+        loop::post([handler = std::move(handler)] { handler({outcome::refused, nobody()}); });
     }
     /* Send a one-way request, which gets no reply. Success says that it is queued: a link that is
      * lost loses what it had queued. Refused: a text that request() would refuse. A program on the C
@@ -1370,7 +1348,7 @@ struct client_state final : link {
             error = errno;
         if (error == 0 && connected_to_itself())
             error = ECONNREFUSED;
-        loop::release(fd);
+        loop::unwatch(fd);
         if (error != 0 || !watch())
             return end(reason::lost, "connecting failed: " + error_text(error), true);
         const int length = c::build_login_msg(channel, channel->url);
@@ -1544,7 +1522,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
     {
         if (fd == -1)
             return;
-        loop::release(std::exchange(fd, -1));
+        loop::unwatch(std::exchange(fd, -1));
         retry.stop();
         port = 0;
         while (!pairs.empty())
@@ -1556,8 +1534,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
     {
         if (fd == -1 || retry || pairs.size() >= opts.max_clients)
             return;
-        const status watched = loop::watch(
-            fd, [self = shared_from_this()] { self->ready(); }, EPOLLIN);
+        const status watched = loop::watch(fd, [self = shared_from_this()] { self->ready(); });
         if (!watched && watched.error() != std::errc::file_exists)
             pause();
     }
@@ -1571,12 +1548,12 @@ struct server_state : std::enable_shared_from_this<server_state> {
                 return pause();
         }
         if (pairs.size() >= opts.max_clients)
-            loop::release(fd);
+            loop::unwatch(fd);
     }
     // Without descriptors or memory, try again after a while.
     void pause()
     {
-        loop::release(fd);
+        loop::unwatch(fd);
         retry = timer::once(milliseconds(100), [this] { resume(); });
     }
     bool add(int accepted);

@@ -315,11 +315,12 @@ public:
         const auto same = [&](auto &event) { return event.data.u64 == released.event.data.u64; };
         always.erase(std::remove_if(always.begin(), always.end(), same), always.end());
     }
-    /* Run a callback in the loop's next round. Any thread may call this. */
+    /* Run a callback in the loop's next round. Any thread may call this while there is a loop. */
     static void post(callback<void()> task)
     {
         const std::lock_guard<std::mutex> lock(guard);
-        posted.push_back(std::move(task));
+        if (epoll >= 0)
+            posted.push_back(std::move(task));
         if (posted.size() == 1)
             eventfd_write(wakeup, 1);
     }
@@ -1643,10 +1644,11 @@ struct pair final : link {
             shut();
         server->resume();
         lose(false, now);
-        settle(now, [self, this, why] {
+        // The data may hold a handle or a request of this link, so it goes even if nobody is called.
+        const std::shared_ptr<void> cleanup(this, [self](pair *ended) { ended->data = nullptr; });
+        settle(now, [self, this, why, cleanup] {
             if (*alive && !url.empty())
                 server->on_logout(peer(self), why);
-            data = nullptr;
         });
     }
     const std::shared_ptr<server_state> server;

@@ -119,9 +119,12 @@ private:
     static void answer(tolvane::request &request, const text &reply)
     {
         const tolvane::status answered = request.reply(reply);
-        // One that is too long gets a short reply instead: otherwise the client waits in vain.
-        if (!answered && !request.reply("too long to be answered"))
-            say(text("could not answer: ") + answered.what());
+        if (answered.error() == std::errc::message_size) {
+            answer(request, "too long to be answered"); // rather than nothing at all
+        } else if (!answered) {
+            say("could not answer " + name_of(request.from()) + ": " + answered.what());
+            request.from().close(); // it does not read, or has gone
+        }
     }
 
     // The request keeps until it is answered, also when its client leaves meanwhile.
@@ -187,7 +190,8 @@ int main(int argc, char **argv)
     const auto listening =
         server.listen(argv[optind], static_cast<uint16_t>(atoi(argv[optind + 1])));
     if (!listening) {
-        fprintf(stderr, "server: cannot listen: %s\n", listening.what());
+        fprintf(stderr, "server: %s (%s)\n", listening.what(),
+                std::make_error_code(listening.error()).message().c_str());
         return EXIT_FAILURE;
     }
     text rest;

@@ -135,8 +135,8 @@ static void serve(tolvane::server &server, const text &address, int port, const 
     });
     const auto listening = server.listen(address, static_cast<uint16_t>(port));
     if (!listening)
-        fail("cannot listen on " + address + " port " + std::to_string(port) + ": " +
-             listening.what());
+        fail(text("cannot listen: ") + listening.what() + " (" +
+             std::make_error_code(listening.error()).message() + ")");
     fprintf(stderr, "tvcat: listening on port %d\n", server.port());
 }
 

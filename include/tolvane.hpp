@@ -1512,6 +1512,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
                     "the address cannot be listened on"};
         fd = tv_get_server_polling_fd();
         fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
+        ::listen(fd, SOMAXCONN);                             // again, with a longer backlog
         sockaddr_in own{};
         socklen_t size = sizeof(own);
         getsockname(fd, reinterpret_cast<sockaddr *>(&own), &size);

@@ -148,13 +148,13 @@ private:
         if (!client)
             return say("no such client: " + address + " " + port);
         say("asking " + name_of(client) + ": " + question);
-        client.request("ask " + question, askTimeout, [client](tolvane::response reply) {
+        client.request("ask " + question, askTimeout, [client, question](tolvane::response reply) {
             if (reply)
                 say("reply of " + name_of(client) + ": " + text(reply.payload()));
             else if (reply.outcome() == tolvane::outcome::timed_out)
                 say("no reply of " + name_of(client) + " within 1000 ms");
             else
-                say("not answered by " + name_of(client));
+                say("not answered by " + name_of(client) + ": " + question);
         });
     }
 

@@ -9,11 +9,7 @@
 #include "tolvane.hpp"
 
 #include <algorithm>
-#include <arpa/inet.h>
-#include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #define REQUIRE(condition)                                                                         \
     ((condition) ? (void)0                                                                         \
@@ -44,25 +40,21 @@ template <class Condition> bool until(tolvane::loop &loop, Condition holds)
 
 // ---- a connection, byte by byte
 
-inline text frame(const text &body)
-{
-    const uint32_t size = htonl(static_cast<uint32_t>(body.size()));
-    text header("TCP_WATER_MARK");
-    header.resize(32);
-    return header.append(reinterpret_cast<const char *>(&size), sizeof(size)) + body;
-}
-
-// A message of the client raw; 0x00 is written as ~.
+// A message of the client raw; ~ stands for 0x00.
 inline text message(int number, const text &tag, text payload)
 {
     std::replace(payload.begin(), payload.end(), '~', '\0');
-    return frame(std::to_string(number) + "\nvelun_tolvane_" + tag +
-                 "\ntcp://raw:1\nvelun_tolvane_payload\n" + payload);
+    const text body = std::to_string(number) + "\nvelun_tolvane_" + tag +
+                      "\ntcp://raw:1\nvelun_tolvane_payload\n" + payload;
+    const uint32_t size = htonl(static_cast<uint32_t>(body.size()));
+    text frame("TCP_WATER_MARK");
+    frame.resize(32);
+    return frame.append(reinterpret_cast<const char *>(&size), sizeof(size)) + body;
 }
 
 inline const text login = message(0, "login", "tcp://raw:1~");
-inline const text alive = message(0, "heartbeatack", "{sequence:0}~"); // a server answers the login
-inline const text pipelinedLogin = message(0, "login", "tcp://raw:1~pipelined~");
+inline const text pipelined_login = message(0, "login", "tcp://raw:1~pipelined~");
+inline const text acknowledgement = message(0, "heartbeatack", "{sequence:0}~");
 
 struct raw {
     int fd;
@@ -77,8 +69,7 @@ struct raw {
     }
     bool send(const text &bytes) // false if the other end does not take all of it now
     {
-        return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(bytes.size());
+        return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == ssize_t(bytes.size());
     }
     bool ended()
     {
@@ -99,7 +90,7 @@ inline int connect_to(int port)
     return impl_create_client_socket("127.0.0.1", port, 10000);
 }
 
-// A server of raw connections, to be asked for the next one with tcp_impl_accept_socket().
+// A server of raw connections; tcp_impl_accept_socket() returns the next one, or a negative number.
 inline int listen_here()
 {
     const int fd = impl_create_server_socket("127.0.0.1", 0);
@@ -107,7 +98,7 @@ inline int listen_here()
     return fd;
 }
 
-inline int port_of(int fd)
+inline uint16_t port_of(int fd)
 {
     sockaddr_in address = {};
     socklen_t size = sizeof(address);
@@ -144,20 +135,16 @@ struct noting_server : tolvane::server {
     explicit noting_server(tolvane::loop &loop, tolvane::options options = quick())
         : server(loop, options)
     {
-        static const char *const reasons[] = {" logged out", " replaced", " lost", " closed"};
         on_request(answering("server"));
-        on_login([](tolvane::peer peer) { notes.push_back(peer.url() + " logged in"); });
-        on_logout([](tolvane::peer peer, tolvane::reason why) {
-            notes.push_back(peer.url() + reasons[static_cast<int>(why)]);
-        });
+        on_login([](tolvane::peer peer) { notes.push_back(peer.url()); });
         REQUIRE(listen("127.0.0.1", 0));
     }
 };
 
 struct noting_client : tolvane::client {
-    noting_client(tolvane::loop &loop, int port, const text &name,
+    noting_client(tolvane::loop &loop, uint16_t port, const text &name,
                   tolvane::options options = quick())
-        : client(loop, {"127.0.0.1", static_cast<uint16_t>(port)}, {name, 1}, options)
+        : client(loop, {"127.0.0.1", port}, {name, 1}, options)
     {
         on_request(answering(name));
         on_connected([name] { notes.push_back(name + " connected"); });

@@ -874,17 +874,19 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void ask(std::string_view text, milliseconds timeout, callback<void(response)> handler)
     {
-        const status result = check(text, !pipelined);
+        do
+            last_id++;
+        while (last_id == 0 || calls.count(last_id) != 0);
+        status result = check(text, !pipelined);
+        timer limit = timer::once(timeout, [this, number = last_id] { timed_out(number); });
+        if (result && !limit)
+            result = {std::errc::not_enough_memory, "no memory for the timeout"};
         if (!result)
             return settle(false, [exists = alive, handler = std::move(handler), result] {
                 if (*exists)
                     handler({outcome::refused, result});
             });
-        do
-            last_id++;
-        while (last_id == 0 || calls.count(last_id) != 0);
-        calls[last_id] = {std::move(handler),
-                          timer::once(timeout, [this, number = last_id] { timed_out(number); })};
+        calls[last_id] = {std::move(handler), std::move(limit)};
         submit(last_id, text);
     }
     status reply(int connection_id, mark to, std::string_view text)
@@ -1121,10 +1123,11 @@ public:
         return link != nullptr ? link->queued() : 0;
     }
 
-protected:
     explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to))
     {
     }
+
+protected:
     static status nobody()
     {
         return {std::errc::not_connected, "a handle of nobody"};
@@ -1138,8 +1141,6 @@ protected:
 class peer : public other_end
 {
 public:
-    /* A handle of nobody. */
-    peer() = default;
     /* True while the client is connected. Then request() and tell() reach it; after that they are
      * refused. */
     explicit operator bool() const
@@ -1176,11 +1177,7 @@ public:
         return a.link == b.link;
     }
 
-private:
-    friend class request;
-    friend class server;
-    friend struct detail::server_state;
-    friend struct detail::pair;
+    /* For the layer itself: the handle of a link, or of nobody. */
     using other_end::other_end;
 };
 
@@ -1288,21 +1285,9 @@ struct client_state final : link {
     {
         on_drained();
     }
-    status connect()
+    void attempt_after(milliseconds time)
     {
-        const std::string own = name.url();
-        const auto control = [](unsigned char letter) { return letter < ' '; };
-        if (!is_address(server.host) || server.port == 0)
-            return {std::errc::invalid_argument,
-                    "the server's address is no dotted IPv4 text, or its port is 0"};
-        if (name.host.empty() || own.size() >= TV_URL_SIZE ||
-            std::any_of(own.begin(), own.end(), control))
-            return {std::errc::invalid_argument, "the client's name does not fit a URL"};
-        if (!std::exchange(active, true)) {
-            backoff = first_backoff;
-            step = timer::once(milliseconds(1), [this] { attempt(); });
-        }
-        return {};
+        step = timer::once(time, [this] { attempt(); });
     }
     // Begin a connection on a fresh channel: an old one would go on counting messages.
     void attempt()
@@ -1323,7 +1308,7 @@ struct client_state final : link {
         tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
         if (record == nullptr)
             return false;
-        std::strcpy(record->url, name.url().c_str()); // longer than the two fields allow
+        std::snprintf(record->url, TV_URL_SIZE, "%s", name.url().c_str()); // any length that fits
         open(record, socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         record->clientSocket->fd = fd;
         const int on = 1;
@@ -1362,9 +1347,9 @@ struct client_state final : link {
     {
         sockaddr_in own{}, other{};
         socklen_t own_size = sizeof(own), other_size = sizeof(other);
-        return getsockname(fd, reinterpret_cast<sockaddr *>(&own), &own_size) == 0 &&
-               getpeername(fd, reinterpret_cast<sockaddr *>(&other), &other_size) == 0 &&
-               own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
+        getsockname(fd, reinterpret_cast<sockaddr *>(&own), &own_size);
+        getpeername(fd, reinterpret_cast<sockaddr *>(&other), &other_size);
+        return own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
     }
     // Both layers: the server has accepted a pipelined link. Else it has answered a heartbeat.
     void session(int type, std::string &) override
@@ -1391,7 +1376,7 @@ struct client_state final : link {
         if (active) {
             const auto half = backoff.count() / 2;
             const milliseconds wait(half + milliseconds::rep(random()) % (half + 1));
-            step = timer::once(wait, [this] { attempt(); });
+            attempt_after(wait);
             backoff = std::min(backoff * 2, last_backoff);
         }
         lose(active, now);
@@ -1454,7 +1439,17 @@ public:
      * on_lost. Does nothing while it is under way. */
     status connect()
     {
-        return state->connect();
+        const std::string own = state->name.url();
+        const auto control = [](unsigned char letter) { return letter < ' '; };
+        if (!detail::is_address(state->server.host) || state->server.port == 0)
+            return {std::errc::invalid_argument,
+                    "the server's address is no dotted IPv4 text, or its port is 0"};
+        if (state->name.host.empty() || own.size() >= TV_URL_SIZE ||
+            std::any_of(own.begin(), own.end(), control))
+            return {std::errc::invalid_argument, "the client's name does not fit a URL"};
+        if (!std::exchange(state->active, true))
+            state->attempt_after(milliseconds(1));
+        return {};
     }
     /* Log out and end the connection once what is queued is sent, at most connect_timeout later.
      * Requests under way or not sent yet get outcome::lost; on_lost is not called. */
@@ -1500,37 +1495,6 @@ struct server_state : std::enable_shared_from_this<server_state> {
     explicit server_state(const options &settings) : opts(settings)
     {
     }
-    status listen(const std::string &address, std::uint16_t at)
-    {
-        if (!is_address(address))
-            return {std::errc::invalid_argument, "the address is no dotted IPv4 text"};
-        if (tv_service_server.serverChannel != nullptr)
-            return {std::errc::device_or_resource_busy, "a server is running in this process"};
-        errno = 0;
-        if (tv_start_server(address.c_str(), at) == -1)
-            return {errno != 0 ? std::errc(errno) : std::errc::address_not_available,
-                    "the address cannot be listened on"};
-        fd = tv_get_server_polling_fd();
-        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
-        ::listen(fd, SOMAXCONN);                             // again, with a longer backlog
-        sockaddr_in own{};
-        socklen_t size = sizeof(own);
-        getsockname(fd, reinterpret_cast<sockaddr *>(&own), &size);
-        port = ntohs(own.sin_port);
-        resume();
-        return {};
-    }
-    void stop()
-    {
-        if (fd == -1)
-            return;
-        loop::unwatch(std::exchange(fd, -1));
-        retry.stop();
-        port = 0;
-        while (!pairs.empty())
-            std::shared_ptr<link>(pairs.begin()->second)->end(reason::closed, {}, false);
-        tv_stop_server();
-    }
     // Accept clients while there is room for them. A full server leaves them in the system's backlog.
     void resume()
     {
@@ -1561,20 +1525,12 @@ struct server_state : std::enable_shared_from_this<server_state> {
     bool add(int accepted);
     std::shared_ptr<link> find(const char *url) const
     {
+        if (fd == -1)
+            return nullptr;
         const tv_channel *found = c::get_channel_by_ip(&tv_service_server.pairList, url);
         const auto entry = pairs.find(found != nullptr ? found->channelId : -1);
-        return fd != -1 && entry != pairs.end() ? entry->second : nullptr;
+        return entry != pairs.end() ? entry->second : nullptr;
     }
-    std::vector<peer> peers() const
-    {
-        std::vector<peer> all;
-        for (const auto &entry : pairs) {
-            if (!entry.second->url.empty())
-                all.push_back(peer(entry.second));
-        }
-        return all;
-    }
-
     const options opts;
     const std::shared_ptr<bool> alive = std::make_shared<bool>(true);
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
@@ -1623,17 +1579,14 @@ struct pair final : link {
             return;
         c::login_msg_received(channel, copy); // names the channel, and releases the copy
         url = channel->url;
-        if (opts.pipelined && behind_url(message) == pipelined_offer) {
+        const auto end_of_url = message.find('\0');
+        if (opts.pipelined && end_of_url != std::string::npos &&
+            message.compare(end_of_url + 1, std::string::npos, pipelined_offer) == 0) {
             append_request({}, {'=', 0});
             pipelined = true;
             pump();
         }
         server->on_login(peer(shared_from_this()));
-    }
-    static std::string_view behind_url(std::string_view message)
-    {
-        const auto end_of_url = std::min(message.find('\0'), message.size() - 1);
-        return message.substr(end_of_url + 1);
     }
     void end(reason why, std::string, bool now) override
     {
@@ -1688,16 +1641,33 @@ public:
     ~server()
     {
         *state->alive = false;
-        state->stop();
+        stop();
     }
     server(server &&) = delete;
 
     /* Listen on a dotted IPv4 address, "0.0.0.0" for all, and a port, 0 for one that the system
      * chooses. Refused: another text, an address that cannot be listened on, or a server that runs
      * in this process already, on the C interface or on this one. */
-    status listen(const std::string &address, std::uint16_t port)
+    status listen(const std::string &address, std::uint16_t at)
     {
-        return state->listen(address, port);
+        if (!detail::is_address(address))
+            return {std::errc::invalid_argument, "the address is no dotted IPv4 text"};
+        if (tv_service_server.serverChannel != nullptr)
+            return {std::errc::device_or_resource_busy, "a server is running in this process"};
+        errno = 0;
+        if (tv_start_server(address.c_str(), at) == -1)
+            return {errno != 0 ? std::errc(errno) : std::errc::address_not_available,
+                    "the address cannot be listened on"};
+        state->fd = tv_get_server_polling_fd();
+        fcntl(state->fd, F_SETFL,
+              fcntl(state->fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
+        ::listen(state->fd, SOMAXCONN);                // again, with a longer backlog
+        sockaddr_in own{};
+        socklen_t size = sizeof(own);
+        getsockname(state->fd, reinterpret_cast<sockaddr *>(&own), &size);
+        state->port = ntohs(own.sin_port);
+        state->resume();
+        return {};
     }
     /* The port it listens on, or 0. */
     std::uint16_t port() const
@@ -1707,7 +1677,15 @@ public:
     /* Stop listening and close all peers, as peer::close() does. listen() may follow. */
     void stop()
     {
-        state->stop();
+        if (state->fd == -1)
+            return;
+        loop::unwatch(std::exchange(state->fd, -1));
+        state->retry.stop();
+        state->port = 0;
+        while (!state->pairs.empty())
+            std::shared_ptr<detail::link>(state->pairs.begin()->second)
+                ->end(reason::closed, {}, false);
+        tv_stop_server();
     }
     /* The client that logged in with a URL, or a handle of nobody. */
     peer find(const std::string &url) const
@@ -1717,14 +1695,19 @@ public:
     /* All clients that have logged in, in the order in which they connected. */
     std::vector<peer> peers() const
     {
-        return state->peers();
+        std::vector<peer> all;
+        for (const auto &entry : state->pairs) {
+            if (!entry.second->url.empty())
+                all.push_back(peer(entry.second));
+        }
+        return all;
     }
     /* Send all clients that have logged in a one-way request. Returns how many it was queued for;
      * those that are full, or cannot take this payload, are left out. */
     std::size_t broadcast(std::string_view text)
     {
         std::size_t count = 0;
-        for (auto &one : state->peers())
+        for (auto &one : peers())
             count += one.tell(text) ? 1 : 0;
         return count;
     }

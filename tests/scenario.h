@@ -459,8 +459,8 @@ static std::map<std::string, Act> verbs = {
      [](const Step &) {
          note("next timer " + std::to_string(ruvo_timer_get_expected_interval()));
      }},
-    {"be_busy", [](const Step &s) { now += std::min(s.m, 10000); }},
-    {"advance", [](const Step &s) { advance(std::min(s.m, 10000)); }},
+    {"be_busy", [](const Step &s) { now += std::clamp(s.m, 0, 10000); }},
+    {"advance", [](const Step &s) { advance(std::clamp(s.m, 0, 10000)); }},
 };
 
 // The verb that a word stands for. A fuzz target, which is given any words, has a rule of its own.

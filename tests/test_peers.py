@@ -119,19 +119,14 @@ def send_stale_event(server):
     assert not select.select([newcomer], [], [], 0)[0], "the newcomer was given up"
 
 
-# Half of them leave, with a logout or without a word, while others come.
-def serve_many(*programs, count=500):
+def serve_many(*programs):
     for program in programs:
         server = Server(program)
         send_stale_event(server)
-        links = [server.connect("many", i) for i in range(count)]
-        ask(links)
-        for i in range(0, count, 2):
-            if i % 4 == 0:
-                links[i].logout()
-            links[i].connection.close()
-            links[i] = server.connect("many", count + i)
-        ask(links)
+        links = [server.connect("many", i) for i in range(300)]
+        for link in links[::2]:
+            link.logout()
+        ask(links[1::2] + [server.connect("more", i) for i in range(150)])
 
 
 # ---- hostile

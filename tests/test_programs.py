@@ -71,8 +71,8 @@ def cat(tvcat, example):
 # ---- two hosts
 
 
-# Two network namespaces, and a cable between them, which is pulled out and put back. A namespace lives
-# as long as the process in it: nothing is mounted, and nothing can be left behind.
+# Two network namespaces, and a cable between them, which is pulled out and put back. A namespace
+# lives as long as the process in it: nothing is mounted, and nothing can be left behind.
 def pull_cable(folder):
     hosts = [Program("unshare", "--net", "sleep", 100) for _ in range(2)]
     a, b = [["nsenter", f"--net=/proc/{host.process.pid}/ns/net"] for host in hosts]
@@ -86,7 +86,7 @@ def pull_cable(folder):
         time.sleep(0.01)
     cable = ip(a, f"link add wire type veth peer name wire netns {hosts[1].process.pid}")
     if cable.returncode != 0:
-        print("skipped: no network namespaces here:", hosts[0].printed() or cable.stdout)
+        print("skipped: no network namespaces here:", hosts[0].printed().decode() or cable.stdout)
         sys.exit(77)
     for host, address in (a, "10.213.0.1"), (b, "10.213.0.2"):
         ip(host, f"address add {address}/30 dev wire")
@@ -98,7 +98,7 @@ def pull_cable(folder):
     ip(a, "link set wire down")
     pulled = time.monotonic()
     # Both examples send a heartbeat a second and give up after two without an answer.
-    for program, text in (client, b"no link to the server"), (server, b"tcp://far:1 has fallen silent"):
+    for program, text in (client, b"no link to the server"), (server, b"far:1 has fallen silent"):
         program.wait_for(text)
         assert time.monotonic() - pulled > 1.9
     ip(a, "link set wire up")

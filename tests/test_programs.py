@@ -37,14 +37,9 @@ def cat(tvcat, example):
     assert server.printed().partition(b"\n")[2] == lines + b"\n"  # the requests
     expect(0, b"", *server.address, "me")
     # A request that fits while its reply does not, and one behind it.
-    expect(0, b"too long to be answered\nshort\n", *server.address,
-           lines=b"x" * 65440 + b"\nshort\n")
-    # The loop has 16 places; who comes later is served when one leaves.
-    served = [Program(tvcat, *server.address) for _ in range(16)]
-    server.wait_for(b"full")
-    expect(1, b".*no reply within 300 ms\n", "-t", 300, *server.address, lines=b"early\n")
-    served[-1].process.kill()
-    expect(0, b"late\n", *server.address, lines=b"late\n")
+    plain = server.connect("plain")
+    assert plain.request(b"x" * 65440) == b"too long to be answered"
+    assert plain.request(b"short") == b"short"
 
     pong = Server(tvcat, "-l", "-a", "pong")
     expect(0, b"pong\n", "-t", 9000, *pong.address, "me", lines=b"ping\n")
@@ -58,13 +53,13 @@ def cat(tvcat, example):
     for status, pattern, arguments in (
             (1, b"refused", "127.0.0.1 1"),
             (1, b"in use", f"-l 127.0.0.1 {port}"),
-            (1, b"names", "localhost 4711"),
+            (1, b"dotted", "localhost 4711"),
             (1, b"number", "127.0.0.1 http"),
             (1, b"number", "-t 5s 127.0.0.1 4711"),
             (1, b"number", "-t 99999999999 127.0.0.1 4711"),
             (1, b"server", "-l -t 500 127.0.0.1 0"),
             (1, b"wants a server", "-a pong 127.0.0.1 4711"),
-            (1, b"characters", f"127.0.0.1 {port} sixteen_letters_"),
+            (1, b"name", f"127.0.0.1 {port} " + 60 * "x"),
             (1, b"wanted", "127.0.0.1"),
             (1, b"argument", "127.0.0.1 4711 me you"),
             (1, b"option.*--help", "-x 127.0.0.1 4711"),
@@ -76,47 +71,40 @@ def cat(tvcat, example):
 # ---- two hosts
 
 
-# In two network namespaces with a cable between them, which is pulled out and put back.
+# Two network namespaces, and a cable between them, which is pulled out and put back. A namespace lives
+# as long as the process in it: nothing is mounted, and nothing can be left behind.
 def pull_cable(folder):
-    a, b = (f"tolvane-{host}-{os.getpid()}" for host in "ab")
+    hosts = [Program("unshare", "--net", "sleep", 100) for _ in range(2)]
+    a, b = [["nsenter", f"--net=/proc/{host.process.pid}/ns/net"] for host in hosts]
 
-    def ip(words):
-        subprocess.run(["ip", *words.split()], check=True, stderr=subprocess.PIPE, text=True)
+    def ip(host, words):
+        return subprocess.run([*host, "ip", *words.split()], stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True)
 
-    with contextlib.ExitStack() as at_end:
-        try:
-            for host in a, b:
-                ip(f"netns add {host}")
-                at_end.callback(ip, f"netns del {host}")
-            ip(f"-n {a} link add wire type veth peer name wire netns {b}")
-        except (OSError, subprocess.CalledProcessError) as error:
-            print("skipped: no network namespaces here:", getattr(error, "stderr", error))
-            sys.exit(77)
-        for host, address in (a, "10.213.0.1"), (b, "10.213.0.2"):
-            ip(f"-n {host} address add {address}/30 dev wire")
-            ip(f"-n {host} link set wire up")
+    while not all(b"sleep" in open(f"/proc/{host.process.pid}/cmdline", "rb").read()[:6]
+                  or host.process.poll() is not None for host in hosts):
+        time.sleep(0.01)
+    cable = ip(a, f"link add wire type veth peer name wire netns {hosts[1].process.pid}")
+    if cable.returncode != 0:
+        print("skipped: no network namespaces here:", hosts[0].printed() or cable.stdout)
+        sys.exit(77)
+    for host, address in (a, "10.213.0.1"), (b, "10.213.0.2"):
+        ip(host, f"address add {address}/30 dev wire")
+        ip(host, "link set wire up")
 
-        server = Server("ip", "netns", "exec", a, f"{folder}/server", address="10.213.0.1")
-        client = Program("ip", "netns", "exec", b, f"{folder}/client", *server.address, "far", 1)
-        server.wait_for(b"tcp://far:1 has logged in")
-        client.say(b"say over the wire")
-        client.wait_for(b"reply: OVER THE WIRE")
-        time.sleep(1.2)  # idle, with the last heartbeat answered up to a second ago
-
-        ip(f"-n {a} link set wire down")
-        pulled = time.monotonic()
-        # Both examples send a heartbeat a second and give up after two that went unanswered.
-        for name, program, text in (("client", client, b"no link to the server"),
-                                    ("server", server, b"tcp://far:1 has fallen silent")):
-            program.wait_for(text)
-            took = round(1000 * (time.monotonic() - pulled))
-            print(f"the {name} found the lost link after {took} ms, 2000 to 3000 are promised")
-            assert 1900 <= took <= 3500
-
-        ip(f"-n {a} link set wire up")
-        server.wait_for(b"tcp://far:1 has logged in", times=2)
-        client.say(b"say back again")
-        client.wait_for(b"reply: BACK AGAIN")
+    server = Server(*a, f"{folder}/server", address="10.213.0.1")
+    client = Program(*b, f"{folder}/client", *server.address, "far", 1)
+    server.wait_for(b"tcp://far:1 has logged in")
+    ip(a, "link set wire down")
+    pulled = time.monotonic()
+    # Both examples send a heartbeat a second and give up after two without an answer.
+    for program, text in (client, b"no link to the server"), (server, b"tcp://far:1 has fallen silent"):
+        program.wait_for(text)
+        assert time.monotonic() - pulled > 1.9
+    ip(a, "link set wire up")
+    server.wait_for(b"tcp://far:1 has logged in", times=2)
+    client.say(b"say back again")
+    client.wait_for(b"reply: BACK AGAIN")
 
 
 # ---- wireshark

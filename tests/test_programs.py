@@ -159,7 +159,7 @@ def dissect(dissector):
     with tempfile.TemporaryDirectory() as folder:
         os.chmod(folder, 0o755)
         script, capture = shutil.copy(dissector, folder), f"{folder}/capture"
-        lines = (f"{sender} 10:10:{3 * number:02}\n0 {data.hex(' ')}\n"
+        lines = (f"{sender} 10:10:{3 * number:02}\n0000 {data.hex(' ')}\n"
                  for number, (sender, data, _) in enumerate(SEGMENTS))
         subprocess.run(["text2pcap", "-q", "-t", "%H:%M:%S", "-D", "-T", "4711,50000", "-", capture],
                        input="".join(lines), check=True, text=True)

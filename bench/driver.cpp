@@ -172,22 +172,22 @@ static void exchange(const link_end &client)
         client.receive();
 }
 
-static void take_turn(running &of, double duration)
+static void take_turn(running &pair, double duration)
 {
     std::vector<double> samples;
     shift_heap();
     const double begin = now_us();
     for (double last = begin, now; last < begin + duration; last = now) {
-        exchange(of.client);
+        exchange(pair.client);
         now = now_us();
         samples.push_back(now - last);
     }
-    of.sent += (long)samples.size();
-    while (theTask.oneWay && of.shared->received < of.sent)
+    pair.sent += (long)samples.size();
+    while (theTask.oneWay && pair.shared->received < pair.sent)
         usleep(100); // the last messages are on their way
     const double each = (now_us() - begin) / samples.size();
-    of.samples.insert(of.samples.end(), samples.begin(), samples.end());
-    of.perRound.push_back(theTask.oneWay ? each : median(samples));
+    pair.samples.insert(pair.samples.end(), samples.begin(), samples.end());
+    pair.perRound.push_back(theTask.oneWay ? each : median(samples));
 }
 
 static void compare(int cores, int rounds, double duration)
@@ -197,7 +197,7 @@ static void compare(int cores, int rounds, double duration)
     for (size_t turn = 0; turn < n * (rounds + 1); turn++) {
         running &next = pairs[(turn + turn / n) % n];
         take_turn(next, duration);
-        if (turn < n) { // it only warmed up
+        if (turn < n) { // the first round warms up
             next.samples.clear();
             next.perRound.clear();
         }

@@ -8,7 +8,7 @@ install(TARGETS tolvane EXPORT tolvane
 install(TARGETS ruvo_timer EXPORT tolvane
     LIBRARY COMPONENT libruvo-timer
     ARCHIVE COMPONENT libtolvane-dev)
-install(FILES include/tolvane.h timer/ruvo_timer.h TYPE INCLUDE COMPONENT libtolvane-dev)
+install(FILES include/tolvane.h include/tolvane.hpp timer/ruvo_timer.h TYPE INCLUDE COMPONENT libtolvane-dev)
 
 # The timer library is looked for beside libtolvane.so, after LD_LIBRARY_PATH. System folders are
 # searched anyway: packages set CMAKE_SKIP_INSTALL_RPATH.

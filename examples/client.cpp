@@ -9,167 +9,164 @@
 //   later TEXT   one that it answers after a while
 //   lose TEXT    one that it answers when this client has given up waiting
 //   logout       log out and end; so does the end of the input
-//   quit         end without a word: the server sees a lost link
+//   quit         end without a logout: the server sees a lost link
 //
-// A lost link is replaced by a new one, again and again, until the server is back.
+// The layer replaces a lost link by a new one, trying until the server is back.
 
-#include "common.h"
-#include "ruvo_timer.h"
-#include "tolvane.h"
+#include <tolvane.hpp>
 
-static const int rqstTimeout = 1000;  // for the reply to a request
-static const int ioTimeout = 1000;    // of a connect, and of one message on the wire
-static const int retryInterval = 500; // between two tries to connect
-static const int hbInterval = 1000;   // a server silent for (hbCount + 1) * hbInterval
-static const int hbCount = 2;         // is taken for lost
+#include <stdio.h>
+#include <stdlib.h>
+#include <string>
+#include <unistd.h>
 
-static tv_client_addr address;
-static int channel = -1; // -1: no link, a timer will try again
-static bool retrying;    // the loss has been told, the tries after it are silent
-static bool replaced;    // another process has logged in under our name
+using namespace std::chrono_literals;
+using text = std::string;
 
-static void connect_now(intptr_t, intptr_t);
+static const auto rqstTimeout = 1000ms; // for the reply to a request
 
-static void close_link()
+// A heartbeat a second: a server that misses three of them is lost. A connect takes a second, too.
+static const tolvane::options settings{1000ms, 1000ms};
+
+class talker
 {
-    // Unregister first: once it is closed, the descriptor's number may soon be another one's.
-    const int fd = tv_get_polling_fd(channel);
-    if (fd != -1) // a connect that failed leaves none
-        tv_unregister_polling_fd(fd);
-    tv_close_channel(channel);
-    channel = -1;
-}
-
-// Called after a failed send or receive and when the heartbeat gives up; by connect_now, too.
-static void on_linkdown(int id, const char *)
-{
-    if (id != channel)
-        return;
-    close_link();
-    // Coming back would throw out the other process, which would come back in turn.
-    if (replaced)
-        fail("replaced by a newer login under this name, ending");
-    if (!retrying)
-        tell("no link to the server, trying again every %d ms (%s)", retryInterval, why().c_str());
-    retrying = true;
-    if (ruvo_start_timer(retryInterval, connect_now, 0, 0) == -1)
-        fail("could not start a timer");
-}
-
-static void on_reply(int, const char *payload, int len)
-{
-    tell("reply: %.*s", len, payload != nullptr ? payload : "");
-}
-
-// The late reply is discarded, unless the next request awaits one by then and gets it instead: a
-// program that sends on at once puts a number into its requests, for the replies to repeat.
-static void on_timeout(int)
-{
-    tell("no reply within %d ms", rqstTimeout);
-}
-
-// Serves the server's requests. Must not close the channel.
-static int on_rqst(int, const char *payload, int len, char **respPayload, int *respLen)
-{
-    const std::string_view rqst(payload, len);
-    if (rqst.size() > maxReply) // not even copied
-        return reply_at_once(rqst, respPayload, respLen);
-    const auto [verb, text] = split_word(std::string(rqst));
-    if (verb == "ask") {
-        tell("the server asks: %s", text.c_str());
-        return reply_at_once(speaker + " is well", respPayload, respLen);
+public:
+    talker(tolvane::loop &loop, tolvane::endpoint server, tolvane::endpoint name, text label)
+        : loop(loop), client(loop, std::move(server), name, settings), label(std::move(label))
+    {
+        client.on_connected([this, name] {
+            retrying = false;
+            say("connected, logging in as " + name.url());
+        });
+        client.on_lost([this](std::string_view why) { lost(why); });
+        client.on_request([this](tolvane::request request) { serve(std::move(request)); });
     }
-    if (verb == "all") { // a broadcast: nobody awaits a reply
-        tell("the server tells all: %s", text.c_str());
-        return TV_ACTOR_HANDLED;
+
+    tolvane::status connect()
+    {
+        return client.connect();
     }
-    if (verb == "replaced") { // the server closes the connection next: on_linkdown ends the program
-        replaced = true;
-        return TV_ACTOR_HANDLED;
+
+    void run_command(const text &line)
+    {
+        const text verb = line.substr(0, line.find(' '));
+        if (verb == "say" || verb == "later" || verb == "lose")
+            send(line);
+        else if (verb == "logout")
+            log_out();
+        else if (verb == "quit")
+            exit(EXIT_SUCCESS); // no destructor runs, so nothing is sent
+        else
+            say("commands: say TEXT, later TEXT, lose TEXT, logout, quit");
     }
-    return TV_ACTOR_PASS;
-}
 
-// Every link is a channel of its own, since a channel goes on numbering its messages and the
-// server begins again. The URL makes it the same client to the server.
-static void connect_now(intptr_t, intptr_t)
-{
-    const int id = channel = tv_create_client_channel(&address);
-    if (id == -1 || tv_register_actor(id, on_rqst) != 0 || tv_set_poll_timeout(id, ioTimeout) != 0)
-        fail("could not create a channel");
-    tv_register_resp_handler(id, on_reply);
-    tv_register_timeout_handler(id, on_timeout);
-    tv_set_connect_timeout(id, ioTimeout);
-    tv_client_enable_heartbeat(id, hbInterval, hbCount, on_linkdown);
-    if (tv_connect_server(id) != 0) {
-        on_linkdown(id, ""); // it has run already if only the login failed; does nothing then
-        return;
+    void log_out()
+    {
+        client.disconnect();
+        say("logged out");
+        loop.stop();
     }
-    if (tv_register_polling_fd(tv_get_polling_fd(id), tv_channel_fd_handler, id, 0) != 0)
-        fail("the event loop is full");
-    retrying = false;
-    tell("connected, logging in as %s", tv_get_channel(id)->url);
-}
 
-static void send_line(const std::string &line)
-{
-    if (channel == -1) {
-        tell("not sent, there is no link: %s", line.c_str());
-        return;
+    // Print a whole line at once, so that lines of several processes do not mix.
+    void say(const text &line) const
+    {
+        const text whole = label + ": " + line + "\n";
+        fwrite(whole.data(), 1, whole.size(), stdout);
+        fflush(stdout);
     }
-    tell("request: %s", line.c_str());
-    const int id = channel;
-    if (tv_send_rqst(id, line.data(), static_cast<int>(line.size()), rqstTimeout) == 0)
-        return;
-    if (channel == id) // else the link was lost and on_linkdown has told so
-        tell("not sent: the line is too long, or an earlier request still awaits its reply");
+
+private:
+    void send(const text &line)
+    {
+        say("request: " + line);
+        client.request(line, rqstTimeout, [this, line](tolvane::response reply) {
+            switch (reply.outcome()) {
+            case tolvane::outcome::replied:
+                return say("reply: " + text(reply.payload()));
+            case tolvane::outcome::timed_out:
+                return say("no reply within 1000 ms");
+            case tolvane::outcome::lost:
+                return say("the link was lost before the reply: " + line);
+            default:
+                return say("declined, or too long: " + line);
+            }
+        });
+    }
+
+    // Serves the server's requests.
+    void serve(tolvane::request request)
+    {
+        const text rqst(request.payload());
+        const text rest = rqst.substr(std::min(rqst.find(' '), rqst.size() - 1) + 1);
+        if (rqst.rfind("ask ", 0) == 0) {
+            say("the server asks: " + rest);
+            if (const auto answered = request.reply(label + " is well"); !answered)
+                say(text("could not answer: ") + answered.what());
+        } else if (rqst.rfind("all ", 0) == 0) { // a broadcast: nobody awaits a reply
+            say("the server tells all: " + rest);
+        } else if (rqst == "replaced") {
+            // Coming back would replace the newer client, which would come back in turn.
+            say("replaced by a newer login under this name, ending");
+            exit(EXIT_FAILURE);
+        }
+    }
+
+    // Called for each lost link and each failed attempt to connect; only the first one is news.
+    void lost(std::string_view why)
+    {
+        if (!retrying)
+            say("no link to the server, trying again (" + text(why) + ")");
+        retrying = true;
+    }
+
+    tolvane::loop &loop;
+    tolvane::client client;
+    text label;
+    bool retrying = false;
+};
+
+// Run the lines that can be read now; the beginning of an incomplete one stays in rest. Returns
+// false at the end of the input.
+static bool run_lines(text &rest, talker &client)
+{
+    char chunk[4096];
+    const ssize_t got = read(STDIN_FILENO, chunk, sizeof(chunk));
+    if (got > 0)
+        rest.append(chunk, static_cast<size_t>(got));
+    for (size_t end; (end = rest.find('\n')) != text::npos; rest.erase(0, end + 1))
+        client.run_command(rest.substr(0, end));
+    return got > 0;
 }
 
-__attribute__((noreturn)) static void log_out()
+static uint16_t to_port(const char *text)
 {
-    if (channel != -1 && tv_disconnect_server(channel) == 0)
-        tell("logged out");
-    if (channel != -1) // a logout that failed has called on_linkdown
-        close_link();
-    exit(EXIT_SUCCESS); // tv_main_loop has no other end
-}
-
-static void run_command(const std::string &line)
-{
-    const std::string verb = split_word(line).first;
-    if (verb == "say" || verb == "later" || verb == "lose")
-        send_line(line);
-    else if (verb == "logout")
-        log_out();
-    else if (verb == "quit")
-        exit(EXIT_SUCCESS);
-    else
-        tell("commands: say TEXT, later TEXT, lose TEXT, logout, quit");
-}
-
-static int on_terminal(int fd, intptr_t, intptr_t)
-{
-    if (!run_lines(fd, run_command))
-        log_out();
-    return 0;
+    return static_cast<uint16_t>(atoi(text));
 }
 
 int main(int argc, char **argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    speaker = "client";
-    set_log_option(argc, argv);
-    if (argc - optind < 4 || argc - optind > 5)
-        fail("arguments: [-l LOGFILE] SERVER_ADDRESS SERVER_PORT OWN_ADDRESS OWN_PORT [LABEL]");
-    copy_name(address.serverIp, to_address(argv[optind]));
-    address.serverPort = static_cast<uint16_t>(to_port(argv[optind + 1]));
-    copy_name(address.clientIp, argv[optind + 2]);
-    address.clientPort = static_cast<uint16_t>(to_port(argv[optind + 3]));
-    speaker = argv[argc - optind > 4 ? optind + 4 : optind + 2];
-
-    if (tv_register_polling_fd(STDIN_FILENO, on_terminal, 0, 0) != 0)
-        fail("the event loop is full");
-    connect_now(0, 0);
-    tv_main_loop();
-    return EXIT_FAILURE; // only when poll() fails
+    for (int option; (option = getopt(argc, argv, "l:")) != -1;)
+        if (option == 'l')
+            tv_set_log_file(optarg);
+    argv += optind;
+    if (argc - optind < 4 || argc - optind > 5) {
+        fprintf(stderr, "arguments: [-l LOGFILE] SERVER_ADDRESS SERVER_PORT OWN_ADDRESS OWN_PORT "
+                        "[LABEL]\n");
+        return EXIT_FAILURE;
+    }
+    tolvane::loop loop;
+    talker client(loop, {argv[0], to_port(argv[1])}, {argv[2], to_port(argv[3])},
+                  argc - optind > 4 ? argv[4] : argv[2]);
+    tolvane::status started = client.connect();
+    text rest;
+    if (started)
+        started = loop.watch(STDIN_FILENO, [&] {
+            if (!run_lines(rest, client))
+                client.log_out();
+        });
+    if (!started) {
+        client.say(started.what());
+        return EXIT_FAILURE;
+    }
+    return loop.run() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

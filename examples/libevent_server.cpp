@@ -2,32 +2,42 @@
 //
 //   libevent_server ADDRESS PORT
 
-#include "common.h"
 #include "ruvo_timer.h"
 #include "tolvane.h"
 
+#include <arpa/inet.h>
+#include <errno.h>
 #include <event2/event.h>
 #include <map>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <string.h>
 
-static const int ioTimeout = 1000;   // of one message: as long as a slow client can hold up all
-static const int hbInterval = 10000; // a client silent for (hbCount + 1) * hbInterval
-static const int hbCount = 2;        // is taken for lost
+static const int ioTimeout = 1000;   // of one message: a slow client stops all others for so long
+static const int hbInterval = 10000; // a client that is silent for (hbCount + 1) * hbInterval
+static const int hbCount = 2;        // counts as lost
 
 static event_base *base;
 static std::map<int, event *> watched; // by descriptor
+
+[[noreturn]] static void fail(const char *what)
+{
+    fprintf(stderr, "server: %s: %s\n", what, strerror(errno));
+    exit(EXIT_FAILURE);
+}
 
 static void watch(int fd, event_callback_fn handler)
 {
     event *readable = event_new(base, fd, EV_READ | EV_PERSIST, handler, nullptr);
     if (readable == nullptr || event_add(readable, nullptr) != 0)
-        fail("no memory");
+        fail("cannot watch a descriptor");
     watched[fd] = readable;
 }
 
 static void on_listening(int fd, short, void *)
 {
     if (tv_server_fd_handler(fd, 0, 0) != 0)
-        fail("no more descriptors"); // own_loop_server.cpp waits for some instead
+        fail("cannot accept"); // own_loop_server.cpp waits for a descriptor instead
 }
 
 static void on_pair(int fd, short, void *)
@@ -40,7 +50,8 @@ static void on_open(int fd)
     watch(fd, on_pair);
 }
 
-// Also withdraws what was found ready in this pass, before a new client can have the number.
+// event_free() also withdraws an event of this pass, so a new client that gets the descriptor's
+// number never sees it.
 static void on_close(int fd)
 {
     event_free(watched[fd]);
@@ -54,43 +65,59 @@ static void on_linkdown(int id, const char *)
 
 static int on_rqst(int, const char *payload, int len, char **respPayload, int *respLen)
 {
-    return reply_at_once({payload, static_cast<size_t>(len)}, respPayload, respLen);
+    static const char tooLong[] = "too long to be answered";
+    const bool fits = len <= TV_MSG_BUF_SIZE - 128; // leaves room for any header
+    *respLen = fits ? len : static_cast<int>(strlen(tooLong));
+    *respPayload = static_cast<char *>(malloc(*respLen + 1)); // the library frees it
+    if (*respPayload != nullptr) // without a reply the client times out
+        memcpy(*respPayload, fits ? payload : tooLong, *respLen);
+    return TV_ACTOR_HANDLED;
 }
 
 static void on_timer(int, short, void *)
 {
-    // The loop has returned, which is all that is wanted.
+    // Only ends the wait: main() fires the timers.
+}
+
+static void start(const char *address, int port)
+{
+    const int server = tv_start_server(address, port);
+    if (server == -1)
+        fail("cannot listen");
+    if (tv_register_actor(server, on_rqst) != 0 || tv_set_poll_timeout(server, ioTimeout) != 0)
+        fail("cannot set the server up");
+    tv_register_client_fd_open_callback(on_open);
+    tv_register_client_fd_close_callback(on_close);
+    tv_service_enable_heartbeat(hbInterval, hbCount, on_linkdown);
+    const int listenFd = tv_get_server_polling_fd();
+    listen(listenFd, SOMAXCONN); // a longer backlog than the library's 16
+    watch(listenFd, on_listening);
+
+    sockaddr_in bound = {};
+    socklen_t size = sizeof(bound);
+    getsockname(listenFd, reinterpret_cast<sockaddr *>(&bound), &size);
+    printf("server: listening on port %d\n", ntohs(bound.sin_port));
+    fflush(stdout);
 }
 
 int main(int argc, char **argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    speaker = "server";
-    if (argc != 3)
-        fail("arguments: ADDRESS PORT");
-    keep_log();
-    const int server = tv_start_server(to_address(argv[1]), to_port(argv[2]));
-    if (server == -1)
-        fail("cannot listen: %s (%s)", strerror(errno), why().c_str());
-    if (tv_register_actor(server, on_rqst) != 0 || tv_set_poll_timeout(server, ioTimeout) != 0)
-        fail("could not set the server up");
-    tv_register_client_fd_open_callback(on_open);
-    tv_register_client_fd_close_callback(on_close);
-    tv_service_enable_heartbeat(hbInterval, hbCount, on_linkdown);
-
+    in_addr address;
+    // To the library any text that is no dotted address means all interfaces.
+    if (argc != 3 || inet_pton(AF_INET, argv[1], &address) != 1) {
+        fprintf(stderr, "arguments: ADDRESS PORT, the address as four numbers\n");
+        return EXIT_FAILURE;
+    }
     base = event_base_new();
     event *timer = base == nullptr ? nullptr : evtimer_new(base, on_timer, nullptr);
     if (timer == nullptr)
-        fail("no memory");
-    const int listenFd = tv_get_server_polling_fd();
-    listen(listenFd, SOMAXCONN); // so many clients may come at once; the library has set 16
-    watch(listenFd, on_listening);
-    tell("listening on port %d", port_of(listenFd));
+        fail("cannot create the loop");
+    start(argv[1], atoi(argv[2]));
     for (;;) {
-        const int wait = ruvo_timer_get_expected_interval(); // -1: no timer
+        const int wait = ruvo_timer_get_expected_interval(); // -1: no timer is pending
         const timeval due = {wait / 1000, wait % 1000 * 1000L};
         if (wait >= 0)
-            evtimer_add(timer, &due); // in the place of the last one
+            evtimer_add(timer, &due); // replaces the last one
         event_base_loop(base, EVLOOP_ONCE);
         ruvo_fire_timer();
     }

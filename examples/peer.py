@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """peer.py - a peer of the library in plain Python, to begin one in any language with.
 
-    peer.py ADDRESS PORT [NAME]   a client: sends every line of its input, prints the replies
-    peer.py -l ADDRESS PORT       a server: prints every request and answers it with itself
+    peer.py [-p] ADDRESS PORT [NAME]   a client: sends every line of its input, prints the replies;
+                                       with -p on a pipelined link
+    peer.py -l ADDRESS PORT            a server: prints every request and answers it with itself
 
 docs/protocol.md is what it speaks. As a module: connect() logs in and gives a Link, a Server has
 one for each client. Times are in seconds. A link that is lost raises LinkDown; close it then.
@@ -124,10 +125,55 @@ class Link:
         self.connection.close()
 
 
-def connect(address, port, name, name_port, timeout=5.0, **settings):
+class PipelinedLink(Link):
+    """A client's end of a pipelined link: any number of requests may be outstanding, both ways.
+
+    ask(payload) sends a request and returns its correlation ID. Its reply arrives in answers under
+    this ID, None if the server declines it; step() receives.
+    """
+
+    def __init__(self, connection, url, serve=lambda payload: None, **settings):
+        super().__init__(connection, url, self._take, **settings)
+        self.answer, self.answers, self.last = serve, {}, 0
+
+    def _put(self, kind, mark, text=b""):
+        self.send(REQUEST, b"%s%08x\0%s" % (kind, mark, text))
+
+    def _take(self, payload):
+        head, text = payload.split(b"\0", 1)
+        kind, mark = head[:1], int(head[1:], 16)
+        if kind in b"=-":
+            self.answers[mark] = text if kind == b"=" else None
+            return
+        reply = self.answer(text)
+        if kind == b"?":
+            self._put(*((b"-", mark) if reply is None else (b"=", mark, reply)))
+
+    def ask(self, payload):
+        self.last = self.last % 0xffffffff + 1
+        self._put(b"?", self.last, payload)
+        return self.last
+
+    def tell(self, payload):
+        self._put(b"!", 0, payload)
+
+    def wait_for(self, mark, timeout):
+        deadline = time.monotonic() + timeout
+        while mark not in self.answers and time.monotonic() < deadline:
+            self.step(deadline - time.monotonic())
+        return self.answers.pop(mark, None)
+
+    def request(self, payload, timeout=5.0):
+        return self.wait_for(self.ask(payload), timeout)
+
+
+def connect(address, port, name, name_port, timeout=5.0, pipelined=False, **settings):
     url = b"tcp://%s:%d" % (name.encode(), name_port)
-    link = Link(socket.create_connection((address, port), timeout), url, **settings)
-    link.send(LOGIN, url + b"\0")
+    link = (PipelinedLink if pipelined else Link)(
+        socket.create_connection((address, port), timeout), url, **settings)
+    link.send(LOGIN, url + (b"\0pipelined\0" if pipelined else b"\0"))
+    if pipelined and link.wait_for(0, timeout) is None:  # the server confirms it with an empty reply
+        raise LinkDown("the server does not serve pipelined links")
     return link
 
 
@@ -175,10 +221,12 @@ def main(arguments):
         print("listening on port", server.listener.getsockname()[1], file=sys.stderr)
         while True:
             server.step(60)
+    pipelined = arguments[:1] == ["-p"]
+    arguments = arguments[pipelined:]
     if len(arguments) not in (2, 3):
         sys.exit(__doc__)
     address, port, name = (arguments + ["peer"])[:3]
-    link = connect(address, int(port), name, os.getpid(), serve=show)
+    link = connect(address, int(port), name, os.getpid(), pipelined=pipelined, serve=show)
     rest, more = b"", True
     while more:
         link.step(60, sys.stdin)

@@ -1,8 +1,8 @@
-// server.cpp - a server to start from: it answers the requests of client.cpp, and takes commands.
+// server.cpp - a server to start from: it answers the requests of client.cpp and takes commands.
 //
 //   server [-l LOGFILE] ADDRESS PORT
 //
-// Port 0 lets the system choose; the first line printed tells which. Commands:
+// Port 0 lets the system choose; the first line printed says which. Commands:
 //
 //   ask ADDRESS PORT TEXT   a request to the client that logged in as "tcp://ADDRESS:PORT"
 //   all TEXT                a request to all clients, without awaiting replies
@@ -10,188 +10,196 @@
 //
 // At the end of its input it goes on serving, so it can run with </dev/null.
 
-#include "places.h"
-#include "ruvo_timer.h"
-#include "tolvane.h"
+#include <tolvane.hpp>
 
+#include <algorithm>
 #include <ctype.h>
-#include <memory>
+#include <list>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string>
+#include <unistd.h>
 
-static const int ioTimeout = 1000;  // of one message: as long as a slow client can hold up all
-static const int askTimeout = 1000; // for a client's reply
-static const int hbInterval = 1000; // a client silent for (hbCount + 1) * hbInterval
-static const int hbCount = 2;       // is taken for lost
-static const int laterDelay = 400;  // before the reply to "later"
-static const int loseDelay = 1500;  // before the reply to "lose": longer than the client waits
+using namespace std::chrono_literals;
+using text = std::string;
 
-// A pair has no URL before its client has logged in.
-static const char *name_of(int id)
+static const auto askTimeout = 1000ms; // for a client's reply
+static const auto laterDelay = 400ms;  // before the reply to "later"
+static const auto loseDelay = 1500ms;  // before the reply to "lose": longer than the client waits
+
+// A heartbeat a second: a client that misses three of them is lost.
+static const tolvane::options settings{1000ms};
+
+// Print a whole line at once, so that lines of several processes do not mix.
+static void say(const text &line)
 {
-    const tv_channel *pair = tv_get_channel(id);
-    return pair != nullptr && pair->url[0] != '\0' ? pair->url : "an unknown client";
+    const text whole = "server: " + line + "\n";
+    fwrite(whole.data(), 1, whole.size(), stdout);
+    fflush(stdout);
 }
 
-// ---- clients come and go
-
-static void on_connected(int, const char *url)
+// A client has no name before its login.
+static text name_of(const tolvane::peer &client)
 {
-    tell("%s has logged in", url);
+    return client.url().empty() ? "an unknown client" : client.url();
 }
 
-// After a logout the pair is gone. One that a newer login replaces is still there, and is told
-// why it is about to be closed: it would take it for a lost link else, and log in again.
-static void on_disconnected(int id, const char *url)
+// Split "say good morning" into "say" and "good morning".
+static std::pair<text, text> split_word(const text &line)
 {
-    if (get_channel_type(id) == TV_CHANNEL_NONE) {
-        tell("%s has logged out", url);
-        return;
+    const size_t end = std::min(line.find(' '), line.size());
+    return {line.substr(0, end), line.substr(std::min(end + 1, line.size()))};
+}
+
+class shouter
+{
+public:
+    explicit shouter(tolvane::loop &loop) : loop(loop), server(loop, settings)
+    {
+        server.on_login([](tolvane::peer client) { say(name_of(client) + " has logged in"); });
+        server.on_logout([](tolvane::peer client, tolvane::reason why) { goodbye(client, why); });
+        server.on_request([this](tolvane::request request) { serve(std::move(request)); });
     }
-    tell("%s logs in anew, closing its older connection", url);
-    tv_send_rqst(id, "replaced", sizeof("replaced") - 1, 0);
-}
 
-// Called after a failed send or receive and when the heartbeat gives up, which switches it off.
-static void on_linkdown(int id, const char *)
-{
-    const bool silent = tv_get_channel(id)->hbMode == TV_HEARTBEAT_OFF;
-    tell("%s %s", name_of(id), silent ? "has fallen silent, declared down" : "has lost its link");
-    tv_close_client_connection(id);
-}
-
-// ---- requests of clients
-
-// The delay is over. Channel ids do not recur soon, so an id that names nothing tells safely that
-// the client has left.
-static void answer_now(intptr_t id, intptr_t arg2)
-{
-    const std::unique_ptr<std::string> reply(reinterpret_cast<std::string *>(arg2));
-    const int channelId = static_cast<int>(id);
-    if (get_channel_type(channelId) == TV_CHANNEL_NONE)
-        return;
-    tell("answering %s now: %s", name_of(channelId), reply->c_str());
-    if (tv_send_resp(channelId, reply->data(), static_cast<int>(reply->size())) != 0)
-        tell("could not answer"); // on_linkdown has closed the pair
-}
-
-static int answer_after(int delay, int id, const std::string &reply)
-{
-    auto *copy = new std::string(reply); // answer_now frees it
-    if (ruvo_start_timer(delay, answer_now, id, reinterpret_cast<intptr_t>(copy)) == -1)
-        fail("could not start a timer");
-    return TV_ACTOR_DEFERRED;
-}
-
-// Serves every request of a client. Must not close its pair.
-static int on_rqst(int id, const char *payload, int len, char **respPayload, int *respLen)
-{
-    const std::string_view rqst(payload, len);
-    if (rqst.size() > maxReply) { // not even copied
-        tell("%s requests too much: %d B", name_of(id), len);
-        return reply_at_once(rqst, respPayload, respLen);
+    tolvane::status listen(const text &address, uint16_t port)
+    {
+        tolvane::status listening = server.listen(address, port);
+        if (listening)
+            say("listening on port " + std::to_string(server.port()));
+        return listening;
     }
-    const auto [verb, text] = split_word(std::string(rqst));
-    std::string reply = text;
-    for (char &letter : reply)
-        letter = static_cast<char>(toupper(static_cast<unsigned char>(letter)));
 
-    tell("%s requests: %s %s", name_of(id), verb.c_str(), text.c_str());
-    if (verb == "later")
-        return answer_after(laterDelay, id, reply);
-    if (verb == "lose")
-        return answer_after(loseDelay, id, reply);
-    return verb == "say" ? reply_at_once(reply, respPayload, respLen) : TV_ACTOR_PASS;
-}
-
-// ---- requests to clients
-
-static void on_reply(int id, const char *payload, int len)
-{
-    tell("reply of %s: %.*s", name_of(id), len, payload != nullptr ? payload : "");
-}
-
-static void on_timeout(int id)
-{
-    tell("no reply of %s within %d ms", name_of(id), askTimeout);
-}
-
-static void ask(const std::string &line)
-{
-    const auto [ip, rest] = split_word(line);
-    const auto [port, text] = split_word(rest);
-    const int id = tv_get_client_channel(ip.c_str(), atoi(port.c_str()));
-    if (id == -1) {
-        tell("no such client: %s %s", ip.c_str(), port.c_str());
-        return;
+    void run_command(const text &line)
+    {
+        const auto [verb, rest] = split_word(line);
+        if (verb == "ask") {
+            ask(rest);
+        } else if (verb == "all") {
+            say("telling all: " + rest);
+            server.broadcast("all " + rest);
+        } else if (verb == "stop") {
+            server.stop();
+            say("stopped");
+            loop.stop();
+        } else {
+            say("commands: ask ADDRESS PORT TEXT, all TEXT, stop");
+        }
     }
-    tell("asking %s: %s", name_of(id), text.c_str());
-    const std::string rqst = "ask " + text;
-    if (tv_send_rqst(id, rqst.data(), static_cast<int>(rqst.size()), askTimeout) != 0)
-        tell("not sent"); // too long, an earlier request awaits its reply, or the link is lost
-}
 
-static void tell_all(const std::string &text)
-{
-    tell("telling all: %s", text.c_str());
-    const std::string rqst = "all " + text;
-    tv_broadcast_rqst_to_client(rqst.data(), static_cast<int>(rqst.size()));
-}
-
-// ---- commands
-
-__attribute__((noreturn)) static void stop()
-{
-    stop_listening();
-    tv_stop_server();
-    tell("stopped");
-    exit(EXIT_SUCCESS); // tv_main_loop has no other end
-}
-
-static void run_command(const std::string &line)
-{
-    const auto [verb, text] = split_word(line);
-    if (verb == "ask")
-        ask(text);
-    else if (verb == "all")
-        tell_all(text);
-    else if (verb == "stop")
-        stop();
-    else
-        tell("commands: ask ADDRESS PORT TEXT, all TEXT, stop");
-}
-
-static int on_terminal(int fd, intptr_t, intptr_t)
-{
-    if (!run_lines(fd, run_command)) {
-        tv_unregister_polling_fd(fd);
-        listen_again(); // one more place is free
+private:
+    static void goodbye(tolvane::peer client, tolvane::reason why)
+    {
+        if (why == tolvane::reason::logged_out)
+            say(name_of(client) + " has logged out");
+        else if (why == tolvane::reason::lost)
+            say(name_of(client) + " has lost its link");
+        if (why != tolvane::reason::replaced)
+            return;
+        // The older client is told why, or it would log in again and replace the newer one.
+        say(name_of(client) + " logs in anew, closing its older connection");
+        if (!client.tell("replaced"))
+            say("could not tell it");
     }
-    return 0;
-}
 
-// ---- start
+    void serve(tolvane::request request)
+    {
+        const auto [verb, rest] = split_word(text(request.payload()));
+        say(name_of(request.from()) + " requests: " + verb + " " + rest);
+        text reply = rest;
+        std::transform(reply.begin(), reply.end(), reply.begin(),
+                       [](unsigned char letter) { return static_cast<char>(toupper(letter)); });
+        if (verb == "say")
+            answer(request, reply);
+        else if (verb == "later" || verb == "lose")
+            answer_after(verb == "later" ? laterDelay : loseDelay, std::move(request), reply);
+        else
+            request.decline();
+    }
 
-static void start(const char *ip, int port)
+    static void answer(tolvane::request &request, const text &reply)
+    {
+        const tolvane::status answered = request.reply(reply);
+        if (answered.error() == std::errc::message_size) {
+            answer(request, "too long to be answered"); // rather than nothing at all
+        } else if (!answered) {
+            say("could not answer " + name_of(request.from()) + ": " + answered.what());
+            request.from().close(); // it does not read, or has gone
+        }
+    }
+
+    // The request keeps until it is answered, also when its client leaves meanwhile.
+    void answer_after(tolvane::milliseconds delay, tolvane::request request, const text &reply)
+    {
+        delays.remove_if([](const tolvane::timer &timer) { return !timer; });
+        delays.push_back(
+            tolvane::timer::once(delay, [request = std::move(request), reply]() mutable {
+                if (!request.from())
+                    return;
+                say("answering " + name_of(request.from()) + " now: " + reply);
+                answer(request, reply);
+            }));
+    }
+
+    void ask(const text &line)
+    {
+        const auto [address, rest] = split_word(line);
+        const auto [port, question] = split_word(rest);
+        tolvane::peer client = server.find("tcp://" + address + ":" + port);
+        if (!client)
+            return say("no such client: " + address + " " + port);
+        say("asking " + name_of(client) + ": " + question);
+        client.request("ask " + question, askTimeout, [client, question](tolvane::response reply) {
+            if (reply)
+                say("reply of " + name_of(client) + ": " + text(reply.payload()));
+            else if (reply.outcome() == tolvane::outcome::timed_out)
+                say("no reply of " + name_of(client) + " within 1000 ms");
+            else
+                say("not answered by " + name_of(client) + ": " + question);
+        });
+    }
+
+    tolvane::loop &loop;
+    tolvane::server server;
+    std::list<tolvane::timer> delays;
+};
+
+// Run the lines that can be read now; the beginning of an incomplete one stays in rest. Returns
+// false at the end of the input.
+static bool run_lines(text &rest, shouter &server)
 {
-    const int server = tv_start_service_server(ip, port, on_reply, on_timeout, on_connected);
-    if (server == -1)
-        fail("cannot listen on %s port %d: %s (%s)", ip, port, strerror(errno), why().c_str());
-    if (tv_register_actor(server, on_rqst) != 0 || tv_set_poll_timeout(server, ioTimeout) != 0)
-        fail("could not set the server up");
-    tv_register_disconnected_callback(server, on_disconnected);
-    tv_service_enable_heartbeat(hbInterval, hbCount, on_linkdown);
-    start_listening();
+    char chunk[4096];
+    const ssize_t got = read(STDIN_FILENO, chunk, sizeof(chunk));
+    if (got > 0)
+        rest.append(chunk, static_cast<size_t>(got));
+    for (size_t end; (end = rest.find('\n')) != text::npos; rest.erase(0, end + 1))
+        server.run_command(rest.substr(0, end));
+    return got > 0;
 }
 
 int main(int argc, char **argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    speaker = "server";
-    set_log_option(argc, argv);
-    if (argc - optind != 2)
-        fail("arguments: [-l LOGFILE] ADDRESS PORT");
-    start(to_address(argv[optind]), to_port(argv[optind + 1]));
-    if (tv_register_polling_fd(STDIN_FILENO, on_terminal, 0, 0) != 0)
-        fail("the event loop is full");
-    tv_main_loop();
-    return EXIT_FAILURE; // only when poll() fails
+    for (int option; (option = getopt(argc, argv, "l:")) != -1;)
+        if (option == 'l')
+            tv_set_log_file(optarg);
+    if (argc - optind != 2) {
+        fprintf(stderr, "arguments: [-l LOGFILE] ADDRESS PORT\n");
+        return EXIT_FAILURE;
+    }
+    tolvane::loop loop;
+    shouter server(loop);
+    const auto listening =
+        server.listen(argv[optind], static_cast<uint16_t>(atoi(argv[optind + 1])));
+    if (!listening) {
+        fprintf(stderr, "server: %s (%s)\n", listening.what(),
+                std::make_error_code(listening.error()).message().c_str());
+        return EXIT_FAILURE;
+    }
+    text rest;
+    const auto watching = loop.watch(STDIN_FILENO, [&] {
+        if (!run_lines(rest, server))
+            loop.unwatch(STDIN_FILENO);
+    });
+    if (!watching)
+        say(text("no commands: ") + watching.what());
+    return loop.run() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

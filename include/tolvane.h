@@ -168,7 +168,7 @@ typedef void (*tv_timeout_handler)(int channelId);
  * It is not called again while it runs for the same channel: a send that fails inside it returns
  * -1 and does not call back. A send may also succeed there, as the connection may still work; after
  * an empty frame it does. If the heartbeat gives up while the callback runs, the callback runs once
- * more after it has returned.
+ * more after it has returned, even if it has reconnected by then.
  *
  * The channel stays open until you close it, here or later, and its descriptor may stay readable:
  * unregister it from the event loop here at the latest. May close its channel.
@@ -341,7 +341,7 @@ tv_channel *tv_get_channel(int channelId);
 int get_channel_type(int channelId);
 
 /** Adds a record to the repository, so that its id finds it. The library adds the channels that it
- * creates itself.
+ * creates itself. Set the record's id, URL and socket before: they must not change while it is listed.
  *
  * @param channel  allocated with malloc(); tv_close_channel() removes it, however often it was
  *                 added, and releases it

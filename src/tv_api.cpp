@@ -48,6 +48,16 @@ int tv_remove_channel(tv_channel *channel)
     return remove_channel(&tv_repository, channel->channelId);
 }
 
+int list_new_channel(tv_channel *channel, const char *caller)
+{
+    if (add_channel(&tv_repository, channel) != nullptr)
+        return channel->channelId;
+    TV_LOG_AT(caller, __LINE__, "malloc error in function %s", caller);
+    close_channel(channel);
+    release_channel(channel);
+    return -1;
+}
+
 void end_channel(tv_channel *channel)
 {
     tv_channel_list *pairs = &tv_service_server.pairList;
@@ -55,7 +65,7 @@ void end_channel(tv_channel *channel)
     guard.closing = true;
     if (channel->pairSocket != nullptr)
         server_remove_channel(channel);
-    else if (index_find_record(pairs, channel) != nullptr) // a pair whose socket has been closed
+    else if (index_find_record(pairs, channel) != nullptr) // a pair, closed with close_channel()
         unlist_channel(pairs, channel);
     close_channel(channel);
     if (channel == tv_service_server.serverChannel)
@@ -144,13 +154,7 @@ int tv_create_client_channel(const tv_client_addr *addr)
         free(channel);
         return -1;
     }
-    if (add_channel(&tv_repository, channel) == nullptr) {
-        TV_LOG("malloc error in function %s", __func__);
-        close_channel(channel);
-        release_channel(channel);
-        return -1;
-    }
-    return channelId;
+    return list_new_channel(channel, __func__);
 }
 
 // The client channel with the id. Failures are logged in the caller's name.

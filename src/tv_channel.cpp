@@ -297,12 +297,6 @@ static void switch_heartbeat_off(tv_channel *channel)
     channel->hbCount = 0;
 }
 
-static void channel_disconnected(tv_channel *channel)
-{
-    switch_heartbeat_off(channel);
-    report_linkdown(channel, true);
-}
-
 static void active_hb_timeout(intptr_t arg, intptr_t)
 {
     const int channelId = (int)arg;
@@ -313,10 +307,12 @@ static void active_hb_timeout(intptr_t arg, intptr_t)
     }
     TV_LOG("active_hb_timeout, channel id[%d]", channelId);
     channel->hbMissCount++;
-    if (channel->hbMissCount > channel->hbCount)
-        channel_disconnected(channel);
-    else
+    if (channel->hbMissCount <= channel->hbCount) {
         send_heartbeat(channel);
+        return;
+    }
+    switch_heartbeat_off(channel);
+    report_linkdown(channel, true);
 }
 
 int enable_heartbeat(tv_channel *channel)

@@ -41,34 +41,35 @@ static void remove_entry(const tv_channel_list *head, tv_channel_node *entry)
 }
 
 // The entry after a link, or null at the end. A null link is logged in the caller's name.
-static tv_channel_node *next_entry(const tv_channel_list *head, const tv_channel_list *link,
-                                   const char *caller, int line = __builtin_LINE())
+static tv_channel_node *entry_after(const tv_channel_list *link, const tv_channel_list *head,
+                                    const char *caller)
 {
     if (link->next == head)
         return nullptr;
     if (link->next == nullptr)
-        TV_LOG_AT(caller, line, "channel list is null");
+        TV_LOG_AT(caller, __LINE__, "channel list is null");
     return (tv_channel_node *)link->next;
 }
 
-// The oldest entry whose channel matches, or null. Every message searches several times.
-template <typename Match, typename AskIndex>
+// The oldest entry whose channel matches, or null. It is inline because every message searches
+// several times.
+template <typename Covers, typename Match, typename AskIndex>
 static inline __attribute__((always_inline)) tv_channel_node *
-search(const tv_channel_list *head, const char *caller, bool (*indexed)(const tv_channel_list *),
-       Match matches, AskIndex ask_index)
+search(const tv_channel_list *head, const char *caller, Covers covers, Match matches,
+       AskIndex ask_index)
 {
     int steps = 0;
-    for (tv_channel_node *entry = next_entry(head, head, caller); entry != nullptr;
-         entry = next_entry(head, &entry->links, caller)) {
+    for (tv_channel_node *entry = entry_after(head, head, caller); entry != nullptr;
+         entry = entry_after(&entry->links, head, caller)) {
         if (entry->channel != nullptr && matches(entry->channel))
             return entry;
         steps++;
-        if (steps == WALK_FIRST && indexed(head)) {
+        if (steps == WALK_FIRST && covers(head)) {
             tv_channel_node *found = ask_index();
             if (found != nullptr)
                 return found;
         }
-        if (steps == WALK_LIMIT && indexed(head))
+        if (steps == WALK_LIMIT && covers(head))
             return nullptr;
     }
     return nullptr;
@@ -113,15 +114,14 @@ tv_channel *get_channel(tv_channel_list *head, int channelId)
     return entry == nullptr ? nullptr : entry->channel;
 }
 
-static bool is_pair_list(const tv_channel_list *head)
-{
-    return head == &tv_service_server.pairList;
-}
-
 tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url)
 {
     const tv_channel_node *entry = search(
-        head, __func__, is_pair_list,
+        head, __func__,
+        // pairs that have not logged in are not indexed by their empty URLs
+        [=](const tv_channel_list *list) {
+            return list == &tv_service_server.pairList && url[0] != '\0';
+        },
         [=](const tv_channel *channel) { return strcmp(channel->url, url) == 0; },
         [=] { return index_find_url(url); });
     return entry == nullptr ? nullptr : entry->channel;

@@ -31,11 +31,15 @@ int create_client_channel(tv_channel *channel, int channelId, const tv_client_ad
     return 0;
 }
 
-// Send the message in msgBuf, including the NUL that ends its payload. Do not touch the record after
-// a failure: the link-down callback may have closed the channel.
-static int send_built_msg(tv_channel *channel)
+// Send the login or logout in msgBuf, including the NUL that ends its payload. Do not touch the
+// record after a failure: the link-down callback may have closed the channel.
+static int send_built_msg(tv_channel *channel, const char *kind, const char *caller)
 {
-    return tv_impl_send_rqst(channel, channel->msgBuf, (int)strlen(channel->msgBuf) + 1);
+    TV_LOG_AT(caller, __LINE__, "client, send %s msg %s", kind, channel->msgBuf);
+    if (tv_impl_send_rqst(channel, channel->msgBuf, (int)strlen(channel->msgBuf) + 1) == 0)
+        return 0;
+    TV_LOG_AT(caller, __LINE__, "failed to send %s msg", kind);
+    return -1;
 }
 
 int connect_server(tv_channel *channel)
@@ -52,21 +56,11 @@ int connect_server(tv_channel *channel)
         return -1;
     }
     build_login_msg(channel, channel->url);
-    TV_LOG("client, send login msg %s", channel->msgBuf);
-    if (send_built_msg(channel) != 0) {
-        TV_LOG("failed to send login msg");
-        return -1;
-    }
-    return 0;
+    return send_built_msg(channel, "login", __func__);
 }
 
 int disconnect_server(tv_channel *channel)
 {
     build_logout_msg(channel, channel->url);
-    TV_LOG("client, send logout msg %s", channel->msgBuf);
-    if (send_built_msg(channel) != 0) {
-        TV_LOG("failed to send logout msg");
-        return -1;
-    }
-    return 0;
+    return send_built_msg(channel, "logout", __func__);
 }

@@ -73,11 +73,11 @@ void release_channel(tv_channel *channel)
         free_channel(channel);
 }
 
-bool report_linkdown(tv_channel *channel, bool mustNotBeLost)
+bool report_linkdown(tv_channel *channel, bool repeatIfRunning)
 {
     channel_guard *running = find_guard(channel, &channel_guard::inLinkdown);
     if (running != nullptr) {
-        running->linkdownPending |= mustNotBeLost;
+        running->repeatLinkdown |= repeatIfRunning;
         return false;
     }
     if (channel->linkdownCallback == nullptr)
@@ -85,9 +85,9 @@ bool report_linkdown(tv_channel *channel, bool mustNotBeLost)
     channel_guard guard(channel); // the callback is shown the record's URL
     guard.inLinkdown = true;
     do {
-        guard.linkdownPending = false;
+        guard.repeatLinkdown = false;
         channel->linkdownCallback(channel->channelId, channel->url);
-    } while (guard.linkdownPending && !guard.closed && channel->linkdownCallback != nullptr);
+    } while (guard.repeatLinkdown && !guard.closed && channel->linkdownCallback != nullptr);
     return true;
 }
 

@@ -38,11 +38,11 @@ static uint32_t hash_number(int number)
     return product ^ product >> 16;
 }
 
-// Early after boot there may be none yet.
-static uint64_t random_number(uint64_t otherwise)
+// The kernel may have no randomness early after boot.
+static uint64_t random_number(uint64_t fallback)
 {
     uint64_t number;
-    return getrandom(&number, sizeof(number), GRND_NONBLOCK) == sizeof(number) ? number : otherwise;
+    return getrandom(&number, sizeof(number), GRND_NONBLOCK) == sizeof(number) ? number : fallback;
 }
 
 // Peers choose URLs. Because seed and multiplier are secret, they cannot choose URLs that collide.
@@ -71,18 +71,21 @@ static index_node **chain_of(index_key key, uint32_t hash)
 static void prepend(index_key key, index_node *node)
 {
     index_node **chain = chain_of(key, node->chains[key].hash);
-    node->chains[key].next = *chain;
+    index_node *next = *chain;
+    node->chains[key].next = next;
+    node->chains[key].link = chain;
+    if (next != nullptr)
+        next->chains[key].link = &node->chains[key].next;
     *chain = node;
 }
 
 static void grow(index_key key)
 {
     const index_table old = tables[key];
-    void *block = reallocarray(nullptr, old.size, 2 * sizeof(index_node *));
-    if (block == nullptr)
+    index_node **chains = (index_node **)calloc(old.size, 2 * sizeof(index_node *));
+    if (chains == nullptr)
         return;
-    memset(block, 0, old.size * 2 * sizeof(index_node *));
-    tables[key] = {(index_node **)block, old.size * 2, old.count};
+    tables[key] = {chains, old.size * 2, old.count};
     for (uint32_t i = 0; i < old.size; i++) {
         for (index_node *node = old.chains[i], *next; node != nullptr; node = next) {
             next = node->chains[key].next;
@@ -100,20 +103,20 @@ static void link_node(index_key key, index_node *node, uint32_t hash)
     if (tables[key].count >= tables[key].size)
         grow(key);
     node->chains[key].hash = hash;
-    node->chains[key].linked = true;
     prepend(key, node);
     tables[key].count++;
 }
 
 static void unlink_node(index_key key, index_node *node)
 {
-    if (!node->chains[key].linked)
+    index_node **link = node->chains[key].link;
+    if (link == nullptr)
         return;
-    index_node **link = chain_of(key, node->chains[key].hash);
-    while (*link != node)
-        link = &(*link)->chains[key].next;
-    *link = node->chains[key].next;
-    node->chains[key].linked = false;
+    index_node *next = node->chains[key].next;
+    *link = next;
+    if (next != nullptr)
+        next->chains[key].link = link;
+    node->chains[key].link = nullptr;
 
     index_table *table = &tables[key];
     if (--table->count == 0 && table->chains != firstChains[key]) {

@@ -32,8 +32,8 @@ struct index_node {
     uint64_t rank;               // entries of a list rank by age, the oldest lowest
     struct {
         index_node *next;
+        index_node **link; // what points here, or null: not in a chain
         uint32_t hash;
-        bool linked;
     } chains[INDEX_KEYS];
 };
 
@@ -62,8 +62,8 @@ tv_channel_node *index_find_url(const char *url);
 
 // ---- tv_channel_repo.cpp
 
-// A search of a covered list walks first, because that is cheaper for a few channels, and asks the
-// index after WALK_FIRST entries. If the index knows no match, the walk goes on to WALK_LIMIT
+// A search of a list that the index covers walks WALK_FIRST entries, which is cheaper for a few
+// channels, and then asks the index. If the index knows no match, the walk goes on to WALK_LIMIT
 // entries, so that short lists behave like plain ones even if an application has changed them.
 enum { WALK_FIRST = 3, WALK_LIMIT = 32 };
 
@@ -88,11 +88,11 @@ struct channel_guard {
     channel_guard &operator=(const channel_guard &) = delete;
 
     tv_channel *channel;
-    bool closed = false;          // the channel is gone, do not touch it
-    bool closing = false;         // end_channel() is at work on the channel
-    bool replyReceived = false;   // the channel has received the reply to its request
-    bool inLinkdown = false;      // the channel's link-down callback runs
-    bool linkdownPending = false; // and must run once more
+    bool closed = false;         // the channel is gone, do not touch it
+    bool closing = false;        // end_channel() is at work on the channel
+    bool replyReceived = false;  // the awaited reply has arrived; read by rqst_timeout()
+    bool inLinkdown = false;     // the channel's link-down callback runs
+    bool repeatLinkdown = false; // and must run once more
     channel_guard *outer;
 };
 
@@ -103,10 +103,10 @@ bool is_closing(const tv_channel *channel);
 void note_reply(const tv_channel *channel);
 
 // Call the channel's link-down callback, unless there is none or it is running already: a send that
-// fails inside it must not call it again. If it is running and the report is one that must not be
-// lost, it is called once more after it has returned. The callback may close the channel, so do not
-// touch the record afterwards. Returns whether the callback was called.
-bool report_linkdown(tv_channel *channel, bool mustNotBeLost = false);
+// fails inside it must not call it again. With repeatIfRunning, a callback that is running is called
+// once more after it has returned. The callback may close the channel, so do not touch the record
+// afterwards. Returns whether the callback was called.
+bool report_linkdown(tv_channel *channel, bool repeatIfRunning = false);
 
 // Free a record that is closed and unlisted, with the requests it holds: now, or when the outermost
 // guard on it ends.
@@ -133,11 +133,15 @@ void step_walks_over(const tv_channel_list *entry);
 // ---- tv_channel.cpp
 
 // Receive one message, check its sequence number and handle it. A login, a logout or a message of
-// no known type goes to handle_other, which takes it. Returns 0, the result of the handling, or -1
+// no known type goes to handle_other, which releases it. Returns 0, the result of the handling, or -1
 // for a message out of sequence.
 int serve_channel(tv_channel *channel, int (*handle_other)(tv_channel *, int type, char *msg));
 
 // ---- tv_api.cpp
+
+// List a new channel in the repository. Returns its id, or releases it and returns -1: no memory,
+// which is logged in the caller's name.
+int list_new_channel(tv_channel *channel, const char *caller);
 
 // Close a channel, take its record out of both lists and release it. The channel must not be closing
 // already.
@@ -145,7 +149,7 @@ void end_channel(tv_channel *channel);
 
 // ---- tv_loop.cpp
 
-// Note that a frame is about to be received on a descriptor, or a connection accepted there.
+// Note that a frame is received from a descriptor, or a connection accepted there.
 void note_input_taken(int fd);
 
 #endif

@@ -30,7 +30,7 @@ static fd_handler_slot fdHandlerTable[TV_MAX_POLLING_FDS];
 // Whether poll()'s reports may be out of date.
 static bool reportsStale;
 
-// The descriptor whose handler runs and has taken no input yet, or -1.
+// The descriptor whose handler runs, until the handler takes its input; else -1.
 static int servedFd = -1;
 
 // The two functions of the timer library that the loop calls. A site's own timer library may declare
@@ -81,10 +81,8 @@ int tv_unregister_polling_fd(int fd)
         return -1;
     }
     *slot = {};
-    if (fdHandlerCount > 0) {
-        TV_LOG("tv_unregister_polling_fd, fd[%d]", fd);
-        fdHandlerCount--;
-    }
+    fdHandlerCount--;
+    TV_LOG("tv_unregister_polling_fd, fd[%d]", fd);
     return 0;
 }
 

@@ -71,12 +71,8 @@ int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandle
     }
     channel->respHandler = respHandler;
     channel->timeoutHandler = timeoutHandler;
-    if (add_channel(&tv_repository, channel) == nullptr) {
-        TV_LOG("malloc error in function %s", __func__);
-        close_channel(channel);
-        release_channel(channel);
+    if (list_new_channel(channel, __func__) == -1)
         return -1;
-    }
     tv_service_server.serverChannel = channel;
     return channelId;
 }
@@ -86,9 +82,9 @@ int tv_start_server(const char *ip, int port)
     return tv_start_service_server(ip, port, nullptr, nullptr, nullptr);
 }
 
-// The oldest pair of a server that is stopping. Null: there is none, or another server has been
+// The oldest pair of a server that is stopping, or null: there is none, or another server has been
 // started meanwhile, whose pairs stay.
-static tv_channel *oldest_pair_of(const tv_channel *stopping)
+static tv_channel *next_pair_to_stop(const tv_channel *stopping)
 {
     const tv_channel *current = tv_service_server.serverChannel;
     if (current != nullptr && current != stopping)
@@ -104,8 +100,8 @@ void tv_stop_server(void)
 
     // Closing a pair calls back, and the callback may close pairs, accept one, or stop the server.
     channel_guard guard(server);
-    for (tv_channel *pair = oldest_pair_of(server); pair != nullptr;
-         pair = oldest_pair_of(server)) {
+    for (tv_channel *pair = next_pair_to_stop(server); pair != nullptr;
+         pair = next_pair_to_stop(server)) {
         if (is_closing(pair)) // in its own fd-close callback, which has called this
             unlist_channel(&tv_service_server.pairList, pair);
         else
@@ -179,14 +175,13 @@ static tv_channel *new_pair(int fd)
 
 int create_pair_channel(int fd)
 {
-    if (tv_service_server.serverChannel == nullptr) {
-        TV_LOG("%s, no server is running", __func__);
-        close(fd);
-        return -1;
-    }
-    tv_channel *pair = new_pair(fd);
+    const bool running = tv_service_server.serverChannel != nullptr;
+    tv_channel *pair = running ? new_pair(fd) : nullptr;
     if (pair == nullptr) {
-        TV_LOG("malloc error in function %s", __func__);
+        if (running)
+            TV_LOG("malloc error in function %s", __func__);
+        else
+            TV_LOG("%s, no server is running", __func__);
         close(fd);
         return -1;
     }
@@ -285,9 +280,11 @@ static void replace_pair(int channelId, const char *url)
 int login_msg_received(tv_channel *channel, char *msg)
 {
     const char *url = get_url_payload(msg);
-    if (url == nullptr || *url == '\0') { // an empty one would match every pair not logged in yet
-        if (url != nullptr)
-            TV_LOG("%s, empty url, ignore", __func__);
+    if (url != nullptr && *url == '\0') { // it would match every pair not logged in yet
+        TV_LOG("%s, empty url, ignore", __func__);
+        url = nullptr;
+    }
+    if (url == nullptr) {
         tv_impl_free_msg(msg);
         return 0;
     }

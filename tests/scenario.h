@@ -265,6 +265,7 @@ template <int N> static int actor(int id, const char *payload, int len, char **r
 
 static void register_handlers(int id)
 {
+    tv_register_actor(id, nullptr); // is passed over
     tv_register_actor(id, actor<0>);
     tv_register_actor(id, actor<1>);
     tv_register_resp_handler(

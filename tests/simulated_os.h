@@ -354,5 +354,12 @@ extern "C" void __wrap_perror(const char *text)
 }
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
 WRAP(int, stat, (const char *path, struct stat *status), -1, __real_stat(path, status))
+#if !__GLIBC_PREREQ(2, 33) // there, stat() is inline and calls this
+extern "C" int __real___xstat(int version, const char *path, struct stat *status);
+extern "C" int __wrap___xstat(int version, const char *path, struct stat *status)
+{
+    return fails("stat") ? -1 : __real___xstat(version, path, status);
+}
+#endif
 
 #endif

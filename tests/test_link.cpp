@@ -35,6 +35,12 @@ static const struct Scenario {
         advance 100                         => timeout, response just-in-time, peer_got request next
         send_request early 100              => send_request: -1)"},
 
+    {"ARequestSentInsideTheTimeoutHandlerWaitsAlsoWithoutATimer", R"(
+        send_request ping 100           => peer_got request ping
+        on timeout: peer_sends reply just-in-time; fail ruvo_start_timer; send_request next 100
+        advance 100                     => timeout, response just-in-time, peer_got request next
+        send_request early 100          => send_request: -1)"},
+
     {"ActorsAreAskedInOrderUntilOneTakesTheRequest", R"(
         actors pass handle:b;   peer_sends request x  => actor0 x, actor1 x, peer_got reply b
         actors pass:a handle;   peer_sends request x  => actor0 x, actor1 x, peer_got reply a
@@ -94,6 +100,14 @@ static const struct Scenario {
         advance 99
         advance 1                           => link_down tcp://link:7
         peer_sends heartbeat {}; next_timer => peer_got heartbeatack {sequence:2}~, next timer -1)"},
+
+    {"AHeartbeatThatGivesUpInsideLinkDownIsReportedAfterIt", R"(
+        send_request ping 100               => peer_got request ping
+        enable_heartbeat 100 0; peer_sends heartbeatack {}
+        on timeout: peer_sends_bytes 36-bytes-that-begin-no-frame-at-all!
+        on link_down: advance 0; send_reply early # the heartbeat is due
+        advance 100                         => timeout, link_down tcp://link:7, send_reply: -1,
+                                            => link_down tcp://link:7)"},
 
     {"EveryAcceptedMessageRestartsSupervisionAndARejectedOneDoesNot", R"(
         enable_heartbeat 100 1; actors handle pass; peer_sends request x  => actor0 x

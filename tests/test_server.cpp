@@ -45,6 +45,7 @@ TEST_F(Server, PairsTakeTheServersSettingsAfterTheirFdOpenCallback)
     tv_channel *server = tv_get_channel(serverId);
     verbs["change_settings"] = [=](const Step &s) {
         EXPECT_EQ(tv_get_channel(s.id)->linkdownCallback, on_link_down);
+        EXPECT_EQ(tv_get_channel(s.id)->pollTimeout, 100);
         tv_set_poll_timeout(serverId, 700);
         tv_client_enable_heartbeat(serverId, 100, 1, nullptr);
         EXPECT_EQ(enable_heartbeat(server), 0); // the server channel has no timer of its own

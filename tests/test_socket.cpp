@@ -96,4 +96,7 @@ TEST_F(Socket, AClientThatConnectsToItselfIsNotConnected)
         EXPECT_EQ(log.take().back(), "_impl_nonblock_connect, connected to itself");
     }
     EXPECT_EQ(close(self), 0); // it was left open for its owner
+    const int server = impl_create_server_socket("127.0.0.1", ntohs(own.sin_port));
+    EXPECT_NE(server, -1) << "the port is in TIME_WAIT";
+    close(server);
 }

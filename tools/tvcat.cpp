@@ -4,145 +4,162 @@
 //   tvcat -l [-a ANSWER] ADDRESS PORT             a server: prints every request, answers it with
 //                                                 ANSWER, or with the request itself
 //
-// tvcat.1 is its manual. It lives with the 16 places of the library's loop.
+// tvcat.1 is its manual.
 
-#include "../examples/places.h"
-#include "tolvane.h"
+#include <tolvane.hpp>
 
 #include <getopt.h>
 #include <limits.h>
+#include <optional>
 #include <queue>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string>
+#include <unistd.h>
+
+using text = std::string;
 
 static const char *const usage = "tvcat [-t MILLISECONDS] ADDRESS PORT [NAME]\n"
                                  "tvcat -l [-a ANSWER] ADDRESS PORT\n"
                                  "tvcat --help, tvcat --version";
-static const int ioTimeout = 5000; // of a connect, and of one message on the wire
-static const int hbInterval = 1000;
-static const int hbCount = 4;
 
-static void print_line(const char *payload, int len)
+[[noreturn]] static void fail(const text &why)
 {
-    if (len > 0)
-        fwrite(payload, 1, len, stdout);
+    fflush(stdout);
+    fprintf(stderr, "tvcat: %s\n", why.c_str());
+    exit(EXIT_FAILURE);
+}
+
+static void print_line(std::string_view payload)
+{
+    fwrite(payload.data(), 1, payload.size(), stdout);
     putchar('\n');
+    fflush(stdout);
 }
 
-// ---- client
-
-static int client;
-static int rqstTimeout = 5000;
-static std::queue<std::string> lines; // read and not sent yet
-static bool ended;                    // no more lines will come
-
-static int on_input(int fd, intptr_t, intptr_t);
-
-// Read on only when all lines have been answered: a file of any size takes little memory.
-static void send_next()
+static tolvane::options settings()
 {
-    if (lines.empty() && ended) {
-        tv_disconnect_server(client);
-        exit(EXIT_SUCCESS);
+    tolvane::options options;
+    options.heartbeat = tolvane::milliseconds(1000);
+    options.missed_heartbeats = 4;
+    options.reconnect = false;
+    return options;
+}
+
+class sender
+{
+public:
+    sender(tolvane::loop &loop, tolvane::endpoint server, tolvane::endpoint name, int timeout)
+        : loop(loop), client(loop, server, name, settings()), timeout(timeout)
+    {
+        client.on_connected([this] {
+            connected = true;
+            send_next();
+        });
+        client.on_lost([this, server](std::string_view why) {
+            fail((connected ? "the link is lost: "
+                            : "cannot connect to " + server.host + " port " +
+                                  std::to_string(server.port) + ": ") +
+                 text(why));
+        });
+        if (const tolvane::status started = client.connect(); !started)
+            fail(started.what());
     }
-    if (lines.empty()) {
-        tv_register_polling_fd(STDIN_FILENO, on_input, 0, 0);
-        return;
+
+private:
+    // Read on only when all lines have been answered, so a file of any size takes little memory.
+    void send_next()
+    {
+        if (!lines.empty()) {
+            client.request(lines.front(), timeout,
+                           [this](tolvane::response reply) { hear(reply); });
+            lines.pop();
+        } else if (!ended) {
+            if (const tolvane::status watched = loop.watch(STDIN_FILENO, [this] { read_lines(); });
+                !watched)
+                fail(text("cannot read the input: ") + watched.what());
+        } else {
+            client.disconnect();
+            loop.stop();
+        }
     }
-    const std::string line = lines.front();
-    lines.pop();
-    if (tv_send_rqst(client, line.data(), static_cast<int>(line.size()), rqstTimeout) != 0)
-        fail("a line is too long to be sent"); // a lost link has ended the program
+
+    void hear(const tolvane::response &reply)
+    {
+        switch (reply.outcome()) {
+        case tolvane::outcome::replied:
+            print_line(reply.payload());
+            return send_next();
+        case tolvane::outcome::timed_out:
+            fail("no reply within " + std::to_string(timeout.count()) + " ms");
+        case tolvane::outcome::declined:
+            fail("the server declines a line");
+        case tolvane::outcome::refused:
+            fail("a line is too long to be sent");
+        case tolvane::outcome::lost:
+            return; // on_lost says why
+        }
+    }
+
+    void read_lines()
+    {
+        char chunk[4096];
+        const ssize_t got = read(STDIN_FILENO, chunk, sizeof(chunk));
+        if (got > 0)
+            rest.append(chunk, static_cast<size_t>(got));
+        ended = got <= 0;
+        for (size_t end; (end = rest.find('\n')) != text::npos; rest.erase(0, end + 1))
+            lines.push(rest.substr(0, end));
+        if (ended && !rest.empty()) // a last line without an end
+            lines.push(rest);
+        loop.unwatch(STDIN_FILENO);
+        send_next();
+    }
+
+    tolvane::loop &loop;
+    tolvane::client client;
+    tolvane::milliseconds timeout;
+    std::queue<text> lines; // read and not sent yet
+    text rest;              // the beginning of a line
+    bool connected = false;
+    bool ended = false; // no more lines will come
+};
+
+static void serve(tolvane::server &server, const text &address, int port, const char *answer)
+{
+    server.on_request([answer](tolvane::request request) {
+        print_line(request.payload());
+        if (!request.reply(answer != nullptr ? answer : request.payload()) &&
+            !request.reply("too long to be answered"))
+            request.decline();
+    });
+    const auto listening = server.listen(address, static_cast<uint16_t>(port));
+    if (!listening)
+        fail(text("cannot listen: ") + listening.what() + " (" +
+             std::make_error_code(listening.error()).message() + ")");
+    fprintf(stderr, "tvcat: listening on port %d\n", server.port());
 }
 
-static void keep_line(const std::string &line)
+// Read a number, or fail: atoi() would take "http" for 0, which means any port.
+static int to_number(const char *text, const char *what, int least, int most)
 {
-    lines.push(line);
-}
-
-static int on_input(int fd, intptr_t, intptr_t)
-{
-    ended = !run_lines(fd, keep_line);
-    tv_unregister_polling_fd(fd);
-    send_next();
-    return 0;
-}
-
-static void on_reply(int, const char *payload, int len)
-{
-    print_line(payload, len);
-    send_next();
-}
-
-// A late reply could not be told from the next request's.
-static void on_timeout(int)
-{
-    fail("no reply within %d ms", rqstTimeout);
-}
-
-static void on_linkdown(int, const char *)
-{
-    fail("the link is lost: %s", why().c_str());
-}
-
-static void start_client(const char *ip, int port, const char *name)
-{
-    tv_client_addr address = {};
-    copy_name(address.serverIp, ip);
-    copy_name(address.clientIp, name);
-    address.serverPort = static_cast<uint16_t>(port);
-    address.clientPort =
-        static_cast<uint16_t>(getpid()); // two of one name do not replace each other
-    client = tv_create_client_channel(&address);
-    tv_set_poll_timeout(client, ioTimeout);
-    tv_set_connect_timeout(client, ioTimeout);
-    tv_register_resp_handler(client, on_reply);
-    tv_register_timeout_handler(client, on_timeout);
-    tv_client_enable_heartbeat(client, hbInterval, hbCount, on_linkdown);
-    if (tv_connect_server(client) != 0)
-        fail("cannot connect to %s port %d: %s", ip, port, why().c_str());
-    tv_register_polling_fd(tv_get_polling_fd(client), tv_channel_fd_handler, client, 0);
-    tv_register_polling_fd(STDIN_FILENO, on_input, 0, 0);
-}
-
-// ---- server
-
-static const char *answer; // null: the request itself
-
-static int on_rqst(int, const char *payload, int len, char **respPayload, int *respLen)
-{
-    print_line(payload, len);
-    const std::string_view echo(payload, len);
-    return reply_at_once(answer != nullptr ? answer : echo, respPayload, respLen);
-}
-
-static void on_client_lost(int id, const char *)
-{
-    tv_close_client_connection(id);
-}
-
-static void start_server(const char *ip, int port)
-{
-    const int server = tv_start_server(ip, port);
-    if (server == -1)
-        fail("cannot listen on %s port %d: %s (%s)", ip, port, strerror(errno), why().c_str());
-    tv_register_actor(server, on_rqst);
-    tv_set_poll_timeout(server, ioTimeout);
-    tv_service_enable_heartbeat(hbInterval, hbCount, on_client_lost);
-    start_listening();
+    char *end = nullptr;
+    const long long number = strtoll(text, &end, 10);
+    if (end == text || *end != '\0' || number < least || number > most)
+        fail(std::string(text) + ": " + what + " is a number from " + std::to_string(least) +
+             " to " + std::to_string(most));
+    return static_cast<int>(number);
 }
 
 int main(int argc, char **argv)
 {
-    speaker = "tvcat";
-    voice = stderr; // the other one is for payloads
-    keep_log();
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    bool server = false;
-    const char *timeout = nullptr;
+    bool listens = false;
+    const char *answer = nullptr, *timeout = nullptr;
     static const option words[] = {
         {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'v'}, {}};
     for (int letter; (letter = getopt_long(argc, argv, "la:t:", words, nullptr)) != -1;) {
         if (letter == 'l')
-            server = true;
+            listens = true;
         else if (letter == 'a')
             answer = optarg;
         else if (letter == 't')
@@ -152,23 +169,29 @@ int main(int argc, char **argv)
         else // getopt_long() has said what is wrong
             fail("see tvcat --help");
     }
-    if (server && timeout != nullptr)
-        fail("-t %s: a server does not wait for replies, see tvcat --help", timeout);
-    if (!server && answer != nullptr)
-        fail("-a %s: an answer wants a server, -l, see tvcat --help", answer);
-    if (timeout != nullptr)
-        rqstTimeout = to_number(timeout, "a time-out in milliseconds", 1, INT_MAX);
-    const int most = server ? 2 : 3;
+    if (listens && timeout != nullptr)
+        fail(text("-t ") + timeout + ": a server does not wait for replies, see tvcat --help");
+    if (!listens && answer != nullptr)
+        fail(text("-a ") + answer + ": an answer wants a server, -l, see tvcat --help");
+    const int wait =
+        timeout == nullptr ? 5000 : to_number(timeout, "a timeout in milliseconds", 1, INT_MAX);
+    const int most = listens ? 2 : 3;
     if (argc - optind < 2)
         fail("ADDRESS and PORT are wanted, see tvcat --help");
     if (argc - optind > most)
-        fail("%s: one argument too many, see tvcat --help", argv[optind + most]);
-    const char *const ip = to_address(argv[optind]);
-    const int port = to_port(argv[optind + 1]);
-    if (server)
-        start_server(ip, port);
-    else
-        start_client(ip, port, argc - optind == 3 ? argv[optind + 2] : "tvcat");
-    tv_main_loop();
-    return EXIT_FAILURE; // only when poll() fails
+        fail(text(argv[optind + most]) + ": one argument too many, see tvcat --help");
+    const text address = argv[optind];
+    const int port = to_number(argv[optind + 1], "a port", 0, 65535);
+
+    tolvane::loop loop;
+    tolvane::server server(loop, settings());
+    std::optional<sender> client;
+    if (listens)
+        serve(server, address, port, answer);
+    else // the process's number in the name: two of one name do not replace each other
+        client.emplace(loop, tolvane::endpoint{address, static_cast<uint16_t>(port)},
+                       tolvane::endpoint{argc - optind == 3 ? argv[optind + 2] : "tvcat",
+                                         static_cast<uint16_t>(getpid())},
+                       wait);
+    return loop.run() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -37,16 +37,25 @@ static const long long noDeadline = -1;
 
 // ---- waiting
 
-static long long _monotonic_ms(void)
+static const long long nsPerMs = 1000000;
+
+static long long _monotonic_ns(void)
 {
     struct timespec now = {0, 0}; // the clock does not fail; if it did, this is defined
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+    return now.tv_sec * 1000 * nsPerMs + now.tv_nsec;
 }
 
+static long long _deadline_after(int timeoutMs)
+{
+    return _monotonic_ns() + timeoutMs * nsPerMs;
+}
+
+// The milliseconds left, rounded up; 0 or less when the deadline has passed.
 static int _ms_until(long long deadline)
 {
-    return (int)(deadline - _monotonic_ms());
+    const long long left = deadline - _monotonic_ns();
+    return (int)((left > 0 ? left + nsPerMs - 1 : left) / nsPerMs);
 }
 
 static void _set_fd_nonblock(int fd)
@@ -63,7 +72,7 @@ static void _set_fd_nonblock(int fd)
 // Wait for the events. Returns true when the next call on fd will not block.
 static bool _wait_fd(int fd, short events, int timeoutMs)
 {
-    const long long deadline = _monotonic_ms() + timeoutMs;
+    const long long deadline = _deadline_after(timeoutMs);
     int left = timeoutMs;
     for (; left > 0; left = _ms_until(deadline)) {
         struct pollfd entry = {fd, events, 0};
@@ -97,7 +106,7 @@ static bool _impl_send_with_timeout(int fd, const char *bytes, int count, int fl
             TV_LOG("failed send error:%s", strerror(error));
             return false;
         }
-        // The first EAGAIN is no news: it takes the place of a wait before the first try.
+        // The first EAGAIN replaces the wait before the first try, so it is not logged.
         if (error != 0 && !(first && error == EAGAIN))
             TV_LOG("send error: %s continue", strerror(error));
         const int left = _ms_until(deadline);
@@ -113,11 +122,11 @@ static bool _impl_send_with_timeout(int fd, const char *bytes, int count, int fl
     return true;
 }
 
-static bool _send_header(int fd, int len, int timeoutMs, long long deadline)
+int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 {
-    if (timeoutMs <= 0) {
-        TV_LOG("time out:%d", timeoutMs);
-        return false;
+    if (len < 0) {
+        TV_LOG("tcp_impl_send, negative length[%d]", len);
+        return -1;
     }
     char header[headerSize] = {0};
     memcpy(header, watermark, sizeof(watermark));
@@ -126,17 +135,10 @@ static bool _send_header(int fd, int len, int timeoutMs, long long deadline)
 
     // With a body to follow, the header waits for it and both leave in one segment.
     const int flags = len > 0 ? MSG_MORE : 0;
-    return _impl_send_with_timeout(fd, header, headerSize, flags, deadline);
-}
-
-int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
-{
-    if (len < 0) {
-        TV_LOG("tcp_impl_send, negative length[%d]", len);
-        return -1;
-    }
-    const long long deadline = _monotonic_ms() + timeoutMs;
-    if (!_send_header(fd, len, timeoutMs, deadline)) {
+    const long long deadline = _deadline_after(timeoutMs);
+    if (timeoutMs <= 0)
+        TV_LOG_AT("_impl_send_with_timeout", __LINE__, "time out:%d", timeoutMs);
+    if (timeoutMs <= 0 || !_impl_send_with_timeout(fd, header, headerSize, flags, deadline)) {
         TV_LOG("tcp_impl_send, failed on send header");
         return -1;
     }
@@ -174,7 +176,7 @@ static bool _impl_receive_with_timeout(int fd, char *dst, int count, long long d
         if (received == count)
             break;
         const int left = limited ? _ms_until(deadline) : 0;
-        if (limited && left <= 0 && (error != 0 || count > receiveStep)) {
+        if (limited && left <= 0 && (error == EAGAIN || count > receiveStep)) {
             TV_LOG("time out:%d", left);
             return false;
         }
@@ -188,23 +190,23 @@ static bool _impl_receive_with_timeout(int fd, char *dst, int count, long long d
     return true;
 }
 
-// Returns the length of the body, or -1.
-static int _receive_header(int fd, long long deadline)
+// Returns the length of the body, or -1. Logs for its caller.
+static int _receive_header(int fd, long long deadline, const char *caller)
 {
     char header[headerSize];
     if (!_impl_receive_with_timeout(fd, header, headerSize, deadline)) {
-        TV_LOG("tcp_impl_receive, failed on receive header");
+        TV_LOG_AT(caller, __LINE__, "tcp_impl_receive, failed on receive header");
         return -1;
     }
     if (memcmp(header, watermark, sizeof(watermark)) != 0) {
-        TV_LOG("tcp_impl_receive, invalid watermark");
+        TV_LOG_AT(caller, __LINE__, "tcp_impl_receive, invalid watermark");
         return -1;
     }
     uint32_t netLen;
     memcpy(&netLen, header + watermarkFieldSize, sizeof(netLen));
     const uint32_t len = ntohl(netLen);
     if (len > INT_MAX) {
-        TV_LOG("tcp_impl_receive, invalid length[%u]", len);
+        TV_LOG_AT(caller, __LINE__, "tcp_impl_receive, invalid length[%u]", len);
         return -1;
     }
     return (int)len;
@@ -213,8 +215,8 @@ static int _receive_header(int fd, long long deadline)
 char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs)
 {
     *len = 0;
-    const long long deadline = timeoutMs > 0 ? _monotonic_ms() + timeoutMs : noDeadline;
-    const int bodyLen = _receive_header(fd, deadline);
+    const long long deadline = timeoutMs > 0 ? _deadline_after(timeoutMs) : noDeadline;
+    const int bodyLen = _receive_header(fd, deadline, __func__);
     if (bodyLen < 0)
         return nullptr;
 
@@ -314,6 +316,8 @@ static bool _is_connected_to_itself(int fd, const char *caller)
         own.sin_addr.s_addr != peer.sin_addr.s_addr)
         return false;
     TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
+    const struct linger reset = {1, 0}; // else its end would keep the server's port in TIME_WAIT
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
     return true;
 }
 

@@ -81,11 +81,7 @@ char *tv_impl_recv_with_timeout(tv_channel *channel, int *len, int timeoutMs)
 
 char *tv_impl_recv(tv_channel *channel, int *len)
 {
-    if (channel == nullptr) {
-        *len = 0;
-        return nullptr;
-    }
-    return tv_impl_recv_with_timeout(channel, len, channel->pollTimeout);
+    return tv_impl_recv_with_timeout(channel, len, channel != nullptr ? channel->pollTimeout : 0);
 }
 
 void tv_impl_close_channel(tv_channel *channel)

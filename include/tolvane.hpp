@@ -1,0 +1,1787 @@
+// tolvane.hpp - clients and servers that never block: the C++17 layer over tolvane.h.
+//
+// A program needs one loop, and one or more clients or one server on it. Callbacks are lambdas;
+// objects end with their destructors. Header-only and optional; links with libtolvane.so and
+// libruvo_timer.so, and talks to programs on the C interface as well as to programs on this one.
+//
+//   loop      waits for descriptors, timers and posted work, and runs every callback
+//   timer     runs a callback once or periodically
+//   link      (internal) one connection: buffers, frames, heartbeats, requests under way
+//   peer      a server's handle of one client
+//   request   one received request, answered now or later
+//   client    a link that connects, logs in and reconnects
+//   server    a listening socket and a link per client
+//
+// Each part is built on those before it. Wire format, channel records, sequence numbers and timers
+// are the library's; sockets are read and written here, so that no call waits for a peer.
+//
+// CONVENTIONS, true of every entry below unless it says otherwise
+//
+// Callbacks  run inside run() and run_once() only, never inside another call. A callback may call
+//            anything, and may destroy or close any object, also the one that called it. An
+//            exception that leaves a callback ends the program.
+// Results    operations that can be refused return a status. Nothing throws but std::bad_alloc.
+// Blocking   nothing blocks but run() and run_once(). What the system does not take at once waits
+//            in the link's queue, at most options::max_queued bytes.
+// Time       milliseconds on the monotonic clock. A time below 1 ms counts as 1 ms, one above
+//            24 days as 24 days.
+// Threads    one thread makes all calls, but loop::post, which any thread may call.
+// Links      two ends of this layer agree on a pipelined link: any number of requests may be under
+//            way, in both directions. With any other peer the link is plain: one request at a time
+//            awaits its reply in each direction, and further ones queue.
+#ifndef TOLVANE_HPP
+#define TOLVANE_HPP
+
+#ifndef TOLVANE_H
+#define TOLVANE_APPLICATION_ONLY // no get_channel, log_file ... in the program's namespace
+#endif
+#include "ruvo_timer.h"
+#include "tolvane.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <netinet/tcp.h>
+#include <random>
+#include <string>
+#include <string_view>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <system_error>
+#include <type_traits>
+#include <unistd.h>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace tolvane
+{
+
+using std::chrono::milliseconds;
+
+/* The longest request or reply in bytes. It fits one message whatever the link and the URL. */
+constexpr std::size_t max_payload = 65398;
+
+/* A callable of any kind, move-only ones included; copies share it. An empty one does nothing.
+ * A callback that is destroyed or replaced while it runs lives on until it returns. */
+template <class Signature> class callback;
+template <class... Args> class callback<void(Args...)>
+{
+public:
+    callback(std::nullptr_t = nullptr)
+    {
+    }
+    template <class F, class = std::enable_if_t<!std::is_same_v<std::decay_t<F>, callback> &&
+                                                std::is_invocable_v<std::decay_t<F> &, Args...>>>
+    callback(F &&function)
+        : target(std::make_shared<std::decay_t<F>>(std::forward<F>(function))),
+          invoke([](void *object, Args... args) {
+              (*static_cast<std::decay_t<F> *>(object))(std::forward<Args>(args)...);
+          })
+    {
+    }
+    explicit operator bool() const
+    {
+        return target != nullptr;
+    }
+    void operator()(Args... args) const noexcept
+    {
+        if (const auto running = target)
+            invoke(running.get(), std::forward<Args>(args)...);
+    }
+
+private:
+    std::shared_ptr<void> target;
+    void (*invoke)(void *, Args...) = nullptr;
+};
+
+/* How an operation went: true, or a code and a text that say why it was refused. A refused
+ * operation has changed nothing. full() tells a queue that has no room now (try again after
+ * on_drained) from what will never succeed. what() is valid for ever. */
+class [[nodiscard]] status
+{
+public:
+    status() = default;
+    status(std::errc error, const char *what) : code(error), text(what)
+    {
+    }
+    explicit operator bool() const
+    {
+        return code == std::errc();
+    }
+    bool full() const
+    {
+        return code == std::errc::no_buffer_space;
+    }
+    std::errc error() const
+    {
+        return code;
+    }
+    const char *what() const
+    {
+        return text;
+    }
+
+private:
+    std::errc code{};
+    const char *text = "success";
+};
+
+/* An address and a port. A server's host is a dotted IPv4 text; names are not resolved. A client's
+ * own endpoint is a name: it need not be a real address, but its URL, "tcp://host:port", has at
+ * most 63 characters and no control characters, and tells the client from all others. */
+struct endpoint {
+    std::string host;
+    std::uint16_t port = 0;
+
+    std::string url() const
+    {
+        return "tcp://" + host + ":" + std::to_string(port);
+    }
+};
+
+/* Settings of a client, or of a server and all its clients' links. */
+struct options {
+    milliseconds heartbeat{5000};       // silence after which a heartbeat is sent; 0: none is
+    milliseconds connect_timeout{5000}; // for connecting with login, and for saying goodbye
+    milliseconds late_reply{1000};      // on a plain link, how long a reply may be overdue
+    int missed_heartbeats = 2;          // unanswered ones before a link counts as lost
+    bool pipelined = true;              // offer, or accept, a pipelined link
+    bool reconnect = true;              // a client only: after a lost link, 100 ms to 5 s later
+    std::size_t max_queued = 8 << 20;   // unsent bytes of a link that make it full
+    std::size_t max_clients = 1000;     // a server only: further clients wait in the backlog
+};
+
+/* What became of a request: the other end replied, or it did not in time, the link was lost or
+ * closed meanwhile, the other end declined to reply (pipelined links only), or the request was
+ * refused here and not sent. */
+enum class outcome { replied, timed_out, lost, declined, refused };
+
+/* Why a client has gone: it logged out, a newer login took its name, its link was lost, or the
+ * server closed it. */
+enum class reason { logged_out, replaced, lost, closed };
+
+class request;
+
+// The library's lower functions that the layer is built on. They are declared here because
+// tolvane.h hides them from application programs; a second declaration does no harm.
+namespace detail::c
+{
+extern "C" {
+int pack_outgoing_rqst(tv_channel *channel, const char *payload, int len);
+int pack_outgoing_resp(tv_channel *channel, const char *payload, int len);
+int build_login_msg(tv_channel *channel, const char *text);
+int build_logout_msg(tv_channel *channel, const char *text);
+int build_heartbeat_msg(tv_channel *channel, char *dst, int size);
+int build_heartbeat_ack_msg(tv_channel *channel, char *dst, int size);
+int get_msg_type(const char *msg);
+int get_msg_sequence(const char *msg);
+const char *get_msg_payload(const char *msg, int len, int *payloadLen);
+int tv_msg_received(tv_channel *channel, int seq);
+int create_pair_channel(int fd);
+int login_msg_received(tv_channel *channel, char *msg);
+tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url);
+}
+}
+
+namespace detail
+{
+
+using clock = std::chrono::steady_clock;
+
+constexpr int served_per_turn = 64;       // messages, or accepted clients, before others' turn
+constexpr std::size_t flush_size = 65536; // unsent bytes that are sent without waiting for more
+constexpr std::size_t frame_header = 36;  // watermark and length
+constexpr std::string_view watermark{"TCP_WATER_MARK\0", 15};
+constexpr std::string_view pipelined_offer{"pipelined\0", 10};
+
+inline std::string error_text(int error)
+{
+    return std::generic_category().message(error);
+}
+
+inline bool try_later(int error)
+{
+    return error == EAGAIN || error == EINTR || error == ENOBUFS || error == ENOMEM;
+}
+
+inline int to_ms(milliseconds time)
+{
+    return static_cast<int>(std::clamp<milliseconds::rep>(time.count(), 1, INT_MAX));
+}
+
+struct farewell;
+struct link;
+struct pair;
+struct client_state;
+struct server_state;
+
+}
+
+// ---- loop ----------------------------------------------------------------------------------
+
+/* The event loop, which runs the callbacks of all timers, clients and servers. A process has one:
+ * every loop object stands for it, and it closes when the last one is destroyed. Clients, servers,
+ * timers and requests may outlive it; without it they do nothing. */
+class loop
+{
+public:
+    /* Open the loop. When the system has no descriptor left it stays closed: run() returns false
+     * at once, and watch() says why. */
+    loop()
+    {
+        if (objects++ == 0)
+            open();
+    }
+    ~loop()
+    {
+        if (--objects == 0)
+            close();
+    }
+    loop(loop &&) = delete;
+
+    /* Serve until stop(). Returns true, or false when the loop is closed or waiting failed. */
+    bool run()
+    {
+        while (!std::exchange(stopped, false)) {
+            if (!run_once(milliseconds(-1)))
+                return false;
+        }
+        return true;
+    }
+    /* Make run() return once the round in progress is complete; of nested ones, the innermost.
+     * Without a run() in progress, the next one returns at once. */
+    void stop()
+    {
+        stopped = true;
+    }
+    /* Wait for at most limit for work, 0: not at all, below 0: until there is some, and do it: read
+     * what has arrived, run posted work, fire timers, send. May be called inside a callback.
+     * Returns false when the loop is closed or waiting failed. */
+    bool run_once(milliseconds limit)
+    {
+        depth++;
+        send_all();
+        epoll_event events[64];
+        const int count = epoll_wait(epoll, events, 64, wait_time(limit));
+        const bool waited = count >= 0 || errno == EINTR;
+        if (waited)
+            serve(events, count);
+        if (--depth == 0 && nested)
+            nest();
+        return waited;
+    }
+    /* Run a callback whenever a descriptor of the program's is readable, or ready for other events
+     * of epoll, until unwatch(). The descriptor stays the program's. A file, which is always ready,
+     * has its callback run in every round. Refused: a descriptor that is watched already, or is none. */
+    static status watch(int fd, callback<void()> ready, unsigned events = EPOLLIN)
+    {
+        if (watched.count(fd) != 0)
+            return {std::errc::file_exists, "the descriptor is watched already"};
+        epoll_event event{};
+        event.events = events;
+        event.data.u64 = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
+        const bool refused = epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0;
+        if (refused && errno != EPERM)
+            return {std::errc(errno), "the descriptor cannot be watched"};
+        if (refused)
+            always.push_back(event);
+        watched[fd] = {event, std::move(ready)};
+        work_added();
+        return {};
+    }
+    /* Stop watching a descriptor, effective immediately; before it is closed. Does nothing when it
+     * is not watched. */
+    static void unwatch(int fd)
+    {
+        const auto found = watched.find(fd);
+        if (found == watched.end())
+            return;
+        const auto released = std::move(found->second); // its destructor may call back
+        watched.erase(found);
+        epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr);
+        const auto same = [&](auto &event) { return event.data.u64 == released.event.data.u64; };
+        always.erase(std::remove_if(always.begin(), always.end(), same), always.end());
+    }
+    /* Run a callback in the loop's next round. Any thread may call this while there is a loop. */
+    static void post(callback<void()> task)
+    {
+        const std::lock_guard<std::mutex> lock(guard);
+        if (epoll >= 0)
+            posted.push_back(std::move(task));
+        if (posted.size() == 1)
+            eventfd_write(wakeup, 1);
+    }
+    /* Return a descriptor that is readable when run_once(0) has work, for nesting this loop in
+     * another one: watch it there, and call run_once(0) when it is readable. It stays the loop's.
+     * -1: the loop is closed. */
+    int fd() const
+    {
+        if (!nested)
+            nest();
+        return epoll;
+    }
+
+private:
+    friend class timer;
+    friend struct detail::farewell;
+    friend struct detail::link;
+    struct watched_fd {
+        epoll_event event; // with the descriptor and a number that no other registration has
+        callback<void()> handler;
+    };
+
+    static void open()
+    {
+        stopped = nested = false;
+        epoll = epoll_create1(EPOLL_CLOEXEC);
+        wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+        for (const int counter : {wakeup, alarm}) {
+            if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
+                return close();
+        }
+    }
+    static void close()
+    {
+        for (int *fd : {&epoll, &wakeup, &alarm})
+            ::close(std::exchange(*fd, -1));
+        round++;
+        const auto released = std::exchange(watched, {}); // destructors may call back
+        const auto dropped = std::exchange(posted, {});
+        always.clear();
+        unsent.clear();
+    }
+    static void change(int fd, unsigned events)
+    {
+        const auto found = watched.find(fd);
+        if (found == watched.end())
+            return;
+        found->second.event.events = events;
+        epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &found->second.event);
+    }
+    // Something became due outside run_once(): a loop around this one has to call it.
+    static void work_added()
+    {
+        if (nested && depth == 0)
+            eventfd_write(wakeup, 1);
+    }
+    static bool busy()
+    {
+        const std::lock_guard<std::mutex> lock(guard);
+        return !posted.empty() || !always.empty();
+    }
+    static int wait_time(milliseconds limit)
+    {
+        const int due = ruvo_timer_get_expected_interval();
+        if (limit.count() == 0 || due == 0 || busy())
+            return 0;
+        if (limit.count() < 0)
+            return due;
+        return due < 0 ? detail::to_ms(limit) : std::min(due, detail::to_ms(limit));
+    }
+    // Serve a round's events, work and timers. A callback may run a round of its own and serve what
+    // was reported to this one, which then drops the rest: what is still ready is reported again.
+    static void serve(const epoll_event *events, int count)
+    {
+        const unsigned mine = ++round;
+        const auto also = always;
+        now = detail::clock::now();
+        for (int i = 0; i < count && round == mine; i++)
+            serve(events[i]);
+        for (auto event = also.begin(); event != also.end() && round == mine; ++event)
+            serve(*event);
+        run_posted();
+        ruvo_fire_timer();
+        send_all();
+    }
+    // A descriptor whose registration has ended since its event was reported is not found, also
+    // when its number is in use again.
+    static void serve(const epoll_event &event)
+    {
+        const auto found = watched.find(int(event.data.u64));
+        if (found != watched.end() && found->second.event.data.u64 == event.data.u64)
+            found->second.handler();
+    }
+    static void run_posted()
+    {
+        std::unique_lock<std::mutex> lock(guard);
+        for (std::size_t left = posted.size(); left > 0 && !posted.empty(); left--) {
+            const auto task = std::move(posted.front());
+            posted.pop_front();
+            lock.unlock();
+            task();
+            lock.lock();
+        }
+    }
+    static void send_all()
+    {
+        while (!unsent.empty()) {
+            const auto task = std::move(unsent.front());
+            unsent.pop_front();
+            task();
+        }
+    }
+    // Make the descriptor ready when run_once(0) has work, or will have.
+    static void nest()
+    {
+        nested = true;
+        const int due = ruvo_timer_get_expected_interval();
+        itimerspec when{};
+        when.it_value.tv_sec = std::max(due, 0) / 1000;
+        when.it_value.tv_nsec = due < 0 ? 0 : std::max(due % 1000 * 1000000L, 1L);
+        timerfd_settime(alarm, 0, &when, nullptr);
+        if (busy() || !unsent.empty())
+            eventfd_write(wakeup, 1);
+    }
+
+    static inline int objects = 0, epoll = -1, wakeup = -1, alarm = -1;
+    static inline bool stopped = false, nested = false; // nested: another loop waits for fd()
+    static inline unsigned depth = 0, round = 0, generation = 0;
+    static inline detail::clock::time_point now;
+    static inline std::unordered_map<int, watched_fd> watched;
+    static inline std::vector<epoll_event> always;             // files, which epoll refuses
+    static inline std::deque<callback<void()>> unsent, posted; // unsent: links to flush
+    static inline std::mutex guard;                            // of posted
+    static inline char received[detail::flush_size];           // what a link has just read
+};
+
+// ---- timer ---------------------------------------------------------------------------------
+
+/* Runs a callback later; move-only. The destructor stops it, so keep it as long as it shall run. */
+class timer
+{
+public:
+    /* A timer that is not pending. */
+    timer() = default;
+    /* Run a callback once, after a time. */
+    static timer once(milliseconds after, callback<void()> task)
+    {
+        return timer(after, std::move(task), false);
+    }
+    /* Run a callback after every period. One that is late by several periods runs once, and then
+     * at the next multiple of the period. */
+    static timer every(milliseconds period, callback<void()> task)
+    {
+        return timer(period, std::move(task), true);
+    }
+    /* Cancel the next run. Does nothing when the timer is not pending. */
+    void stop()
+    {
+        state.reset();
+    }
+    /* True while it is pending: false after stop(), once its only run has begun, and when the
+     * timer library had no memory for it. */
+    explicit operator bool() const
+    {
+        return state != nullptr && state->id != -1;
+    }
+
+private:
+    struct started {
+        ~started()
+        {
+            if (id != -1)
+                ruvo_stop_timer(id);
+        }
+        callback<void()> task;
+        bool periodic;
+        int id = -1;
+    };
+
+    timer(milliseconds time, callback<void()> task, bool periodic)
+        : state(new started{std::move(task), periodic})
+    {
+        const auto start = periodic ? ruvo_start_periodic_timer : ruvo_start_timer;
+        state->id =
+            start(detail::to_ms(time), fire, reinterpret_cast<std::intptr_t>(state.get()), 0);
+        loop::work_added();
+    }
+    static void fire(std::intptr_t object, std::intptr_t)
+    {
+        auto *fired = reinterpret_cast<started *>(object);
+        if (!fired->periodic)
+            fired->id = -1;
+        fired->task(); // may destroy the timer
+    }
+    std::unique_ptr<started> state;
+};
+
+// ---- link ----------------------------------------------------------------------------------
+
+/* What a request's handler receives. True when there is a reply. */
+class response
+{
+public:
+    response(tolvane::outcome what, tolvane::status why, std::string message = {},
+             std::size_t offset = 0)
+        : result(what), cause(why), body(std::move(message)), start(offset)
+    {
+    }
+    tolvane::outcome outcome() const
+    {
+        return result;
+    }
+    /* Success after a reply; else why there is none, above all why a request was refused. */
+    tolvane::status status() const
+    {
+        return cause;
+    }
+    /* The reply, or nothing; never null, followed by a 0x00, valid as long as the response. */
+    std::string_view payload() const
+    {
+        return {body.data() + start, body.size() - start};
+    }
+    explicit operator bool() const
+    {
+        return result == tolvane::outcome::replied;
+    }
+
+private:
+    tolvane::outcome result;
+    tolvane::status cause;
+    std::string body; // the message as received, with the payload at its end
+    std::size_t start;
+};
+
+namespace detail
+{
+
+// Bytes in order. An empty buffer holds no memory, so an idle link costs little.
+struct buffer {
+    std::size_t size() const
+    {
+        return bytes.size() - start;
+    }
+    char *data()
+    {
+        return bytes.data() + start;
+    }
+    void consume(std::size_t count)
+    {
+        start += count;
+        if (start == bytes.size())
+            *this = buffer();
+        else if (start > bytes.size() / 2)
+            bytes.erase(0, std::exchange(start, 0));
+    }
+    std::string bytes;
+    std::size_t start = 0;
+};
+
+// What begins a one-way request on a pipelined link: a kind, a correlation ID in hexadecimal, 0x00.
+struct mark {
+    static constexpr std::size_t size = 10;
+
+    bool read(std::string_view payload)
+    {
+        if (payload.size() < size || payload[size - 1] != '\0')
+            return false;
+        kind = payload[0];
+        const char *end = payload.data() + size - 1;
+        return std::from_chars(payload.data() + 1, end, id, 16).ptr == end &&
+               std::string_view("?=!-").find(kind) != std::string_view::npos;
+    }
+    void append_to(std::string &out) const
+    {
+        out += kind;
+        for (int shift = 28; shift >= 0; shift -= 4)
+            out += "0123456789abcdef"[id >> shift & 15];
+        out += '\0';
+    }
+    char kind = 'p'; // '?' request, '=' reply, '!' one-way, '-' declined; 'p' plain: no mark
+    std::uint32_t id = 0;
+};
+
+// Sends what a closed link still had queued, waits for the other end to close, and closes the
+// descriptor. Closing it at once would reset the connection if anything arrived meanwhile, and the
+// other end could lose what it has not read.
+struct farewell {
+    farewell(int descriptor, buffer unsent, milliseconds time)
+        : fd(descriptor), out(std::move(unsent)),
+          limit(timer::once(time, [this] { loop::unwatch(fd); }))
+    {
+    }
+    ~farewell()
+    {
+        while (recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT) > 0) {
+        }
+        close(fd);
+    }
+    void ready()
+    {
+        const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent > 0)
+            out.consume(std::size_t(sent));
+        else if (sent < 0 && !try_later(errno))
+            out = buffer();
+        if (out.size() == 0) {
+            shutdown(fd, SHUT_WR);
+            loop::change(fd, EPOLLIN);
+        }
+        const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
+        if (got == 0 || (got < 0 && !try_later(errno)))
+            loop::unwatch(fd); // and this object with it
+    }
+    int fd;
+    buffer out;
+    timer limit;
+};
+
+// What ends with a connection.
+struct connection {
+    tv_channel *channel = nullptr;
+    int id = -1; // the channel's, which no other connection has; -1: closed
+    int fd = -1;
+    bool established = false, pipelined = false; // established: requests may be sent
+    bool writing = false;                        // the system would not take all of the output
+    buffer in, out;
+    std::string failure;            // why it has ended; what was received before is served first
+    std::uint32_t waiting_for = 0;  // plain link: the request that was sent, perhaps timed out
+    bool serving = false;           // plain link: a received request is not answered yet
+    std::list<std::string> backlog; // and these messages wait behind it
+    std::size_t backlog_size = 0;
+    timer heartbeat, overdue;
+    int missed = 0; // heartbeats without an answer
+    clock::time_point heard = clock::now();
+};
+
+// One end of a connection, and the requests under way on it. A client's outlives its connections.
+//
+// A plain link has one request under way, and serves one received request at a time. When the
+// request times out, waiting_for stays: the next one is not sent before the late reply has come, so
+// that this reply is not taken for the next one's. A pipelined link has no such limits.
+struct link : connection, std::enable_shared_from_this<link> {
+    struct call {
+        callback<void(response)> handler;
+        timer limit;
+    };
+    struct unsent_request {
+        std::uint32_t id; // 0: one-way
+        std::string text;
+    };
+
+    link(const options &settings, std::shared_ptr<bool> exists, bool many_connections)
+        : opts(settings), alive(std::move(exists)), reconnects(many_connections)
+    {
+    }
+    virtual ~link() = default;
+
+    // What clients and servers do differently.
+    virtual void end(reason why, std::string text, bool now) = 0;
+    virtual void arrived(request received) = 0;
+    virtual void drained() = 0;
+    virtual void session(int type, std::string &message) = 0; // login and what belongs to it
+
+    // ---- the connection
+
+    void open(tv_channel *record, int descriptor)
+    {
+        channel = record;
+        id = record->channelId;
+        fd = descriptor;
+        heard = clock::now();
+    }
+    status watch()
+    {
+        return loop::watch(fd, [self = shared_from_this()] { self->ready(); });
+    }
+    // Close the connection at once.
+    void shut()
+    {
+        loop::unwatch(fd);
+        tv_close_channel(id);
+        static_cast<connection &>(*this) = connection();
+    }
+    // Close the connection, but let what is queued go out first.
+    void leave()
+    {
+        write_out();
+        const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
+        const auto last = std::make_shared<farewell>(copy, std::move(out), opts.connect_timeout);
+        shut();
+        if (!loop::watch(
+                copy, [last] { last->ready(); }, EPOLLIN | EPOLLOUT))
+            return; // there is no loop any more that could send it
+    }
+    // Run a task now, inside the loop, or in its next round, when the application is the caller.
+    template <class Task> void settle(bool now, Task task)
+    {
+        if (now)
+            task();
+        else
+            loop::post(std::move(task));
+    }
+    // Give up the requests under way, in their order. Those not sent yet may wait on.
+    void lose(bool keep_unsent, bool now)
+    {
+        auto lost = std::exchange(calls, {});
+        if (!keep_unsent) {
+            waiting.clear();
+            waiting_size = 0;
+        }
+        for (const auto &unsent : waiting)
+            calls.insert(lost.extract(unsent.id));
+        for (auto &entry : lost) {
+            settle(now, [exists = alive, handler = std::move(entry.second.handler)] {
+                if (*exists)
+                    handler({outcome::lost, {std::errc::connection_reset, "the link was lost"}});
+            });
+        }
+    }
+    void supervise(milliseconds wait)
+    {
+        if (opts.heartbeat.count() > 0)
+            heartbeat = timer::once(wait, [this] { heartbeat_due(); });
+    }
+    void heartbeat_due()
+    {
+        const auto keep = shared_from_this();
+        const auto due = heard + opts.heartbeat * (missed + 1);
+        const auto early = std::chrono::ceil<milliseconds>(due - clock::now());
+        if (early.count() > 0)
+            return supervise(early); // something has been received meanwhile
+        if (++missed > opts.missed_heartbeats)
+            return end(reason::lost, "heartbeats were not answered", true);
+        channel->hbSequence++;
+        append_heartbeat(c::build_heartbeat_msg);
+        supervise(opts.heartbeat);
+    }
+
+    // ---- output
+
+    std::size_t queued() const
+    {
+        return out.size() + waiting_size;
+    }
+    status check(std::string_view text, bool plain)
+    {
+        if (id == -1 && !reconnects)
+            return {std::errc::not_connected, "the link is closed"};
+        if (text.size() > max_payload)
+            return {std::errc::message_size, "the payload is too long"};
+        if (plain && text.find("velun_tolvane_") != std::string_view::npos)
+            return {std::errc::invalid_argument, "the payload contains \"velun_tolvane_\", which "
+                                                 "only a pipelined link can carry"};
+        if (queued() < opts.max_queued)
+            return {};
+        stalled = true;
+        touch();
+        return {std::errc::no_buffer_space, "the queue is full, try again later"};
+    }
+    // Have the loop flush this link before it waits.
+    void touch()
+    {
+        if (std::exchange(touched, true))
+            return;
+        loop::unsent.push_back([self = shared_from_this()] { self->flush(); });
+        loop::work_added();
+    }
+    void flush()
+    {
+        touched = false;
+        write_out();
+        if (writing != (out.size() > 0)) {
+            writing = !writing;
+            loop::change(fd, writing ? EPOLLIN | EPOLLOUT : EPOLLIN);
+        }
+        stalled = stalled || writing;
+        if (stalled && queued() == 0) {
+            stalled = false;
+            drained();
+        }
+    }
+    void write_out()
+    {
+        if (out.size() == 0 || !failure.empty())
+            return;
+        const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent > 0)
+            out.consume(std::size_t(sent));
+        if (sent >= 0 || try_later(errno))
+            return;
+        failure = error_text(errno);
+        serve_later(); // the link ends there, not inside the call that found it broken
+    }
+    // Queue one frame: a message without its payload, a mark, and the payload.
+    void append(const char *head, int head_size, std::string_view text, const mark &with = {})
+    {
+        const std::size_t mark_size = with.kind != 'p' ? mark::size : 0;
+        const std::uint32_t size =
+            htonl(std::uint32_t(std::size_t(head_size) + mark_size + text.size()));
+        if (out.bytes.empty())
+            out.bytes.reserve(256 + text.size());
+        out.bytes.append(watermark).append(17, '\0');
+        out.bytes.append(reinterpret_cast<const char *>(&size), sizeof(size));
+        out.bytes.append(head, std::size_t(head_size));
+        if (mark_size > 0)
+            with.append_to(out.bytes);
+        out.bytes.append(text);
+        if (out.size() >= flush_size)
+            write_out();
+        touch();
+    }
+    void append_request(std::string_view text, const mark &with = {})
+    {
+        append(channel->msgBuf, c::pack_outgoing_rqst(channel, "", 0), text, with);
+    }
+    void append_heartbeat(int (*build)(tv_channel *, char *, int))
+    {
+        char message[512];
+        if (queued() < opts.max_queued) // else the other end does not read, and would not see it
+            append(message, build(channel, message, sizeof(message)), {});
+    }
+    void submit(std::uint32_t call_id, std::string_view text)
+    {
+        waiting.push_back({call_id, std::string(text)});
+        waiting_size += text.size();
+        pump();
+    }
+    // Send what waits and may go now.
+    void pump()
+    {
+        while (established && !waiting.empty()) {
+            const auto next = waiting.begin();
+            const bool plain_call = !pipelined && next->id != 0;
+            if (plain_call && waiting_for != 0)
+                return;
+            if (plain_call)
+                waiting_for = next->id;
+            const mark with{pipelined ? (next->id != 0 ? '?' : '!') : 'p', next->id};
+            append_request(next->text, with);
+            waiting_size -= next->text.size();
+            waiting.erase(next);
+        }
+    }
+    status tell(std::string_view text)
+    {
+        const status result = check(text, !pipelined);
+        if (result)
+            submit(0, text);
+        return result;
+    }
+    void ask(std::string_view text, milliseconds timeout, callback<void(response)> handler)
+    {
+        do
+            last_id++;
+        while (last_id == 0 || calls.count(last_id) != 0);
+        status result = check(text, !pipelined);
+        timer limit = timer::once(timeout, [this, number = last_id] { timed_out(number); });
+        if (result && !limit)
+            result = {std::errc::not_enough_memory, "no memory for the timeout"};
+        if (!result)
+            return settle(false, [exists = alive, handler = std::move(handler), result] {
+                if (*exists)
+                    handler({outcome::refused, result});
+            });
+        calls[last_id] = {std::move(handler), std::move(limit)};
+        submit(last_id, text);
+    }
+    status reply(int connection_id, mark to, std::string_view text)
+    {
+        if (connection_id != id || id == -1)
+            return {std::errc::not_connected, "the link of the request is closed"};
+        const status result = check(text, to.kind == 'p');
+        if (result && to.kind == 'p')
+            append(channel->msgBuf, c::pack_outgoing_resp(channel, "", 0), text);
+        else if (result)
+            append_request(text, {'=', to.id});
+        if (result)
+            served(to);
+        return result;
+    }
+    void decline(int connection_id, mark to)
+    {
+        if (connection_id != id || id == -1)
+            return;
+        if (to.kind != 'p' && queued() < opts.max_queued)
+            append_request({}, {'-', to.id});
+        served(to);
+    }
+    // A plain link's request needs no service any more. The next one gets it in the loop.
+    void served(mark to)
+    {
+        if (to.kind == 'p')
+            serving = false;
+        if (!backlog.empty())
+            serve_later();
+    }
+
+    // ---- input
+
+    // The length of the next message: 0 when it is not complete, -1 when what arrived is no message.
+    long next_frame()
+    {
+        if (in.size() < frame_header)
+            return 0;
+        std::uint32_t size;
+        std::memcpy(&size, in.data() + frame_header - sizeof(size), sizeof(size));
+        size = ntohl(size);
+        if (std::memcmp(in.data(), watermark.data(), watermark.size()) != 0 || size == 0 ||
+            size > TV_MSG_BUF_SIZE)
+            return -1;
+        return in.size() - frame_header < size ? 0 : long(size);
+    }
+    bool pending()
+    {
+        return (!serving && !backlog.empty()) || next_frame() > 0;
+    }
+    void receive()
+    {
+        const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
+        if (got > 0)
+            in.bytes.append(loop::received, std::size_t(got));
+        else if (got == 0)
+            failure = "the other end closed the link";
+        else if (!try_later(errno))
+            failure = error_text(errno);
+    }
+    void ready()
+    {
+        const auto keep = shared_from_this();
+        const int current = id;
+        if (writing)
+            flush();
+        if (id == current && !pending())
+            receive();
+        for (int count = 0; id == current && count < served_per_turn && pending(); count++)
+            serve_one();
+        if (id != current)
+            return;
+        if (pending())
+            serve_later();
+        else if (next_frame() < 0 || backlog_size > opts.max_queued)
+            end(reason::lost, "the other end broke the protocol", true);
+        else if (!failure.empty())
+            end(reason::lost, failure, true);
+    }
+    void serve_later()
+    {
+        if (std::exchange(unread, true))
+            return;
+        loop::post([self = shared_from_this(), current = id] {
+            self->unread = false;
+            if (self->id == current && current != -1)
+                self->ready();
+        });
+    }
+    void serve_one()
+    {
+        if (!serving && !backlog.empty()) {
+            auto next = std::move(backlog.front());
+            backlog.pop_front();
+            backlog_size -= next.size();
+            return handle(std::move(next));
+        }
+        const auto size = std::size_t(next_frame());
+        std::string body(in.data() + frame_header, size);
+        in.consume(frame_header + size);
+        if (c::tv_msg_received(channel, c::get_msg_sequence(body.data())) != 0)
+            return;
+        heard = loop::now;
+        missed = channel->hbSequence = 0;
+        handle(std::move(body));
+    }
+    void handle(std::string body)
+    {
+        const int type = c::get_msg_type(body.data());
+        const bool exchanged = type == TV_MSG_REQUEST || type == TV_MSG_REPLY;
+        int length = 0;
+        const bool complete =
+            exchanged && c::get_msg_payload(body.data(), int(body.size()), &length) != nullptr;
+        const std::size_t start = body.size() - std::size_t(length);
+        if (type == TV_MSG_REQUEST && complete)
+            request_received(std::move(body), start);
+        else if (type == TV_MSG_REPLY)
+            reply_received(std::move(body), start);
+        else if (type == TV_MSG_HEARTBEAT)
+            append_heartbeat(c::build_heartbeat_ack_msg);
+        else
+            session(type, body);
+    }
+    void request_received(std::string body, std::size_t start)
+    {
+        mark with;
+        const bool marked =
+            (pipelined || !established) && with.read(std::string_view(body).substr(start));
+        if (!marked && serving) {
+            backlog_size += body.size();
+            backlog.push_back(std::move(body));
+        } else if (!marked || with.kind == '?' || with.kind == '!') {
+            deliver(marked ? with : mark(), std::move(body), start + (marked ? mark::size : 0));
+        } else if (with.kind == '-') {
+            finish(with.id, {outcome::declined,
+                             {std::errc::operation_canceled, "the other end declined to reply"}});
+        } else if (with.id == 0) {
+            session(TV_MSG_REQUEST, body);
+        } else {
+            finish(with.id, {outcome::replied, {}, std::move(body), start + mark::size});
+        }
+    }
+    void deliver(mark with, std::string body, std::size_t start);
+    // A reply, also one too late, ends a plain link's wait.
+    void reply_received(std::string body, std::size_t start)
+    {
+        if (waiting_for == 0)
+            return;
+        const int current = id;
+        overdue.stop();
+        finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(body), start});
+        if (id == current)
+            pump();
+    }
+    // Call the handler of a request, unless it has been called.
+    void finish(std::uint32_t call_id, response result)
+    {
+        const auto found = calls.find(call_id);
+        if (found == calls.end())
+            return;
+        const auto ended = std::move(found->second);
+        calls.erase(found);
+        ended.handler(std::move(result));
+    }
+    void timed_out(std::uint32_t call_id)
+    {
+        const auto keep = shared_from_this();
+        const auto unsent = std::find_if(waiting.begin(), waiting.end(),
+                                         [&](auto &entry) { return entry.id == call_id; });
+        if (unsent != waiting.end()) {
+            waiting_size -= unsent->text.size();
+            waiting.erase(unsent);
+            touch();
+        }
+        if (call_id == waiting_for) {
+            overdue = timer::once(opts.late_reply, [this] {
+                const auto late = shared_from_this();
+                end(reason::lost, "a reply is overdue", true);
+            });
+        }
+        finish(call_id, {outcome::timed_out, {std::errc::timed_out, "no reply in time"}});
+    }
+
+    const options opts;
+    const std::shared_ptr<bool> alive; // the client or server object still exists
+    const bool reconnects;             // a client's: what is sent without a connection waits
+    bool touched = false, unread = false, stalled = false; // stalled: drained() is due
+    std::map<std::uint32_t, call> calls;
+    std::list<unsent_request> waiting; // for the connection, or for a plain link's turn
+    std::size_t waiting_size = 0;
+    std::uint32_t last_id = 0;
+    std::string url;            // a server's link: the client's name, empty before its login
+    std::shared_ptr<void> data; // a server's link: the application's
+    const void *data_type = nullptr;
+};
+
+template <class T> constexpr char type_tag = 0; // its address stands for the type
+
+}
+
+// ---- peer ---------------------------------------------------------------------------------------
+
+/* Whom a link leads to: what a server's peer and a client have in common. */
+class other_end
+{
+public:
+    /* Send a request.
+     *
+     *   text     at most max_payload bytes of any kind; copied. On a plain link, and while there is
+     *            no connection, it must not contain "velun_tolvane_"
+     *   timeout  for the reply, from now on, waiting included
+     *   handler  runs exactly once, unless the client or server is destroyed before
+     *
+     * A refused request's handler gets outcome::refused, and response::status() says why. On a plain
+     * link the next request after a timeout waits until the late reply has come; when it has not
+     * come options::late_reply later, the link is closed. */
+    void request(std::string_view text, milliseconds timeout, callback<void(response)> handler)
+    {
+        if (link != nullptr)
+            return link->ask(text, timeout, std::move(handler));
+        loop::post([handler = std::move(handler)] { handler({outcome::refused, nobody()}); });
+    }
+    /* Send a one-way request, which gets no reply. Success says that it is queued: a link that is
+     * lost loses what it had queued. Refused: a text that request() would refuse. A program on the C
+     * interface must not answer it. */
+    status tell(std::string_view text)
+    {
+        return link != nullptr ? link->tell(text) : nobody();
+    }
+    /* The bytes that wait to be sent. */
+    std::size_t queued() const
+    {
+        return link != nullptr ? link->queued() : 0;
+    }
+
+    explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to))
+    {
+    }
+
+protected:
+    static status nobody()
+    {
+        return {std::errc::not_connected, "a handle of nobody"};
+    }
+    std::shared_ptr<detail::link> link;
+};
+
+/* One client of a server: a handle to copy and keep. It turns false when the client's connection
+ * ends, and stays false: a client that connects again is another peer. Handles of the same
+ * connection compare equal. */
+class peer : public other_end
+{
+public:
+    /* True while the client is connected. Then request() and tell() reach it; after that they are
+     * refused. */
+    explicit operator bool() const
+    {
+        return link != nullptr && link->id != -1;
+    }
+    /* The name that the client logged in with; empty before. Valid as long as a handle. */
+    const std::string &url() const
+    {
+        static const std::string none;
+        return link != nullptr ? link->url : none;
+    }
+    /* End the connection once what is queued is sent, at most connect_timeout later; the handle
+     * turns false now. Requests under way get outcome::lost, and on_logout gets reason::closed. */
+    void close()
+    {
+        if (*this)
+            link->end(reason::closed, {}, false);
+    }
+    /* The application's own data of this client, made by T() on first use and destroyed after
+     * on_logout has returned. Null then, for a handle of nobody, and for a type other than the
+     * first one. */
+    template <class T> T *data()
+    {
+        if (*this && link->data == nullptr) {
+            link->data = std::make_shared<T>();
+            link->data_type = &detail::type_tag<T>;
+        }
+        const bool same = link != nullptr && link->data_type == &detail::type_tag<T>;
+        return same ? static_cast<T *>(link->data.get()) : nullptr;
+    }
+    friend bool operator==(const peer &a, const peer &b)
+    {
+        return a.link == b.link;
+    }
+
+    /* For the layer itself: the handle of a link, or of nobody. */
+    using other_end::other_end;
+};
+
+// ---- request -------------------------------------------------------------------------------
+
+/* One received request; move-only. Answer it now, or keep it and answer later: it may outlive its
+ * link, the client or server, and the loop. Destroyed without an answer it counts as declined. On a
+ * plain link, the next request of the same peer is served when this one is answered or declined. */
+class request
+{
+public:
+    /* No request. */
+    request() = default;
+
+    /* What the other end sent; never null, followed by a 0x00, valid as long as the request. */
+    std::string_view payload() const
+    {
+        return state == nullptr ? "" : std::string_view(state->body).substr(state->start);
+    }
+    /* The client that sent it. In a client, a handle of its server, with an empty URL. */
+    peer from() const
+    {
+        return peer(state != nullptr ? state->link : nullptr);
+    }
+    /* True until it is answered or declined; false from the start for a one-way request on a
+     * pipelined link. A plain link does not tell, and a peer that awaits no reply takes one for
+     * the reply to its next request: do not answer there what the peer only tells. */
+    bool wants_reply() const
+    {
+        return state != nullptr && state->open;
+    }
+    /* Answer the request. Refused: it is answered already or wants no reply, the link has gone,
+     * the payload is too long or not allowed on a plain link, or the queue is full. After a
+     * refusal it may still be answered. */
+    status reply(std::string_view text)
+    {
+        if (!wants_reply())
+            return {std::errc::invalid_argument, "no reply is awaited"};
+        const status result = state->link->reply(state->connection, state->with, text);
+        state->open = !result;
+        return result;
+    }
+    /* Let the other end know that there will be no reply. On a plain link it finds out when its
+     * timeout has passed. */
+    void decline()
+    {
+        if (wants_reply())
+            state->decline();
+    }
+
+private:
+    friend struct detail::link;
+    struct received {
+        ~received()
+        {
+            if (open)
+                decline();
+        }
+        void decline()
+        {
+            open = false;
+            link->decline(connection, with);
+        }
+        std::shared_ptr<detail::link> link;
+        int connection;
+        detail::mark with;
+        bool open;
+        std::string body; // the message, with the payload at its end
+        std::size_t start;
+    };
+    std::unique_ptr<received> state;
+};
+
+inline void detail::link::deliver(mark with, std::string body, std::size_t start)
+{
+    request incoming;
+    serving = serving || with.kind == 'p';
+    incoming.state.reset(new request::received{shared_from_this(), id, with, with.kind != '!',
+                                               std::move(body), start});
+    arrived(std::move(incoming));
+}
+
+// ---- client --------------------------------------------------------------------------------
+
+namespace detail
+{
+
+inline bool is_address(const std::string &text)
+{
+    in_addr address;
+    return text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), &address) == 1;
+}
+
+struct client_state final : link {
+    client_state(const options &settings, endpoint to, endpoint self)
+        : link(settings, std::make_shared<bool>(true), true), server(std::move(to)),
+          name(std::move(self))
+    {
+    }
+    void arrived(request received) override
+    {
+        on_request(std::move(received));
+    }
+    void drained() override
+    {
+        on_drained();
+    }
+    void attempt_after(milliseconds time)
+    {
+        step = timer::once(time, [this] { attempt(); });
+    }
+    // Begin a connection on a fresh channel: an old one would go on counting messages.
+    void attempt()
+    {
+        const auto keep = shared_from_this();
+        step = timer::once(opts.connect_timeout, [this] {
+            const auto late = shared_from_this();
+            end(reason::lost, "the server did not answer in time", true);
+        });
+        if (!start_connecting())
+            end(reason::lost, "connecting failed: " + error_text(errno), true);
+    }
+    bool start_connecting()
+    {
+        tv_client_addr address{};
+        server.host.copy(address.serverIp, sizeof(address.serverIp) - 1);
+        address.serverPort = server.port;
+        tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
+        if (record == nullptr)
+            return false;
+        std::snprintf(record->url, TV_URL_SIZE, "%s", name.url().c_str()); // any length that fits
+        open(record, socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        record->clientSocket->fd = fd;
+        const int on = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(server.port);
+        inet_pton(AF_INET, server.host.c_str(), &to.sin_addr);
+        const auto connected = [self = shared_from_this(), this] { finish_connecting(); };
+        if (::connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof(to)) != 0 &&
+            errno != EINPROGRESS)
+            return false;
+        return bool(loop::watch(fd, connected, EPOLLOUT));
+    }
+    // TCP has connected, or has failed to. Log in, and send a heartbeat behind the login: a server
+    // of this layer answers the login first, any other one answers the heartbeat only. Requests
+    // wait for that, so none is sent to a server that has not accepted the connection.
+    void finish_connecting()
+    {
+        int error = 0;
+        socklen_t size = sizeof(error);
+        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+            error = errno;
+        if (error == 0 && connected_to_itself())
+            error = ECONNREFUSED;
+        loop::unwatch(fd);
+        if (error != 0 || !watch())
+            return end(reason::lost, "connecting failed: " + error_text(error), true);
+        const int length = c::build_login_msg(channel, channel->url);
+        append(channel->msgBuf, length, opts.pipelined ? pipelined_offer : std::string_view());
+        append_heartbeat(c::build_heartbeat_msg);
+    }
+    // While no server listens, a client on the same host that keeps trying may get the server's
+    // port as its own one day. TCP connects it to itself then.
+    bool connected_to_itself() const
+    {
+        sockaddr_in own{}, other{};
+        socklen_t own_size = sizeof(own), other_size = sizeof(other);
+        getsockname(fd, reinterpret_cast<sockaddr *>(&own), &own_size);
+        getpeername(fd, reinterpret_cast<sockaddr *>(&other), &other_size);
+        return own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
+    }
+    // Both layers: the server has accepted a pipelined link. Else it has answered a heartbeat.
+    void session(int type, std::string &) override
+    {
+        const bool both_layers = type == TV_MSG_REQUEST && opts.pipelined;
+        if (established || (type != TV_MSG_HEARTBEAT_ACK && !both_layers))
+            return;
+        established = true;
+        pipelined = both_layers;
+        backoff = first_backoff;
+        step.stop();
+        supervise(opts.heartbeat);
+        pump();
+        on_connected();
+    }
+    // A link was lost, or an attempt failed.
+    void end(reason why, std::string text, bool now) override
+    {
+        if (why == reason::closed)
+            return disconnect();
+        shut();
+        step.stop();
+        active = opts.reconnect;
+        if (active) {
+            const auto half = backoff.count() / 2;
+            const milliseconds wait(half + milliseconds::rep(random()) % (half + 1));
+            attempt_after(wait);
+            backoff = std::min(backoff * 2, last_backoff);
+        }
+        lose(active, now);
+        if (*alive)
+            on_lost(text);
+    }
+    void disconnect()
+    {
+        step.stop();
+        active = false;
+        if (id != -1 && channel->msgSequence > 0) { // has logged in
+            append(channel->msgBuf, c::build_logout_msg(channel, channel->url), {});
+            leave();
+        } else if (id != -1) {
+            shut();
+        }
+        lose(false, false);
+    }
+
+    static constexpr milliseconds first_backoff{100}, last_backoff{5000};
+    const endpoint server, name;
+    bool active = false;
+    timer step; // to the next attempt, or to the end of the one under way
+    milliseconds backoff = first_backoff;
+    std::minstd_rand random{std::uint32_t(clock::now().time_since_epoch().count() ^ getpid())};
+    callback<void()> on_connected, on_drained;
+    callback<void(std::string_view)> on_lost;
+    callback<void(request)> on_request;
+};
+
+}
+
+/* A client: one link to a server, kept up until disconnect(). While there is no connection, requests
+ * and one-way requests wait for one. */
+class client : public other_end
+{
+public:
+    /* Set a client up; connect() starts it.
+     *
+     *   loop    the process's loop
+     *   server  where the server listens
+     *   name    what this client logs in as; a newer client of the same name replaces an older one
+     */
+    client(loop &, endpoint server, endpoint name, options options = {})
+        : other_end(
+              std::make_shared<detail::client_state>(options, std::move(server), std::move(name))),
+          state(static_cast<detail::client_state *>(link.get()))
+    {
+    }
+    /* Disconnect. Handlers of requests under way are destroyed without a call. */
+    ~client()
+    {
+        *state->alive = false;
+        disconnect();
+    }
+    client(client &&) = delete;
+
+    /* Start connecting, and keep connecting until disconnect(), or, with options::reconnect off,
+     * until on_lost. Refused on bad arguments only: everything else is told by on_connected and
+     * on_lost. Does nothing while it is under way. */
+    status connect()
+    {
+        const std::string own = state->name.url();
+        const auto control = [](unsigned char letter) { return letter < ' '; };
+        if (!detail::is_address(state->server.host) || state->server.port == 0)
+            return {std::errc::invalid_argument,
+                    "the server's address is no dotted IPv4 text, or its port is 0"};
+        if (state->name.host.empty() || own.size() >= TV_URL_SIZE ||
+            std::any_of(own.begin(), own.end(), control))
+            return {std::errc::invalid_argument, "the client's name does not fit a URL"};
+        if (!std::exchange(state->active, true))
+            state->attempt_after(milliseconds(1));
+        return {};
+    }
+    /* Log out and end the connection once what is queued is sent, at most connect_timeout later.
+     * Requests under way or not sent yet get outcome::lost; on_lost is not called. */
+    void disconnect()
+    {
+        state->disconnect();
+    }
+    /* Set what runs when the server has read the login. A server that is full has not. */
+    void on_connected(callback<void()> handler)
+    {
+        state->on_connected = std::move(handler);
+    }
+    /* Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
+     * a text that is valid until the handler returns. The next attempt follows by itself, unless
+     * options::reconnect is off. Requests not sent yet wait for it; those sent have got
+     * outcome::lost. */
+    void on_lost(callback<void(std::string_view why)> handler)
+    {
+        state->on_lost = std::move(handler);
+    }
+    /* Set what runs when the queue is empty again, after it was full or the system had not taken
+     * all of it at once. */
+    void on_drained(callback<void()> handler)
+    {
+        state->on_drained = std::move(handler);
+    }
+    /* Set what runs with each request of the server. Without one, requests are declined. */
+    void on_request(callback<void(tolvane::request)> handler)
+    {
+        state->on_request = std::move(handler);
+    }
+
+private:
+    detail::client_state *const state; // the link
+};
+
+// ---- server --------------------------------------------------------------------------------
+
+namespace detail
+{
+
+struct server_state : std::enable_shared_from_this<server_state> {
+    explicit server_state(const options &settings) : opts(settings)
+    {
+    }
+    // Accept clients while there is room for them. A full server leaves them in the system's backlog.
+    void resume()
+    {
+        if (fd == -1 || retry || pairs.size() >= opts.max_clients)
+            return;
+        const status watched = loop::watch(fd, [self = shared_from_this()] { self->ready(); });
+        if (!watched && watched.error() != std::errc::file_exists)
+            pause();
+    }
+    void ready()
+    {
+        for (int count = 0; count < served_per_turn && pairs.size() < opts.max_clients; count++) {
+            const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            if (accepted < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
+                return;
+            if (accepted < 0 || !add(accepted))
+                return pause();
+        }
+        if (pairs.size() >= opts.max_clients)
+            loop::unwatch(fd);
+    }
+    // Without descriptors or memory, try again after a while.
+    void pause()
+    {
+        loop::unwatch(fd);
+        retry = timer::once(milliseconds(100), [this] { resume(); });
+    }
+    bool add(int accepted);
+    std::shared_ptr<link> find(const char *url) const
+    {
+        if (fd == -1)
+            return nullptr;
+        const tv_channel *found = c::get_channel_by_ip(&tv_service_server.pairList, url);
+        const auto entry = pairs.find(found != nullptr ? found->channelId : -1);
+        return entry != pairs.end() ? entry->second : nullptr;
+    }
+    const options opts;
+    const std::shared_ptr<bool> alive = std::make_shared<bool>(true);
+    std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
+    int fd = -1;
+    timer retry; // accepting is paused until it fires
+    std::uint16_t port = 0;
+    callback<void(peer)> on_login, on_drained;
+    callback<void(peer, reason)> on_logout;
+    callback<void(request)> on_request;
+};
+
+// The server's end of one connection.
+struct pair final : link {
+    explicit pair(std::shared_ptr<server_state> owner)
+        : link(owner->opts, owner->alive, false), server(std::move(owner))
+    {
+        established = true;
+    }
+    void arrived(request received) override
+    {
+        server->on_request(std::move(received));
+    }
+    void drained() override
+    {
+        server->on_drained(peer(shared_from_this()));
+    }
+    void session(int type, std::string &message) override
+    {
+        int length = 0;
+        const char *name = c::get_msg_payload(message.data(), int(message.size()), &length);
+        if (type == TV_MSG_LOGOUT)
+            end(reason::logged_out, {}, true);
+        else if (type == TV_MSG_LOGIN && name != nullptr && *name != '\0')
+            login(message, name);
+    }
+    // As the library does, but with the handlers of the layer: an older link of the same name ends
+    // first.
+    void login(const std::string &message, const char *name)
+    {
+        const int current = id;
+        const auto older = server->find(name);
+        if (older != nullptr && older.get() != this)
+            older->end(reason::replaced, {}, true);
+        char *copy = id == current ? strdup(message.c_str()) : nullptr;
+        if (copy == nullptr)
+            return;
+        c::login_msg_received(channel, copy); // names the channel, and releases the copy
+        url = channel->url;
+        const auto end_of_url = message.find('\0');
+        if (opts.pipelined && end_of_url != std::string::npos &&
+            message.compare(end_of_url + 1, std::string::npos, pipelined_offer) == 0) {
+            append_request({}, {'=', 0});
+            pipelined = true;
+            pump();
+        }
+        server->on_login(peer(shared_from_this()));
+    }
+    void end(reason why, std::string, bool now) override
+    {
+        const auto self = shared_from_this();
+        server->pairs.erase(id);
+        if (why == reason::closed)
+            leave();
+        else
+            shut();
+        server->resume();
+        lose(false, now);
+        // The data may hold a handle or a request of this link, so it goes even if nobody is called.
+        const std::shared_ptr<void> cleanup(this, [self](pair *ended) { ended->data = nullptr; });
+        settle(now, [self, this, why, cleanup] {
+            if (*alive && !url.empty())
+                server->on_logout(peer(self), why);
+        });
+    }
+    const std::shared_ptr<server_state> server;
+};
+
+inline bool server_state::add(int accepted)
+{
+    const int on = 1;
+    setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    if (c::create_pair_channel(accepted) != 0)
+        return false; // and closed
+    const auto *newest = reinterpret_cast<const tv_channel_node *>(tv_service_server.pairList.prev);
+    const auto added = std::make_shared<pair>(shared_from_this());
+    added->open(newest->channel, accepted);
+    added->supervise(opts.heartbeat);
+    pairs[added->id] = added;
+    if (added->watch())
+        return true;
+    added->end(reason::lost, {}, true);
+    return false;
+}
+
+}
+
+/* A server: listens, and has a peer for each client. One at a time per process. */
+class server
+{
+public:
+    /* Set a server up; listen() starts it. The loop is the process's. */
+    explicit server(loop &, options options = {})
+        : state(std::make_shared<detail::server_state>(options))
+    {
+    }
+    /* Stop. Handlers of requests under way are destroyed without a call, and on_logout does not
+     * run. */
+    ~server()
+    {
+        *state->alive = false;
+        stop();
+    }
+    server(server &&) = delete;
+
+    /* Listen on a dotted IPv4 address, "0.0.0.0" for all, and a port, 0 for one that the system
+     * chooses. Refused: another text, an address that cannot be listened on, or a server that runs
+     * in this process already, on the C interface or on this one. */
+    status listen(const std::string &address, std::uint16_t at)
+    {
+        if (!detail::is_address(address))
+            return {std::errc::invalid_argument, "the address is no dotted IPv4 text"};
+        if (tv_service_server.serverChannel != nullptr)
+            return {std::errc::device_or_resource_busy, "a server is running in this process"};
+        errno = 0;
+        if (tv_start_server(address.c_str(), at) == -1)
+            return {errno != 0 ? std::errc(errno) : std::errc::address_not_available,
+                    "the address cannot be listened on"};
+        state->fd = tv_get_server_polling_fd();
+        fcntl(state->fd, F_SETFL,
+              fcntl(state->fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
+        ::listen(state->fd, SOMAXCONN);                // again, with a longer backlog
+        sockaddr_in own{};
+        socklen_t size = sizeof(own);
+        getsockname(state->fd, reinterpret_cast<sockaddr *>(&own), &size);
+        state->port = ntohs(own.sin_port);
+        state->resume();
+        return {};
+    }
+    /* The port it listens on, or 0. */
+    std::uint16_t port() const
+    {
+        return state->port;
+    }
+    /* Stop listening and close all peers, as peer::close() does. listen() may follow. */
+    void stop()
+    {
+        if (state->fd == -1)
+            return;
+        loop::unwatch(std::exchange(state->fd, -1));
+        state->retry.stop();
+        state->port = 0;
+        while (!state->pairs.empty())
+            std::shared_ptr<detail::link>(state->pairs.begin()->second)
+                ->end(reason::closed, {}, false);
+        tv_stop_server();
+    }
+    /* The client that logged in with a URL, or a handle of nobody. */
+    peer find(const std::string &url) const
+    {
+        return peer(url.empty() ? nullptr : state->find(url.c_str()));
+    }
+    /* All clients that have logged in, in the order in which they connected. */
+    std::vector<peer> peers() const
+    {
+        std::vector<peer> all;
+        for (const auto &entry : state->pairs) {
+            if (!entry.second->url.empty())
+                all.push_back(peer(entry.second));
+        }
+        return all;
+    }
+    /* Send all clients that have logged in a one-way request. Returns how many it was queued for;
+     * those that are full, or cannot take this payload, are left out. */
+    std::size_t broadcast(std::string_view text)
+    {
+        std::size_t count = 0;
+        for (auto &one : peers())
+            count += one.tell(text) ? 1 : 0;
+        return count;
+    }
+    /* Set what runs when a client has logged in, or has taken another name. */
+    void on_login(callback<void(peer)> handler)
+    {
+        state->on_login = std::move(handler);
+    }
+    /* Set what runs when a client that had logged in has gone, for whatever reason. Its handle is
+     * false by then; url() and data() still work. */
+    void on_logout(callback<void(peer, reason)> handler)
+    {
+        state->on_logout = std::move(handler);
+    }
+    /* Set what runs when a peer's queue is empty again, after it was full or the system had not
+     * taken all of it at once. */
+    void on_drained(callback<void(peer)> handler)
+    {
+        state->on_drained = std::move(handler);
+    }
+    /* Set what runs with each request of a client, one that has not logged in included. Without
+     * one, requests are declined. */
+    void on_request(callback<void(tolvane::request)> handler)
+    {
+        state->on_request = std::move(handler);
+    }
+
+private:
+    std::shared_ptr<detail::server_state> state;
+};
+
+// ---- log -----------------------------------------------------------------------------------
+
+namespace detail
+{
+
+// The library writes an entry in pieces, the last of which ends in two line feeds.
+struct log_sink {
+    static ssize_t write(void *self, const char *piece, std::size_t size)
+    {
+        auto *sink = static_cast<log_sink *>(self);
+        sink->entry.append(piece, size);
+        const std::size_t length = sink->entry.size();
+        if (length >= 2 && sink->entry.compare(length - 2, 2, "\n\n") == 0) {
+            const std::string complete = std::exchange(sink->entry, {});
+            tv_set_log_fd(nullptr); // what the handler causes is not logged
+            sink->handler(std::string_view(complete).substr(0, length - 2));
+            if (sink->handler)
+                tv_set_log_fd(sink->stream);
+        }
+        return static_cast<ssize_t>(size);
+    }
+    callback<void(std::string_view)> handler;
+    std::string entry;
+    FILE *stream = nullptr; // stays open: the library may be writing to it
+};
+
+}
+
+/* Hand every entry of the library's log to a handler, for example for spdlog or journald: one
+ * entry a call, without the line feeds at its end, valid until the handler returns. It runs inside
+ * whatever logs; what it causes to be logged itself is not. An empty handler ends that. */
+inline void log_to(callback<void(std::string_view entry)> handler)
+{
+    static detail::log_sink sink;
+    sink.handler = std::move(handler);
+    if (sink.stream == nullptr) {
+        sink.stream = fopencookie(&sink, "w", {nullptr, detail::log_sink::write, nullptr, nullptr});
+        if (sink.stream != nullptr)
+            setvbuf(sink.stream, nullptr, _IONBF, 0);
+    }
+    tv_set_log_fd(sink.handler ? sink.stream : nullptr);
+}
+
+}
+
+#endif

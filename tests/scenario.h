@@ -173,9 +173,16 @@ static void note(Text text)
 
 // ---- the application
 
+// Removes all slots of a descriptor.
+static void unwatch(int fd)
+{
+    while (tv_unregister_polling_fd(fd) == 0)
+        continue;
+}
+
 static void close_by_id(int id)
 {
-    tv_unregister_polling_fd(tv_get_polling_fd(id));
+    unwatch(tv_get_polling_fd(id));
     tv_close_channel(id);
 }
 
@@ -212,6 +219,8 @@ static void called(Text callback, int id, const char *text, int length)
 static int watch(int id)
 {
     const int fd = tv_get_polling_fd(id);
+    if (fd == -1)
+        return -1;
     if (get_channel_type(id) == TV_CHANNEL_CLIENT)
         return tv_register_polling_fd(fd, tv_channel_fd_handler, id, 0);
     return tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0);
@@ -236,7 +245,7 @@ static void on_fd_open(int fd)
 static void on_fd_close(int fd)
 {
     openPairs--;
-    tv_unregister_polling_fd(fd);
+    unwatch(fd);
     called("fd_close", pairIds[fd], "", 0);
 }
 
@@ -284,7 +293,7 @@ static int start_server()
 
 static void stop_server()
 {
-    tv_unregister_polling_fd(tv_get_server_polling_fd());
+    unwatch(tv_get_server_polling_fd());
     tv_stop_server();
 }
 
@@ -316,7 +325,7 @@ static void create_client(Link &link)
 
 static int connect_client(int id)
 {
-    tv_unregister_polling_fd(tv_get_polling_fd(id));
+    unwatch(tv_get_polling_fd(id));
     connected = [](int peerFd) {
         read_messages(*current); // of the connection before
         close_peer(*current);

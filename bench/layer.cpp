@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <poll.h>
 #include <sys/wait.h>
 #include <zmq.h>
 

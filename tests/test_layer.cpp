@@ -104,6 +104,7 @@ TEST_F(Layer, LeavesClientsInTheBacklogAndTellsFullFromNever)
     EXPECT_LE(peer.queued(), little.max_queued + 65536);
     peer.request("too much", 5s, note);
     AWAIT(noted("refused"));
+    notes.clear();
     AWAIT(!slow->ended() && noted("drained"));
     EXPECT_TRUE(peer.tell("again"));
     EXPECT_EQ(noted("tcp://next:1"), 0);
@@ -157,6 +158,7 @@ TEST_F(Layer, RunsInsideAnotherLoopWithThreadsAndFiles)
 // owner is destroyed.
 struct owner {
     int asked = 0, called = 0, dropped = 0;
+    bool gone = false;
 };
 
 struct ticket {
@@ -200,13 +202,15 @@ struct application {
         by->asked++;
         const std::shared_ptr<ticket> one(new ticket{*by});
         end.request(payload(), milliseconds(draw(30)), [this, one](const tolvane::response &) {
-            REQUIRE(!std::exchange(one->used, true));
+            REQUIRE(!std::exchange(one->used, true) && !one->of.gone);
             one->of.called++;
             act();
         });
     }
     template <class End> void serve_by(End &end, size_t i)
     {
+        if (owner_of[i] != nullptr)
+            owner_of[i]->gone = true;
         owner_of[i] = &owners.emplace_back();
         end.on_drained(acting());
         end.on_request([this](tolvane::request request) {

@@ -204,7 +204,7 @@ using clock = std::chrono::steady_clock;
 constexpr int served_per_turn = 64;       // messages, or accepted clients, before others' turn
 constexpr std::size_t flush_size = 65536; // unsent bytes that are sent without waiting for more
 constexpr std::size_t frame_header = 36;  // watermark and length
-constexpr std::string_view watermark{"TCP_WATER_MARK\0", 15};
+constexpr std::string_view watermark{"TCP_WATER_MARK\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32};
 constexpr std::string_view pipelined_offer{"pipelined\0", 10};
 
 inline std::string error_text(int error)
@@ -823,7 +823,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             htonl(std::uint32_t(std::size_t(head_size) + mark_size + text.size()));
         if (out.bytes.empty())
             out.bytes.reserve(256 + text.size());
-        out.bytes.append(watermark).append(17, '\0');
+        out.bytes.append(watermark);
         out.bytes.append(reinterpret_cast<const char *>(&size), sizeof(size));
         out.bytes.append(head, std::size_t(head_size));
         if (mark_size > 0)
@@ -929,7 +929,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         std::uint32_t size;
         std::memcpy(&size, in.data() + frame_header - sizeof(size), sizeof(size));
         size = ntohl(size);
-        if (std::memcmp(in.data(), watermark.data(), watermark.size()) != 0 || size == 0 ||
+        if (std::memcmp(in.data(), watermark.data(), 15) != 0 || size == 0 ||
             size > TV_MSG_BUF_SIZE)
             return -1;
         return in.size() - frame_header < size ? 0 : long(size);
@@ -994,7 +994,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         missed = channel->hbSequence = 0;
         handle(std::move(body));
     }
-    void handle(std::string body)
+    void handle(std::string &&body)
     {
         const int type = c::get_msg_type(body.data());
         const bool exchanged = type == TV_MSG_REQUEST || type == TV_MSG_REPLY;
@@ -1011,7 +1011,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         else
             session(type, body);
     }
-    void request_received(std::string body, std::size_t start)
+    void request_received(std::string &&body, std::size_t start)
     {
         mark with;
         const bool marked =
@@ -1030,9 +1030,9 @@ struct link : connection, std::enable_shared_from_this<link> {
             finish(with.id, {outcome::replied, {}, std::move(body), start + mark::size});
         }
     }
-    void deliver(mark with, std::string body, std::size_t start);
+    void deliver(mark with, std::string &&body, std::size_t start);
     // A reply, also one too late, ends a plain link's wait.
-    void reply_received(std::string body, std::size_t start)
+    void reply_received(std::string &&body, std::size_t start)
     {
         if (waiting_for == 0)
             return;
@@ -1043,7 +1043,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             pump();
     }
     // Call the handler of a request, unless it has been called.
-    void finish(std::uint32_t call_id, response result)
+    void finish(std::uint32_t call_id, response &&result)
     {
         const auto found = calls.find(call_id);
         if (found == calls.end())
@@ -1251,7 +1251,7 @@ private:
     std::unique_ptr<received> state;
 };
 
-inline void detail::link::deliver(mark with, std::string body, std::size_t start)
+inline void detail::link::deliver(mark with, std::string &&body, std::size_t start)
 {
     request incoming;
     serving = serving || with.kind == 'p';

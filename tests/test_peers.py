@@ -199,10 +199,10 @@ ATTACKS = {
     "a length above 2147483647": is_closed([frame(2 ** 31)]),
     "an empty frame": is_closed([frame(0)]),
     "garbage": is_closed([b"x" * 100000]),
-    "replies never read": is_closed(
-        itertools.repeat(frame(60000, body(b"0", b"", b"say ").ljust(60000, b"x")))),
     "300 connections under one name": newer_logins,
     "2 GiB without a pause": is_closed([frame(2 ** 31 - 1)], itertools.repeat(bytes(1000000))),
+    "replies never read": is_closed(
+        itertools.repeat(frame(60000, body(b"0", b"", b"say ").ljust(60000, b"x")))),
 }
 
 
@@ -230,7 +230,7 @@ def endure(program):
         most, more = (server.kilobytes(which) - memory for which in ("VmHWM", "VmRSS"))
         print("%.0f ms, at most %d KiB more, now %d" % (worst * 1000, most, more))
         assert attacker.exitcode == 0 and more < bound / 4
-        assert most < bound or what == "2 GiB without a pause"
+        assert most < bound or what == "replies never read" and most < 24 * 1024  # a queue
         assert b"fallen silent" not in server.printed()  # closed for what it did, not for that
     server.say(b"stop")
     assert server.process.wait(PATIENCE) == 0

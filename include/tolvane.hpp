@@ -712,9 +712,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
         const auto last = std::make_shared<farewell>(copy, std::move(out), opts.connect_timeout);
         shut();
-        if (!loop::watch(
-                copy, [last] { last->ready(); }, EPOLLIN | EPOLLOUT))
-            return; // there is no loop any more that could send it
+        const auto ready = [last] { last->ready(); };
+        (void)loop::watch(copy, ready, EPOLLIN | EPOLLOUT); // refused: nothing is sent any more
     }
     // Run a task now, inside the loop, or in its next round, when the application is the caller.
     template <class Task> void settle(bool now, Task task)
@@ -1311,6 +1310,8 @@ struct client_state final : link {
         std::snprintf(record->url, TV_URL_SIZE, "%s", name.url().c_str()); // any length that fits
         open(record, socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         record->clientSocket->fd = fd;
+        if (fd < 0)
+            return false;
         const int on = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         sockaddr_in to{};
@@ -1580,7 +1581,7 @@ struct pair final : link {
         c::login_msg_received(channel, copy); // names the channel, and releases the copy
         url = channel->url;
         const auto end_of_url = message.find('\0');
-        if (opts.pipelined && end_of_url != std::string::npos &&
+        if (opts.pipelined && !pipelined && end_of_url != std::string::npos &&
             message.compare(end_of_url + 1, std::string::npos, pipelined_offer) == 0) {
             append_request({}, {'=', 0});
             pipelined = true;

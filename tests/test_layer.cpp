@@ -176,8 +176,8 @@ struct application {
     std::mt19937 random;
     tolvane::loop loop = {};
     int budget = 1000, depth = 0; // acts left; callbacks inside each other
-    std::list<owner> owners = {};
-    owner *owner_of[4] = {}; // the clients and the server
+    std::list<owner> owners{1};   // the first one of requests to peers that have gone
+    owner *owner_of[4] = {};      // the clients and the server
     std::unique_ptr<tolvane::client> clients[3] = {};
     std::unique_ptr<tolvane::server> server = {};
     std::vector<tolvane::request> kept = {};
@@ -281,7 +281,7 @@ struct application {
         else if (draw(2) == 0)
             request_by(client, owner_of[i]);
         else
-            request_by(peer, owner_of[3]);
+            request_by(peer, peer ? owner_of[3] : &owners.front());
     }
     void act()
     {

@@ -152,6 +152,24 @@ TEST_F(Layer, RunsInsideAnotherLoopWithThreadsAndFiles)
     EXPECT_TRUE(loop.run());
 }
 
+// Two descriptors are ready in one round. Whoever is served first replaces the other one by a new
+// one of the same number, which is not ready.
+TEST_F(Layer, ServesNoEventOfADescriptorsFormerOwner)
+{
+    const raw one(eventfd(1, EFD_NONBLOCK)), two(eventfd(1, EFD_NONBLOCK));
+    const auto replace = [&](const raw &served, const raw &other) {
+        loop.unwatch(served.fd);
+        loop.unwatch(other.fd);
+        close(other.fd);
+        ASSERT_EQ(eventfd(0, EFD_NONBLOCK), other.fd);
+        ASSERT_TRUE(loop.watch(other.fd, [] { FAIL() << "not ready"; }));
+    };
+    ASSERT_TRUE(loop.watch(one.fd, [&] { replace(one, two); }));
+    ASSERT_TRUE(loop.watch(two.fd, [&] { replace(two, one); }));
+    loop.run_once(0ms);
+    loop.run_once(0ms);
+}
+
 // ---- random applications
 
 // A client or a server, and its requests: each handler runs once, or is dropped uncalled when its

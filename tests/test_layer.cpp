@@ -6,9 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 #include <functional>
+#include <list>
+#include <optional>
 #include <poll.h>
+#include <random>
+#include <string.h>
 #include <thread>
 
 #define AWAIT(...)                                                                                 \
@@ -124,11 +129,12 @@ TEST_F(Layer, RunsInsideAnotherLoopWithThreadsAndFiles)
         for (int i = 0; i < 100; i++)
             loop.post([] { notes.push_back("posted"); });
     });
-    tolvane::timer twice, ticks = tolvane::timer::every(5ms, [&] {
-                              notes.push_back("tick");
-                              if (noted("tick") == 3)
-                                  ticks.stop();
-                          });
+    tolvane::timer twice;
+    tolvane::timer ticks = tolvane::timer::every(5ms, [&] {
+        notes.push_back("tick");
+        if (noted("tick") == 3)
+            ticks.stop();
+    });
     twice = tolvane::timer::once(30ms, [&] { // replaces itself
         twice = tolvane::timer::once(1ms, [] { notes.push_back("second"); });
     });

@@ -1,9 +1,13 @@
 // layer.cpp - the C++ layer against the C interface and libzmq, and under load, on one core.
 //
-// Every contender has a server and a client, two processes of their own, which work in turn, one
-// contender at a time and several times over. The best rates count: other work on the machine only
-// ever takes away. The load tests compare a client's waits with and without a crowd that
-// misbehaves. Run it as: taskset -c 0 ./layer
+// Speed  every contender has a server, a process of its own, and a client in this one. They work in
+//        turn, several times over; the best rates count, as other work on the machine can only
+//        take away.
+// Load   a client's waits with a crowd that misbehaves, against its waits without.
+//
+// Run it on one core: taskset -c 0 ./layer
+
+#include <tolvane.h> // all of it, for the strangers
 
 #include <tolvane.hpp>
 
@@ -20,7 +24,7 @@ using seconds = std::chrono::duration<double>;
 
 enum work { one_by_one, window, one_way, works };
 static const char *const work_names[works] = {"one by one", "64 outstanding", "one-way"};
-static const int amounts[works] = {2000, 40000, 40000};
+static const int amounts[works] = {200, 5000, 5000};
 static const std::string_view ask = "?ping", note = "!ping"; // with a reply, and without
 
 using runner = std::function<void(work, int amount)>;
@@ -38,22 +42,14 @@ static double now()
     return seconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-static int port_of(int fd)
-{
-    sockaddr_in own{};
-    socklen_t size = sizeof(own);
-    check(getsockname(fd, reinterpret_cast<sockaddr *>(&own), &size) == 0, "getsockname");
-    return ntohs(own.sin_port);
-}
-
-static void put(int fd, double value)
+static void put(int fd, int value)
 {
     check(write(fd, &value, sizeof(value)) == sizeof(value), "write");
 }
 
-static double take(int fd)
+static int take(int fd)
 {
-    double value = 0;
+    int value = 0;
     check(read(fd, &value, sizeof(value)) == sizeof(value), "read");
     return value;
 }
@@ -120,7 +116,10 @@ static void c_serve(int ready)
     tv_register_client_fd_open_callback(
         [](int pair) { tv_register_polling_fd(pair, tv_pair_fd_handler, 0, 0); });
     tv_register_polling_fd(fd, tv_server_fd_handler, 0, 0);
-    put(ready, port_of(fd));
+    sockaddr_in own{};
+    socklen_t size = sizeof(own);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&own), &size);
+    put(ready, ntohs(own.sin_port));
     tv_main_loop();
 }
 
@@ -149,11 +148,6 @@ static runner c_connect(int port)
 
 // ---- libzmq: DEALER and ROUTER, and PUSH and PULL for one-way messages
 
-static std::string place(int port)
-{
-    return "tcp://127.0.0.1:" + (port > 0 ? std::to_string(port) : "*");
-}
-
 static void zmq_serve(int ready)
 {
     void *context = zmq_ctx_new();
@@ -161,7 +155,7 @@ static void zmq_serve(int ready)
     char bound[64], text[64];
     std::size_t size = sizeof(bound);
     for (void *socket : {router, pull}) {
-        check(zmq_bind(socket, place(0).c_str()) == 0, "bind");
+        check(zmq_bind(socket, "tcp://127.0.0.1:*") == 0, "bind");
         zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, bound, &(size = sizeof(bound)));
         put(ready, std::atoi(std::strrchr(bound, ':') + 1));
     }
@@ -182,13 +176,13 @@ static void zmq_serve(int ready)
     }
 }
 
-static runner zmq_connect_pair(int port, int push_port)
+static runner zmq_connect_both(int port, int push_port)
 {
     void *context = zmq_ctx_new();
     void *dealer = zmq_socket(context, ZMQ_DEALER), *push = zmq_socket(context, ZMQ_PUSH);
     zmq_setsockopt(dealer, ZMQ_IDENTITY, "bench", 5);
-    zmq_connect(dealer, place(port).c_str());
-    zmq_connect(push, place(push_port).c_str());
+    zmq_connect(dealer, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
+    zmq_connect(push, ("tcp://127.0.0.1:" + std::to_string(push_port)).c_str());
     return [=](work what, int amount) {
         char text[64];
         for (int sent = 1; what == one_way && sent <= amount; sent++) // the last one is answered
@@ -206,21 +200,20 @@ static runner zmq_connect_pair(int port, int push_port)
 
 struct process {
     pid_t pid;
-    int to, from;
+    int from; // what it writes
 };
 
-// Run a function in a process of its own, with a pipe each way.
-static process start(const std::function<void(int in, int out)> &run)
+// Run a function in a process of its own.
+static process start(const std::function<void(int out)> &run)
 {
-    int to[2], from[2];
-    check(pipe(to) == 0 && pipe(from) == 0, "pipe");
+    int ends[2];
+    check(pipe(ends) == 0, "pipe");
     const pid_t pid = fork();
-    if (pid == 0) {
-        run(to[0], from[1]);
-        std::_Exit(0);
-    }
-    check(pid > 0, "fork");
-    return {pid, to[1], from[0]};
+    check(pid >= 0, "fork");
+    if (pid > 0)
+        return {pid, ends[0]};
+    run(ends[1]);
+    std::_Exit(0);
 }
 
 static void stop(process one)
@@ -231,94 +224,77 @@ static void stop(process one)
 
 static void measure_speed()
 {
-    constexpr int contenders = 3; // layer, C interface, libzmq
-    process servers[contenders], clients[contenders];
-    double rates[contenders][works] = {};
-    for (int i = 0; i < contenders; i++) {
-        servers[i] = start([i](int, int out) {
-            i == 0 ? layer_serve(out) : i == 1 ? c_serve(out) : zmq_serve(out);
-        });
-        const int port = int(take(servers[i].from));
-        const int push_port = i == 2 ? int(take(servers[i].from)) : 0;
-        clients[i] = start([=](int in, int out) {
-            const runner run = i == 0   ? layer_connect(port)
-                               : i == 1 ? c_connect(port)
-                                        : zmq_connect_pair(port, push_port);
-            for (;;) {
-                const work what = work(take(in));
-                const double begin = now();
-                run(what, amounts[what]);
-                put(out, amounts[what] / (now() - begin));
-            }
-        });
-    }
-    for (int turn = 0; turn < 15 * works * contenders; turn++) {
-        const int i = turn % contenders, what = turn / contenders % works;
+    const process servers[] = {start(layer_serve), start(c_serve), start(zmq_serve)};
+    const int zmq_port = take(servers[2].from);
+    const runner clients[] = {layer_connect(take(servers[0].from)),
+                              c_connect(take(servers[1].from)),
+                              zmq_connect_both(zmq_port, take(servers[2].from))};
+    double rates[3][works] = {};
+    for (int turn = 0; turn < 150 * works * 3; turn++) {
+        const int i = turn % 3, what = turn / 3 % works;
         if (i == 1 && what == window)
             continue; // the C interface has one request outstanding
-        put(clients[i].to, what);
-        rates[i][what] = std::max(rates[i][what], take(clients[i].from));
+        const double begin = now();
+        clients[i](work(what), amounts[what]);
+        rates[i][what] = std::max(rates[i][what], amounts[what] / (now() - begin));
     }
+    const auto &[layer, c, zmq] = rates;
     for (int what = 0; what < works; what++)
-        std::printf("5 B %-15s %9.0f/s   C %7.0f/s   libzmq %8.0f/s\n", work_names[what],
-                    rates[0][what], rates[1][what], rates[2][what]);
-    std::printf("round trip, layer / C: %.2f\n", rates[1][one_by_one] / rates[0][one_by_one]);
-    std::printf("64 outstanding / one by one: %.1f\n", rates[0][window] / rates[0][one_by_one]);
-    std::printf("64 outstanding, layer / libzmq: %.2f\n", rates[0][window] / rates[2][window]);
-    std::printf("one-way, layer / C: %.1f, layer / libzmq: %.2f\n",
-                rates[0][one_way] / rates[1][one_way], rates[0][one_way] / rates[2][one_way]);
-    for (int i = 0; i < contenders; i++)
-        stop(clients[i]), stop(servers[i]);
+        std::printf("5 B %-15s layer %9.0f/s   C %7.0f/s   libzmq %8.0f/s\n", work_names[what],
+                    layer[what], c[what], zmq[what]);
+    std::printf("round trip, layer / C: %.2f\n", c[one_by_one] / layer[one_by_one]);
+    std::printf("64 outstanding / one by one: %.1f\n", layer[window] / layer[one_by_one]);
+    std::printf("64 outstanding, layer / libzmq: %.2f\n", layer[window] / zmq[window]);
+    std::printf("one-way, layer / C: %.1f, layer / libzmq: %.2f\n", layer[one_way] / c[one_way],
+                layer[one_way] / zmq[one_way]);
+    for (const process &server : servers)
+        stop(server);
 }
 
 // ---- load
 
-// Connect as strangers: `count` log in and read whatever comes, one more stops reading, and
-// `halves` send half a frame.
-static void crowd(int port, int count, bool stopped, int halves)
+struct load {
+    int clients, stopped, halves; // log in and read; log in and read nothing; send half a frame
+    bool broadcasts;              // 60 kB to all clients every 50 ms
+};
+
+struct waits {
+    double shortest, longest, memory; // seconds, and KiB per client
+};
+
+// Connect as strangers, until the server is gone.
+static void crowd(int port, const load &what)
 {
     std::vector<pollfd> readers;
-    for (int i = 0; i < count + stopped + halves; i++) {
+    for (int i = 0; i < what.clients + what.stopped + what.halves; i++) {
         const std::string url = "tcp://crowd:" + std::to_string(i);
         const std::string login =
             "0\nvelun_tolvane_login\n" + url + "\nvelun_tolvane_payload\n" + url;
-        std::string frame(36, '\0');
-        std::strcpy(frame.data(), "TCP_WATER_MARK");
-        frame[35] = char(login.size());
-        frame += login;
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(std::uint16_t(port));
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        check(connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof(to)) == 0, "connect");
-        const std::size_t size = i < count + stopped ? frame.size() : frame.size() / 2;
-        check(write(fd, frame.data(), size) == ssize_t(size), "write");
-        if (i < count)
+        const int fd = impl_create_client_socket("127.0.0.1", port, 10000);
+        if (i >= what.clients + what.stopped)
+            check(write(fd, "TCP_WATER_MARK", 15) == 15, "write");
+        else
+            check(tcp_impl_send_with_timeout(fd, login.data(), int(login.size()), 10000) > 0,
+                  "login");
+        if (i < what.clients)
             readers.push_back({fd, POLLIN, 0});
     }
     static char taken[1 << 16];
     while (poll(readers.data(), readers.size(), -1) > 0) {
-        for (const auto &reader : readers) {
-            if (reader.revents != 0 && read(reader.fd, taken, sizeof(taken)) <= 0)
-                return;
-        }
+        for (const auto &reader : readers)
+            check(reader.revents == 0 || read(reader.fd, taken, sizeof(taken)) > 0, "read");
     }
 }
-
-struct waits {
-    double shortest, longest, memory; // seconds, and bytes per client
-};
 
 static double resident()
 {
     double total, pages;
     std::ifstream("/proc/self/statm") >> total >> pages;
-    return pages * double(sysconf(_SC_PAGESIZE));
+    return pages * double(sysconf(_SC_PAGESIZE)) / 1024;
 }
 
 // One client's waits for a second, while a server on the same loop serves a crowd.
-static waits measure_waits(int count, bool stopped, int halves, bool broadcasts)
+static waits measure_waits(const load &what)
 {
     tolvane::loop loop;
     tolvane::options many;
@@ -328,54 +304,49 @@ static waits measure_waits(int count, bool stopped, int halves, bool broadcasts)
     server.on_request([](tolvane::request request) { check(bool(request.reply(ask)), "reply"); });
     check(bool(server.listen("127.0.0.1", 0)), "listen");
     const double before = resident();
-    const auto strangers = start([&](int, int) { crowd(server.port(), count, stopped, halves); });
-    while (int(server.peers().size()) < count + stopped)
+    const process strangers = start([&](int) { crowd(server.port(), what); });
+    while (int(server.peers().size()) < what.clients + what.stopped)
         loop.run_once(1s);
-    waits result{1e9, 0, (resident() - before) / count};
+    waits result{1e9, 0, (resident() - before) / what.clients};
     tolvane::client client(loop, {"127.0.0.1", server.port()}, {"healthy", 1});
-    check(bool(client.connect()), "connect");
     client.on_connected([&] { loop.stop(); });
-    loop.run();
-    double sent = 0;
-    auto beat = tolvane::timer::every(50ms, [&] {
-        if (broadcasts)
+    check(client.connect() && loop.run(), "connect");
+    const auto beat = tolvane::timer::every(50ms, [&] {
+        if (what.broadcasts)
             server.broadcast(std::string(60000, 'x'));
     });
-    auto tick = tolvane::timer::every(1ms, [&] {
-        if (sent > 0)
-            return;
-        sent = now();
-        client.request(ask, 10s, [&](tolvane::response) {
-            const double wait = now() - std::exchange(sent, 0);
-            result.shortest = std::min(result.shortest, wait);
-            result.longest = std::max(result.longest, wait);
-        });
-    });
-    for (const double end = now() + 1; now() < end;)
-        loop.run_once(10ms);
+    for (const double end = now() + 1; now() < end;) {
+        const double sent = now();
+        client.request(ask, 10s, [&](tolvane::response) { loop.stop(); });
+        loop.run();
+        result.shortest = std::min(result.shortest, now() - sent);
+        result.longest = std::max(result.longest, now() - sent);
+    }
     stop(strangers);
     return result;
 }
 
-// The ratio of the best of several runs, one of them with and one without what is measured.
-static double ratio(const std::function<double(bool bad)> &run)
+// Prints the waits with a load as multiples of those without, the best of five runs each.
+static void compare(const char *name, const load &with, const load &without)
 {
-    double best[2] = {1e9, 1e9};
-    for (int i = 0; i < 10; i++)
-        best[i % 2] = std::min(best[i % 2], run(i % 2 == 1));
-    return best[1] / best[0];
+    waits best[2] = {{1e9, 1e9, 1e9}, {1e9, 1e9, 1e9}};
+    for (int i = 0; i < 10; i++) {
+        const waits one = measure_waits(i % 2 == 0 ? with : without);
+        best[i % 2].shortest = std::min(best[i % 2].shortest, one.shortest);
+        best[i % 2].longest = std::min(best[i % 2].longest, one.longest);
+        best[i % 2].memory = std::min(best[i % 2].memory, one.memory);
+    }
+    std::printf("%-38s shortest wait %.2f, longest %.2f, %.1f KiB a client\n", name,
+                best[0].shortest / best[1].shortest, best[0].longest / best[1].longest,
+                best[0].memory);
 }
 
-int main()
+int main(int count, char **)
 {
     measure_speed();
-    std::printf("10,000 clients: %.1f KiB each, shortest wait / with 15: %.2f\n",
-                measure_waits(10000, false, 0, false).memory / 1024, ratio([](bool bad) {
-                    return measure_waits(bad ? 10000 : 15, false, 0, false).shortest;
-                }));
-    std::printf("60 kB to 100 clients every 50 ms, one stopped: longest wait / without %.2f\n",
-                ratio([](bool bad) { return measure_waits(100, bad, 0, true).longest; }));
-    std::printf("50 half frames: longest wait / without %.2f\n", ratio([](bool bad) {
-                    return measure_waits(1, false, bad ? 50 : 0, false).longest;
-                }));
+    if (count > 1)
+        return 0;
+    compare("10,000 clients / 15", {10000, 0, 0, false}, {15, 0, 0, false});
+    compare("broadcasts to 100, one stopped / none", {100, 1, 0, true}, {100, 0, 0, true});
+    compare("50 half frames / none", {1, 0, 50, false}, {1, 0, 0, false});
 }

@@ -30,7 +30,7 @@ foreach(package ${packages})
         DESTINATION ${doc}/${package} COMPONENT ${package})
 endforeach()
 install(DIRECTORY examples DESTINATION ${doc}/libtolvane-dev COMPONENT libtolvane-dev
-    FILES_MATCHING PATTERN *.cpp PATTERN *.h PATTERN *.py)
+    FILES_MATCHING PATTERN *.cpp PATTERN *.c PATTERN *.py)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)

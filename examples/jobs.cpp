@@ -98,24 +98,20 @@ struct dispatcher {
 
 static int work(uint16_t port, uint16_t number)
 {
-    struct task {
-        tolvane::request job;
-        int percent = 0;
-    };
-    std::list<task> tasks;
+    std::list<std::pair<tolvane::request, int>> tasks; // jobs, and how many percent are done
     tolvane::loop loop;
     tolvane::client client(loop, {host, port}, {"worker", number}, settings);
     client.on_connected([&] { (void)client.tell("ready"); });
-    client.on_request([&](tolvane::request job) { tasks.push_back({std::move(job)}); });
+    client.on_request([&](tolvane::request job) { tasks.emplace_back(std::move(job), 0); });
     const auto step = tolvane::timer::every(20ms, [&] {
-        for (task &each : tasks) {
-            const text what(each.job.payload());
-            each.percent += 20;
-            (void)client.tell("progress " + what + " " + std::to_string(each.percent) + "%");
-            if (each.percent == 100) // fails after a lost link: another worker does the job then
-                (void)each.job.reply(std::to_string(atoll(what.c_str()) * atoll(what.c_str())));
+        for (auto &[job, percent] : tasks) {
+            const text what(job.payload());
+            percent += 20;
+            (void)client.tell("progress " + what + " " + std::to_string(percent) + "%");
+            if (percent == 100) // fails after a lost link: another worker does the job then
+                (void)job.reply(std::to_string(atoll(what.c_str()) * atoll(what.c_str())));
         }
-        tasks.remove_if([](const task &each) { return each.percent == 100; });
+        tasks.remove_if([](const auto &each) { return each.second == 100; });
     });
     return client.connect() && loop.run() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
@@ -157,7 +153,10 @@ static std::map<text, pid_t> children;
 
 template <class Role> static void spawn(const text &name, Role role)
 {
-    if ((children[name] = fork()) != 0)
+    const pid_t child = children[name] = fork();
+    if (child < 0)
+        exit(EXIT_FAILURE); // kill(-1) would reach every process
+    if (child > 0)
         return;
     prctl(PR_SET_PDEATHSIG, SIGKILL); // it does not outlive the demonstration
     _exit(role());

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <ctype.h>
 #include <list>
+#include <map>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string>
@@ -89,15 +90,15 @@ public:
 private:
     static void goodbye(tolvane::peer client, tolvane::reason why)
     {
-        if (why == tolvane::reason::logged_out)
-            say(name_of(client) + " has logged out");
-        else if (why == tolvane::reason::lost)
-            say(name_of(client) + " has lost its link");
-        if (why != tolvane::reason::replaced)
-            return;
+        static const std::map<tolvane::reason, const char *> lines{
+            {tolvane::reason::logged_out, " has logged out"},
+            {tolvane::reason::replaced, " logs in anew, closing its older connection"},
+            {tolvane::reason::lost, " has lost its link"},
+            {tolvane::reason::silent, " has fallen silent, declared down"},
+            {tolvane::reason::closed, " is closed"}};
+        say(name_of(client) + lines.at(why));
         // The older client is told why, or it would log in again and replace the newer one.
-        say(name_of(client) + " logs in anew, closing its older connection");
-        if (!client.tell("replaced"))
+        if (why == tolvane::reason::replaced && !client.tell("replaced"))
             say("could not tell it");
     }
 

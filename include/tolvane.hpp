@@ -141,7 +141,7 @@ private:
 
 /* An address and a port. A server's host is a dotted IPv4 text; names are not resolved. A client's
  * own endpoint is a name: it need not be a real address, but its URL, "tcp://host:port", has at
- * most 63 characters and no control characters, and tells the client from all others. */
+ * most 63 characters, no control characters and no "velun_tolvane_", and tells the client from all others. */
 struct endpoint {
     std::string host;
     std::uint16_t port = 0;
@@ -169,9 +169,9 @@ struct options {
  * refused here and not sent. */
 enum class outcome { replied, timed_out, lost, declined, refused };
 
-/* Why a client has gone: it logged out, a newer login took its name, its link was lost, or the
- * server closed it. */
-enum class reason { logged_out, replaced, lost, closed };
+/* Why a client has gone: it logged out, a newer login took its name, its link was lost, it did not
+ * answer heartbeats any more, or the server closed it. */
+enum class reason { logged_out, replaced, lost, silent, closed };
 
 class request;
 
@@ -204,7 +204,9 @@ using clock = std::chrono::steady_clock;
 constexpr int served_per_turn = 64;       // messages, or accepted clients, before others' turn
 constexpr std::size_t flush_size = 65536; // unsent bytes that are sent without waiting for more
 constexpr std::size_t frame_header = 36;  // watermark and length
-constexpr std::string_view watermark{"TCP_WATER_MARK\0", 15};
+constexpr std::string_view watermark{"TCP_WATER_MARK\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32};
+constexpr std::string_view reserved_text =
+    "velun_tolvane_"; // what the type of a message begins with
 constexpr std::string_view pipelined_offer{"pipelined\0", 10};
 
 inline std::string error_text(int error)
@@ -609,9 +611,9 @@ struct mark {
 // descriptor. Closing it at once would reset the connection if anything arrived meanwhile, and the
 // other end could lose what it has not read.
 struct farewell {
-    farewell(int descriptor, buffer unsent, milliseconds time)
-        : fd(descriptor), out(std::move(unsent)),
-          limit(timer::once(time, [this] { loop::unwatch(fd); }))
+    farewell(int descriptor, buffer unsent, const options &opts)
+        : fd(descriptor), out(std::move(unsent)), still_read(opts.max_queued),
+          limit(timer::once(opts.connect_timeout, [this] { loop::unwatch(fd); }))
     {
     }
     ~farewell()
@@ -632,11 +634,13 @@ struct farewell {
             loop::change(fd, EPOLLIN);
         }
         const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
-        if (got == 0 || (got < 0 && !try_later(errno)))
+        still_read -= std::min(still_read, std::size_t(std::max<ssize_t>(got, 0)));
+        if (got == 0 || still_read == 0 || (got < 0 && !try_later(errno)))
             loop::unwatch(fd); // and this object with it
     }
     int fd;
     buffer out;
+    std::size_t still_read; // bytes to take from a peer that goes on sending
     timer limit;
 };
 
@@ -710,11 +714,10 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         write_out();
         const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
-        const auto last = std::make_shared<farewell>(copy, std::move(out), opts.connect_timeout);
+        const auto last = std::make_shared<farewell>(copy, std::move(out), opts);
         shut();
-        if (!loop::watch(
-                copy, [last] { last->ready(); }, EPOLLIN | EPOLLOUT))
-            return; // there is no loop any more that could send it
+        const auto ready = [last] { last->ready(); };
+        (void)loop::watch(copy, ready, EPOLLIN | EPOLLOUT); // refused: nothing is sent any more
     }
     // Run a task now, inside the loop, or in its next round, when the application is the caller.
     template <class Task> void settle(bool now, Task task)
@@ -746,6 +749,11 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (opts.heartbeat.count() > 0)
             heartbeat = timer::once(wait, [this] { heartbeat_due(); });
     }
+    void hear()
+    {
+        heard = loop::now;
+        missed = channel->hbSequence = 0;
+    }
     void heartbeat_due()
     {
         const auto keep = shared_from_this();
@@ -754,7 +762,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (early.count() > 0)
             return supervise(early); // something has been received meanwhile
         if (++missed > opts.missed_heartbeats)
-            return end(reason::lost, "heartbeats were not answered", true);
+            return end(reason::silent, "heartbeats were not answered", true);
         channel->hbSequence++;
         append_heartbeat(c::build_heartbeat_msg);
         supervise(opts.heartbeat);
@@ -772,7 +780,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             return {std::errc::not_connected, "the link is closed"};
         if (text.size() > max_payload)
             return {std::errc::message_size, "the payload is too long"};
-        if (plain && text.find("velun_tolvane_") != std::string_view::npos)
+        if (plain && text.find(reserved_text) != std::string_view::npos)
             return {std::errc::invalid_argument, "the payload contains \"velun_tolvane_\", which "
                                                  "only a pipelined link can carry"};
         if (queued() < opts.max_queued)
@@ -808,6 +816,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (out.size() == 0 || !failure.empty())
             return;
         const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent > 0 && queued() >= opts.max_queued)
+            hear();
         if (sent > 0)
             out.consume(std::size_t(sent));
         if (sent >= 0 || try_later(errno))
@@ -823,7 +833,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             htonl(std::uint32_t(std::size_t(head_size) + mark_size + text.size()));
         if (out.bytes.empty())
             out.bytes.reserve(256 + text.size());
-        out.bytes.append(watermark).append(17, '\0');
+        out.bytes.append(watermark);
         out.bytes.append(reinterpret_cast<const char *>(&size), sizeof(size));
         out.bytes.append(head, std::size_t(head_size));
         if (mark_size > 0)
@@ -929,7 +939,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         std::uint32_t size;
         std::memcpy(&size, in.data() + frame_header - sizeof(size), sizeof(size));
         size = ntohl(size);
-        if (std::memcmp(in.data(), watermark.data(), watermark.size()) != 0 || size == 0 ||
+        if (std::memcmp(in.data(), watermark.data(), 15) != 0 || size == 0 ||
             size > TV_MSG_BUF_SIZE)
             return -1;
         return in.size() - frame_header < size ? 0 : long(size);
@@ -990,11 +1000,11 @@ struct link : connection, std::enable_shared_from_this<link> {
         in.consume(frame_header + size);
         if (c::tv_msg_received(channel, c::get_msg_sequence(body.data())) != 0)
             return;
-        heard = loop::now;
-        missed = channel->hbSequence = 0;
+        if (queued() < opts.max_queued)
+            hear(); // a peer that sends, but does not read its replies, is not alive
         handle(std::move(body));
     }
-    void handle(std::string body)
+    void handle(std::string &&body)
     {
         const int type = c::get_msg_type(body.data());
         const bool exchanged = type == TV_MSG_REQUEST || type == TV_MSG_REPLY;
@@ -1011,7 +1021,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         else
             session(type, body);
     }
-    void request_received(std::string body, std::size_t start)
+    void request_received(std::string &&body, std::size_t start)
     {
         mark with;
         const bool marked =
@@ -1030,9 +1040,9 @@ struct link : connection, std::enable_shared_from_this<link> {
             finish(with.id, {outcome::replied, {}, std::move(body), start + mark::size});
         }
     }
-    void deliver(mark with, std::string body, std::size_t start);
+    void deliver(mark with, std::string &&body, std::size_t start);
     // A reply, also one too late, ends a plain link's wait.
-    void reply_received(std::string body, std::size_t start)
+    void reply_received(std::string &&body, std::size_t start)
     {
         if (waiting_for == 0)
             return;
@@ -1043,7 +1053,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             pump();
     }
     // Call the handler of a request, unless it has been called.
-    void finish(std::uint32_t call_id, response result)
+    void finish(std::uint32_t call_id, response &&result)
     {
         const auto found = calls.find(call_id);
         if (found == calls.end())
@@ -1251,7 +1261,7 @@ private:
     std::unique_ptr<received> state;
 };
 
-inline void detail::link::deliver(mark with, std::string body, std::size_t start)
+inline void detail::link::deliver(mark with, std::string &&body, std::size_t start)
 {
     request incoming;
     serving = serving || with.kind == 'p';
@@ -1311,6 +1321,8 @@ struct client_state final : link {
         std::snprintf(record->url, TV_URL_SIZE, "%s", name.url().c_str()); // any length that fits
         open(record, socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         record->clientSocket->fd = fd;
+        if (fd < 0)
+            return false;
         const int on = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         sockaddr_in to{};
@@ -1332,8 +1344,11 @@ struct client_state final : link {
         socklen_t size = sizeof(error);
         if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
             error = errno;
-        if (error == 0 && connected_to_itself())
+        if (error == 0 && connected_to_itself()) {
+            const linger reset{1, 0}; // an orderly close would keep the server's port in use
+            setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
             error = ECONNREFUSED;
+        }
         loop::unwatch(fd);
         if (error != 0 || !watch())
             return end(reason::lost, "connecting failed: " + error_text(error), true);
@@ -1445,6 +1460,7 @@ public:
             return {std::errc::invalid_argument,
                     "the server's address is no dotted IPv4 text, or its port is 0"};
         if (state->name.host.empty() || own.size() >= TV_URL_SIZE ||
+            own.find(detail::reserved_text) != std::string::npos ||
             std::any_of(own.begin(), own.end(), control))
             return {std::errc::invalid_argument, "the client's name does not fit a URL"};
         if (!std::exchange(state->active, true))
@@ -1571,16 +1587,16 @@ struct pair final : link {
     void login(const std::string &message, const char *name)
     {
         const int current = id;
-        const auto older = server->find(name);
-        if (older != nullptr && older.get() != this)
-            older->end(reason::replaced, {}, true);
+        for (auto older = server->find(name); older != nullptr && older.get() != this;
+             older = id == current ? server->find(name) : nullptr)
+            older->end(reason::replaced, {}, true); // its handler may let others log in
         char *copy = id == current ? strdup(message.c_str()) : nullptr;
         if (copy == nullptr)
             return;
         c::login_msg_received(channel, copy); // names the channel, and releases the copy
         url = channel->url;
         const auto end_of_url = message.find('\0');
-        if (opts.pipelined && end_of_url != std::string::npos &&
+        if (opts.pipelined && !pipelined && end_of_url != std::string::npos &&
             message.compare(end_of_url + 1, std::string::npos, pipelined_offer) == 0) {
             append_request({}, {'=', 0});
             pipelined = true;
@@ -1591,8 +1607,12 @@ struct pair final : link {
     void end(reason why, std::string, bool now) override
     {
         const auto self = shared_from_this();
+        if (why == reason::replaced)
+            announce(why); // what it tells the client is still sent
+        if (id == -1)
+            return;
         server->pairs.erase(id);
-        if (why == reason::closed)
+        if (why == reason::closed || why == reason::replaced)
             leave();
         else
             shut();
@@ -1600,11 +1620,14 @@ struct pair final : link {
         lose(false, now);
         // The data may hold a handle or a request of this link, so it goes even if nobody is called.
         const std::shared_ptr<void> cleanup(this, [self](pair *ended) { ended->data = nullptr; });
-        settle(now, [self, this, why, cleanup] {
-            if (*alive && !url.empty())
-                server->on_logout(peer(self), why);
-        });
+        settle(now, [self, this, why, cleanup] { announce(why); });
     }
+    void announce(reason why)
+    {
+        if (*alive && !url.empty() && !std::exchange(announced, true))
+            server->on_logout(peer(shared_from_this()), why);
+    }
+    bool announced = false;
     const std::shared_ptr<server_state> server;
 };
 
@@ -1716,8 +1739,9 @@ public:
     {
         state->on_login = std::move(handler);
     }
-    /* Set what runs when a client that had logged in has gone, for whatever reason. Its handle is
-     * false by then; url() and data() still work. */
+    /* Set what runs when a client that had logged in goes, for whatever reason. Its handle is false
+     * by then; url() and data() still work. After reason::replaced the handle is true until the
+     * handler returns, and what it tells the older client is still sent. */
     void on_logout(callback<void(peer, reason)> handler)
     {
         state->on_logout = std::move(handler);

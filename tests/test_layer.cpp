@@ -6,9 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 #include <functional>
+#include <list>
+#include <optional>
 #include <poll.h>
+#include <random>
+#include <string.h>
 #include <thread>
 
 #define AWAIT(...)                                                                                 \
@@ -104,6 +109,7 @@ TEST_F(Layer, LeavesClientsInTheBacklogAndTellsFullFromNever)
     EXPECT_LE(peer.queued(), little.max_queued + 65536);
     peer.request("too much", 5s, note);
     AWAIT(noted("refused"));
+    notes.clear();
     AWAIT(!slow->ended() && noted("drained"));
     EXPECT_TRUE(peer.tell("again"));
     EXPECT_EQ(noted("tcp://next:1"), 0);
@@ -123,11 +129,12 @@ TEST_F(Layer, RunsInsideAnotherLoopWithThreadsAndFiles)
         for (int i = 0; i < 100; i++)
             loop.post([] { notes.push_back("posted"); });
     });
-    tolvane::timer twice, ticks = tolvane::timer::every(5ms, [&] {
-                              notes.push_back("tick");
-                              if (noted("tick") == 3)
-                                  ticks.stop();
-                          });
+    tolvane::timer twice;
+    tolvane::timer ticks = tolvane::timer::every(5ms, [&] {
+        notes.push_back("tick");
+        if (noted("tick") == 3)
+            ticks.stop();
+    });
     twice = tolvane::timer::once(30ms, [&] { // replaces itself
         twice = tolvane::timer::once(1ms, [] { notes.push_back("second"); });
     });
@@ -151,12 +158,31 @@ TEST_F(Layer, RunsInsideAnotherLoopWithThreadsAndFiles)
     EXPECT_TRUE(loop.run());
 }
 
+// Two descriptors are ready in one round. Whoever is served first replaces the other one by a new
+// one of the same number, which is not ready.
+TEST_F(Layer, ServesNoEventOfADescriptorsFormerOwner)
+{
+    const raw one(eventfd(1, EFD_NONBLOCK)), two(eventfd(1, EFD_NONBLOCK));
+    const auto replace = [&](const raw &served, const raw &other) {
+        loop.unwatch(served.fd);
+        loop.unwatch(other.fd);
+        close(other.fd);
+        ASSERT_EQ(eventfd(0, EFD_NONBLOCK), other.fd);
+        ASSERT_TRUE(loop.watch(other.fd, [] { FAIL() << "not ready"; }));
+    };
+    ASSERT_TRUE(loop.watch(one.fd, [&] { replace(one, two); }));
+    ASSERT_TRUE(loop.watch(two.fd, [&] { replace(two, one); }));
+    loop.run_once(0ms);
+    loop.run_once(0ms);
+}
+
 // ---- random applications
 
 // A client or a server, and its requests: each handler runs once, or is dropped uncalled when its
 // owner is destroyed.
 struct owner {
     int asked = 0, called = 0, dropped = 0;
+    bool gone = false;
 };
 
 struct ticket {
@@ -174,8 +200,8 @@ struct application {
     std::mt19937 random;
     tolvane::loop loop = {};
     int budget = 1000, depth = 0; // acts left; callbacks inside each other
-    std::list<owner> owners = {};
-    owner *owner_of[4] = {}; // the clients and the server
+    std::list<owner> owners{1};   // the first one of requests to peers that have gone
+    owner *owner_of[4] = {};      // the clients and the server
     std::unique_ptr<tolvane::client> clients[3] = {};
     std::unique_ptr<tolvane::server> server = {};
     std::vector<tolvane::request> kept = {};
@@ -200,13 +226,15 @@ struct application {
         by->asked++;
         const std::shared_ptr<ticket> one(new ticket{*by});
         end.request(payload(), milliseconds(draw(30)), [this, one](const tolvane::response &) {
-            REQUIRE(!std::exchange(one->used, true));
+            REQUIRE(!std::exchange(one->used, true) && !one->of.gone);
             one->of.called++;
             act();
         });
     }
     template <class End> void serve_by(End &end, size_t i)
     {
+        if (owner_of[i] != nullptr)
+            owner_of[i]->gone = true;
         owner_of[i] = &owners.emplace_back();
         end.on_drained(acting());
         end.on_request([this](tolvane::request request) {
@@ -277,7 +305,7 @@ struct application {
         else if (draw(2) == 0)
             request_by(client, owner_of[i]);
         else
-            request_by(peer, owner_of[3]);
+            request_by(peer, peer ? owner_of[3] : &owners.front());
     }
     void act()
     {

@@ -3,6 +3,7 @@
 # cannot be made.
 #
 # usage: test_programs.py tvcat <tvcat> <examples/server>
+#        test_programs.py mixed <tvcat> <folder of the examples>
 #        test_programs.py two_hosts <folder of the examples>
 #        test_programs.py wireshark <dissector>
 #        test_programs.py snippets <folder of the libraries> <C compiler> <C++ compiler>
@@ -66,6 +67,22 @@ def cat(tvcat, example):
             (0, b"-a ANSWER", "--help"),
             (0, b"tvcat 1\\.", "--version")):
         expect(status, b".*" + pattern + b".*", *arguments.split())
+
+
+# ---- programs on the C interface and on the C++ layer, and peers in Python, at either end
+
+
+def mix(tvcat, folder):
+    minimal = f"{folder}/minimal"
+    shouter = Program(minimal, "server", 0)
+    servers = [(int(shouter.wait_for(rb"listening on port (\d+)\n")[0]), b"HELLO")]
+    for command in [tvcat, "-l"], [f"{folder}/own_loop_server"]:
+        servers.append((Server(*command).address[1], b"hello"))
+    for port, reply in servers:
+        link = peer.connect("127.0.0.1", port, "plain", 1)
+        for client in [minimal, "client", str(port)], [tvcat, "127.0.0.1", str(port)]:
+            assert subprocess.check_output(client, input=b"hello\n", timeout=60) == reply + b"\n"
+        assert link.request(b"hello", PATIENCE) == reply
 
 
 # ---- two hosts
@@ -253,5 +270,5 @@ def check_exports(folder, *compilers):
                 output(*compiler.split(), "-x", *language.split(), *FLAGS, part, "-fsyntax-only", header + ".h")
 
 
-run(dict(tvcat=cat, two_hosts=pull_cable, wireshark=dissect, snippets=run_programs,
+run(dict(tvcat=cat, mixed=mix, two_hosts=pull_cable, wireshark=dissect, snippets=run_programs,
          exports=check_exports)[sys.argv[1]], *sys.argv[2:])

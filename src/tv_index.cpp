@@ -5,29 +5,19 @@
 // Method   one hash table with chains per key. The links of the chains lie in the list entries, so
 //          an entry leaves without a search for it and without a look at its record. Of several
 //          matches the oldest wins, as in a walk.
-// Failure  none: a table that cannot grow has longer chains.
-// State    the tables, back in static memory once the lists are empty, and the seed of the URLs' hash.
+// Failure  none: nothing is allocated.
+// State    the tables and the seed of the URLs' hash.
 
 #include "tv_internal.h"
 
-#include <stdlib.h>
 #include <string.h>
 #include <sys/random.h>
 
-enum { FIRST_SIZE = 64 }; // a power of two, as all sizes are
+// Chains per key: with ten thousand channels they hold one or two entries. The system provides
+// the tables' memory as it is used.
+enum { CHAINS = 16384 };
 
-struct index_table {
-    index_node **chains;
-    uint32_t size;
-    uint32_t count;
-};
-
-static index_node *firstChains[INDEX_KEYS][FIRST_SIZE];
-static index_table tables[INDEX_KEYS] = {
-    {firstChains[INDEX_ID], FIRST_SIZE, 0},
-    {firstChains[INDEX_FD], FIRST_SIZE, 0},
-    {firstChains[INDEX_URL], FIRST_SIZE, 0},
-};
+static index_node *tables[INDEX_KEYS][CHAINS];
 static uint64_t nextRank;
 
 // ---- hashes
@@ -38,22 +28,15 @@ static uint32_t hash_number(int number)
     return product ^ product >> 16;
 }
 
-// The kernel may have no randomness early after boot.
-static uint64_t random_number(uint64_t fallback)
-{
-    uint64_t number;
-    return getrandom(&number, sizeof(number), GRND_NONBLOCK) == sizeof(number) ? number : fallback;
-}
-
 // Peers choose URLs. Because seed and multiplier are secret, they cannot choose URLs that collide.
 static uint32_t hash_url(const char *url)
 {
-    static uint64_t seed, multiplier;
-    if (multiplier == 0) {
-        seed = random_number(0);
-        multiplier = random_number(0x9e3779b97f4a7c15) | 1;
-    }
-    uint64_t hash = seed;
+    static uint64_t secrets[2] = {0, 0x9e3779b97f4a7c15};
+    static bool drawn;
+    if (!drawn) // it may fail early after boot: the values above are better than waiting
+        drawn = getrandom(secrets, sizeof(secrets), GRND_NONBLOCK) != 0;
+    const uint64_t multiplier = secrets[1] | 1;
+    uint64_t hash = secrets[0];
     for (int i = 0; i < TV_URL_SIZE && url[i] != '\0'; i++) {
         hash = (hash ^ (unsigned char)url[i]) * multiplier;
         hash ^= hash >> 32;
@@ -65,46 +48,16 @@ static uint32_t hash_url(const char *url)
 
 static index_node **chain_of(index_key key, uint32_t hash)
 {
-    return &tables[key].chains[hash & (tables[key].size - 1)];
-}
-
-static void prepend(index_key key, index_node *node)
-{
-    index_node **chain = chain_of(key, node->chains[key].hash);
-    index_node *next = *chain;
-    node->chains[key].next = next;
-    node->chains[key].link = chain;
-    if (next != nullptr)
-        next->chains[key].link = &node->chains[key].next;
-    *chain = node;
-}
-
-static void grow(index_key key)
-{
-    const index_table old = tables[key];
-    index_node **chains = (index_node **)calloc(old.size, 2 * sizeof(index_node *));
-    if (chains == nullptr)
-        return;
-    tables[key] = {chains, old.size * 2, old.count};
-    for (uint32_t i = 0; i < old.size; i++) {
-        for (index_node *node = old.chains[i], *next; node != nullptr; node = next) {
-            next = node->chains[key].next;
-            prepend(key, node);
-        }
-    }
-    if (old.chains == firstChains[key])
-        memset(firstChains[key], 0, sizeof(firstChains[key]));
-    else
-        free(old.chains);
+    return &tables[key][hash % CHAINS];
 }
 
 static void link_node(index_key key, index_node *node, uint32_t hash)
 {
-    if (tables[key].count >= tables[key].size)
-        grow(key);
-    node->chains[key].hash = hash;
-    prepend(key, node);
-    tables[key].count++;
+    index_node **chain = chain_of(key, hash);
+    node->chains[key] = {*chain, chain, hash};
+    if (*chain != nullptr)
+        (*chain)->chains[key].link = &node->chains[key].next;
+    *chain = node;
 }
 
 static void unlink_node(index_key key, index_node *node)
@@ -117,12 +70,6 @@ static void unlink_node(index_key key, index_node *node)
     if (next != nullptr)
         next->chains[key].link = link;
     node->chains[key].link = nullptr;
-
-    index_table *table = &tables[key];
-    if (--table->count == 0 && table->chains != firstChains[key]) {
-        free(table->chains);
-        *table = {firstChains[key], FIRST_SIZE, 0};
-    }
 }
 
 // ---- keeping in step

@@ -14,7 +14,7 @@
 #include <string.h>
 #include <string>
 
-static const int usualPairs = 150; // enough for every table to grow
+static const int usualPairs = 150; // far beyond the walks of short lists
 static const int keys = 100;       // so many different URLs and descriptors
 static const int firstFd = 5000;   // no descriptor of this process
 
@@ -23,7 +23,7 @@ static tv_channel_list ownList = {&ownList, &ownList};
 static tv_channel ownChannels[60]; // listed there, some of them twice
 static bool noMemory;
 
-static std::set<void *> blocks; // list entries and tables, allocated and not freed
+static std::set<void *> blocks; // list entries, allocated and not freed
 extern "C" void *__real_calloc(size_t, size_t);
 extern "C" void *__wrap_calloc(size_t items, size_t size)
 {
@@ -202,6 +202,6 @@ int main(int argc, char **argv)
     tv_stop_server();
     clean_channel_repo(&ownList);
     if (!blocks.empty())
-        fprintf(stderr, "an entry or a table of the index is left\n");
+        fprintf(stderr, "an entry is left\n");
     return blocks.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -32,7 +32,7 @@
 #ifndef TOLVANE_HPP
 #define TOLVANE_HPP
 
-#ifndef TOLVANE_H
+#if !defined(TOLVANE_H) && !defined(TOLVANE_APPLICATION_ONLY)
 #define TOLVANE_APPLICATION_ONLY // no get_channel, log_file ... in the program's namespace
 #endif
 #include "ruvo_timer.h"
@@ -1619,7 +1619,7 @@ struct pair final : link {
             shut();
         server->resume();
         lose(false, now);
-        // The data may hold a handle or a request of this link, so it goes even if nobody is called.
+        // The data may hold handles and requests of this link: release it even if nobody is called.
         const std::shared_ptr<void> cleanup(this, [self](pair *ended) { ended->data = nullptr; });
         settle(now, [self, this, why, cleanup] { announce(why); });
     }

@@ -7,7 +7,7 @@
 //   loop      waits for descriptors, timers and posted work, and runs every callback
 //   timer     runs a callback once or periodically
 //   link      (internal) one connection: buffers, frames, heartbeats, requests under way
-//   peer      a server's handle of one client
+//   peer      a server's handle of one client; other_end is what it shares with a client
 //   request   one received request, answered now or later
 //   client    a link that connects, logs in and reconnects
 //   server    a listening socket and a link per client
@@ -17,7 +17,7 @@
 //
 // CONVENTIONS, true of every entry below unless it says otherwise
 //
-// Callbacks  run inside run() and run_once() only, never inside another call. A callback may call
+// Callbacks  run inside run() and run_once() only, log_to's excepted. A callback may call
 //            anything, and may destroy or close any object, also the one that called it. An
 //            exception that leaves a callback ends the program.
 // Results    operations that can be refused return a status. Nothing throws but std::bad_alloc.
@@ -32,7 +32,7 @@
 #ifndef TOLVANE_HPP
 #define TOLVANE_HPP
 
-#ifndef TOLVANE_H
+#if !defined(TOLVANE_H) && !defined(TOLVANE_APPLICATION_ONLY)
 #define TOLVANE_APPLICATION_ONLY // no get_channel, log_file ... in the program's namespace
 #endif
 #include "ruvo_timer.h"
@@ -108,8 +108,8 @@ private:
 };
 
 /* How an operation went: true, or a code and a text that say why it was refused. A refused
- * operation has changed nothing. full() tells a queue that has no room now (try again after
- * on_drained) from what will never succeed. what() is valid for ever. */
+ * operation has changed nothing. full() is true when the queue has no room now: try again after
+ * on_drained. Any other refusal is final. what() is valid for ever. */
 class [[nodiscard]] status
 {
 public:
@@ -140,8 +140,8 @@ private:
 };
 
 /* An address and a port. A server's host is a dotted IPv4 text; names are not resolved. A client's
- * own endpoint is a name: it need not be a real address, but its URL, "tcp://host:port", has at
- * most 63 characters, no control characters and no "velun_tolvane_", and tells the client from all others. */
+ * own endpoint is the name that it logs in with, and need not be a real address. Its URL,
+ * "tcp://host:port", has at most 63 characters, no control characters and no "velun_tolvane_". */
 struct endpoint {
     std::string host;
     std::uint16_t port = 0;
@@ -155,7 +155,7 @@ struct endpoint {
 /* Settings of a client, or of a server and all its clients' links. */
 struct options {
     milliseconds heartbeat{5000};       // silence after which a heartbeat is sent; 0: none is
-    milliseconds connect_timeout{5000}; // for connecting with login, and for saying goodbye
+    milliseconds connect_timeout{5000}; // for connecting with login, and for the last bytes
     milliseconds late_reply{1000};      // on a plain link, how long a reply may be overdue
     int missed_heartbeats = 2;          // unanswered ones before a link counts as lost
     bool pipelined = true;              // offer, or accept, a pipelined link
@@ -287,7 +287,8 @@ public:
     }
     /* Run a callback whenever a descriptor of the program's is readable, or ready for other events
      * of epoll, until unwatch(). The descriptor stays the program's. A file, which is always ready,
-     * has its callback run in every round. Refused: a descriptor that is watched already, or is none. */
+     * has its callback run in every round. Refused: a descriptor that is watched already, or that
+     * is not open. */
     static status watch(int fd, callback<void()> ready, unsigned events = EPOLLIN)
     {
         if (watched.count(fd) != 0)
@@ -931,7 +932,7 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     // ---- input
 
-    // The length of the next message: 0 when it is not complete, -1 when what arrived is no message.
+    // The length of the next message: 0 when it is incomplete, -1 when the input is no message.
     long next_frame()
     {
         if (in.size() < frame_header)
@@ -1098,7 +1099,7 @@ template <class T> constexpr char type_tag = 0; // its address stands for the ty
 
 }
 
-// ---- peer ---------------------------------------------------------------------------------------
+// ---- peer ----------------------------------------------------------------------------------
 
 /* Whom a link leads to: what a server's peer and a client have in common. */
 class other_end
@@ -1111,18 +1112,18 @@ public:
      *   timeout  for the reply, from now on, waiting included
      *   handler  runs exactly once, unless the client or server is destroyed before
      *
-     * A refused request's handler gets outcome::refused, and response::status() says why. On a plain
-     * link the next request after a timeout waits until the late reply has come; when it has not
-     * come options::late_reply later, the link is closed. */
+     * The handler of a refused request gets outcome::refused, and response::status() says why. On
+     * a plain link the next request after a timeout waits until the late reply has come; when it
+     * has not come options::late_reply later, the link is closed. */
     void request(std::string_view text, milliseconds timeout, callback<void(response)> handler)
     {
         if (link != nullptr)
             return link->ask(text, timeout, std::move(handler));
         loop::post([handler = std::move(handler)] { handler({outcome::refused, nobody()}); });
     }
-    /* Send a one-way request, which gets no reply. Success says that it is queued: a link that is
-     * lost loses what it had queued. Refused: a text that request() would refuse. A program on the C
-     * interface must not answer it. */
+    /* Send a one-way request, which gets no reply. Success means that it is queued: a link that is
+     * lost loses what it had queued. Refused: a text that request() would refuse. A program on the
+     * C interface must not answer it. */
     status tell(std::string_view text)
     {
         return link != nullptr ? link->tell(text) : nobody();
@@ -1133,6 +1134,7 @@ public:
         return link != nullptr ? link->queued() : 0;
     }
 
+    /* For the layer itself: the end of a link, or of none. */
     explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to))
     {
     }
@@ -1187,8 +1189,7 @@ public:
         return a.link == b.link;
     }
 
-    /* For the layer itself: the handle of a link, or of nobody. */
-    using other_end::other_end;
+    using other_end::other_end; // for the layer itself; without an argument, a handle of nobody
 };
 
 // ---- request -------------------------------------------------------------------------------
@@ -1424,8 +1425,8 @@ struct client_state final : link {
 
 }
 
-/* A client: one link to a server, kept up until disconnect(). While there is no connection, requests
- * and one-way requests wait for one. */
+/* A client: one link to a server, kept up until disconnect(). While there is no connection,
+ * requests and one-way requests wait for one. */
 class client : public other_end
 {
 public:
@@ -1450,8 +1451,8 @@ public:
     client(client &&) = delete;
 
     /* Start connecting, and keep connecting until disconnect(), or, with options::reconnect off,
-     * until on_lost. Refused on bad arguments only: everything else is told by on_connected and
-     * on_lost. Does nothing while it is under way. */
+     * until on_lost. Refused on bad arguments only; on_connected and on_lost report everything
+     * else. Does nothing while it is under way. */
     status connect()
     {
         const std::string own = state->name.url();
@@ -1511,7 +1512,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
     explicit server_state(const options &settings) : opts(settings)
     {
     }
-    // Accept clients while there is room for them. A full server leaves them in the system's backlog.
+    // Accept clients while there is room. A full server leaves them in the system's backlog.
     void resume()
     {
         if (fd == -1 || retry || pairs.size() >= opts.max_clients)
@@ -1618,7 +1619,7 @@ struct pair final : link {
             shut();
         server->resume();
         lose(false, now);
-        // The data may hold a handle or a request of this link, so it goes even if nobody is called.
+        // The data may hold handles and requests of this link: release it even if nobody is called.
         const std::shared_ptr<void> cleanup(this, [self](pair *ended) { ended->data = nullptr; });
         settle(now, [self, this, why, cleanup] { announce(why); });
     }

@@ -24,7 +24,7 @@ def random_text():
 def hear_server(line):
     for outcome in b"reply of", b"no reply of", b"not answered", b"no such client":
         happened[f"server: {outcome.decode()}"] += line.startswith(b"server: " + outcome)
-    if b"has lost its link" in line:
+    if b"has fallen silent" in line:
         declared_down[line.split(b"//")[1].split(b":")[0].decode()].set()
 
 

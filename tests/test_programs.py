@@ -115,7 +115,7 @@ def pull_cable(folder):
     ip(a, "link set wire down")
     pulled = time.monotonic()
     # Both examples send a heartbeat a second and give up after two without an answer.
-    for program, text in (client, b"no link to the server"), (server, b"far:1 has lost its link"):
+    for program, text in (client, b"no link to the server"), (server, b"far:1 has fallen silent"):
         program.wait_for(text)
         assert time.monotonic() - pulled > 1.9
     ip(a, "link set wire up")

@@ -42,21 +42,35 @@ static double now()
     return seconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-static void put(int fd, int value)
-{
-    check(write(fd, &value, sizeof(value)) == sizeof(value), "write");
-}
-
-static int take(int fd)
-{
-    int value = 0;
-    check(read(fd, &value, sizeof(value)) == sizeof(value), "read");
-    return value;
-}
+// A process of its own. It reports one number, a port for example.
+struct process {
+    explicit process(const std::function<void()> &run)
+    {
+        check(pipe(ends) == 0, "pipe");
+        if ((pid = fork()) == 0) {
+            run();
+            std::_Exit(0);
+        }
+        check(pid > 0 && read(ends[0], &number, sizeof(number)) == sizeof(number), "start");
+    }
+    process(process &&) = delete;
+    ~process()
+    {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    static void report(int value)
+    {
+        check(write(ends[1], &value, sizeof(value)) == sizeof(value), "report");
+    }
+    static inline int ends[2];
+    pid_t pid;
+    int number = 0;
+};
 
 // ---- the layer
 
-static void layer_serve(int ready)
+static void layer_serve()
 {
     tolvane::loop loop;
     tolvane::server server(loop);
@@ -65,7 +79,7 @@ static void layer_serve(int ready)
             check(bool(request.reply(ask)), "reply");
     });
     check(bool(server.listen("127.0.0.1", 0)), "listen");
-    put(ready, server.port());
+    process::report(server.port());
     loop.run();
 }
 
@@ -108,7 +122,7 @@ static int c_actor(int, const char *payload, int, char **reply, int *size)
     return TV_ACTOR_HANDLED;
 }
 
-static void c_serve(int ready)
+static void c_serve()
 {
     const int id = tv_start_server("127.0.0.1", 0), fd = tv_get_server_polling_fd();
     tv_register_actor(id, c_actor);
@@ -119,7 +133,7 @@ static void c_serve(int ready)
     sockaddr_in own{};
     socklen_t size = sizeof(own);
     getsockname(fd, reinterpret_cast<sockaddr *>(&own), &size);
-    put(ready, ntohs(own.sin_port));
+    process::report(ntohs(own.sin_port));
     tv_main_loop();
 }
 
@@ -148,17 +162,22 @@ static runner c_connect(int port)
 
 // ---- libzmq: DEALER and ROUTER, and PUSH and PULL for one-way messages
 
-static void zmq_serve(int ready)
+static std::string zmq_url(int port)
+{
+    return "tcp://127.0.0.1:" + std::to_string(port);
+}
+
+static void zmq_serve()
 {
     void *context = zmq_ctx_new();
     void *router = zmq_socket(context, ZMQ_ROUTER), *pull = zmq_socket(context, ZMQ_PULL);
-    char bound[64], text[64];
-    std::size_t size = sizeof(bound);
-    for (void *socket : {router, pull}) {
-        check(zmq_bind(socket, "tcp://127.0.0.1:*") == 0, "bind");
-        zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, bound, &(size = sizeof(bound)));
-        put(ready, std::atoi(std::strrchr(bound, ':') + 1));
-    }
+    char text[64];
+    std::size_t size = sizeof(text);
+    check(zmq_bind(router, "tcp://127.0.0.1:*") == 0, "bind");
+    zmq_getsockopt(router, ZMQ_LAST_ENDPOINT, text, &size);
+    const int port = std::atoi(std::strrchr(text, ':') + 1);
+    check(zmq_bind(pull, zmq_url(port + 1).c_str()) == 0, "bind");
+    process::report(port);
     const auto answer = [&] {
         zmq_send(router, "bench", 5, ZMQ_SNDMORE);
         zmq_send(router, ask.data(), ask.size(), 0);
@@ -176,13 +195,13 @@ static void zmq_serve(int ready)
     }
 }
 
-static runner zmq_connect_both(int port, int push_port)
+static runner zmq_client(int port)
 {
     void *context = zmq_ctx_new();
     void *dealer = zmq_socket(context, ZMQ_DEALER), *push = zmq_socket(context, ZMQ_PUSH);
     zmq_setsockopt(dealer, ZMQ_IDENTITY, "bench", 5);
-    zmq_connect(dealer, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
-    zmq_connect(push, ("tcp://127.0.0.1:" + std::to_string(push_port)).c_str());
+    zmq_connect(dealer, zmq_url(port).c_str());
+    zmq_connect(push, zmq_url(port + 1).c_str());
     return [=](work what, int amount) {
         char text[64];
         for (int sent = 1; what == one_way && sent <= amount; sent++) // the last one is answered
@@ -198,37 +217,11 @@ static runner zmq_connect_both(int port, int push_port)
 
 // ---- speed
 
-struct process {
-    pid_t pid;
-    int from; // what it writes
-};
-
-// Run a function in a process of its own.
-static process start(const std::function<void(int out)> &run)
-{
-    int ends[2];
-    check(pipe(ends) == 0, "pipe");
-    const pid_t pid = fork();
-    check(pid >= 0, "fork");
-    if (pid > 0)
-        return {pid, ends[0]};
-    run(ends[1]);
-    std::_Exit(0);
-}
-
-static void stop(process one)
-{
-    kill(one.pid, SIGKILL);
-    waitpid(one.pid, nullptr, 0);
-}
-
 static void measure_speed()
 {
-    const process servers[] = {start(layer_serve), start(c_serve), start(zmq_serve)};
-    const int zmq_port = take(servers[2].from);
-    const runner clients[] = {layer_connect(take(servers[0].from)),
-                              c_connect(take(servers[1].from)),
-                              zmq_connect_both(zmq_port, take(servers[2].from))};
+    const process servers[] = {process(layer_serve), process(c_serve), process(zmq_serve)};
+    const runner clients[] = {layer_connect(servers[0].number), c_connect(servers[1].number),
+                              zmq_client(servers[2].number)};
     double rates[3][works] = {};
     for (int turn = 0; turn < 150 * works * 3; turn++) {
         const int i = turn % 3, what = turn / 3 % works;
@@ -247,8 +240,6 @@ static void measure_speed()
     std::printf("64 outstanding, layer / libzmq: %.2f\n", layer[window] / zmq[window]);
     std::printf("one-way, layer / C: %.1f, layer / libzmq: %.2f\n", layer[one_way] / c[one_way],
                 layer[one_way] / zmq[one_way]);
-    for (const process &server : servers)
-        stop(server);
 }
 
 // ---- load
@@ -265,17 +256,17 @@ struct waits {
 // Connect as strangers, until the server is gone.
 static void crowd(int port, const load &what)
 {
+    process::report(0);
     std::vector<pollfd> readers;
     for (int i = 0; i < what.clients + what.stopped + what.halves; i++) {
         const std::string url = "tcp://crowd:" + std::to_string(i);
         const std::string login =
             "0\nvelun_tolvane_login\n" + url + "\nvelun_tolvane_payload\n" + url;
         const int fd = impl_create_client_socket("127.0.0.1", port, 10000);
-        if (i >= what.clients + what.stopped)
-            check(write(fd, "TCP_WATER_MARK", 15) == 15, "write");
-        else
-            check(tcp_impl_send_with_timeout(fd, login.data(), int(login.size()), 10000) > 0,
-                  "login");
+        const bool half = i >= what.clients + what.stopped;
+        check(half ? write(fd, "TCP_WATER_MARK", 15) == 15
+                   : tcp_impl_send_with_timeout(fd, login.data(), int(login.size()), 10000) > 0,
+              "send");
         if (i < what.clients)
             readers.push_back({fd, POLLIN, 0});
     }
@@ -304,7 +295,7 @@ static waits measure_waits(const load &what)
     server.on_request([](tolvane::request request) { check(bool(request.reply(ask)), "reply"); });
     check(bool(server.listen("127.0.0.1", 0)), "listen");
     const double before = resident();
-    const process strangers = start([&](int) { crowd(server.port(), what); });
+    const process strangers([&] { crowd(server.port(), what); });
     while (int(server.peers().size()) < what.clients + what.stopped)
         loop.run_once(1s);
     waits result{1e9, 0, (resident() - before) / what.clients};
@@ -322,7 +313,6 @@ static waits measure_waits(const load &what)
         result.shortest = std::min(result.shortest, now() - sent);
         result.longest = std::max(result.longest, now() - sent);
     }
-    stop(strangers);
     return result;
 }
 

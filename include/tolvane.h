@@ -6,23 +6,26 @@
  * 6 log, 7 request and reply, 8 heartbeat and dispatch, 9 channel lists, 10 message text,
  * 11 channel transport, 12 sockets and frames. Most programs need sections 1 to 6 only.
  *
- * A program that defines TOLVANE_APPLICATION_ONLY before it includes this header sees only those,
- * without their lower-level steps: all types, and the functions with the prefix tv_ that serve an
- * application, plus get_channel_type(). Names such as log_file, get_channel or send_rqst then stay
- * free for the program. The first inclusion in a source file decides.
+ * Define TOLVANE_APPLICATION_ONLY before you include this header to see only what applications
+ * need: all types, get_channel_type(), and the functions of sections 2 to 6 whose names begin with
+ * tv_, without the obsolete tv_set_polling_interval(). Names such as log_file, get_channel or
+ * send_rqst then stay free for the program. The first inclusion in a source file decides.
  *
- * Conventions, which hold for every entry unless it says otherwise:
+ * Terms: a channel is one end of a connection; a pair is the channel that a server creates for an
+ * accepted connection; an actor is a callback that serves received requests; the repository is the
+ * list of all channels.
+ *
+ * Conventions, which apply to every entry unless it says otherwise:
  *
  * - Results: 0 is success and -1 is failure; a function that returns a length, an id or a
  *   descriptor returns -1 on failure; a record that is not found is a null pointer. errno is not
- *   part of the interface; use it only for diagnostics. A failed operation changes nothing but
- *   what its entry names. Most failures are logged (section 6), some by more than one function,
- *   some by none.
- * - Arguments: pointers are not null and are not checked. A negative length is refused.
+ *   part of the interface; use it only for diagnostics. A failed operation changes nothing except
+ *   what its entry names. Most failures are logged (section 6), some of them more than once.
+ * - Arguments: pointers must not be null and are not checked. A negative length is refused.
  * - Time: milliseconds on the monotonic clock. Changes of the wall clock have no effect.
  * - Sizes: bytes, as int.
  * - Text: NUL-terminated. Text that is too long for its field is cut.
- * - Ownership: the library copies every text and payload that it is given before the call returns.
+ * - Ownership: the library copies every text and payload that you pass before the call returns.
  *   What a callback receives is valid until the callback returns.
  * - Payloads: any bytes, with their length. Every payload that a callback receives is followed by
  *   a 0x00 that its length does not count.
@@ -33,15 +36,15 @@
  *   memory of an incomplete frame. A transfer has one deadline for the whole message, so a peer
  *   that trickles data cannot extend it. The defaults are the system's connect timeout, about two
  *   minutes, and a poll timeout of 24.8 days: set both. Handling a complete message is not
- *   limited; it takes time in proportion to the message.
+ *   limited; the time it takes is proportional to the message.
  * - Callbacks: a callback may call any function of this library: close other channels, register
  *   and unregister descriptors, start and stop timers, start and stop the server (a start is
  *   refused while a server runs). Closing any channel, its own included, and stopping the server
- *   is memory-safe in every callback: the channel is gone at once, and the operation that called
+ *   is memory-safe in every callback: the channel is closed at once, and the operation that called
  *   back stops when the callback returns. Callbacks must return normally: no C++ exception and no
  *   longjmp() may leave one.
- * - Signals: the library never raises SIGPIPE; a peer that has gone away is a failed send. A log
- *   stream that you open yourself is not covered.
+ * - Signals: the library never raises SIGPIPE; sending to a peer that has gone fails. Writing to a
+ *   log stream that you opened may still raise it.
  * - Processes: all descriptors are close-on-exec. After fork(), only one of the two processes may
  *   go on using the library: both share its connections and its listening socket.
  */
@@ -70,7 +73,7 @@ extern "C" {
 #define TV_URL_SIZE        64       /**< a channel's URL with its NUL */
 #define TV_IP_SIZE         16       /**< a dotted IPv4 address with its NUL */
 #define TV_MAX_ACTORS      16       /**< actors per channel */
-#define TV_RQST_QUEUE_SIZE 8        /**< received requests that wait behind the one being served */
+#define TV_RQST_QUEUE_SIZE 8        /**< received requests that may wait in a channel's queue */
 #define TV_MAX_POLLING_FDS 16       /**< descriptors in the event loop */
 #define TV_LOG_FILE_SIZE   128      /**< the log path with its NUL */
 #define TV_LOG_LIMIT       0x200000 /**< size at which a log sink stops taking entries */
@@ -106,14 +109,15 @@ enum {
 /** Heartbeat modes of a channel record. */
 enum { TV_HEARTBEAT_ON = 0, TV_HEARTBEAT_OFF = 2 };
 
-/** Serves one received request. Runs once for each request, in the order of registration, until
- * an actor returns something other than TV_ACTOR_PASS.
+/** Serves one received request. For each request, actors are called in the order of registration
+ * until one returns something other than TV_ACTOR_PASS.
  *
  * Once an actor has deferred a reply, up to TV_RQST_QUEUE_SIZE further requests of that peer wait
  * in the channel's queue; more are dropped. A reply that does not fit into a message leaves the
  * request pending; tv_send_resp() can still answer it.
  *
- * May send requests on its channel; the request it is serving is answered only through its result.
+ * May send requests on its channel, but can answer the request it is serving only through its
+ * result, not with tv_send_resp().
  * Leave the channel open until the actor has returned: closing it here is memory-safe, but the
  * request gets no reply.
  *
@@ -148,8 +152,8 @@ typedef void (*tv_resp_handler)(int channelId, const char *payload, int payloadL
 /** Reports that a request's timeout has expired. Runs at most once per request, and not after its
  * reply was handled.
  *
- * tv_main_loop() fires timers before it reads. A reply that arrived in time but was still unread
- * when the timeout expired, because the thread was busy, therefore counts as late. A late reply is
+ * tv_main_loop() fires timers before it reads. A reply that arrived in time, but was not read
+ * before the timeout because the thread was busy, therefore counts as late. A late reply is
  * discarded, or taken for the reply to the next request if that is outstanding when it is read:
  * after a timeout, close the connection before you send again, or use correlation IDs.
  *
@@ -166,58 +170,58 @@ typedef void (*tv_timeout_handler)(int channelId);
  * connection, or on the listening channel, does not call it.
  *
  * It is not called again while it runs for the same channel: a send that fails inside it returns
- * -1 and does not call back. A send may also succeed there, as the connection may still work; after
- * an empty frame it does. If the heartbeat gives up while the callback runs, the callback runs once
- * more after it has returned, even if it has reconnected by then.
+ * -1 and does not call back. A send may also succeed there if the connection still works, for
+ * example after an empty frame. If the heartbeat gives up while the callback runs, the callback
+ * runs once more after it has returned, even if it has reconnected meanwhile.
  *
- * The channel stays open until you close it, here or later, and its descriptor may stay readable:
- * unregister it from the event loop here at the latest. May close its channel.
+ * May close its channel. The channel stays open until you close it, here or later, and its
+ * descriptor may stay readable: unregister it from the event loop in this callback at the latest.
  *
  * @param channelId  the channel
  * @param url        the record's url field */
 typedef void (*tv_linkdown_cb)(int channelId, const char *url);
 
 /** Reports to the server that a client has logged in on a pair. An older pair with the same URL has
- * been closed by then, unless the URL is longer than 63 characters or the application has taken
- * that pair out of the repository.
+ * already been closed, unless the URL is longer than 63 characters or the application has removed
+ * that pair from the repository.
  *
- * tv_get_client_channel() finds the pair once the callback has returned. May send on the pair. Leave
- * the pair open until the callback has returned; closing it here is memory-safe.
+ * tv_get_client_channel() finds the pair once the callback has returned. May send on the pair.
+ * Leave the pair open until the callback has returned; closing it here is memory-safe.
  *
  * @param channelId  the pair
- * @param url        the URL in the login: text from the network, of any length and content; cut it
- *                   before you show or store it */
+ * @param url        the URL in the login: text from the network, of any length and content;
+ *                   truncate it before you show or store it */
 typedef void (*tv_connected_cb)(int channelId, const char *url);
 
 /** Reports to the server that a client is gone. Runs when a client has logged out, and when a newer
  * login with the same URL replaces its pair; not after a lost link, nor when the application
  * closes the pair.
  *
- * After a logout the pair is closed already and the id no longer names a channel. On a replacement
- * the pair is still open, for a last request, and is closed after the callback returns; if the
- * callback closes it, that is logged as a miss. A pair that the application has taken out of the
- * repository is reported but not closed.
+ * After a logout the pair is already closed and the id no longer names a channel. On a replacement
+ * the pair is still open, so you can send it a last request; it is closed after the callback
+ * returns. If the callback itself closes the pair, the log reports that its id was not found. A
+ * pair that the application has removed from the repository is reported but not closed.
  *
  * @param channelId  the pair
  * @param url        after a logout the text in the logout, unchecked; on a replacement the URL in
  *                   the new login. Text from the network, of any length and content */
 typedef void (*tv_disconnected_cb)(int channelId, const char *url);
 
-/** Announces a pair's descriptor. As fd-open callback it runs once per accepted connection, to
- * register fd with the event loop; as fd-close callback once per close of a pair, to unregister fd
- * while it is still open.
+/** Reports a pair's descriptor. The fd-open callback runs once per accepted connection, so that you
+ * can register fd with the event loop. The fd-close callback runs once when a pair is closed, so
+ * that you can unregister fd while it is still open.
  *
- * Sends on the pair are possible in both, within the server's poll timeout. The fd-open callback
+ * Both may send on the pair, within the server's poll timeout. The fd-open callback
  * should leave the pair open; closing it there is memory-safe. In the fd-close callback the pair is
  * being closed already, and closing it again does nothing. */
 typedef void (*tv_client_fd_cb)(int fd);
 
-/** Serves one ready descriptor of the event loop. May register, unregister and close any
- * descriptor and close any channel.
+/** Handles one ready descriptor of the event loop. May register, unregister and close any
+ * descriptor, and close any channel.
  *
  * @param fd    the descriptor: readable, hung up or in error
  * @param arg1  the first argument of its registration
- * @param arg2  the second one
+ * @param arg2  the second argument of its registration
  * @return ignored */
 typedef int (*tv_fd_handler)(int fd, intptr_t arg1, intptr_t arg2);
 
@@ -225,9 +229,9 @@ typedef int (*tv_fd_handler)(int fd, intptr_t arg1, intptr_t arg2);
 typedef struct tv_client_addr {
     char serverIp[TV_IP_SIZE]; /**< dotted IPv4 address of the server. Names are not resolved:
                                     anything else is taken as 0.0.0.0, which is this machine */
-    char clientIp[TV_IP_SIZE]; /**< names this client in its URL; need not be its real address */
+    char clientIp[TV_IP_SIZE]; /**< part of this client's URL; need not be its real address */
     uint16_t serverPort;       /**< the server's TCP port */
-    uint16_t clientPort;       /**< names this client in its URL */
+    uint16_t clientPort;       /**< part of this client's URL; need not be a real port */
 } tv_client_addr;
 
 /** A socket. Its channel owns it. */
@@ -249,9 +253,9 @@ typedef struct ring_buffer {
     int capacity; /**< slots, all of them usable */
 } ring_buffer;
 
-/** Everything the library knows of one end of a connection.
+/** Everything the library knows about one end of a connection.
  *
- * Applications hold a channel's id rather than its address, which is invalid after
+ * Applications should keep a channel's id rather than its address, which is invalid after
  * tv_close_channel(). Records in the repository and in pairList may be read freely; their fields
  * change only through the library's operations. One exception: while a client channel has no
  * connection, an application may store a connected socket of its own in clientSocket->fd; it then
@@ -284,7 +288,7 @@ typedef struct tv_channel {
     int hbTimerId;           /**< -1: none */
     int hbSequence;          /**< heartbeats sent since the last accepted message */
     int hbMissCount;         /**< expiries since the last accepted message */
-    tv_socket *clientSocket; /**< at most one of the three is set; it makes the channel's type */
+    tv_socket *clientSocket; /**< at most one of the three is set; it determines the type */
     tv_socket *serverSocket; /**< the listening socket */
     tv_socket *pairSocket;   /**< an accepted connection */
 } tv_channel;
@@ -326,9 +330,8 @@ extern tv_server tv_service_server;
 
 /** Returns a new channel id: 0, 1, 2 and so on through all 32-bit numbers except -1.
  *
- * Ids wrap around; one is issued again only after 2^32 - 2 others, without a test whether it is
- * still in use. A process that comes that far with an old channel still open must be restarted
- * first. */
+ * Ids wrap around; one is reused only after 2^32 - 2 others, without a check whether it is still in
+ * use. Restart a process that could get that far while an old channel is still open. */
 int tv_get_channel_id(void);
 
 /** Finds a channel by its id.
@@ -336,19 +339,20 @@ int tv_get_channel_id(void);
  * @return the record, valid until the channel is closed; or null */
 tv_channel *tv_get_channel(int channelId);
 
-/** Returns a channel's type, a TV_CHANNEL_ value. A client channel has its type also while it has
- * no connection; TV_CHANNEL_NONE means that the id names no open channel. */
+/** Returns a channel's type, a TV_CHANNEL_ value. A client channel without a connection is still
+ * TV_CHANNEL_CLIENT; TV_CHANNEL_NONE means that the id names no open channel. */
 int get_channel_type(int channelId);
 
-/** Adds a record to the repository, so that its id finds it. The library adds the channels that it
- * creates itself. Set the record's id, URL and socket before: they must not change while it is listed.
+/** Adds a record to the repository, so that it can be found by its id. The library itself adds the
+ * channels that it creates. Set the record's id, URL and socket before the call: they must not
+ * change while the record is in the repository.
  *
  * @param channel  allocated with malloc(); tv_close_channel() removes it, however often it was
  *                 added, and releases it
- * @return the new node, which the repository owns; or null without memory */
+ * @return the new node, which the repository owns; or null if there is no memory */
 tv_channel_node *tv_add_channel(tv_channel *channel);
 
-/** Takes the oldest entry with the record's id out of the repository. Closes and releases nothing.
+/** Removes the oldest entry with the record's id from the repository. Closes and releases nothing.
  *
  * The caller then owns a client's record. A pair or the server channel still belongs to the server:
  * tv_stop_server() closes and releases it.
@@ -361,7 +365,7 @@ int tv_remove_channel(tv_channel *channel);
  * For a pair, the fd-close callback runs first. Then the heartbeat stops, the descriptor is closed
  * and the id no longer names a channel. No other callback runs: neither the timeout handler of an
  * outstanding request nor a link-down or disconnected callback. The timer of an outstanding request
- * is left pending; when it fires, it finds no channel and does nothing but log that.
+ * stays pending; when it fires, it finds no channel, logs that, and does nothing else.
  *
  * Unregister a client's descriptor from the event loop before the call. Closing a running server's
  * own channel leaves its pairs open, and they are served until the next start; after that they can
@@ -370,13 +374,13 @@ void tv_close_channel(int channelId);
 
 /** Appends an actor to a client or server channel, for the channel's life.
  *
- * Pairs take the server channel's actors when they are accepted. An actor may be appended more than
- * once. A null actor takes an entry and is passed over.
+ * Pairs copy the server channel's actors when they are accepted. An actor may be appended more than
+ * once. A null actor uses up an entry and is skipped.
  *
  * @return 0, or -1: no such channel, a pair, or TV_MAX_ACTORS actors already */
 int tv_register_actor(int channelId, tv_actor actor);
 
-/** Sets the channel's response handler. On the server channel it reaches the pairs accepted
+/** Sets the channel's response handler. On the server channel it applies to pairs accepted
  * afterwards.
  *
  * @param channelId  any channel
@@ -384,7 +388,7 @@ int tv_register_actor(int channelId, tv_actor actor);
  * @return 0, or -1: no such channel */
 int tv_register_resp_handler(int channelId, tv_resp_handler handler);
 
-/** Sets the channel's timeout handler. On the server channel it reaches the pairs accepted
+/** Sets the channel's timeout handler. On the server channel it applies to pairs accepted
  * afterwards.
  *
  * @param channelId  any channel
@@ -392,7 +396,7 @@ int tv_register_resp_handler(int channelId, tv_resp_handler handler);
  * @return 0, or -1: no such channel */
 int tv_register_timeout_handler(int channelId, tv_timeout_handler handler);
 
-/** Sets the channel's link-down callback. On the server channel it reaches the pairs accepted
+/** Sets the channel's link-down callback. On the server channel it applies to pairs accepted
  * afterwards.
  *
  * @param channelId  any channel
@@ -400,7 +404,7 @@ int tv_register_timeout_handler(int channelId, tv_timeout_handler handler);
  * @return 0, or -1: no such channel */
 int tv_register_linkdown_callback(int channelId, tv_linkdown_cb cb);
 
-/** Sets how long one send or receive of the channel may block. On the server channel it reaches the
+/** Sets how long one send or receive of the channel may block. On the server channel it applies to
  * pairs accepted afterwards.
  *
  * @param channelId  any channel
@@ -410,8 +414,8 @@ int tv_set_poll_timeout(int channelId, int timeoutMs);
 
 /** Sets how long tv_connect_server() may take to connect.
  *
- * Until it is set, a connect takes as long as the system tries, and a signal whose handler does
- * not restart system calls makes it fail.
+ * Until it is set, a connect may take as long as the system keeps trying, and it fails if a signal
+ * arrives whose handler does not restart system calls.
  *
  * @param channelId  a client channel
  * @param timeoutMs  milliseconds; a value below 1 changes nothing */
@@ -436,7 +440,7 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  * must not contain "velun_tolvane_" before its first 0x00.
  *
  * A message uses up its sequence number when it is built, even if it is not sent because there is
- * no connection. After a failed send the peer refuses all that follows: close the connection.
+ * no connection. After a failed send the peer refuses all later messages: close the connection.
  *
  * Blocks for at most the channel's poll timeout.
  *
@@ -446,12 +450,12 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  *                   URL of 21 characters and sequence number 0, 65468 are left for the payload)
  * @param timeout    milliseconds to wait for the reply; 0 or less: no reply is awaited
  * @return 0 once the request is sent, or -1: no such channel, a request is still outstanding, the
- *         message does not fit, no connection, or the send failed (only then the link-down callback
- *         has run) */
+ *         message does not fit, no connection, or the send failed (only in this last case the
+ *         link-down callback has run) */
 int tv_send_rqst(int channelId, const char *payload, int len, int timeout);
 
-/** Answers the request for which an actor returned TV_ACTOR_DEFERRED. Then serves the requests that
- * waited behind it: actors may run before the call returns.
+/** Answers the request for which an actor returned TV_ACTOR_DEFERRED. Then serves the queued
+ * requests: actors may run before the call returns.
  *
  * If the message does not fit, there is no connection, or the send failed, the request stays
  * pending; after a failed send, do not answer it on the same connection. Blocks for at most the
@@ -498,20 +502,20 @@ int tv_create_client_channel(const tv_client_addr *addr);
  * one is set.
  *
  * An open connection is closed first: unregister its descriptor from the event loop before the
- * call, and register the new one afterwards. If the connect fails, the channel has no connection; a
- * client that got connected to itself counts as a failed connect. If the login cannot be sent, the
+ * call, and register the new one afterwards. If the connect fails, the channel has no connection. A
+ * client that was connected to itself counts as a failed connect. If the login cannot be sent, the
  * link-down callback has run and the connection is open but not logged in. A result of 0 means that
  * the login was sent, not that the server has read it.
  *
  * To reconnect, close the channel and create a new one with the same addresses. A second connect on
  * one channel has these effects. Sequence numbers continue in both directions while the server
  * starts from 0, so the channel refuses the server's messages up to the number that it accepted
- * last. The outstanding request, the request it owes a reply to, and the queue are kept; a reply
- * to an old request goes out on the new connection. After a failed second connect the old heartbeat
- * timer still runs and may call the link-down callback on a channel without a connection. The
- * channel's own callbacks may connect it again. In its link-down callback start a timer for that:
- * the callback may run inside a tv_connect_server() whose login failed, and that one returns -1 even
- * if the inner call has connected.
+ * last. The outstanding request, the pending request and the queue are kept; a reply to an old
+ * request is sent on the new connection. After a failed second connect the old heartbeat timer
+ * still runs and may call the link-down callback on a channel without a connection. The channel's
+ * own callbacks may connect it again, but the link-down callback should do so from a timer: it may
+ * run inside a tv_connect_server() whose login failed, and that call returns -1 even if the inner
+ * call has connected.
  *
  * Blocks for at most the connect timeout plus the poll timeout.
  *
@@ -528,9 +532,9 @@ int tv_disconnect_server(int channelId);
 /** Sets the heartbeat of a client channel, and its link-down callback.
  *
  * A silent peer is declared down (count + 1) * interval after its last accepted message. The
- * heartbeat starts with the next tv_connect_server() or accepted message; new settings take effect
- * then, a new count at the next expiry. Once it has given up it is off until it is set again; a
- * failed send or receive leaves it set.
+ * heartbeat starts with the next tv_connect_server() or accepted message. New settings take effect
+ * then, except that a new count takes effect at the next expiry. Once the heartbeat has given up it
+ * is off until you set it again; a failed send or receive does not switch it off.
  *
  * A running heartbeat ends only when it gives up or the channel is closed. An interval below 1 does
  * not switch it off: it keeps its old interval and gives up after count + 1 expiries, whatever the
@@ -581,9 +585,9 @@ int disconnect_server(tv_channel *channel);
 
 /** Starts the service server of this process: it listens, and accepted connections become pairs.
  *
- * Actors, timeouts, handlers and the heartbeat are set on the server channel afterwards and reach
- * the pairs accepted from then on; each start begins without any. Pairs that are left of an earlier
- * server are no longer served, but can be closed by their ids.
+ * Set actors, timeouts, handlers and the heartbeat on the server channel after each start; they
+ * apply to pairs accepted afterwards. Pairs that remain from an earlier server are not served any
+ * more, but can be closed by their ids.
  *
  * A failed start uses up a channel id. Unless it was refused because a server runs, it may have
  * replaced listenIp and the connected callback, and emptied pairList.
@@ -591,14 +595,15 @@ int disconnect_server(tv_channel *channel);
  * @param ip                 dotted IPv4 address to listen on. Names are not resolved: anything else
  *                           is taken as 0.0.0.0, which is all addresses of this machine
  * @param port               TCP port, taken modulo 65536; 0: the system chooses, and getsockname()
- *                           on tv_get_server_polling_fd() tells which. Choose one below 32768: the
- *                           system takes source ports from 32768 on, so a client on the same host
- *                           can occupy a higher one, or connect to itself, while no server runs
+ *                           on tv_get_server_polling_fd() returns it. Choose a port below 32768:
+ *                           the system assigns source ports from 32768 upwards, so while no server
+ *                           runs a client on the same host can occupy a higher port or connect to
+ *                           itself
  * @param respHandler        for replies to the server's own requests; null: none
  * @param timeoutHandler     for their timeouts; null: none
  * @param connectedCallback  replaces the one registered before; null: none
- * @return the server channel's id, or -1: a server runs already (it is left alone), no memory, or
- *         the address cannot be listened on */
+ * @return the server channel's id, or -1: a server is already running (and keeps running), no
+ *         memory, or the address cannot be listened on */
 int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandler,
                             tv_timeout_handler timeoutHandler, tv_connected_cb connectedCallback);
 
@@ -688,7 +693,7 @@ int tv_service_enable_heartbeat(int interval, int count, tv_linkdown_cb linkdown
  *
  * @param data    request bytes; null: nothing is sent
  * @param length  0 or more
- * @return 0, whatever became of the single sends */
+ * @return 0, even if sends failed */
 int tv_broadcast_rqst_to_client(const void *data, int length);
 
 /** Lists the pairs' descriptors in order of acceptance.
@@ -696,15 +701,15 @@ int tv_broadcast_rqst_to_client(const void *data, int length);
  * The number of descriptors is not reported: fill the array with -1 first to find the end. If there
  * are more than maxsize, that is logged.
  *
- * @param fds      the first maxsize descriptors are written here; the rest is unchanged
+ * @param fds      receives at most maxsize descriptors; further elements are unchanged
  * @param maxsize  elements of fds; with 0 or less nothing is written
  * @return 0 */
 int tv_get_all_client_fds(int *fds, int maxsize);
 
 /** Finds the pair whose client logged in as "tcp://ip:port".
  *
- * The text is compared exactly: an address written differently is a different one. Only its first
- * 63 characters count, as pairs store no more: a longer name finds a pair whose name begins alike.
+ * The text is compared exactly: an address written differently does not match. Only the first 63
+ * characters of the URL are compared, because pairs store no more.
  *
  * @param ip    the address in the client's URL; null finds nothing
  * @param port  the port in the client's URL
@@ -806,10 +811,10 @@ void tv_main_loop(void);
 #ifndef TOLVANE_APPLICATION_ONLY
 
 /** Reserves a slot of the descriptor table, for tv_register_polling_fd(). Lowers the number of
- * slots that can still be had without marking one: two calls in a row return the same index, and a
- * program that calls it loses a slot each time.
+ * slots that are still available but marks none as used: two calls in a row return the same index,
+ * and a program that calls it loses a slot each time.
  *
- * @return the index of the lowest free slot, or TV_MAX_POLLING_FDS if none can be had */
+ * @return the index of the lowest free slot, or TV_MAX_POLLING_FDS if none is available */
 int reserve_fd_index(void);
 
 /** Lists the registered descriptors for poll(), in the order of their slots.
@@ -829,9 +834,10 @@ void disable_polling_timer(void);
 
 /* ---- 6  Log --------------------------------------------------------------------------------
  *
- * Off until a sink is set. An entry is "<date and time> [<file>-><function>:<line>]<message>" and
- * two line feeds. If both sinks are set, the stream takes the entries. Text from the network is cut
- * to 65,536 characters and otherwise written as it is, line feeds included. */
+ * The log is off until a sink is set. An entry is "<date and time>
+ * [<file>-><function>:<line>]<message>" and two line feeds. If both sinks are set, entries go to
+ * the stream only. Text from the network is truncated to 65,536 characters and otherwise written
+ * unchanged, including line feeds. */
 
 #ifndef TOLVANE_APPLICATION_ONLY
 
@@ -847,11 +853,11 @@ extern char log_file[TV_LOG_FILE_SIZE];
  * such as a pipe or a terminal, has no limit. A pipe that nobody reads blocks the process.
  *
  * @param fp  stays the caller's and must stay open until it is replaced; it is not flushed here.
- *            Null: back to the path
+ *            Null: log to the path again
  * @return 0 */
 int tv_set_log_fd(FILE *fp);
 
-/** Appends the log to a file while that is not larger than TV_LOG_LIMIT. The file is opened and
+/** Appends the log to a file until the file is larger than TV_LOG_LIMIT. The file is opened and
  * closed for every entry, so it may be moved away at any time.
  *
  * If RLIMIT_FSIZE is below TV_LOG_LIMIT, an entry beyond it raises SIGXFSZ, which ends the process
@@ -882,7 +888,7 @@ int send_resp(tv_channel *channel, const char *payload, int len);
 /** Serves a received request now, or queues it if the channel awaits or owes a reply.
  *
  * @param channel  may be null
- * @param msg      the library's from now on: released when the request has been served or refused
+ * @param msg      taken over; released when the request has been served or refused
  * @param len      length of msg
  * @return 0, or -1: null, the queue is full (not logged), no payload marker, no actor took it, its
  *         reply could not be sent, or an actor closed the channel */
@@ -973,9 +979,9 @@ int handle_client_polling_fd(tv_channel *channel);
 /* ---- 9  Channel lists ----------------------------------------------------------------------
  *
  * Circular lists in the order of insertion; searches return the oldest match. The repository and
- * pairList are indexed besides, so that searching them takes the same time for any number of
- * channels. Both may be read freely. Their nodes, the links between them and the fields of their
- * records change only through the library's operations.
+ * pairList are also indexed, so that a search takes the same time for any number of channels. Both
+ * may be read freely. Their nodes, the links between them and the fields of their records change
+ * only through the library's operations.
  *
  * To make a list, let both links of a head point to the head itself. Searching a head with null
  * links fails and is logged. */
@@ -987,7 +993,7 @@ int handle_client_polling_fd(tv_channel *channel);
  * @return the new node, which the list owns; or null without memory (the list is unchanged) */
 tv_channel_node *add_channel(tv_channel_list *head, tv_channel *channel);
 
-/** Takes the oldest entry with the id out of the list. The record is left alone.
+/** Removes the oldest entry with the id from the list. The record is unchanged.
  *
  * @return 0, or 1 if there is none */
 int remove_channel(tv_channel_list *head, int channelId);
@@ -998,7 +1004,7 @@ tv_channel *get_channel(tv_channel_list *head, int channelId);
 /** Returns the oldest channel whose URL is exactly url, or null. */
 tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url);
 
-/** Takes all entries out of the list. The records are left alone.
+/** Removes all entries from the list. The records are unchanged.
  *
  * @param head  an initialised list, empty or not: null links crash */
 void clean_channel_repo(tv_channel_list *head);
@@ -1043,8 +1049,8 @@ int build_heartbeat_msg(tv_channel *channel, char *dst, int size);
 /** Builds a heartbeat acknowledgement in dst, as build_heartbeat_msg() builds a heartbeat. */
 int build_heartbeat_ack_msg(tv_channel *channel, char *dst, int size);
 
-/** Returns a message's type, a TV_MSG_ value. The tags are searched in the whole text, payload
- * included; of several, the lowest type wins. */
+/** Returns a message's type, a TV_MSG_ value. The whole text, including the payload, is searched
+ * for tags; if there are several, the lowest type wins. */
 int get_msg_type(const char *msg);
 
 /** Returns a message's sequence number, or 0 if it has none. A number beyond 32 bits becomes the
@@ -1056,7 +1062,8 @@ int get_msg_sequence(const char *msg);
  * @param msg   the message
  * @param dst   gets the URL, cut to size - 1 characters
  * @param size  bytes of dst, 1 or more
- * @return 0, or -1: no tag, or the first payload marker is before it (dst is unchanged) */
+ * @return 0, or -1: no tag, no payload marker, the first marker precedes the tag, or size is below
+ *         1 (dst is unchanged) */
 int get_msg_url(const char *msg, char *dst, int size);
 
 /** Finds a message's payload.
@@ -1164,23 +1171,23 @@ char *tcp_impl_receive(int fd, int *len);
  * @return the descriptor, which is the caller's; or -1 with nothing left open */
 int impl_create_server_socket(const char *ip, int port);
 
-/** Connects a socket. A socket that got connected to itself, which happens on one host while no
- * server listens on the port, is a failed connect.
+/** Connects a socket. A socket that was connected to itself, which can happen on one host while no
+ * server listens on the port, counts as a failed connect.
  *
  * @param ip         dotted IPv4 address; anything else is taken as 0.0.0.0, which is this machine
  * @param port       TCP port, taken modulo 65536
- * @param timeoutMs  milliseconds; 0 or less: as long as the system tries
+ * @param timeoutMs  milliseconds; 0 or less: as long as the system keeps trying
  * @return the connected, non-blocking descriptor, which is the caller's; or -1 with nothing left
  *         open */
 int impl_create_client_socket(const char *ip, int port, int timeoutMs);
 
-/** Makes a socket non-blocking and connects it. A socket that got connected to itself is a failed
- * connect.
+/** Makes a socket non-blocking and connects it. A socket that was connected to itself counts as a
+ * failed connect.
  *
  * @param fd         a TCP socket; on failure it is the caller's to close
  * @param addr       the address
  * @param addrlen    its size
- * @param timeoutMs  milliseconds; 0 or less: fails unless it connects at once
+ * @param timeoutMs  milliseconds; 0 or less: fails unless the connect completes at once
  * @return fd, or -1 */
 int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrlen, int timeoutMs);
 

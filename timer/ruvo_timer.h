@@ -1,12 +1,12 @@
 /** @file
  * One-shot and periodic timers for a poll() loop, on one thread.
  *
- * The public header of libruvo_timer.so, for C11 and C++17. libtolvane.so calls these five
- * functions and nothing else of a timer library, so a site may install its own libruvo_timer.so
- * instead.
+ * The public header of libruvo_timer.so, for C11 and C++17. libtolvane.so calls only these five
+ * functions, so a site may replace libruvo_timer.so with its own.
  *
- * A loop waits for at most ruvo_timer_get_expected_interval() and calls ruvo_fire_timer() after it
- * has served the ready descriptors, so that a reply which has arrived is not counted as late:
+ * A loop waits for at most ruvo_timer_get_expected_interval() milliseconds, serves the ready
+ * descriptors, and then calls ruvo_fire_timer(). In this order a reply that has arrived is not
+ * counted as late:
  *
  *     for (;;) {
  *         int ready = poll(list, count, ruvo_timer_get_expected_interval());
@@ -34,8 +34,8 @@ typedef void (*ruvo_timer_cb)(intptr_t arg1, intptr_t arg2);
 
 /** Starts a timer that fires once.
  *
- * The id names nothing from the moment the timer fires. It is issued again only after more than
- * 2^30 other starts.
+ * The id becomes invalid when the timer fires, before the callback runs. It is reused only after
+ * more than 2^30 other starts.
  *
  * @param interval  milliseconds until it fires, 1 or more
  * @param callback  not null
@@ -46,7 +46,7 @@ int ruvo_start_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr
 
 /** Starts a timer that fires every interval until it is stopped.
  *
- * It is due at its start plus 1, 2, 3, ... intervals. If it is late by several intervals it fires
+ * It is due 1, 2, 3, ... intervals after the start. If it is late by several intervals, it fires
  * once and continues with the next of these times.
  *
  * @param interval  milliseconds, 1 or more

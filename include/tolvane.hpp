@@ -854,26 +854,31 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (queued() < opts.max_queued) // else the other end does not read, and would not see it
             append(message, build(channel, message, sizeof(message)), {});
     }
+    bool may_send(std::uint32_t call_id) const
+    {
+        return established && (pipelined || call_id == 0 || waiting_for == 0);
+    }
+    void transmit(std::uint32_t call_id, std::string_view text)
+    {
+        if (!pipelined && call_id != 0)
+            waiting_for = call_id;
+        append_request(text, {pipelined ? (call_id != 0 ? '?' : '!') : 'p', call_id});
+    }
     void submit(std::uint32_t call_id, std::string_view text)
     {
+        if (waiting.empty() && may_send(call_id))
+            return transmit(call_id, text);
         waiting.push_back({call_id, std::string(text)});
         waiting_size += text.size();
-        pump();
     }
     // Send what waits and may go now.
     void pump()
     {
-        while (established && !waiting.empty()) {
-            const auto next = waiting.begin();
-            const bool plain_call = !pipelined && next->id != 0;
-            if (plain_call && waiting_for != 0)
-                return;
-            if (plain_call)
-                waiting_for = next->id;
-            const mark with{pipelined ? (next->id != 0 ? '?' : '!') : 'p', next->id};
-            append_request(next->text, with);
-            waiting_size -= next->text.size();
-            waiting.erase(next);
+        while (!waiting.empty() && may_send(waiting.front().id)) {
+            const auto next = std::move(waiting.front());
+            waiting.pop_front();
+            waiting_size -= next.text.size();
+            transmit(next.id, next.text);
         }
     }
     status tell(std::string_view text)

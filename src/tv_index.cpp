@@ -54,7 +54,7 @@ static index_node **chain_of(index_key key, uint32_t hash)
 static void link_node(index_key key, index_node *node, uint32_t hash)
 {
     index_node **chain = chain_of(key, hash);
-    node->chains[key] = {*chain, chain, hash};
+    node->chains[key] = {*chain, chain};
     if (*chain != nullptr)
         (*chain)->chains[key].link = &node->chains[key].next;
     *chain = node;
@@ -115,15 +115,12 @@ void index_update_url(const tv_channel *pair)
 
 // ---- finding
 
-// The oldest entry of the list in a chain whose record is the one that is looked for.
-template <typename Match>
-static tv_channel_node *find(index_key key, uint32_t hash, const tv_channel_list *head,
-                             Match matches)
+// The oldest entry in a chain that matches.
+template <typename Match> static tv_channel_node *find(index_key key, uint32_t hash, Match matches)
 {
     index_node *oldest = nullptr;
     for (index_node *node = *chain_of(key, hash); node != nullptr; node = node->chains[key].next) {
-        if (node->chains[key].hash == hash && node->head == head && matches(node->entry.channel) &&
-            (oldest == nullptr || node->rank < oldest->rank))
+        if (matches(node) && (oldest == nullptr || node->rank < oldest->rank))
             oldest = node;
     }
     return oldest == nullptr ? nullptr : &oldest->entry;
@@ -131,26 +128,28 @@ static tv_channel_node *find(index_key key, uint32_t hash, const tv_channel_list
 
 tv_channel_node *index_find_id(const tv_channel_list *head, int channelId)
 {
-    return find(INDEX_ID, hash_number(channelId), head,
-                [=](const tv_channel *channel) { return channel->channelId == channelId; });
+    return find(INDEX_ID, hash_number(channelId), [=](const index_node *node) {
+        return node->head == head && node->entry.channel->channelId == channelId;
+    });
 }
 
 tv_channel_node *index_find_record(const tv_channel_list *head, const tv_channel *channel)
 {
-    return find(INDEX_ID, hash_number(channel->channelId), head,
-                [=](const tv_channel *listed) { return listed == channel; });
+    return find(INDEX_ID, hash_number(channel->channelId), [=](const index_node *node) {
+        return node->head == head && node->entry.channel == channel;
+    });
 }
 
 tv_channel_node *index_find_fd(int fd)
 {
-    return find(INDEX_FD, hash_number(fd), &tv_service_server.pairList,
-                [=](const tv_channel *pair) {
-                    return pair->pairSocket != nullptr && pair->pairSocket->fd == fd;
-                });
+    return find(INDEX_FD, hash_number(fd), [=](const index_node *node) {
+        const tv_socket *socket = node->entry.channel->pairSocket;
+        return socket != nullptr && socket->fd == fd;
+    });
 }
 
 tv_channel_node *index_find_url(const char *url)
 {
-    return find(INDEX_URL, hash_url(url), &tv_service_server.pairList,
-                [=](const tv_channel *pair) { return strcmp(pair->url, url) == 0; });
+    return find(INDEX_URL, hash_url(url),
+                [=](const index_node *node) { return strcmp(node->entry.channel->url, url) == 0; });
 }

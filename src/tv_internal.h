@@ -33,7 +33,6 @@ struct index_node {
     struct {
         index_node *next;
         index_node **link; // what points here, or null: not in a chain
-        uint32_t hash;
     } chains[INDEX_KEYS];
 };
 

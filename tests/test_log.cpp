@@ -57,6 +57,7 @@ TEST(Log, ThePathIsCutAndItsRestCleared)
     EXPECT_EQ(log_file, std::string(127, 'x'));
     tv_set_log_file("yy");
     tv_set_log_file(nullptr); // changes nothing
+    tv_set_log_file(log_file);
     EXPECT_EQ(std::string(log_file, TV_LOG_FILE_SIZE), "yy" + std::string(126, '\0'));
     tv_set_log_file("");
     EXPECT_STREQ(log_file, "");

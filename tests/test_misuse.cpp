@@ -18,6 +18,7 @@ TEST(Misuse, NullRecordsAreRefused)
     EXPECT_EQ(process_channel_rqst(nullptr, strdup("released"), 8), -1);
     EXPECT_EQ(process_channel_resp(nullptr, strdup("released"), 8), -1);
     EXPECT_EQ(tv_msg_received(nullptr, 0), -1);
+    EXPECT_EQ(enable_heartbeat(nullptr), -1);
     EXPECT_EQ(register_actor(nullptr, nullptr), -1);
     EXPECT_EQ(create_server_channel(nullptr, 0, "", 0), -1);
     EXPECT_EQ(server_remove_channel(nullptr), 0);
@@ -45,6 +46,8 @@ TEST(Misuse, WhatDoesNotFitIsNotBuilt)
         EXPECT_EQ(pack_outgoing_rqst(&channel, big.data(), size), result);
     EXPECT_EQ(pack_outgoing_rqst(&channel, nullptr, 5), 0);
     EXPECT_EQ(pack_outgoing_resp(&channel, nullptr, 5), 0);
+    EXPECT_EQ(pack_outgoing_rqst(nullptr, "", 0), 0);
+    EXPECT_EQ(pack_outgoing_resp(nullptr, "", 0), 0);
     EXPECT_EQ(channel.msgSequence, 1); // used up by the one that fitted
 }
 
@@ -95,4 +98,19 @@ TEST(Misuse, AListWithNullLinksAndAnEntryWithoutARecordHoldNothing)
         }
     }
     clean_channel_repo(&list);
+}
+
+TEST(Misuse, ABufferWithoutRoomGetsNoUrl)
+{
+    char untouched = 'x';
+    EXPECT_EQ(get_msg_url("1\nvelun_tolvane_reply\nu\nvelun_tolvane_payload\n", &untouched, 0), -1);
+    EXPECT_EQ(untouched, 'x');
+}
+
+TEST(Misuse, AQueueIsEmptyOnlyIfBothIndicesSaySo)
+{
+    rb_item items[2];
+    const ring_buffer odd[] = {{items, 2, 0, 2}, {items, 0, 2, 2}};
+    for (const ring_buffer &queue : odd)
+        EXPECT_EQ(rb_is_empty(&queue), 0);
 }

@@ -182,3 +182,21 @@ TEST_F(Server, BeforeTheFirstStartEveryOperationReturns)
     EXPECT_EQ(tv_server_fd_handler(fd, 0, 0), -1);
     play("stop_server; broadcast x");
 }
+
+TEST_F(Server, WithoutCallbacksPairsComeAndGoSilently)
+{
+    tv_register_client_fd_open_callback(nullptr);
+    tv_register_client_fd_close_callback(nullptr);
+    prepare("a: accept");
+    int fd = -1;
+    tv_get_all_client_fds(&fd, 1);
+    add_channel(&tv_service_server.pairList, nullptr); // by an application
+    EXPECT_EQ(tv_pair_fd_handler(-1, 0, 0), 0);
+    EXPECT_LOG(
+        {"internal list error, should never reach here", "could not find channel with fd[-1]"});
+    tv_close_client_connection(
+        ((tv_channel_node *)tv_service_server.pairList.next)->channel->channelId);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    play("=> a: peer_got EOF");
+    clean_channel_repo(&tv_service_server.pairList);
+}

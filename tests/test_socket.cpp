@@ -96,7 +96,17 @@ TEST_F(Socket, AClientThatConnectsToItselfIsNotConnected)
         EXPECT_EQ(log.take().back(), "_impl_nonblock_connect, connected to itself");
     }
     EXPECT_EQ(close(self), 0); // it was left open for its owner
-    const int server = impl_create_server_socket("127.0.0.1", ntohs(own.sin_port));
-    EXPECT_NE(server, -1) << "the port is in TIME_WAIT";
+
+    // The same port of another address is another end.
+    const int server = impl_create_server_socket("127.0.0.2", ntohs(own.sin_port));
+    const int client = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(bind(client, (const sockaddr *)&own, sizeof(own)), 0);
+    const sockaddr_in other = address_of(server);
+    EXPECT_EQ(_impl_nonblock_connect(client, (const sockaddr *)&other, sizeof(other), 1000),
+              client);
+    close(client);
     close(server);
+    const int restarted = impl_create_server_socket("127.0.0.1", ntohs(own.sin_port));
+    EXPECT_NE(restarted, -1) << "the port is in TIME_WAIT";
+    close(restarted);
 }

@@ -306,14 +306,14 @@ static bool _connect_finished(int fd, int timeoutMs, const char *caller)
 // and connect it to itself; the server could not start again. Logs for its caller.
 static bool _is_connected_to_itself(int fd, const char *caller)
 {
-    struct sockaddr_in own = {};
+    struct sockaddr_in own = {}; // not the peer's, should neither be known
+    own.sin_port = 1;
     struct sockaddr_in peer = {};
     socklen_t ownSize = sizeof(own);
     socklen_t peerSize = sizeof(peer);
     getsockname(fd, (struct sockaddr *)&own, &ownSize);
     getpeername(fd, (struct sockaddr *)&peer, &peerSize);
-    if (own.sin_family != AF_INET || own.sin_port != peer.sin_port ||
-        own.sin_addr.s_addr != peer.sin_addr.s_addr)
+    if (own.sin_port != peer.sin_port || own.sin_addr.s_addr != peer.sin_addr.s_addr)
         return false;
     TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
     const struct linger reset = {1, 0}; // else its end would keep the server's port in TIME_WAIT

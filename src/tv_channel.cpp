@@ -37,10 +37,8 @@ void init_channel(tv_channel *channel, int channelId)
     channel->recvSequence = 0;
     channel->actorCount = 0;
     channel->pendingRqst = nullptr;
-    channel->rqstQueue.items = channel->rqstQueueItems;
-    channel->rqstQueue.lastIdx = TV_RQST_QUEUE_SIZE;
-    channel->rqstQueue.firstIdx = TV_RQST_QUEUE_SIZE;
-    channel->rqstQueue.capacity = TV_RQST_QUEUE_SIZE;
+    const int size = TV_RQST_QUEUE_SIZE;
+    channel->rqstQueue = {channel->rqstQueueItems, size, size, size}; // empty
     channel->hbMode = TV_HEARTBEAT_OFF;
     channel->hbInterval = 0;
     channel->hbCount = 0;

@@ -129,23 +129,13 @@ static void handle_polling_socket(int fd)
     servedFd = -1;
 }
 
-// Whether an earlier entry has the same descriptor.
-static bool is_repeated(const struct pollfd *list, int index)
-{
-    for (int i = 0; i < index; i++) {
-        if (list[i].fd == list[index].fd)
-            return true;
-    }
-    return false;
-}
-
 static void serve_ready(const struct pollfd *list, int count)
 {
     for (int i = 0; i < count; i++) {
         if (list[i].revents == 0)
             continue;
-        if (is_repeated(list, i))
-            reportsStale = true;
+        for (int earlier = 0; earlier < i; earlier++) // a descriptor may be registered twice
+            reportsStale |= list[earlier].fd == list[i].fd;
         handle_polling_socket(list[i].fd);
     }
 }

@@ -101,20 +101,18 @@ static int pack_msg_to_buf(tv_channel *channel, const char *payload, int len, in
 
 static int pack_into_channel(tv_channel *channel, const char *payload, int len, int type)
 {
+    if (payload == nullptr || channel == nullptr)
+        return 0;
     return pack_msg_to_buf(channel, payload, len, type, channel->msgBuf, TV_MSG_BUF_SIZE);
 }
 
 int pack_outgoing_rqst(tv_channel *channel, const char *payload, int len)
 {
-    if (payload == nullptr || channel == nullptr)
-        return 0;
     return pack_into_channel(channel, payload, len, TV_MSG_REQUEST);
 }
 
 int pack_outgoing_resp(tv_channel *channel, const char *payload, int len)
 {
-    if (payload == nullptr || channel == nullptr)
-        return 0;
     return pack_into_channel(channel, payload, len, TV_MSG_REPLY);
 }
 

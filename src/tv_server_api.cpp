@@ -141,17 +141,6 @@ static void inherit_heartbeat(tv_channel *pair, const tv_channel *server)
     pair->hbMissCount = 0;
 }
 
-// Put a pair into both lists or into neither.
-static bool list_pair(tv_channel *pair)
-{
-    if (add_channel(&tv_repository, pair) == nullptr)
-        return false;
-    if (add_channel(&tv_service_server.pairList, pair) != nullptr)
-        return true;
-    unlist_channel(&tv_repository, pair);
-    return false;
-}
-
 // Create and list the record of an accepted connection. Returns null without memory.
 static tv_channel *new_pair(int fd)
 {
@@ -165,8 +154,10 @@ static tv_channel *new_pair(int fd)
         pair->url[0] = '\0';
         inherit_handlers(pair, tv_service_server.serverChannel);
         inherit_link_settings(pair, tv_service_server.serverChannel);
-        if (list_pair(pair))
+        if (add_channel(&tv_repository, pair) != nullptr &&
+            add_channel(&tv_service_server.pairList, pair) != nullptr)
             return pair;
+        unlist_channel(&tv_repository, pair);
     }
     free(pair);
     free(socket);

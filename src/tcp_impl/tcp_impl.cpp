@@ -103,8 +103,7 @@ void tv_impl_free_msg(char *msg)
     free(msg);
 }
 
-int tv_impl_set_retransmit_interval(int interval)
+int tv_impl_set_retransmit_interval(int)
 {
-    (void)interval;
     return 0;
 }

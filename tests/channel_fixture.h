@@ -55,12 +55,6 @@ struct ChannelTest : testing::Test {
         notes.pop_back();
         return joined(std::exchange(notes, {}));
     }
-    void prepare(Text steps) // without a look at what they cause
-    {
-        run(steps);
-        happened();
-        log.take();
-    }
     void play(Text scenario)
     {
         std::istringstream lines(scenario);

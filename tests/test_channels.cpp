@@ -49,7 +49,7 @@ TEST_F(Client, RefusesSettingsThatMakeNoSenseAndCutsTexts)
     for (int i = 0; i <= TV_MAX_ACTORS; i++)
         EXPECT_EQ(tv_register_actor(id, actor<0>), i < TV_MAX_ACTORS ? 0 : -1);
     EXPECT_LOG({"too many actors, limitation is 16"});
-    prepare("accept");
+    play("accept => ...");
     EXPECT_EQ(tv_register_actor(current->channelId, actor<0>), -1);
     EXPECT_LOG({"should not register actor for pair channel, register for server"});
     tv_close_channel(id);
@@ -57,7 +57,7 @@ TEST_F(Client, RefusesSettingsThatMakeNoSenseAndCutsTexts)
 
 TEST_F(Client, DoesNotSendWhatDoesNotFitAMessage)
 {
-    prepare("create_client; connect; actors defer pass; peer_sends request x");
+    play("create_client; connect; actors defer pass; peer_sends request x => ...");
     EXPECT_EQ(tv_send_rqst(current->channelId, nullptr, 0, 100), -1);
     EXPECT_EQ(tv_send_rqst(current->channelId, "", -1, 100), -1);
     EXPECT_EQ(tv_send_resp(current->channelId, "", -1), -1);
@@ -68,7 +68,7 @@ TEST_F(Client, DoesNotSendWhatDoesNotFitAMessage)
 
 TEST_F(Client, WaitsNoLongerThanItsPollTimeout)
 {
-    prepare("create_client; connect");
+    play("create_client; connect => ...");
     const std::string large = "send_large_request 0; "; // three are too many for the socket
     for (const std::string &wait : {large + large + large, "serve"s}) {
         const long long start = now;
@@ -80,9 +80,9 @@ TEST_F(Client, WaitsNoLongerThanItsPollTimeout)
 
 TEST_F(Server, FindsListsAndAddressesItsClients)
 {
-    prepare("a: peer_logs_in tcp://a:80");
+    play("a: peer_logs_in tcp://a:80 => ...");
     add_channel(&tv_service_server.pairList, nullptr); // an entry without a channel
-    prepare("b: peer_logs_in tcp://b:80");
+    play("b: peer_logs_in tcp://b:80 => ...");
     const int a = links["a:"].channelId, b = links["b:"].channelId;
     EXPECT_EQ(tv_get_client_channel(nullptr, 80), -1);
 
@@ -109,8 +109,8 @@ TEST_F(Server, FindsListsAndAddressesItsClients)
 
 TEST_F(Server, StopsInOrder)
 {
-    prepare("a: peer_logs_in tcp://a:1; c: peer_logs_in tcp://c:1; b: peer_logs_in tcp://b:1");
-    prepare("d: peer_logs_in tcp://d:1");
+    play("a: peer_logs_in tcp://a:1; c: peer_logs_in tcp://c:1; b: peer_logs_in tcp://b:1 => ...");
+    play("d: peer_logs_in tcp://d:1 => ...");
     tv_remove_channel(tv_get_channel(links["b:"].channelId)); // cannot be closed by its id any more
     tv_channel *other = (tv_channel *)malloc(sizeof(tv_channel)); // which has the same id
     init_channel(other, links["b:"].channelId);
@@ -252,7 +252,7 @@ TEST_F(Loop, ANumberThatAHandlerGivesToAnotherFileIsServedOnlyIfThatIsReady)
 
 TEST_F(Loop, AReadyDescriptorThatAHandlerHasUnregisteredIsLogged)
 {
-    prepare("actors handle pass; a: peer_logs_in a; b: peer_logs_in b");
+    play("actors handle pass; a: peer_logs_in a; b: peer_logs_in b => ...");
     const std::string fd = std::to_string(tv_get_polling_fd(current->channelId));
     play("b: peer_buffers request y; a: peer_buffers request x\n on actor0: b: close\n"
          "advance 4 => a: actor0 x, b: fd_close, b: peer_got EOF");

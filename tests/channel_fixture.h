@@ -1,15 +1,4 @@
 // channel_fixture.h - GoogleTest fixture that plays the scenarios of scenario.h.
-//
-//     play(R"(
-//         send_request second 100     => send_request: -1
-//         logged has pending outgoing request, could not send request now
-//         advance 100                 => timeout)");
-//
-// Behind "=>" stands everything that the steps before it cause; a line that begins with "=>" goes on
-// with it. Three more verbs:
-//   logged ENTRY, ENTRY    all that the line before has logged
-//   last_logged ENTRY      the last entry of it
-//   fail CALL              from now on this system call fails with ECONNREFUSED ("nothing": none does)
 #ifndef CHANNEL_FIXTURE_H
 #define CHANNEL_FIXTURE_H
 
@@ -66,12 +55,6 @@ struct ChannelTest : testing::Test {
         notes.pop_back();
         return joined(std::exchange(notes, {}));
     }
-    void prepare(Text steps) // without a look at what they cause
-    {
-        run(steps);
-        happened();
-        log.take();
-    }
     void play(Text scenario)
     {
         std::istringstream lines(scenario);
@@ -81,12 +64,13 @@ struct ChannelTest : testing::Test {
             const std::string steps = one_line(line.substr(0, arrow));
             if (!steps.empty() || parts.empty())
                 parts.emplace_back(steps, "");
-            parts.back().second += line.substr(std::min(arrow + 2, line.size()));
+            parts.back().second += line.substr(std::min(arrow + 2, line.size())) + " ";
         }
         for (const auto &[steps, wanted] : parts) {
             run(steps);
             logged = log.take();
-            EXPECT_EQ(happened(), one_line(wanted)) << steps;
+            const std::string notes = happened();
+            EXPECT_EQ(notes, one_line(wanted) == "..." ? notes : one_line(wanted)) << steps;
         }
     }
 };

@@ -6,48 +6,6 @@
 
 #include "scenario.h"
 
-static const std::string pair = "a: peer_logs_in a; advance 40;";
-static const std::string client = "create_client; set_connect_timeout 100; connect;";
-static const std::string exchange = R"(
-    actors handle:ok pass; peer_sends request x; send_request y 20; peer_sends reply z
-    peer_sends heartbeatack {}; advance 120)";
-
-// Played on a pair, and on a client.
-static const std::string plots[] = {
-    exchange + "; peer_sends logout a~; advance 120",
-    R"(
-    actors defer pass; peer_sends request x; peer_sends request y
-    send_request z 20; advance 200; peer_sends reply late
-    actors handle:ok pass; send_reply late; advance 200)",
-    R"(
-    peer_sends request; peer_sends reply; drop_frames 1; peer_sends request z
-    drop_frames -2; peer_sends request; peer_sends_empty_frame; advance 40)",
-    "enable_heartbeat 300 2; peer_sends heartbeatack {}; advance 1200",
-};
-
-static const std::string others[] = {
-    client + exchange + "; disconnect; advance 120",
-    "enable_all_heartbeats 300 2;" + pair + R"(
-    peer_sends heartbeatack {}; peer_sends heartbeat {}; advance 1200)",
-    pair + R"(
-    b: peer_logs_in b; advance 40; c: peer_logs_in c; advance 40
-    a: peer_closes; broadcast all; advance 120)",
-    pair + R"(
-    b: peer_logs_in a; advance 40; c: create_client; connect
-    d: create_client; set_connect_timeout 100; connect; advance 120)",
-    pair + R"(
-    on actor0: peer_closes
-    actors handle:ok pass; peer_sends request x; advance 40)",
-    client + R"(
-    peer_buffers request x; peer_buffers request y; actors defer pass
-    on actor0: serve
-    serve; send_reply late; send_reply late; advance 40)",
-    R"(
-    start_timers; next_timer; start_server; advance 120; stop_server; start_server
-    b: create_client; set_connect_timeout 100; connect; a: peer_logs_in a; advance 40
-    close_server; advance 40)",
-};
-
 static const std::string callbacks[] = {"response",     "timeout", "link_down", "connected",
                                         "disconnected", "fd_open", "fd_close",  "actor0"};
 static int injected, wrong;
@@ -131,14 +89,17 @@ int main()
 {
     closesOnLinkDown = true;
     tv_set_log_file("/dev/null");
-    for (const std::string &start : {pair, client})
-        for (const std::string &plot : plots)
-            inject_all(start + plot);
-    for (const std::string &scenario : others)
-        inject_all(scenario);
-    for (const std::string &callback : callbacks) // which closes its channel
-        for (const std::string &start : {pair, client})
-            inject_all("on " + callback + ": close\n" + start + plots[0]);
+    const std::string pair = "a: peer_logs_in a; advance 40\n",
+                      client = "create_client; set_connect_timeout 100; connect\n";
+    const std::vector<Scenario> plots = read_scenarios("faults_link.txt");
+    for (const auto &[name, steps] : read_scenarios("faults.txt"))
+        inject_all(steps);
+    for (const std::string &start : {pair, client}) {
+        for (const auto &[name, steps] : plots)
+            inject_all(start + steps);
+        for (const std::string &callback : callbacks) // which closes its channel
+            inject_all("on " + callback + ": close\n" + start + plots[0].steps);
+    }
     for (size_t i = 0; i < std::size(faults); i++)
         if (injectedBy[i] == 0)
             complain(faults[i].calls[0] + " was never called");

@@ -1,17 +1,15 @@
 // fuzz_message.cpp - the readers of a message's text, given any bytes, and the builders of the six
 // kinds. Results are compared with plain searches and with texts put together from their parts.
 
+#include "require.h"
 #include "tolvane.h"
 
 #include <algorithm>
 #include <functional>
 #include <limits.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 #include <string>
-
-#define REQUIRE(condition) ((condition) ? (void)0 : abort())
 
 static const std::string marker = "\nvelun_tolvane_payload\n";
 static const std::string tags[] = {"velun_tolvane_login\n",     "velun_tolvane_logout\n",

@@ -2,8 +2,10 @@
 // at the other end of its connections do, and what comes of it.
 //
 // Everything plays in one process on simulated_os.h, where nothing takes time but `advance`. An
-// example from a test of the server; what follows "=>" is what must happen, in this order:
+// example as it could stand in tests/scenarios/server.txt, where each scenario is a test; what follows
+// "=>" is all that must happen, in this order:
 //
+//     ## SendsWhatAResponseHandlerAsksFor
 //     a: peer_logs_in tcp://a:1      => a: fd_open, a: connected tcp://a:1
 //     send_request ping 100          => a: peer_got request ping
 //     on response: send_request more 0; close
@@ -14,13 +16,19 @@
 // 100 ms for the reply. When that comes, the response handler sends another request and closes the pair.
 //
 // SYNTAX
+//   ## NAME                     begins a scenario in a file of them
 //   VERB WORD WORD; VERB ...    steps, one after the other; each line is a list of steps
 //   NAME: VERB ...              chooses the link NAME, a channel with its peer, from here on
 //   on CALLBACK: VERB ...       the rest of the line is run inside the next CALLBACK
 //   ~                           in a payload stands for 0x00
 //   # text                      a comment
+//   STEPS => NOTE, NOTE         the steps cause these notes, and no others; "=> ..." allows any. A line
+//                               that begins with "=>" goes on with the one before
+//
+// The server channel is a link, too: its name is `server`.
 //
 // VERBS of the peer. It numbers its messages as it must, and requires the same of the channel.
+//   peer_connects               a new peer connects, and waits for the loop to accept it
 //   accept                      a new peer connects; the server accepts it as a pair channel
 //   peer_logs_in URL            accept, then a login
 //   peer_sends KIND PAYLOAD     the channel receives a login, logout, request, reply, heartbeat ... ;
@@ -29,6 +37,7 @@
 //   peer_sends_empty_frame      the channel receives a frame without a message
 //   peer_sends_bytes TEXT       the channel receives TEXT, which is no frame
 //   drop_frames N               as if N messages of the peer were lost (below 0: sent again)
+//   peer_counts_from N          its next message has this number
 //   peer_misses N               as if N messages to the peer were lost
 //   peer_closes                 the peer closes its end of the connection
 //
@@ -36,7 +45,7 @@
 //   start_server, stop_server   with all handlers and callbacks registered (begin() has started one)
 //   close_server                closes the server channel by its id
 //   create_client               the link's channel becomes a new client channel
-//   set_connect_timeout MS
+//   set_connect_timeout MS, set_poll_timeout MS
 //   connect                     connects the client and logs it in
 //   disconnect                  logs the client out
 //   send_request TEXT MS        and awaits the reply for MS milliseconds (0: does not await it)
@@ -45,23 +54,33 @@
 //   broadcast TEXT              a request to all clients
 //   find_client IP PORT         notes which link's client has logged in with that URL
 //   serve                       runs the channel's descriptor handler once
+//   handle                      the same for a client, but the result is noted
 //   watch                       registers the channel's descriptor with the loop once more
 //   close                       closes the channel
+//   close_connection            closes the pair, in the words of a server
+//   remove_handlers             of responses, timeouts and lost links
 //   actors FIRST SECOND         what the two actors do from now on: pass, handle, defer or another
 //                               result, and after a ":" the reply that they hand over
 //   enable_heartbeat MS COUNT   on the link's channel
 //   enable_all_heartbeats MS COUNT   on the server and its pairs
 //   start_timers                many timers that do nothing
 //   next_timer                  notes the milliseconds until the next timer
+//   show FIELD                  notes a field of the channel's record
 //   be_busy MS                  lets MS simulated milliseconds pass outside the main loop
 //   advance MS                  runs the main loop for MS simulated milliseconds; inside a callback
 //                               for a single pass
+//
+// VERBS of tests only
+//   logged ENTRY, ENTRY         all that the line before has logged
+//   last_logged ENTRY           the last entry of it
+//   fail CALL                   from now on this system call fails with ECONNREFUSED ("nothing": none)
 //
 // NOTES, each with the name of its link in front
 //   CALLBACK TEXT               a callback ran: fd_open, fd_close, connected, disconnected, actor0,
 //                               actor1, response, timeout, link_down
 //   peer_got KIND PAYLOAD       the peer received a message, or EOF when the connection has ended
 //   VERB: RESULT                a call failed
+//   FIELD VALUE                 by `show`
 //   connecting to IP:PORT within MS, client NAME: or no client, next timer MS
 //
 // Whatever happens, no scenario may break these rules: a request gets at most one of reply and
@@ -73,6 +92,7 @@
 #include "simulated_os.h"
 
 #include <deque>
+#include <fstream>
 #include <map>
 #include <sstream>
 
@@ -221,9 +241,11 @@ static int watch(int id)
     const int fd = tv_get_polling_fd(id);
     if (fd == -1)
         return -1;
-    if (get_channel_type(id) == TV_CHANNEL_CLIENT)
+    const int type = get_channel_type(id);
+    if (type == TV_CHANNEL_CLIENT)
         return tv_register_polling_fd(fd, tv_channel_fd_handler, id, 0);
-    return tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0);
+    const auto handler = type == TV_CHANNEL_SERVER ? tv_server_fd_handler : tv_pair_fd_handler;
+    return tv_register_polling_fd(fd, handler, 0, 0);
 }
 
 static void on_link_down(int id, const char *url)
@@ -286,9 +308,16 @@ static int start_server()
     tv_register_client_fd_close_callback(on_fd_close);
     if (id == -1)
         return -1;
-    serverId = id;
+    serverId = links["server:"].channelId = id;
     register_handlers(id);
-    return tv_register_polling_fd(tv_get_server_polling_fd(), tv_server_fd_handler, 0, 0);
+    return watch(id);
+}
+
+static void remove_handlers(int id)
+{
+    tv_register_resp_handler(id, nullptr);
+    tv_register_timeout_handler(id, nullptr);
+    tv_register_linkdown_callback(id, nullptr);
 }
 
 static void stop_server()
@@ -374,6 +403,26 @@ static void serve(int id)
         tv_pair_fd_handler(fd, 0, 0);
 }
 
+static int handle(int id)
+{
+    const bool isClient = get_channel_type(id) == TV_CHANNEL_CLIENT;
+    return isClient ? handle_client_polling_fd(tv_get_channel(id)) : -1;
+}
+
+static void show(const Link &link, Text field)
+{
+    const tv_channel *const channel = tv_get_channel(link.channelId);
+    if (channel == nullptr)
+        return;
+    std::map<std::string, std::string> fields = {
+        {"type", std::to_string(get_channel_type(link.channelId))},
+        {"url", channel->url},
+        {"pollTimeout", std::to_string(channel->pollTimeout)},
+        {"hbTimerId", std::to_string(channel->hbTimerId)},
+    };
+    note(link.label + field + " " + fields[field]);
+}
+
 static const ruvo_timer_cb doNothing = [](intptr_t, intptr_t) {};
 
 static void serve_bytes(const Link &link, Text bytes)
@@ -427,6 +476,7 @@ static Act call(int (*operation)(const Step &))
 }
 
 static std::map<std::string, Act> verbs = {
+    {"peer_connects", [](const Step &s) { connect_peer(s.link); }},
     {"accept", [](const Step &s) { accept_peer(s.link); }},
     {"peer_logs_in", [](const Step &s) { run("accept; peer_sends login " + s.a + "~"); }},
     {"peer_buffers", [](const Step &s) { send_message(s.link, s.a, s.b); }},
@@ -434,6 +484,7 @@ static std::map<std::string, Act> verbs = {
     {"peer_sends_empty_frame", [](const Step &s) { serve_bytes(s.link, frame("")); }},
     {"peer_sends_bytes", [](const Step &s) { serve_bytes(s.link, s.a); }},
     {"drop_frames", [](const Step &s) { s.link.sent += s.m; }},
+    {"peer_counts_from", [](const Step &s) { s.link.sent = s.m; }},
     {"peer_misses", [](const Step &s) { s.link.received += s.m; }},
     {"peer_closes", [](const Step &s) { close_peer(s.link); }},
 
@@ -442,6 +493,7 @@ static std::map<std::string, Act> verbs = {
     {"close_server", [](const Step &) { close_by_id(serverId); }},
     {"create_client", [](const Step &s) { create_client(s.link); }},
     {"set_connect_timeout", [](const Step &s) { tv_set_connect_timeout(s.id, s.m); }},
+    {"set_poll_timeout", call([](const Step &s) { return tv_set_poll_timeout(s.id, s.m); })},
     {"connect", call([](const Step &s) { return connect_client(s.id); })},
     {"disconnect", call([](const Step &s) { return tv_disconnect_server(s.id); })},
     {"send_request", call([](const Step &s) { return send_request(s.id, s.a, s.n); })},
@@ -453,8 +505,12 @@ static std::map<std::string, Act> verbs = {
      call([](const Step &s) { return tv_broadcast_rqst_to_client(&s.a[0], s.a.size()); })},
     {"find_client", [](const Step &s) { find_client(s.a, s.n); }},
     {"serve", [](const Step &s) { serve(s.id); }},
+    {"handle", call([](const Step &s) { return handle(s.id); })},
     {"watch", call([](const Step &s) { return watch(s.id); })},
     {"close", [](const Step &s) { close_by_id(s.id); }},
+    {"close_connection", [](const Step &s) { tv_close_client_connection(s.id); }},
+    {"remove_handlers", [](const Step &s) { remove_handlers(s.id); }},
+    {"show", [](const Step &s) { show(s.link, s.a); }},
     {"actors",
      [](const Step &s) {
          actorPlans = {s.a, s.b};
@@ -527,6 +583,25 @@ static void run(Text scenario)
     std::istringstream lines(scenario);
     for (std::string line; std::getline(lines, line);)
         run_line(line);
+}
+
+struct Scenario {
+    std::string name, steps;
+};
+
+// The scenarios of a text file.
+inline std::vector<Scenario> read_scenarios(Text file)
+{
+    std::ifstream lines(SCENARIOS "/" + file);
+    std::vector<Scenario> scenarios;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("## ", 0) == 0)
+            scenarios.push_back({line.substr(3), ""});
+        else if (!scenarios.empty())
+            scenarios.back().steps += line + "\n";
+    }
+    REQUIRE(!scenarios.empty());
+    return scenarios;
 }
 
 // Before and after a scenario.

@@ -61,6 +61,11 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
     EXPECT_EQ(get_channel_type(-2), TV_CHANNEL_NONE);
     EXPECT_EQ(connect_server(&channel), -1);
+    channel.hbInterval = 100;
+    EXPECT_EQ(enable_heartbeat(&channel), 0); // as for a server's: no connection, so no timer
+    EXPECT_EQ(channel.hbTimerId, -1);
+    send_heartbeat(&channel);
+    EXPECT_EQ(log.take().back(), "could not send HB on mode[2]");
     EXPECT_EQ(tv_impl_recv(&channel, &len), nullptr);
     EXPECT_EQ(len, 0);
     EXPECT_EQ(log.take().back(), "tv_impl_get_polling_fd, channel is invalid");

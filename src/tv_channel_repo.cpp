@@ -129,6 +129,6 @@ tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url)
 
 void clean_channel_repo(tv_channel_list *head)
 {
-    while (head->next != head || head->prev != head)
+    while (head->next != head)
         remove_entry(head, (tv_channel_node *)head->next);
 }

@@ -348,6 +348,7 @@ static void create_client(Link &link)
     close_peer(link);
     link = {link.label, "tcp://link:7"};
     link.channelId = tv_create_client_channel(&address);
+    REQUIRE(link.channelId == -1 || get_channel_type(link.channelId) == TV_CHANNEL_CLIENT);
     owners[link.channelId] = &link;
     register_handlers(link.channelId);
 }

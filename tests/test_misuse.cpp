@@ -82,6 +82,9 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     char *msg = tv_impl_recv(&channel, &len);
     EXPECT_EQ(std::string(msg, len), "ping");
     tv_impl_free_msg(msg);
+    EXPECT_EQ(tv_impl_send_rqst(&channel, "", 0), 0); // an empty frame
+    EXPECT_EQ(server_remove_channel(&channel), 1);    // no pair, and no server yet
+    EXPECT_EQ(tv_impl_set_retransmit_interval(5), 0); // does nothing
     close(ends[0]);
     EXPECT_EQ(tv_impl_send_rqst(&channel, "", 0), -1); // no callback, and no SIGPIPE
     tv_impl_close_channel(&channel);

@@ -26,6 +26,13 @@ inline std::string joined(const Texts &texts)
     return all;
 }
 
+static void remove_handlers(int id)
+{
+    tv_register_resp_handler(id, nullptr);
+    tv_register_timeout_handler(id, nullptr);
+    tv_register_linkdown_callback(id, nullptr);
+}
+
 struct ChannelTest : testing::Test {
     LogCapture log;
     Texts logged; // by the line before
@@ -36,6 +43,7 @@ struct ChannelTest : testing::Test {
         injection = {&chosen, ECONNREFUSED, 1, true};
         chosen.calls.clear();
         verbs["fail"] = [](const Step &s) { chosen.calls = {s.a}; };
+        verbs["remove_handlers"] = [](const Step &s) { remove_handlers(s.id); };
         verbs["logged"] = [this](const Step &s) { EXPECT_EQ(joined(logged), one_line(s.words)); };
         verbs["last_logged"] = [this](const Step &s) {
             EXPECT_EQ(one_line(logged.back()), one_line(s.words));

@@ -58,7 +58,6 @@
 //   watch                       registers the channel's descriptor with the loop once more
 //   close                       closes the channel
 //   close_connection            closes the pair, in the words of a server
-//   remove_handlers             of responses, timeouts and lost links
 //   actors FIRST SECOND         what the two actors do from now on: pass, handle, defer or another
 //                               result, and after a ":" the reply that they hand over
 //   enable_heartbeat MS COUNT   on the link's channel
@@ -70,9 +69,10 @@
 //   advance MS                  runs the main loop for MS simulated milliseconds; inside a callback
 //                               for a single pass
 //
-// VERBS of tests only
+// VERBS of GoogleTest's cases only
 //   logged ENTRY, ENTRY         all that the line before has logged
 //   last_logged ENTRY           the last entry of it
+//   remove_handlers             of responses, timeouts and lost links
 //   fail CALL                   from now on this system call fails with ECONNREFUSED ("nothing": none)
 //
 // NOTES, each with the name of its link in front
@@ -200,10 +200,10 @@ static void unwatch(int fd)
         continue;
 }
 
-static void close_by_id(int id)
+static void close_by_id(int id, void (*close)(int) = tv_close_channel)
 {
     unwatch(tv_get_polling_fd(id));
-    tv_close_channel(id);
+    close(id);
 }
 
 // All callbacks end up here: check and note the call, then run what is planned for it. What was
@@ -311,13 +311,6 @@ static int start_server()
     serverId = links["server:"].channelId = id;
     register_handlers(id);
     return watch(id);
-}
-
-static void remove_handlers(int id)
-{
-    tv_register_resp_handler(id, nullptr);
-    tv_register_timeout_handler(id, nullptr);
-    tv_register_linkdown_callback(id, nullptr);
 }
 
 static void stop_server()
@@ -509,8 +502,7 @@ static std::map<std::string, Act> verbs = {
     {"handle", call([](const Step &s) { return handle(s.id); })},
     {"watch", call([](const Step &s) { return watch(s.id); })},
     {"close", [](const Step &s) { close_by_id(s.id); }},
-    {"close_connection", [](const Step &s) { tv_close_client_connection(s.id); }},
-    {"remove_handlers", [](const Step &s) { remove_handlers(s.id); }},
+    {"close_connection", [](const Step &s) { close_by_id(s.id, tv_close_client_connection); }},
     {"show", [](const Step &s) { show(s.link, s.a); }},
     {"actors",
      [](const Step &s) {

@@ -147,30 +147,21 @@ TEST_F(Frame, WorkCountsAndAfterTheDeadlineWhatIsBufferedMayCompleteASmallFrame)
 TEST_F(Frame, ATryComesBeforeAWaitAndItsEagainIsNotLogged)
 {
     static const Fault sends = {{"send"}, {}, SAME, ""}, receives = {{"recv"}, {}, SAME, ""};
-    const std::string again = "Resource temporarily unavailable",
-                      interrupted = "Interrupted system call";
     polls = 0;
     EXPECT_EQ(send("ping", 4, patience), 4);
     peer_writes(frame("pong"));
     EXPECT_EQ(receive(patience), "pong");
     EXPECT_EQ(polls, 0);
     EXPECT_LOG({});
-    const struct {
-        const Fault &which;
-        int error;
-        size_t entries;
-        std::string text;
-    } cases[] = {
-        {sends, EAGAIN, 300, "send error: " + again + " continue"},
-        {sends, EINTR, 301, "send error: " + interrupted + " continue"},
-        {receives, EAGAIN, 300, "error " + again + " continue"},
-        {receives, EINTR, 301, "error " + interrupted + " continue"},
-    };
-    for (const auto &each : cases) { // 301 tries fail
-        calls_fail(each.which, each.error, true);
-        EXPECT_EQ(send("ping", 4, patience), 4);
-        peer_writes(frame("pong"));
-        EXPECT_EQ(receive(patience), "pong");
-        EXPECT_EQ(log.take(), Texts(each.entries, each.text));
+    for (const auto &[which, text] : {std::pair(&sends, "send error: "), {&receives, "error "}}) {
+        for (const int error : {EAGAIN, EINTR}) { // 301 tries fail
+            calls_fail(*which, error, true);
+            EXPECT_EQ(send("ping", 4, patience), 4);
+            peer_writes(frame("pong"));
+            EXPECT_EQ(receive(patience), "pong");
+            const size_t entries = error == EAGAIN ? 300 : 301;
+            EXPECT_EQ(log.take(),
+                      Texts(entries, text + std::string(strerror(error)) + " continue"));
+        }
     }
 }

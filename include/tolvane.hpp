@@ -775,6 +775,11 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         return out.size() + waiting_size;
     }
+    // The other end does not read what is sent. Requests that wait for their turn do not count.
+    bool choked() const
+    {
+        return out.size() >= opts.max_queued;
+    }
     status check(std::string_view text, bool plain)
     {
         if (id == -1 && !reconnects)
@@ -817,7 +822,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (out.size() == 0 || !failure.empty())
             return;
         const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent > 0 && queued() >= opts.max_queued)
+        if (sent > 0 && choked())
             hear();
         if (sent > 0)
             out.consume(std::size_t(sent));
@@ -851,7 +856,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     void append_heartbeat(int (*build)(tv_channel *, char *, int))
     {
         char message[512];
-        if (queued() < opts.max_queued) // else the other end does not read, and would not see it
+        if (!choked()) // else the other end does not read, and would not see it
             append(message, build(channel, message, sizeof(message)), {});
     }
     bool may_send(std::uint32_t call_id) const
@@ -922,7 +927,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         if (connection_id != id || id == -1)
             return;
-        if (to.kind != 'p' && queued() < opts.max_queued)
+        if (to.kind != 'p' && !choked())
             append_request({}, {'-', to.id});
         served(to);
     }
@@ -1006,7 +1011,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         in.consume(frame_header + size);
         if (c::tv_msg_received(channel, c::get_msg_sequence(body.data())) != 0)
             return;
-        if (queued() < opts.max_queued)
+        if (!choked())
             hear(); // a peer that sends, but does not read its replies, is not alive
         handle(std::move(body));
     }
@@ -1295,11 +1300,11 @@ struct client_state final : link {
     }
     void arrived(request received) override
     {
-        on_request(std::move(received));
+        on.request(std::move(received));
     }
     void drained() override
     {
-        on_drained();
+        on.drained();
     }
     void attempt_after(milliseconds time)
     {
@@ -1384,7 +1389,7 @@ struct client_state final : link {
         step.stop();
         supervise(opts.heartbeat);
         pump();
-        on_connected();
+        on.connected();
     }
     // A link was lost, or an attempt failed.
     void end(reason why, std::string text, bool now) override
@@ -1402,7 +1407,7 @@ struct client_state final : link {
         }
         lose(active, now);
         if (*alive)
-            on_lost(text);
+            on.lost(text);
     }
     void disconnect()
     {
@@ -1423,9 +1428,11 @@ struct client_state final : link {
     timer step; // to the next attempt, or to the end of the one under way
     milliseconds backoff = first_backoff;
     std::minstd_rand random{std::uint32_t(clock::now().time_since_epoch().count() ^ getpid())};
-    callback<void()> on_connected, on_drained;
-    callback<void(std::string_view)> on_lost;
-    callback<void(request)> on_request;
+    struct {
+        callback<void()> connected, drained;
+        callback<void(std::string_view)> lost;
+        callback<void(tolvane::request)> request;
+    } on; // cleared by ~client
 };
 
 }
@@ -1452,6 +1459,8 @@ public:
     {
         *state->alive = false;
         disconnect();
+        const auto released = std::exchange(state->on, {}); // may hold handles of this client
+        const auto data = std::exchange(state->data, nullptr);
     }
     client(client &&) = delete;
 
@@ -1482,7 +1491,7 @@ public:
     /* Set what runs when the server has read the login. A server that is full has not. */
     void on_connected(callback<void()> handler)
     {
-        state->on_connected = std::move(handler);
+        state->on.connected = std::move(handler);
     }
     /* Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
      * a text that is valid until the handler returns. The next attempt follows by itself, unless
@@ -1490,18 +1499,18 @@ public:
      * outcome::lost. */
     void on_lost(callback<void(std::string_view why)> handler)
     {
-        state->on_lost = std::move(handler);
+        state->on.lost = std::move(handler);
     }
     /* Set what runs when the queue is empty again, after it was full or the system had not taken
      * all of it at once. */
     void on_drained(callback<void()> handler)
     {
-        state->on_drained = std::move(handler);
+        state->on.drained = std::move(handler);
     }
     /* Set what runs with each request of the server. Without one, requests are declined. */
     void on_request(callback<void(tolvane::request)> handler)
     {
-        state->on_request = std::move(handler);
+        state->on.request = std::move(handler);
     }
 
 private:
@@ -1559,9 +1568,11 @@ struct server_state : std::enable_shared_from_this<server_state> {
     int fd = -1;
     timer retry; // accepting is paused until it fires
     std::uint16_t port = 0;
-    callback<void(peer)> on_login, on_drained;
-    callback<void(peer, reason)> on_logout;
-    callback<void(request)> on_request;
+    struct {
+        callback<void(peer)> login, drained;
+        callback<void(peer, reason)> logout;
+        callback<void(tolvane::request)> request;
+    } on; // cleared by ~server
 };
 
 // The server's end of one connection.
@@ -1573,11 +1584,12 @@ struct pair final : link {
     }
     void arrived(request received) override
     {
-        server->on_request(std::move(received));
+        server->on.request(std::move(received));
     }
     void drained() override
     {
-        server->on_drained(peer(shared_from_this()));
+        if (id != -1)
+            server->on.drained(peer(shared_from_this()));
     }
     void session(int type, std::string &message) override
     {
@@ -1608,7 +1620,7 @@ struct pair final : link {
             pipelined = true;
             pump();
         }
-        server->on_login(peer(shared_from_this()));
+        server->on.login(peer(shared_from_this()));
     }
     void end(reason why, std::string, bool now) override
     {
@@ -1631,7 +1643,7 @@ struct pair final : link {
     void announce(reason why)
     {
         if (*alive && !url.empty() && !std::exchange(announced, true))
-            server->on_logout(peer(shared_from_this()), why);
+            server->on.logout(peer(shared_from_this()), why);
     }
     bool announced = false;
     const std::shared_ptr<server_state> server;
@@ -1671,6 +1683,7 @@ public:
     {
         *state->alive = false;
         stop();
+        const auto released = std::exchange(state->on, {}); // may hold handles of this server
     }
     server(server &&) = delete;
 
@@ -1743,26 +1756,26 @@ public:
     /* Set what runs when a client has logged in, or has taken another name. */
     void on_login(callback<void(peer)> handler)
     {
-        state->on_login = std::move(handler);
+        state->on.login = std::move(handler);
     }
     /* Set what runs when a client that had logged in goes, for whatever reason. Its handle is false
      * by then; url() and data() still work. After reason::replaced the handle is true until the
      * handler returns, and what it tells the older client is still sent. */
     void on_logout(callback<void(peer, reason)> handler)
     {
-        state->on_logout = std::move(handler);
+        state->on.logout = std::move(handler);
     }
     /* Set what runs when a peer's queue is empty again, after it was full or the system had not
      * taken all of it at once. */
     void on_drained(callback<void(peer)> handler)
     {
-        state->on_drained = std::move(handler);
+        state->on.drained = std::move(handler);
     }
     /* Set what runs with each request of a client, one that has not logged in included. Without
      * one, requests are declined. */
     void on_request(callback<void(tolvane::request)> handler)
     {
-        state->on_request = std::move(handler);
+        state->on.request = std::move(handler);
     }
 
 private:

@@ -217,9 +217,12 @@ struct application {
     {
         return text(draw(4) == 0 ? 60000 : draw(50), 'x');
     }
-    auto acting()
+    auto acting(const owner *of = nullptr) // a callback, of a client or a server that exists
     {
-        return [this](auto &&...) { act(); };
+        return [this, of](auto &&...) {
+            REQUIRE(of == nullptr || !of->gone);
+            act();
+        };
     }
     template <class End> void request_by(End &end, owner *by)
     {
@@ -236,8 +239,9 @@ struct application {
         if (owner_of[i] != nullptr)
             owner_of[i]->gone = true;
         owner_of[i] = &owners.emplace_back();
-        end.on_drained(acting());
-        end.on_request([this](tolvane::request request) {
+        end.on_drained(acting(owner_of[i]));
+        end.on_request([this, of = owner_of[i]](tolvane::request request) {
+            REQUIRE(!of->gone);
             const size_t way = draw(4); // the last one destroys it
             if (way == 0)
                 kept.push_back(std::move(request));
@@ -248,13 +252,19 @@ struct application {
             act();
         });
     }
+    static tolvane::options settings(bool pipelined)
+    {
+        tolvane::options options = quick(pipelined);
+        options.max_queued = 100000; // now and then it is full
+        return options;
+    }
     void make_server()
     {
         server.reset();
-        server = std::make_unique<tolvane::server>(loop, quick());
+        server = std::make_unique<tolvane::server>(loop, settings(true));
         serve_by(*server, 3);
-        server->on_login(acting());
-        server->on_logout(acting());
+        server->on_login(acting(owner_of[3]));
+        server->on_logout(acting(owner_of[3]));
         (void)server->listen("127.0.0.1", 0);
     }
     void make_client(size_t i)
@@ -262,10 +272,10 @@ struct application {
         const uint16_t port = draw(4) == 0 ? port_of(listener.fd) : server->port();
         clients[i] = std::make_unique<tolvane::client>(loop, tolvane::endpoint{"127.0.0.1", port},
                                                        tolvane::endpoint{i == 0 ? "a" : "b", 1},
-                                                       quick(draw(2) == 0));
+                                                       settings(draw(2) == 0));
         serve_by(*clients[i], i);
-        clients[i]->on_connected(acting());
-        clients[i]->on_lost(acting());
+        clients[i]->on_connected(acting(owner_of[i]));
+        clients[i]->on_lost(acting(owner_of[i]));
         (void)clients[i]->connect();
     }
     void act_once()
@@ -280,7 +290,7 @@ struct application {
             [&] { client.disconnect(); },
             [&] { (void)client.connect(); },
             [&] { (void)client.tell(payload()); },
-            [&] { client.on_lost(acting()); },
+            [&] { client.on_lost(acting(owner_of[i])); },
             [&] { make_server(); },
             [&] { server->stop(); },
             [&] { (void)server->listen("127.0.0.1", 0); },

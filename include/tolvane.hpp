@@ -276,11 +276,10 @@ public:
     {
         depth++;
         send_all();
-        epoll_event events[64];
-        const int count = epoll_wait(epoll, events, 64, wait_time(limit));
+        const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
         const bool waited = count >= 0 || errno == EINTR;
         if (waited)
-            serve(events, count);
+            serve_all(count);
         if (--depth == 0 && nested)
             nest();
         return waited;
@@ -289,12 +288,12 @@ public:
      * of epoll, until unwatch(). The descriptor stays the program's. A file, which is always ready,
      * has its callback run in every round. Refused: a descriptor that is watched already, or that
      * is not open. */
-    static status watch(int fd, callback<void()> ready, unsigned events = EPOLLIN)
+    static status watch(int fd, callback<void()> ready, unsigned wanted = EPOLLIN)
     {
         if (watched.count(fd) != 0)
             return {std::errc::file_exists, "the descriptor is watched already"};
         epoll_event event{};
-        event.events = events;
+        event.events = wanted;
         event.data.u64 = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
         const bool refused = epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0;
         if (refused && errno != EPERM)
@@ -302,6 +301,8 @@ public:
         if (refused)
             always.push_back(event);
         watched[fd] = {event, std::move(ready)};
+        if (events.size() < watched.size()) // one round reports all, so it reads before timers fire
+            events.resize(2 * watched.size());
         work_added();
         return {};
     }
@@ -349,9 +350,12 @@ private:
     static void open()
     {
         stopped = nested = false;
-        epoll = epoll_create1(EPOLL_CLOEXEC);
-        wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+        {
+            const std::lock_guard<std::mutex> lock(guard);
+            wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+            epoll = epoll_create1(EPOLL_CLOEXEC);
+        }
         for (const int counter : {wakeup, alarm}) {
             if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
                 return close();
@@ -359,13 +363,15 @@ private:
     }
     static void close()
     {
+        std::unique_lock<std::mutex> lock(guard);
         for (int *fd : {&epoll, &wakeup, &alarm})
             ::close(std::exchange(*fd, -1));
-        round++;
-        const auto released = std::exchange(watched, {}); // destructors may call back
-        const auto dropped = std::exchange(posted, {});
+        const auto dropped = std::exchange(posted, {}); // destructors may call back
+        lock.unlock();
+        const auto released = std::exchange(watched, {});
+        const auto unflushed = std::exchange(unsent, {});
         always.clear();
-        unsent.clear();
+        round++;
     }
     static void change(int fd, unsigned events)
     {
@@ -397,13 +403,13 @@ private:
     }
     // Serve a round's events, work and timers. A callback may run a round of its own and serve what
     // was reported to this one, which then drops the rest: what is still ready is reported again.
-    static void serve(const epoll_event *events, int count)
+    static void serve_all(int count)
     {
         const unsigned mine = ++round;
         const auto also = always;
         now = detail::clock::now();
         for (int i = 0; i < count && round == mine; i++)
-            serve(events[i]);
+            serve(events[std::size_t(i)]);
         for (auto event = also.begin(); event != also.end() && round == mine; ++event)
             serve(*event);
         run_posted();
@@ -412,7 +418,7 @@ private:
     }
     // A descriptor whose registration has ended since its event was reported is not found, also
     // when its number is in use again.
-    static void serve(const epoll_event &event)
+    static void serve(epoll_event event)
     {
         const auto found = watched.find(int(event.data.u64));
         if (found != watched.end() && found->second.event.data.u64 == event.data.u64)
@@ -455,9 +461,10 @@ private:
     static inline unsigned depth = 0, round = 0, generation = 0;
     static inline detail::clock::time_point now;
     static inline std::unordered_map<int, watched_fd> watched;
+    static inline std::vector<epoll_event> events;             // of the round in progress
     static inline std::vector<epoll_event> always;             // files, which epoll refuses
     static inline std::deque<callback<void()>> unsent, posted; // unsent: links to flush
-    static inline std::mutex guard;                            // of posted
+    static inline std::mutex guard;                            // of posted, epoll and wakeup
     static inline char received[detail::flush_size];           // what a link has just read
 };
 
@@ -612,16 +619,18 @@ struct mark {
 // descriptor. Closing it at once would reset the connection if anything arrived meanwhile, and the
 // other end could lose what it has not read.
 struct farewell {
-    farewell(int descriptor, buffer unsent, const options &opts)
+    farewell(int descriptor, buffer unsent, const options &opts, callback<void()> when_done)
         : fd(descriptor), out(std::move(unsent)), still_read(opts.max_queued),
+          done(std::move(when_done)),
           limit(timer::once(opts.connect_timeout, [this] { loop::unwatch(fd); }))
     {
     }
     ~farewell()
     {
-        while (recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT) > 0) {
-        }
+        // Read once more: closing resets the connection if something is unread.
+        (void)!recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
         close(fd);
+        done();
     }
     void ready()
     {
@@ -630,18 +639,20 @@ struct farewell {
             out.consume(std::size_t(sent));
         else if (sent < 0 && !try_later(errno))
             out = buffer();
-        if (out.size() == 0) {
+        if (out.size() == 0)
             shutdown(fd, SHUT_WR);
-            loop::change(fd, EPOLLIN);
-        }
         const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
+        const bool broken = got < 0 && !try_later(errno);
         still_read -= std::min(still_read, std::size_t(std::max<ssize_t>(got, 0)));
-        if (got == 0 || still_read == 0 || (got < 0 && !try_later(errno)))
+        if (broken || still_read == 0 || (got == 0 && out.size() == 0))
             loop::unwatch(fd); // and this object with it
+        else
+            loop::change(fd, (got != 0 ? EPOLLIN : 0u) | (out.size() > 0 ? EPOLLOUT : 0u));
     }
     int fd;
     buffer out;
     std::size_t still_read; // bytes to take from a peer that goes on sending
+    callback<void()> done;
     timer limit;
 };
 
@@ -653,13 +664,16 @@ struct connection {
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // the system would not take all of the output
     buffer in, out;
+    int send_error = 0;             // nothing is sent any more
     std::string failure;            // why it has ended; what was received before is served first
     std::uint32_t waiting_for = 0;  // plain link: the request that was sent, perhaps timed out
     bool serving = false;           // plain link: a received request is not answered yet
     std::list<std::string> backlog; // and these messages wait behind it
     std::size_t backlog_size = 0;
     timer heartbeat, overdue;
-    int missed = 0; // heartbeats without an answer
+    int missed = 0;          // heartbeats without an answer
+    bool flush_later = false; // the loop is to flush it
+    bool serve_again = false; // the loop is to serve it without waiting for input
     clock::time_point heard = clock::now();
 };
 
@@ -689,6 +703,9 @@ struct link : connection, std::enable_shared_from_this<link> {
     virtual void arrived(request received) = 0;
     virtual void drained() = 0;
     virtual void session(int type, std::string &message) = 0; // login and what belongs to it
+    virtual void accepted_pipelined() // a server has read a client's offer
+    {
+    }
 
     // ---- the connection
 
@@ -711,11 +728,11 @@ struct link : connection, std::enable_shared_from_this<link> {
         static_cast<connection &>(*this) = connection();
     }
     // Close the connection, but let what is queued go out first.
-    void leave()
+    void leave(callback<void()> done = nullptr)
     {
         write_out();
         const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
-        const auto last = std::make_shared<farewell>(copy, std::move(out), opts);
+        const auto last = std::make_shared<farewell>(copy, std::move(out), opts, std::move(done));
         shut();
         const auto ready = [last] { last->ready(); };
         (void)loop::watch(copy, ready, EPOLLIN | EPOLLOUT); // refused: nothing is sent any more
@@ -782,7 +799,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     status check(std::string_view text, bool plain)
     {
-        if (id == -1 && !reconnects)
+        if (id == -1 && !(reconnects && *alive))
             return {std::errc::not_connected, "the link is closed"};
         if (text.size() > max_payload)
             return {std::errc::message_size, "the payload is too long"};
@@ -798,14 +815,15 @@ struct link : connection, std::enable_shared_from_this<link> {
     // Have the loop flush this link before it waits.
     void touch()
     {
-        if (std::exchange(touched, true))
+        if (flush_later || loop::epoll < 0)
             return;
+        flush_later = true;
         loop::unsent.push_back([self = shared_from_this()] { self->flush(); });
         loop::work_added();
     }
     void flush()
     {
-        touched = false;
+        flush_later = false;
         write_out();
         if (writing != (out.size() > 0)) {
             writing = !writing;
@@ -819,7 +837,9 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void write_out()
     {
-        if (out.size() == 0 || !failure.empty())
+        if (send_error != 0)
+            out = buffer();
+        if (out.size() == 0)
             return;
         const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent > 0 && choked())
@@ -828,8 +848,10 @@ struct link : connection, std::enable_shared_from_this<link> {
             out.consume(std::size_t(sent));
         if (sent >= 0 || try_later(errno))
             return;
-        failure = error_text(errno);
-        serve_later(); // the link ends there, not inside the call that found it broken
+        // The link ends when what has arrived is read: receive() finds the end behind it.
+        send_error = errno;
+        out = buffer();
+        shutdown(fd, SHUT_RDWR);
     }
     // Queue one frame: a message without its payload, a mark, and the payload.
     void append(const char *head, int head_size, std::string_view text, const mark &with = {})
@@ -845,7 +867,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (mark_size > 0)
             with.append_to(out.bytes);
         out.bytes.append(text);
-        if (out.size() >= flush_size)
+        if (out.size() >= flush_size && !writing)
             write_out();
         touch();
     }
@@ -965,7 +987,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (got > 0)
             in.bytes.append(loop::received, std::size_t(got));
         else if (got == 0)
-            failure = "the other end closed the link";
+            failure = send_error == 0 ? "the other end closed the link" : error_text(send_error);
         else if (!try_later(errno))
             failure = error_text(errno);
     }
@@ -990,12 +1012,13 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void serve_later()
     {
-        if (std::exchange(unread, true))
+        if (std::exchange(serve_again, true))
             return;
         loop::post([self = shared_from_this(), current = id] {
-            self->unread = false;
-            if (self->id == current && current != -1)
-                self->ready();
+            if (self->id != current || current == -1)
+                return;
+            self->serve_again = false;
+            self->ready();
         });
     }
     void serve_one()
@@ -1025,6 +1048,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         const std::size_t start = body.size() - std::size_t(length);
         if (type == TV_MSG_REQUEST && complete)
             request_received(std::move(body), start);
+        else if (type == TV_MSG_REQUEST)
+            return; // without a payload it is none
         else if (type == TV_MSG_REPLY)
             reply_received(std::move(body), start);
         else if (type == TV_MSG_HEARTBEAT)
@@ -1036,7 +1061,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         mark with;
         const bool marked =
-            (pipelined || !established) && with.read(std::string_view(body).substr(start));
+            (pipelined || (!established && opts.pipelined)) && with.read(std::string_view(body).substr(start));
         if (!marked && serving) {
             backlog_size += body.size();
             backlog.push_back(std::move(body));
@@ -1046,7 +1071,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             finish(with.id, {outcome::declined,
                              {std::errc::operation_canceled, "the other end declined to reply"}});
         } else if (with.id == 0) {
-            session(TV_MSG_REQUEST, body);
+            accepted_pipelined();
         } else {
             finish(with.id, {outcome::replied, {}, std::move(body), start + mark::size});
         }
@@ -1095,7 +1120,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     const options opts;
     const std::shared_ptr<bool> alive; // the client or server object still exists
     const bool reconnects;             // a client's: what is sent without a connection waits
-    bool touched = false, unread = false, stalled = false; // stalled: drained() is due
+    bool stalled = false;              // drained() is due
     std::map<std::uint32_t, call> calls;
     std::list<unsent_request> waiting; // for the connection, or for a plain link's turn
     std::size_t waiting_size = 0;
@@ -1218,7 +1243,9 @@ public:
     {
         return state == nullptr ? "" : std::string_view(state->body).substr(state->start);
     }
-    /* The client that sent it. In a client, a handle of its server, with an empty URL. */
+    /* The client that sent it. In a client, a handle of its server, with an empty URL: it is true
+     * whenever the client is connected, again after a reconnect, and what it tells or requests
+     * meanwhile waits, until the client is destroyed. */
     peer from() const
     {
         return peer(state != nullptr ? state->link : nullptr);
@@ -1377,13 +1404,20 @@ struct client_state final : link {
         getpeername(fd, reinterpret_cast<sockaddr *>(&other), &other_size);
         return own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
     }
-    // Both layers: the server has accepted a pipelined link. Else it has answered a heartbeat.
     void session(int type, std::string &) override
     {
-        const bool both_layers = type == TV_MSG_REQUEST && opts.pipelined;
-        if (established || (type != TV_MSG_HEARTBEAT_ACK && !both_layers))
+        if (type == TV_MSG_HEARTBEAT_ACK)
+            establish(false);
+    }
+    void accepted_pipelined() override
+    {
+        establish(true);
+    }
+    // The server has read the login: it has answered the heartbeat behind it, or the offer in it.
+    void establish(bool both_layers)
+    {
+        if (std::exchange(established, true))
             return;
-        established = true;
         pipelined = both_layers;
         backoff = first_backoff;
         step.stop();
@@ -1526,10 +1560,14 @@ struct server_state : std::enable_shared_from_this<server_state> {
     explicit server_state(const options &settings) : opts(settings)
     {
     }
+    bool full() const
+    {
+        return pairs.size() + closing >= opts.max_clients;
+    }
     // Accept clients while there is room. A full server leaves them in the system's backlog.
     void resume()
     {
-        if (fd == -1 || retry || pairs.size() >= opts.max_clients)
+        if (fd == -1 || retry || full())
             return;
         const status watched = loop::watch(fd, [self = shared_from_this()] { self->ready(); });
         if (!watched && watched.error() != std::errc::file_exists)
@@ -1537,14 +1575,14 @@ struct server_state : std::enable_shared_from_this<server_state> {
     }
     void ready()
     {
-        for (int count = 0; count < served_per_turn && pairs.size() < opts.max_clients; count++) {
+        for (int count = 0; count < served_per_turn && !full(); count++) {
             const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (accepted < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
                 return;
             if (accepted < 0 || !add(accepted))
                 return pause();
         }
-        if (pairs.size() >= opts.max_clients)
+        if (full())
             loop::unwatch(fd);
     }
     // Without descriptors or memory, try again after a while.
@@ -1565,6 +1603,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
     const options opts;
     const std::shared_ptr<bool> alive = std::make_shared<bool>(true);
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
+    std::size_t closing = 0; // connections that still send their last bytes
     int fd = -1;
     timer retry; // accepting is paused until it fires
     std::uint16_t port = 0;
@@ -1630,10 +1669,15 @@ struct pair final : link {
         if (id == -1)
             return;
         server->pairs.erase(id);
-        if (why == reason::closed || why == reason::replaced)
-            leave();
-        else
+        if (why == reason::closed || why == reason::replaced) {
+            server->closing++;
+            leave([owner = server] {
+                owner->closing--;
+                owner->resume();
+            });
+        } else {
             shut();
+        }
         server->resume();
         lose(false, now);
         // The data may hold handles and requests of this link: release it even if nobody is called.

@@ -40,16 +40,20 @@ template <class Condition> bool until(tolvane::loop &loop, Condition holds)
 
 // ---- a connection, byte by byte
 
+inline text frame(const text &body)
+{
+    const uint32_t size = htonl(static_cast<uint32_t>(body.size()));
+    text header("TCP_WATER_MARK");
+    header.resize(32);
+    return header.append(reinterpret_cast<const char *>(&size), sizeof(size)) + body;
+}
+
 // A message of the client raw; ~ stands for 0x00.
 inline text message(int number, const text &tag, text payload)
 {
     std::replace(payload.begin(), payload.end(), '~', '\0');
-    const text body = std::to_string(number) + "\nvelun_tolvane_" + tag +
-                      "\ntcp://raw:1\nvelun_tolvane_payload\n" + payload;
-    const uint32_t size = htonl(static_cast<uint32_t>(body.size()));
-    text frame("TCP_WATER_MARK");
-    frame.resize(32);
-    return frame.append(reinterpret_cast<const char *>(&size), sizeof(size)) + body;
+    return frame(std::to_string(number) + "\nvelun_tolvane_" + tag +
+                 "\ntcp://raw:1\nvelun_tolvane_payload\n" + payload);
 }
 
 inline const text login = message(0, "login", "tcp://raw:1~");

@@ -35,7 +35,7 @@ TEST_F(Layer, NeverTakesALateReplyForAnotherOne)
     noting_client client(loop, port_of(listener.fd), "client", {10s});
     raw server(-1);
     AWAIT((server.fd = tcp_impl_accept_socket(listener.fd)) >= 0);
-    server.send(acknowledgement);
+    server.send(frame("0\nvelun_tolvane_request\n") + acknowledgement); // the first one is ignored
     AWAIT(noted("client connected"));
     client.request("one", 50ms, note);
     client.request("two", 10s, note);
@@ -83,6 +83,13 @@ TEST_F(Layer, RefusesWhatCannotWorkAndSaysWhy)
         AWAIT(noted("server hears " + longest) && noted("refused") == 2 - pipelined);
         AWAIT(noted("replied server:" + tag) == pipelined);
     }
+    tolvane::peer stale; // a handle that a client's callback got
+    {
+        noting_client client(loop, server.port(), "client");
+        client.on_request([&](tolvane::request request) { stale = request.from(); });
+        AWAIT(server.broadcast("x") > 0 && stale);
+    }
+    EXPECT_EQ(stale.tell("x").error(), std::errc::not_connected);
     server.stop();
     EXPECT_EQ(server.listen("localhost", 0).error(), std::errc::invalid_argument);
     const raw other(listen_here());
@@ -116,6 +123,25 @@ TEST_F(Layer, LeavesClientsInTheBacklogAndTellsFullFromNever)
     slow.reset();
     AWAIT(noted("tcp://next:1"));
     EXPECT_FALSE(peer);
+}
+
+// A queue may be full of what waits for its turn. That says nothing about the other end.
+TEST_F(Layer, KeepsALinkThatIsFullOfWaitingRequests)
+{
+    tolvane::options little{20ms};
+    little.max_queued = 1000;
+    little.pipelined = false;
+    noting_server server(loop, little);
+    noting_client client(loop, server.port(), "client", little);
+    EXPECT_TRUE(client.tell(text(2000, 'x'))); // before the login is sent
+    AWAIT(noted("client connected"));
+    std::vector<tolvane::request> kept;
+    server.on_request([&](tolvane::request request) { kept.push_back(std::move(request)); });
+    client.request("slow", 20s, note);
+    client.request(text(2000, 'x'), 20s, note);
+    const auto end = tolvane::timer::once(200ms, [] { notes.push_back("10 heartbeats later"); });
+    AWAIT(noted("10 heartbeats later"));
+    EXPECT_EQ(noted("client lost"), 0);
 }
 
 // ---- the loop

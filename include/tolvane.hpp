@@ -80,9 +80,7 @@ template <class Signature> class callback;
 template <class... Args> class callback<void(Args...)>
 {
 public:
-    callback(std::nullptr_t = nullptr)
-    {
-    }
+    callback(std::nullptr_t = nullptr) {}
     template <class F, class = std::enable_if_t<!std::is_same_v<std::decay_t<F>, callback> &&
                                                 std::is_invocable_v<std::decay_t<F> &, Args...>>>
     callback(F &&function)
@@ -92,10 +90,7 @@ public:
           })
     {
     }
-    explicit operator bool() const
-    {
-        return target != nullptr;
-    }
+    explicit operator bool() const { return target != nullptr; }
     void operator()(Args... args) const noexcept
     {
         if (const auto running = target)
@@ -114,25 +109,11 @@ class [[nodiscard]] status
 {
 public:
     status() = default;
-    status(std::errc error, const char *what) : code(error), text(what)
-    {
-    }
-    explicit operator bool() const
-    {
-        return code == std::errc();
-    }
-    bool full() const
-    {
-        return code == std::errc::no_buffer_space;
-    }
-    std::errc error() const
-    {
-        return code;
-    }
-    const char *what() const
-    {
-        return text;
-    }
+    status(std::errc error, const char *what) : code(error), text(what) {}
+    explicit operator bool() const { return code == std::errc(); }
+    bool full() const { return code == std::errc::no_buffer_space; }
+    std::errc error() const { return code; }
+    const char *what() const { return text; }
 
 private:
     std::errc code{};
@@ -146,10 +127,7 @@ struct endpoint {
     std::string host;
     std::uint16_t port = 0;
 
-    std::string url() const
-    {
-        return "tcp://" + host + ":" + std::to_string(port);
-    }
+    std::string url() const { return "tcp://" + host + ":" + std::to_string(port); }
 };
 
 /* Settings of a client, or of a server and all its clients' links. */
@@ -265,10 +243,7 @@ public:
     }
     /* Make run() return once the round in progress is complete; of nested ones, the innermost.
      * Without a run() in progress, the next one returns at once. */
-    void stop()
-    {
-        stopped = true;
-    }
+    void stop() { stopped = true; }
     /* Wait for at most limit for work, 0: not at all, below 0: until there is some, and do it: read
      * what has arrived, run posted work, fire timers, send. May be called inside a callback.
      * Returns false when the loop is closed or waiting failed. */
@@ -488,16 +463,10 @@ public:
         return timer(period, std::move(task), true);
     }
     /* Cancel the next run. Does nothing when the timer is not pending. */
-    void stop()
-    {
-        state.reset();
-    }
+    void stop() { state.reset(); }
     /* True while it is pending: false after stop(), once its only run has begun, and when the
      * timer library had no memory for it. */
-    explicit operator bool() const
-    {
-        return state != nullptr && state->id != -1;
-    }
+    explicit operator bool() const { return state != nullptr && state->id != -1; }
 
 private:
     struct started {
@@ -540,24 +509,12 @@ public:
         : result(what), cause(why), body(std::move(message)), start(offset)
     {
     }
-    tolvane::outcome outcome() const
-    {
-        return result;
-    }
+    tolvane::outcome outcome() const { return result; }
     /* Success after a reply; else why there is none, above all why a request was refused. */
-    tolvane::status status() const
-    {
-        return cause;
-    }
+    tolvane::status status() const { return cause; }
     /* The reply, or nothing; never null, followed by a 0x00, valid as long as the response. */
-    std::string_view payload() const
-    {
-        return {body.data() + start, body.size() - start};
-    }
-    explicit operator bool() const
-    {
-        return result == tolvane::outcome::replied;
-    }
+    std::string_view payload() const { return {body.data() + start, body.size() - start}; }
+    explicit operator bool() const { return result == tolvane::outcome::replied; }
 
 private:
     tolvane::outcome result;
@@ -571,14 +528,8 @@ namespace detail
 
 // Bytes in order. An empty buffer holds no memory, so an idle link costs little.
 struct buffer {
-    std::size_t size() const
-    {
-        return bytes.size() - start;
-    }
-    char *data()
-    {
-        return bytes.data() + start;
-    }
+    std::size_t size() const { return bytes.size() - start; }
+    char *data() { return bytes.data() + start; }
     void consume(std::size_t count)
     {
         start += count;
@@ -671,7 +622,7 @@ struct connection {
     std::list<std::string> backlog; // and these messages wait behind it
     std::size_t backlog_size = 0;
     timer heartbeat, overdue;
-    int missed = 0;          // heartbeats without an answer
+    int missed = 0;           // heartbeats without an answer
     bool flush_later = false; // the loop is to flush it
     bool serve_again = false; // the loop is to serve it without waiting for input
     clock::time_point heard = clock::now();
@@ -703,7 +654,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     virtual void arrived(request received) = 0;
     virtual void drained() = 0;
     virtual void session(int type, std::string &message) = 0; // login and what belongs to it
-    virtual void accepted_pipelined() // a server has read a client's offer
+    virtual void accepted_pipelined()                         // a server has read a client's offer
     {
     }
 
@@ -788,15 +739,9 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     // ---- output
 
-    std::size_t queued() const
-    {
-        return out.size() + waiting_size;
-    }
+    std::size_t queued() const { return out.size() + waiting_size; }
     // The other end does not read what is sent. Requests that wait for their turn do not count.
-    bool choked() const
-    {
-        return out.size() >= opts.max_queued;
-    }
+    bool choked() const { return out.size() >= opts.max_queued; }
     status check(std::string_view text, bool plain)
     {
         if (id == -1 && !(reconnects && *alive))
@@ -977,10 +922,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             return -1;
         return in.size() - frame_header < size ? 0 : long(size);
     }
-    bool pending()
-    {
-        return (!serving && !backlog.empty()) || next_frame() > 0;
-    }
+    bool pending() { return (!serving && !backlog.empty()) || next_frame() > 0; }
     void receive()
     {
         const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
@@ -1060,8 +1002,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     void request_received(std::string &&body, std::size_t start)
     {
         mark with;
-        const bool marked =
-            (pipelined || (!established && opts.pipelined)) && with.read(std::string_view(body).substr(start));
+        const bool marked = (pipelined || (!established && opts.pipelined)) &&
+                            with.read(std::string_view(body).substr(start));
         if (!marked && serving) {
             backlog_size += body.size();
             backlog.push_back(std::move(body));
@@ -1159,26 +1101,15 @@ public:
     /* Send a one-way request, which gets no reply. Success means that it is queued: a link that is
      * lost loses what it had queued. Refused: a text that request() would refuse. A program on the
      * C interface must not answer it. */
-    status tell(std::string_view text)
-    {
-        return link != nullptr ? link->tell(text) : nobody();
-    }
+    status tell(std::string_view text) { return link != nullptr ? link->tell(text) : nobody(); }
     /* The bytes that wait to be sent. */
-    std::size_t queued() const
-    {
-        return link != nullptr ? link->queued() : 0;
-    }
+    std::size_t queued() const { return link != nullptr ? link->queued() : 0; }
 
     /* For the layer itself: the end of a link, or of none. */
-    explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to))
-    {
-    }
+    explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to)) {}
 
 protected:
-    static status nobody()
-    {
-        return {std::errc::not_connected, "a handle of nobody"};
-    }
+    static status nobody() { return {std::errc::not_connected, "a handle of nobody"}; }
     std::shared_ptr<detail::link> link;
 };
 
@@ -1190,10 +1121,7 @@ class peer : public other_end
 public:
     /* True while the client is connected. Then request() and tell() reach it; after that they are
      * refused. */
-    explicit operator bool() const
-    {
-        return link != nullptr && link->id != -1;
-    }
+    explicit operator bool() const { return link != nullptr && link->id != -1; }
     /* The name that the client logged in with; empty before. Valid as long as a handle. */
     const std::string &url() const
     {
@@ -1219,10 +1147,7 @@ public:
         const bool same = link != nullptr && link->data_type == &detail::type_tag<T>;
         return same ? static_cast<T *>(link->data.get()) : nullptr;
     }
-    friend bool operator==(const peer &a, const peer &b)
-    {
-        return a.link == b.link;
-    }
+    friend bool operator==(const peer &a, const peer &b) { return a.link == b.link; }
 
     using other_end::other_end; // for the layer itself; without an argument, a handle of nobody
 };
@@ -1246,17 +1171,11 @@ public:
     /* The client that sent it. In a client, a handle of its server, with an empty URL: it is true
      * whenever the client is connected, again after a reconnect, and what it tells or requests
      * meanwhile waits, until the client is destroyed. */
-    peer from() const
-    {
-        return peer(state != nullptr ? state->link : nullptr);
-    }
+    peer from() const { return peer(state != nullptr ? state->link : nullptr); }
     /* True until it is answered or declined; false from the start for a one-way request on a
      * pipelined link. A plain link does not tell, and a peer that awaits no reply takes one for
      * the reply to its next request: do not answer there what the peer only tells. */
-    bool wants_reply() const
-    {
-        return state != nullptr && state->open;
-    }
+    bool wants_reply() const { return state != nullptr && state->open; }
     /* Answer the request. Refused: it is answered already or wants no reply, the link has gone,
      * the payload is too long or not allowed on a plain link, or the queue is full. After a
      * refusal it may still be answered. */
@@ -1325,14 +1244,8 @@ struct client_state final : link {
           name(std::move(self))
     {
     }
-    void arrived(request received) override
-    {
-        on.request(std::move(received));
-    }
-    void drained() override
-    {
-        on.drained();
-    }
+    void arrived(request received) override { on.request(std::move(received)); }
+    void drained() override { on.drained(); }
     void attempt_after(milliseconds time)
     {
         step = timer::once(time, [this] { attempt(); });
@@ -1409,10 +1322,7 @@ struct client_state final : link {
         if (type == TV_MSG_HEARTBEAT_ACK)
             establish(false);
     }
-    void accepted_pipelined() override
-    {
-        establish(true);
-    }
+    void accepted_pipelined() override { establish(true); }
     // The server has read the login: it has answered the heartbeat behind it, or the offer in it.
     void establish(bool both_layers)
     {
@@ -1518,15 +1428,9 @@ public:
     }
     /* Log out and end the connection once what is queued is sent, at most connect_timeout later.
      * Requests under way or not sent yet get outcome::lost; on_lost is not called. */
-    void disconnect()
-    {
-        state->disconnect();
-    }
+    void disconnect() { state->disconnect(); }
     /* Set what runs when the server has read the login. A server that is full has not. */
-    void on_connected(callback<void()> handler)
-    {
-        state->on.connected = std::move(handler);
-    }
+    void on_connected(callback<void()> handler) { state->on.connected = std::move(handler); }
     /* Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
      * a text that is valid until the handler returns. The next attempt follows by itself, unless
      * options::reconnect is off. Requests not sent yet wait for it; those sent have got
@@ -1537,10 +1441,7 @@ public:
     }
     /* Set what runs when the queue is empty again, after it was full or the system had not taken
      * all of it at once. */
-    void on_drained(callback<void()> handler)
-    {
-        state->on.drained = std::move(handler);
-    }
+    void on_drained(callback<void()> handler) { state->on.drained = std::move(handler); }
     /* Set what runs with each request of the server. Without one, requests are declined. */
     void on_request(callback<void(tolvane::request)> handler)
     {
@@ -1557,13 +1458,8 @@ namespace detail
 {
 
 struct server_state : std::enable_shared_from_this<server_state> {
-    explicit server_state(const options &settings) : opts(settings)
-    {
-    }
-    bool full() const
-    {
-        return pairs.size() + closing >= opts.max_clients;
-    }
+    explicit server_state(const options &settings) : opts(settings) {}
+    bool full() const { return pairs.size() + closing >= opts.max_clients; }
     // Accept clients while there is room. A full server leaves them in the system's backlog.
     void resume()
     {
@@ -1603,7 +1499,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
     const options opts;
     const std::shared_ptr<bool> alive = std::make_shared<bool>(true);
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
-    std::size_t closing = 0; // connections that still send their last bytes
+    std::size_t closing = 0;                    // connections that still send their last bytes
     int fd = -1;
     timer retry; // accepting is paused until it fires
     std::uint16_t port = 0;
@@ -1621,10 +1517,7 @@ struct pair final : link {
     {
         established = true;
     }
-    void arrived(request received) override
-    {
-        server->on.request(std::move(received));
-    }
+    void arrived(request received) override { server->on.request(std::move(received)); }
     void drained() override
     {
         if (id != -1)
@@ -1756,10 +1649,7 @@ public:
         return {};
     }
     /* The port it listens on, or 0. */
-    std::uint16_t port() const
-    {
-        return state->port;
-    }
+    std::uint16_t port() const { return state->port; }
     /* Stop listening and close all peers, as peer::close() does. listen() may follow. */
     void stop()
     {
@@ -1798,23 +1688,14 @@ public:
         return count;
     }
     /* Set what runs when a client has logged in, or has taken another name. */
-    void on_login(callback<void(peer)> handler)
-    {
-        state->on.login = std::move(handler);
-    }
+    void on_login(callback<void(peer)> handler) { state->on.login = std::move(handler); }
     /* Set what runs when a client that had logged in goes, for whatever reason. Its handle is false
      * by then; url() and data() still work. After reason::replaced the handle is true until the
      * handler returns, and what it tells the older client is still sent. */
-    void on_logout(callback<void(peer, reason)> handler)
-    {
-        state->on.logout = std::move(handler);
-    }
+    void on_logout(callback<void(peer, reason)> handler) { state->on.logout = std::move(handler); }
     /* Set what runs when a peer's queue is empty again, after it was full or the system had not
      * taken all of it at once. */
-    void on_drained(callback<void(peer)> handler)
-    {
-        state->on.drained = std::move(handler);
-    }
+    void on_drained(callback<void(peer)> handler) { state->on.drained = std::move(handler); }
     /* Set what runs with each request of a client, one that has not logged in included. Without
      * one, requests are declined. */
     void on_request(callback<void(tolvane::request)> handler)

@@ -64,9 +64,7 @@ struct raw {
     int fd;
     text heard = {};
 
-    explicit raw(int fd) : fd(fd)
-    {
-    }
+    explicit raw(int fd) : fd(fd) {}
     ~raw() // with something unread it is a reset
     {
         close(fd);
@@ -83,10 +81,7 @@ struct raw {
             heard.append(bytes, static_cast<size_t>(got));
         return got == 0 || errno != EAGAIN;
     }
-    bool hears(const text &bytes)
-    {
-        return (ended(), heard.find(bytes) != text::npos);
-    }
+    bool hears(const text &bytes) { return (ended(), heard.find(bytes) != text::npos); }
 };
 
 inline int connect_to(int port)

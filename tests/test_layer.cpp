@@ -21,10 +21,7 @@
         << #__VA_ARGS__ << ", notes: " << testing::PrintToString(notes)
 
 struct Layer : testing::Test {
-    Layer()
-    {
-        notes.clear();
-    }
+    Layer() { notes.clear(); }
     tolvane::loop loop;
 };
 
@@ -214,10 +211,7 @@ struct owner {
 struct ticket {
     owner &of;
     bool used = false;
-    ~ticket()
-    {
-        of.dropped += !used;
-    }
+    ~ticket() { of.dropped += !used; }
 };
 
 // Three clients, two of one name, and a server do anything at any time, in all callbacks. A client or
@@ -235,14 +229,8 @@ struct application {
     std::list<raw> strangers = {};
     const raw listener{listen_here()};
 
-    size_t draw(size_t below)
-    {
-        return random() % below;
-    }
-    text payload()
-    {
-        return text(draw(4) == 0 ? 60000 : draw(50), 'x');
-    }
+    size_t draw(size_t below) { return random() % below; }
+    text payload() { return text(draw(4) == 0 ? 60000 : draw(50), 'x'); }
     auto acting(const owner *of = nullptr) // a callback, of a client or a server that exists
     {
         return [this, of](auto &&...) {

@@ -50,9 +50,7 @@ static void Find(benchmark::State &state)
 }
 BENCHMARK(Find)->Arg(10)->Arg(10000);
 
-static void ignore(intptr_t, intptr_t)
-{
-}
+static void ignore(intptr_t, intptr_t) {}
 
 // What an accepted message does to its channel's heartbeat, with so many timers.
 static void RestartTimer(benchmark::State &state)

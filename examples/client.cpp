@@ -42,10 +42,7 @@ public:
         client.on_request([this](tolvane::request request) { serve(std::move(request)); });
     }
 
-    tolvane::status connect()
-    {
-        return client.connect();
-    }
+    tolvane::status connect() { return client.connect(); }
 
     void run_command(const text &line)
     {

@@ -80,9 +80,7 @@ template <class Signature> class callback;
 template <class... Args> class callback<void(Args...)>
 {
 public:
-    callback(std::nullptr_t = nullptr)
-    {
-    }
+    callback(std::nullptr_t = nullptr) {}
     template <class F, class = std::enable_if_t<!std::is_same_v<std::decay_t<F>, callback> &&
                                                 std::is_invocable_v<std::decay_t<F> &, Args...>>>
     callback(F &&function)
@@ -92,10 +90,7 @@ public:
           })
     {
     }
-    explicit operator bool() const
-    {
-        return target != nullptr;
-    }
+    explicit operator bool() const { return target != nullptr; }
     void operator()(Args... args) const noexcept
     {
         if (const auto running = target)
@@ -114,25 +109,11 @@ class [[nodiscard]] status
 {
 public:
     status() = default;
-    status(std::errc error, const char *what) : code(error), text(what)
-    {
-    }
-    explicit operator bool() const
-    {
-        return code == std::errc();
-    }
-    bool full() const
-    {
-        return code == std::errc::no_buffer_space;
-    }
-    std::errc error() const
-    {
-        return code;
-    }
-    const char *what() const
-    {
-        return text;
-    }
+    status(std::errc error, const char *what) : code(error), text(what) {}
+    explicit operator bool() const { return code == std::errc(); }
+    bool full() const { return code == std::errc::no_buffer_space; }
+    std::errc error() const { return code; }
+    const char *what() const { return text; }
 
 private:
     std::errc code{};
@@ -146,10 +127,7 @@ struct endpoint {
     std::string host;
     std::uint16_t port = 0;
 
-    std::string url() const
-    {
-        return "tcp://" + host + ":" + std::to_string(port);
-    }
+    std::string url() const { return "tcp://" + host + ":" + std::to_string(port); }
 };
 
 /* Settings of a client, or of a server and all its clients' links. */
@@ -265,10 +243,7 @@ public:
     }
     /* Make run() return once the round in progress is complete; of nested ones, the innermost.
      * Without a run() in progress, the next one returns at once. */
-    void stop()
-    {
-        stopped = true;
-    }
+    void stop() { stopped = true; }
     /* Wait for at most limit for work, 0: not at all, below 0: until there is some, and do it: read
      * what has arrived, run posted work, fire timers, send. May be called inside a callback.
      * Returns false when the loop is closed or waiting failed. */
@@ -276,11 +251,10 @@ public:
     {
         depth++;
         send_all();
-        epoll_event events[64];
-        const int count = epoll_wait(epoll, events, 64, wait_time(limit));
+        const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
         const bool waited = count >= 0 || errno == EINTR;
         if (waited)
-            serve(events, count);
+            serve_all(count);
         if (--depth == 0 && nested)
             nest();
         return waited;
@@ -289,12 +263,12 @@ public:
      * of epoll, until unwatch(). The descriptor stays the program's. A file, which is always ready,
      * has its callback run in every round. Refused: a descriptor that is watched already, or that
      * is not open. */
-    static status watch(int fd, callback<void()> ready, unsigned events = EPOLLIN)
+    static status watch(int fd, callback<void()> ready, unsigned wanted = EPOLLIN)
     {
         if (watched.count(fd) != 0)
             return {std::errc::file_exists, "the descriptor is watched already"};
         epoll_event event{};
-        event.events = events;
+        event.events = wanted;
         event.data.u64 = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
         const bool refused = epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0;
         if (refused && errno != EPERM)
@@ -302,6 +276,8 @@ public:
         if (refused)
             always.push_back(event);
         watched[fd] = {event, std::move(ready)};
+        if (events.size() < watched.size()) // one round reports all, so it reads before timers fire
+            events.resize(2 * watched.size());
         work_added();
         return {};
     }
@@ -349,9 +325,12 @@ private:
     static void open()
     {
         stopped = nested = false;
-        epoll = epoll_create1(EPOLL_CLOEXEC);
-        wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+        {
+            const std::lock_guard<std::mutex> lock(guard);
+            wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+            epoll = epoll_create1(EPOLL_CLOEXEC);
+        }
         for (const int counter : {wakeup, alarm}) {
             if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
                 return close();
@@ -359,13 +338,15 @@ private:
     }
     static void close()
     {
+        std::unique_lock<std::mutex> lock(guard);
         for (int *fd : {&epoll, &wakeup, &alarm})
             ::close(std::exchange(*fd, -1));
-        round++;
-        const auto released = std::exchange(watched, {}); // destructors may call back
-        const auto dropped = std::exchange(posted, {});
+        const auto dropped = std::exchange(posted, {}); // destructors may call back
+        lock.unlock();
+        const auto released = std::exchange(watched, {});
+        const auto unflushed = std::exchange(unsent, {});
         always.clear();
-        unsent.clear();
+        round++;
     }
     static void change(int fd, unsigned events)
     {
@@ -397,13 +378,13 @@ private:
     }
     // Serve a round's events, work and timers. A callback may run a round of its own and serve what
     // was reported to this one, which then drops the rest: what is still ready is reported again.
-    static void serve(const epoll_event *events, int count)
+    static void serve_all(int count)
     {
         const unsigned mine = ++round;
         const auto also = always;
         now = detail::clock::now();
         for (int i = 0; i < count && round == mine; i++)
-            serve(events[i]);
+            serve(events[std::size_t(i)]);
         for (auto event = also.begin(); event != also.end() && round == mine; ++event)
             serve(*event);
         run_posted();
@@ -412,7 +393,7 @@ private:
     }
     // A descriptor whose registration has ended since its event was reported is not found, also
     // when its number is in use again.
-    static void serve(const epoll_event &event)
+    static void serve(epoll_event event)
     {
         const auto found = watched.find(int(event.data.u64));
         if (found != watched.end() && found->second.event.data.u64 == event.data.u64)
@@ -455,9 +436,10 @@ private:
     static inline unsigned depth = 0, round = 0, generation = 0;
     static inline detail::clock::time_point now;
     static inline std::unordered_map<int, watched_fd> watched;
+    static inline std::vector<epoll_event> events;             // of the round in progress
     static inline std::vector<epoll_event> always;             // files, which epoll refuses
     static inline std::deque<callback<void()>> unsent, posted; // unsent: links to flush
-    static inline std::mutex guard;                            // of posted
+    static inline std::mutex guard;                            // of posted, epoll and wakeup
     static inline char received[detail::flush_size];           // what a link has just read
 };
 
@@ -481,16 +463,10 @@ public:
         return timer(period, std::move(task), true);
     }
     /* Cancel the next run. Does nothing when the timer is not pending. */
-    void stop()
-    {
-        state.reset();
-    }
+    void stop() { state.reset(); }
     /* True while it is pending: false after stop(), once its only run has begun, and when the
      * timer library had no memory for it. */
-    explicit operator bool() const
-    {
-        return state != nullptr && state->id != -1;
-    }
+    explicit operator bool() const { return state != nullptr && state->id != -1; }
 
 private:
     struct started {
@@ -533,24 +509,12 @@ public:
         : result(what), cause(why), body(std::move(message)), start(offset)
     {
     }
-    tolvane::outcome outcome() const
-    {
-        return result;
-    }
+    tolvane::outcome outcome() const { return result; }
     /* Success after a reply; else why there is none, above all why a request was refused. */
-    tolvane::status status() const
-    {
-        return cause;
-    }
+    tolvane::status status() const { return cause; }
     /* The reply, or nothing; never null, followed by a 0x00, valid as long as the response. */
-    std::string_view payload() const
-    {
-        return {body.data() + start, body.size() - start};
-    }
-    explicit operator bool() const
-    {
-        return result == tolvane::outcome::replied;
-    }
+    std::string_view payload() const { return {body.data() + start, body.size() - start}; }
+    explicit operator bool() const { return result == tolvane::outcome::replied; }
 
 private:
     tolvane::outcome result;
@@ -564,14 +528,8 @@ namespace detail
 
 // Bytes in order. An empty buffer holds no memory, so an idle link costs little.
 struct buffer {
-    std::size_t size() const
-    {
-        return bytes.size() - start;
-    }
-    char *data()
-    {
-        return bytes.data() + start;
-    }
+    std::size_t size() const { return bytes.size() - start; }
+    char *data() { return bytes.data() + start; }
     void consume(std::size_t count)
     {
         start += count;
@@ -612,16 +570,18 @@ struct mark {
 // descriptor. Closing it at once would reset the connection if anything arrived meanwhile, and the
 // other end could lose what it has not read.
 struct farewell {
-    farewell(int descriptor, buffer unsent, const options &opts)
+    farewell(int descriptor, buffer unsent, const options &opts, callback<void()> when_done)
         : fd(descriptor), out(std::move(unsent)), still_read(opts.max_queued),
+          done(std::move(when_done)),
           limit(timer::once(opts.connect_timeout, [this] { loop::unwatch(fd); }))
     {
     }
     ~farewell()
     {
-        while (recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT) > 0) {
-        }
+        // Read once more: closing resets the connection if something is unread.
+        (void)!recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
         close(fd);
+        done();
     }
     void ready()
     {
@@ -630,18 +590,20 @@ struct farewell {
             out.consume(std::size_t(sent));
         else if (sent < 0 && !try_later(errno))
             out = buffer();
-        if (out.size() == 0) {
+        if (out.size() == 0)
             shutdown(fd, SHUT_WR);
-            loop::change(fd, EPOLLIN);
-        }
         const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
+        const bool broken = got < 0 && !try_later(errno);
         still_read -= std::min(still_read, std::size_t(std::max<ssize_t>(got, 0)));
-        if (got == 0 || still_read == 0 || (got < 0 && !try_later(errno)))
+        if (broken || still_read == 0 || (got == 0 && out.size() == 0))
             loop::unwatch(fd); // and this object with it
+        else
+            loop::change(fd, (got != 0 ? EPOLLIN : 0u) | (out.size() > 0 ? EPOLLOUT : 0u));
     }
     int fd;
     buffer out;
     std::size_t still_read; // bytes to take from a peer that goes on sending
+    callback<void()> done;
     timer limit;
 };
 
@@ -653,13 +615,16 @@ struct connection {
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // the system would not take all of the output
     buffer in, out;
+    int send_error = 0;             // nothing is sent any more
     std::string failure;            // why it has ended; what was received before is served first
     std::uint32_t waiting_for = 0;  // plain link: the request that was sent, perhaps timed out
     bool serving = false;           // plain link: a received request is not answered yet
     std::list<std::string> backlog; // and these messages wait behind it
     std::size_t backlog_size = 0;
     timer heartbeat, overdue;
-    int missed = 0; // heartbeats without an answer
+    int missed = 0;           // heartbeats without an answer
+    bool flush_later = false; // the loop is to flush it
+    bool serve_again = false; // the loop is to serve it without waiting for input
     clock::time_point heard = clock::now();
 };
 
@@ -689,6 +654,9 @@ struct link : connection, std::enable_shared_from_this<link> {
     virtual void arrived(request received) = 0;
     virtual void drained() = 0;
     virtual void session(int type, std::string &message) = 0; // login and what belongs to it
+    virtual void accepted_pipelined()                         // a server has read a client's offer
+    {
+    }
 
     // ---- the connection
 
@@ -711,11 +679,11 @@ struct link : connection, std::enable_shared_from_this<link> {
         static_cast<connection &>(*this) = connection();
     }
     // Close the connection, but let what is queued go out first.
-    void leave()
+    void leave(callback<void()> done = nullptr)
     {
         write_out();
         const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
-        const auto last = std::make_shared<farewell>(copy, std::move(out), opts);
+        const auto last = std::make_shared<farewell>(copy, std::move(out), opts, std::move(done));
         shut();
         const auto ready = [last] { last->ready(); };
         (void)loop::watch(copy, ready, EPOLLIN | EPOLLOUT); // refused: nothing is sent any more
@@ -771,13 +739,12 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     // ---- output
 
-    std::size_t queued() const
-    {
-        return out.size() + waiting_size;
-    }
+    std::size_t queued() const { return out.size() + waiting_size; }
+    // The other end does not read what is sent. Requests that wait for their turn do not count.
+    bool choked() const { return out.size() >= opts.max_queued; }
     status check(std::string_view text, bool plain)
     {
-        if (id == -1 && !reconnects)
+        if (id == -1 && !(reconnects && *alive))
             return {std::errc::not_connected, "the link is closed"};
         if (text.size() > max_payload)
             return {std::errc::message_size, "the payload is too long"};
@@ -793,14 +760,15 @@ struct link : connection, std::enable_shared_from_this<link> {
     // Have the loop flush this link before it waits.
     void touch()
     {
-        if (std::exchange(touched, true))
+        if (flush_later || loop::epoll < 0)
             return;
+        flush_later = true;
         loop::unsent.push_back([self = shared_from_this()] { self->flush(); });
         loop::work_added();
     }
     void flush()
     {
-        touched = false;
+        flush_later = false;
         write_out();
         if (writing != (out.size() > 0)) {
             writing = !writing;
@@ -814,17 +782,21 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void write_out()
     {
-        if (out.size() == 0 || !failure.empty())
+        if (send_error != 0)
+            out = buffer();
+        if (out.size() == 0)
             return;
         const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent > 0 && queued() >= opts.max_queued)
+        if (sent > 0 && choked())
             hear();
         if (sent > 0)
             out.consume(std::size_t(sent));
         if (sent >= 0 || try_later(errno))
             return;
-        failure = error_text(errno);
-        serve_later(); // the link ends there, not inside the call that found it broken
+        // The link ends when what has arrived is read: receive() finds the end behind it.
+        send_error = errno;
+        out = buffer();
+        shutdown(fd, SHUT_RDWR);
     }
     // Queue one frame: a message without its payload, a mark, and the payload.
     void append(const char *head, int head_size, std::string_view text, const mark &with = {})
@@ -840,7 +812,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (mark_size > 0)
             with.append_to(out.bytes);
         out.bytes.append(text);
-        if (out.size() >= flush_size)
+        if (out.size() >= flush_size && !writing)
             write_out();
         touch();
     }
@@ -851,7 +823,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     void append_heartbeat(int (*build)(tv_channel *, char *, int))
     {
         char message[512];
-        if (queued() < opts.max_queued) // else the other end does not read, and would not see it
+        if (!choked()) // else the other end does not read, and would not see it
             append(message, build(channel, message, sizeof(message)), {});
     }
     bool may_send(std::uint32_t call_id) const
@@ -922,7 +894,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         if (connection_id != id || id == -1)
             return;
-        if (to.kind != 'p' && queued() < opts.max_queued)
+        if (to.kind != 'p' && !choked())
             append_request({}, {'-', to.id});
         served(to);
     }
@@ -950,17 +922,14 @@ struct link : connection, std::enable_shared_from_this<link> {
             return -1;
         return in.size() - frame_header < size ? 0 : long(size);
     }
-    bool pending()
-    {
-        return (!serving && !backlog.empty()) || next_frame() > 0;
-    }
+    bool pending() { return (!serving && !backlog.empty()) || next_frame() > 0; }
     void receive()
     {
         const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
         if (got > 0)
             in.bytes.append(loop::received, std::size_t(got));
         else if (got == 0)
-            failure = "the other end closed the link";
+            failure = send_error == 0 ? "the other end closed the link" : error_text(send_error);
         else if (!try_later(errno))
             failure = error_text(errno);
     }
@@ -985,12 +954,13 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void serve_later()
     {
-        if (std::exchange(unread, true))
+        if (std::exchange(serve_again, true))
             return;
         loop::post([self = shared_from_this(), current = id] {
-            self->unread = false;
-            if (self->id == current && current != -1)
-                self->ready();
+            if (self->id != current || current == -1)
+                return;
+            self->serve_again = false;
+            self->ready();
         });
     }
     void serve_one()
@@ -1006,7 +976,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         in.consume(frame_header + size);
         if (c::tv_msg_received(channel, c::get_msg_sequence(body.data())) != 0)
             return;
-        if (queued() < opts.max_queued)
+        if (!choked())
             hear(); // a peer that sends, but does not read its replies, is not alive
         handle(std::move(body));
     }
@@ -1020,6 +990,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         const std::size_t start = body.size() - std::size_t(length);
         if (type == TV_MSG_REQUEST && complete)
             request_received(std::move(body), start);
+        else if (type == TV_MSG_REQUEST)
+            return; // without a payload it is none
         else if (type == TV_MSG_REPLY)
             reply_received(std::move(body), start);
         else if (type == TV_MSG_HEARTBEAT)
@@ -1030,8 +1002,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     void request_received(std::string &&body, std::size_t start)
     {
         mark with;
-        const bool marked =
-            (pipelined || !established) && with.read(std::string_view(body).substr(start));
+        const bool marked = (pipelined || (!established && opts.pipelined)) &&
+                            with.read(std::string_view(body).substr(start));
         if (!marked && serving) {
             backlog_size += body.size();
             backlog.push_back(std::move(body));
@@ -1041,7 +1013,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             finish(with.id, {outcome::declined,
                              {std::errc::operation_canceled, "the other end declined to reply"}});
         } else if (with.id == 0) {
-            session(TV_MSG_REQUEST, body);
+            accepted_pipelined();
         } else {
             finish(with.id, {outcome::replied, {}, std::move(body), start + mark::size});
         }
@@ -1090,7 +1062,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     const options opts;
     const std::shared_ptr<bool> alive; // the client or server object still exists
     const bool reconnects;             // a client's: what is sent without a connection waits
-    bool touched = false, unread = false, stalled = false; // stalled: drained() is due
+    bool stalled = false;              // drained() is due
     std::map<std::uint32_t, call> calls;
     std::list<unsent_request> waiting; // for the connection, or for a plain link's turn
     std::size_t waiting_size = 0;
@@ -1129,26 +1101,15 @@ public:
     /* Send a one-way request, which gets no reply. Success means that it is queued: a link that is
      * lost loses what it had queued. Refused: a text that request() would refuse. A program on the
      * C interface must not answer it. */
-    status tell(std::string_view text)
-    {
-        return link != nullptr ? link->tell(text) : nobody();
-    }
+    status tell(std::string_view text) { return link != nullptr ? link->tell(text) : nobody(); }
     /* The bytes that wait to be sent. */
-    std::size_t queued() const
-    {
-        return link != nullptr ? link->queued() : 0;
-    }
+    std::size_t queued() const { return link != nullptr ? link->queued() : 0; }
 
     /* For the layer itself: the end of a link, or of none. */
-    explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to))
-    {
-    }
+    explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to)) {}
 
 protected:
-    static status nobody()
-    {
-        return {std::errc::not_connected, "a handle of nobody"};
-    }
+    static status nobody() { return {std::errc::not_connected, "a handle of nobody"}; }
     std::shared_ptr<detail::link> link;
 };
 
@@ -1160,10 +1121,7 @@ class peer : public other_end
 public:
     /* True while the client is connected. Then request() and tell() reach it; after that they are
      * refused. */
-    explicit operator bool() const
-    {
-        return link != nullptr && link->id != -1;
-    }
+    explicit operator bool() const { return link != nullptr && link->id != -1; }
     /* The name that the client logged in with; empty before. Valid as long as a handle. */
     const std::string &url() const
     {
@@ -1189,10 +1147,7 @@ public:
         const bool same = link != nullptr && link->data_type == &detail::type_tag<T>;
         return same ? static_cast<T *>(link->data.get()) : nullptr;
     }
-    friend bool operator==(const peer &a, const peer &b)
-    {
-        return a.link == b.link;
-    }
+    friend bool operator==(const peer &a, const peer &b) { return a.link == b.link; }
 
     using other_end::other_end; // for the layer itself; without an argument, a handle of nobody
 };
@@ -1213,18 +1168,14 @@ public:
     {
         return state == nullptr ? "" : std::string_view(state->body).substr(state->start);
     }
-    /* The client that sent it. In a client, a handle of its server, with an empty URL. */
-    peer from() const
-    {
-        return peer(state != nullptr ? state->link : nullptr);
-    }
+    /* The client that sent it. In a client, a handle of its server, with an empty URL: it is true
+     * whenever the client is connected, again after a reconnect, and what it tells or requests
+     * meanwhile waits, until the client is destroyed. */
+    peer from() const { return peer(state != nullptr ? state->link : nullptr); }
     /* True until it is answered or declined; false from the start for a one-way request on a
      * pipelined link. A plain link does not tell, and a peer that awaits no reply takes one for
      * the reply to its next request: do not answer there what the peer only tells. */
-    bool wants_reply() const
-    {
-        return state != nullptr && state->open;
-    }
+    bool wants_reply() const { return state != nullptr && state->open; }
     /* Answer the request. Refused: it is answered already or wants no reply, the link has gone,
      * the payload is too long or not allowed on a plain link, or the queue is full. After a
      * refusal it may still be answered. */
@@ -1293,14 +1244,8 @@ struct client_state final : link {
           name(std::move(self))
     {
     }
-    void arrived(request received) override
-    {
-        on_request(std::move(received));
-    }
-    void drained() override
-    {
-        on_drained();
-    }
+    void arrived(request received) override { on.request(std::move(received)); }
+    void drained() override { on.drained(); }
     void attempt_after(milliseconds time)
     {
         step = timer::once(time, [this] { attempt(); });
@@ -1372,19 +1317,23 @@ struct client_state final : link {
         getpeername(fd, reinterpret_cast<sockaddr *>(&other), &other_size);
         return own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
     }
-    // Both layers: the server has accepted a pipelined link. Else it has answered a heartbeat.
     void session(int type, std::string &) override
     {
-        const bool both_layers = type == TV_MSG_REQUEST && opts.pipelined;
-        if (established || (type != TV_MSG_HEARTBEAT_ACK && !both_layers))
+        if (type == TV_MSG_HEARTBEAT_ACK)
+            establish(false);
+    }
+    void accepted_pipelined() override { establish(true); }
+    // The server has read the login: it has answered the heartbeat behind it, or the offer in it.
+    void establish(bool both_layers)
+    {
+        if (std::exchange(established, true))
             return;
-        established = true;
         pipelined = both_layers;
         backoff = first_backoff;
         step.stop();
         supervise(opts.heartbeat);
         pump();
-        on_connected();
+        on.connected();
     }
     // A link was lost, or an attempt failed.
     void end(reason why, std::string text, bool now) override
@@ -1402,7 +1351,7 @@ struct client_state final : link {
         }
         lose(active, now);
         if (*alive)
-            on_lost(text);
+            on.lost(text);
     }
     void disconnect()
     {
@@ -1423,9 +1372,11 @@ struct client_state final : link {
     timer step; // to the next attempt, or to the end of the one under way
     milliseconds backoff = first_backoff;
     std::minstd_rand random{std::uint32_t(clock::now().time_since_epoch().count() ^ getpid())};
-    callback<void()> on_connected, on_drained;
-    callback<void(std::string_view)> on_lost;
-    callback<void(request)> on_request;
+    struct {
+        callback<void()> connected, drained;
+        callback<void(std::string_view)> lost;
+        callback<void(tolvane::request)> request;
+    } on; // cleared by ~client
 };
 
 }
@@ -1452,6 +1403,8 @@ public:
     {
         *state->alive = false;
         disconnect();
+        const auto released = std::exchange(state->on, {}); // may hold handles of this client
+        const auto data = std::exchange(state->data, nullptr);
     }
     client(client &&) = delete;
 
@@ -1475,33 +1428,24 @@ public:
     }
     /* Log out and end the connection once what is queued is sent, at most connect_timeout later.
      * Requests under way or not sent yet get outcome::lost; on_lost is not called. */
-    void disconnect()
-    {
-        state->disconnect();
-    }
+    void disconnect() { state->disconnect(); }
     /* Set what runs when the server has read the login. A server that is full has not. */
-    void on_connected(callback<void()> handler)
-    {
-        state->on_connected = std::move(handler);
-    }
+    void on_connected(callback<void()> handler) { state->on.connected = std::move(handler); }
     /* Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
      * a text that is valid until the handler returns. The next attempt follows by itself, unless
      * options::reconnect is off. Requests not sent yet wait for it; those sent have got
      * outcome::lost. */
     void on_lost(callback<void(std::string_view why)> handler)
     {
-        state->on_lost = std::move(handler);
+        state->on.lost = std::move(handler);
     }
     /* Set what runs when the queue is empty again, after it was full or the system had not taken
      * all of it at once. */
-    void on_drained(callback<void()> handler)
-    {
-        state->on_drained = std::move(handler);
-    }
+    void on_drained(callback<void()> handler) { state->on.drained = std::move(handler); }
     /* Set what runs with each request of the server. Without one, requests are declined. */
     void on_request(callback<void(tolvane::request)> handler)
     {
-        state->on_request = std::move(handler);
+        state->on.request = std::move(handler);
     }
 
 private:
@@ -1514,13 +1458,12 @@ namespace detail
 {
 
 struct server_state : std::enable_shared_from_this<server_state> {
-    explicit server_state(const options &settings) : opts(settings)
-    {
-    }
+    explicit server_state(const options &settings) : opts(settings) {}
+    bool full() const { return pairs.size() + closing >= opts.max_clients; }
     // Accept clients while there is room. A full server leaves them in the system's backlog.
     void resume()
     {
-        if (fd == -1 || retry || pairs.size() >= opts.max_clients)
+        if (fd == -1 || retry || full())
             return;
         const status watched = loop::watch(fd, [self = shared_from_this()] { self->ready(); });
         if (!watched && watched.error() != std::errc::file_exists)
@@ -1528,14 +1471,14 @@ struct server_state : std::enable_shared_from_this<server_state> {
     }
     void ready()
     {
-        for (int count = 0; count < served_per_turn && pairs.size() < opts.max_clients; count++) {
+        for (int count = 0; count < served_per_turn && !full(); count++) {
             const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (accepted < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
                 return;
             if (accepted < 0 || !add(accepted))
                 return pause();
         }
-        if (pairs.size() >= opts.max_clients)
+        if (full())
             loop::unwatch(fd);
     }
     // Without descriptors or memory, try again after a while.
@@ -1556,12 +1499,15 @@ struct server_state : std::enable_shared_from_this<server_state> {
     const options opts;
     const std::shared_ptr<bool> alive = std::make_shared<bool>(true);
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
+    std::size_t closing = 0;                    // connections that still send their last bytes
     int fd = -1;
     timer retry; // accepting is paused until it fires
     std::uint16_t port = 0;
-    callback<void(peer)> on_login, on_drained;
-    callback<void(peer, reason)> on_logout;
-    callback<void(request)> on_request;
+    struct {
+        callback<void(peer)> login, drained;
+        callback<void(peer, reason)> logout;
+        callback<void(tolvane::request)> request;
+    } on; // cleared by ~server
 };
 
 // The server's end of one connection.
@@ -1571,13 +1517,11 @@ struct pair final : link {
     {
         established = true;
     }
-    void arrived(request received) override
-    {
-        server->on_request(std::move(received));
-    }
+    void arrived(request received) override { server->on.request(std::move(received)); }
     void drained() override
     {
-        server->on_drained(peer(shared_from_this()));
+        if (id != -1)
+            server->on.drained(peer(shared_from_this()));
     }
     void session(int type, std::string &message) override
     {
@@ -1608,7 +1552,7 @@ struct pair final : link {
             pipelined = true;
             pump();
         }
-        server->on_login(peer(shared_from_this()));
+        server->on.login(peer(shared_from_this()));
     }
     void end(reason why, std::string, bool now) override
     {
@@ -1618,10 +1562,15 @@ struct pair final : link {
         if (id == -1)
             return;
         server->pairs.erase(id);
-        if (why == reason::closed || why == reason::replaced)
-            leave();
-        else
+        if (why == reason::closed || why == reason::replaced) {
+            server->closing++;
+            leave([owner = server] {
+                owner->closing--;
+                owner->resume();
+            });
+        } else {
             shut();
+        }
         server->resume();
         lose(false, now);
         // The data may hold handles and requests of this link: release it even if nobody is called.
@@ -1631,7 +1580,7 @@ struct pair final : link {
     void announce(reason why)
     {
         if (*alive && !url.empty() && !std::exchange(announced, true))
-            server->on_logout(peer(shared_from_this()), why);
+            server->on.logout(peer(shared_from_this()), why);
     }
     bool announced = false;
     const std::shared_ptr<server_state> server;
@@ -1671,6 +1620,7 @@ public:
     {
         *state->alive = false;
         stop();
+        const auto released = std::exchange(state->on, {}); // may hold handles of this server
     }
     server(server &&) = delete;
 
@@ -1699,10 +1649,7 @@ public:
         return {};
     }
     /* The port it listens on, or 0. */
-    std::uint16_t port() const
-    {
-        return state->port;
-    }
+    std::uint16_t port() const { return state->port; }
     /* Stop listening and close all peers, as peer::close() does. listen() may follow. */
     void stop()
     {
@@ -1741,28 +1688,19 @@ public:
         return count;
     }
     /* Set what runs when a client has logged in, or has taken another name. */
-    void on_login(callback<void(peer)> handler)
-    {
-        state->on_login = std::move(handler);
-    }
+    void on_login(callback<void(peer)> handler) { state->on.login = std::move(handler); }
     /* Set what runs when a client that had logged in goes, for whatever reason. Its handle is false
      * by then; url() and data() still work. After reason::replaced the handle is true until the
      * handler returns, and what it tells the older client is still sent. */
-    void on_logout(callback<void(peer, reason)> handler)
-    {
-        state->on_logout = std::move(handler);
-    }
+    void on_logout(callback<void(peer, reason)> handler) { state->on.logout = std::move(handler); }
     /* Set what runs when a peer's queue is empty again, after it was full or the system had not
      * taken all of it at once. */
-    void on_drained(callback<void(peer)> handler)
-    {
-        state->on_drained = std::move(handler);
-    }
+    void on_drained(callback<void(peer)> handler) { state->on.drained = std::move(handler); }
     /* Set what runs with each request of a client, one that has not logged in included. Without
      * one, requests are declined. */
     void on_request(callback<void(tolvane::request)> handler)
     {
-        state->on_request = std::move(handler);
+        state->on.request = std::move(handler);
     }
 
 private:

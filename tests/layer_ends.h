@@ -40,16 +40,20 @@ template <class Condition> bool until(tolvane::loop &loop, Condition holds)
 
 // ---- a connection, byte by byte
 
+inline text frame(const text &body)
+{
+    const uint32_t size = htonl(static_cast<uint32_t>(body.size()));
+    text header("TCP_WATER_MARK");
+    header.resize(32);
+    return header.append(reinterpret_cast<const char *>(&size), sizeof(size)) + body;
+}
+
 // A message of the client raw; ~ stands for 0x00.
 inline text message(int number, const text &tag, text payload)
 {
     std::replace(payload.begin(), payload.end(), '~', '\0');
-    const text body = std::to_string(number) + "\nvelun_tolvane_" + tag +
-                      "\ntcp://raw:1\nvelun_tolvane_payload\n" + payload;
-    const uint32_t size = htonl(static_cast<uint32_t>(body.size()));
-    text frame("TCP_WATER_MARK");
-    frame.resize(32);
-    return frame.append(reinterpret_cast<const char *>(&size), sizeof(size)) + body;
+    return frame(std::to_string(number) + "\nvelun_tolvane_" + tag +
+                 "\ntcp://raw:1\nvelun_tolvane_payload\n" + payload);
 }
 
 inline const text login = message(0, "login", "tcp://raw:1~");
@@ -60,9 +64,7 @@ struct raw {
     int fd;
     text heard = {};
 
-    explicit raw(int fd) : fd(fd)
-    {
-    }
+    explicit raw(int fd) : fd(fd) {}
     ~raw() // with something unread it is a reset
     {
         close(fd);
@@ -79,10 +81,7 @@ struct raw {
             heard.append(bytes, static_cast<size_t>(got));
         return got == 0 || errno != EAGAIN;
     }
-    bool hears(const text &bytes)
-    {
-        return (ended(), heard.find(bytes) != text::npos);
-    }
+    bool hears(const text &bytes) { return (ended(), heard.find(bytes) != text::npos); }
 };
 
 inline int connect_to(int port)

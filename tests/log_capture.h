@@ -21,10 +21,7 @@ using Texts = std::vector<std::string>;
 #define EXPECT_LOG(...) EXPECT_EQ(log.take(), (Texts __VA_ARGS__))
 
 struct LogCapture {
-    LogCapture() : stream(open_memstream(&text, &size))
-    {
-        tv_set_log_fd(stream);
-    }
+    LogCapture() : stream(open_memstream(&text, &size)) { tv_set_log_fd(stream); }
     ~LogCapture()
     {
         tv_set_log_fd(nullptr);

@@ -21,10 +21,7 @@
         << #__VA_ARGS__ << ", notes: " << testing::PrintToString(notes)
 
 struct Layer : testing::Test {
-    Layer()
-    {
-        notes.clear();
-    }
+    Layer() { notes.clear(); }
     tolvane::loop loop;
 };
 
@@ -35,7 +32,7 @@ TEST_F(Layer, NeverTakesALateReplyForAnotherOne)
     noting_client client(loop, port_of(listener.fd), "client", {10s});
     raw server(-1);
     AWAIT((server.fd = tcp_impl_accept_socket(listener.fd)) >= 0);
-    server.send(acknowledgement);
+    server.send(frame("0\nvelun_tolvane_request\n") + acknowledgement); // the first one is ignored
     AWAIT(noted("client connected"));
     client.request("one", 50ms, note);
     client.request("two", 10s, note);
@@ -83,6 +80,13 @@ TEST_F(Layer, RefusesWhatCannotWorkAndSaysWhy)
         AWAIT(noted("server hears " + longest) && noted("refused") == 2 - pipelined);
         AWAIT(noted("replied server:" + tag) == pipelined);
     }
+    tolvane::peer stale; // a handle that a client's callback got
+    {
+        noting_client client(loop, server.port(), "client");
+        client.on_request([&](tolvane::request request) { stale = request.from(); });
+        AWAIT(server.broadcast("x") > 0 && stale);
+    }
+    EXPECT_EQ(stale.tell("x").error(), std::errc::not_connected);
     server.stop();
     EXPECT_EQ(server.listen("localhost", 0).error(), std::errc::invalid_argument);
     const raw other(listen_here());
@@ -116,6 +120,25 @@ TEST_F(Layer, LeavesClientsInTheBacklogAndTellsFullFromNever)
     slow.reset();
     AWAIT(noted("tcp://next:1"));
     EXPECT_FALSE(peer);
+}
+
+// A queue may be full of what waits for its turn. That says nothing about the other end.
+TEST_F(Layer, KeepsALinkThatIsFullOfWaitingRequests)
+{
+    tolvane::options little{20ms};
+    little.max_queued = 1000;
+    little.pipelined = false;
+    noting_server server(loop, little);
+    noting_client client(loop, server.port(), "client", little);
+    EXPECT_TRUE(client.tell(text(2000, 'x'))); // before the login is sent
+    AWAIT(noted("client connected"));
+    std::vector<tolvane::request> kept;
+    server.on_request([&](tolvane::request request) { kept.push_back(std::move(request)); });
+    client.request("slow", 20s, note);
+    client.request(text(2000, 'x'), 20s, note);
+    const auto end = tolvane::timer::once(200ms, [] { notes.push_back("10 heartbeats later"); });
+    AWAIT(noted("10 heartbeats later"));
+    EXPECT_EQ(noted("client lost"), 0);
 }
 
 // ---- the loop
@@ -188,10 +211,7 @@ struct owner {
 struct ticket {
     owner &of;
     bool used = false;
-    ~ticket()
-    {
-        of.dropped += !used;
-    }
+    ~ticket() { of.dropped += !used; }
 };
 
 // Three clients, two of one name, and a server do anything at any time, in all callbacks. A client or
@@ -209,17 +229,14 @@ struct application {
     std::list<raw> strangers = {};
     const raw listener{listen_here()};
 
-    size_t draw(size_t below)
+    size_t draw(size_t below) { return random() % below; }
+    text payload() { return text(draw(4) == 0 ? 60000 : draw(50), 'x'); }
+    auto acting(const owner *of = nullptr) // a callback, of a client or a server that exists
     {
-        return random() % below;
-    }
-    text payload()
-    {
-        return text(draw(4) == 0 ? 60000 : draw(50), 'x');
-    }
-    auto acting()
-    {
-        return [this](auto &&...) { act(); };
+        return [this, of](auto &&...) {
+            REQUIRE(of == nullptr || !of->gone);
+            act();
+        };
     }
     template <class End> void request_by(End &end, owner *by)
     {
@@ -236,8 +253,9 @@ struct application {
         if (owner_of[i] != nullptr)
             owner_of[i]->gone = true;
         owner_of[i] = &owners.emplace_back();
-        end.on_drained(acting());
-        end.on_request([this](tolvane::request request) {
+        end.on_drained(acting(owner_of[i]));
+        end.on_request([this, of = owner_of[i]](tolvane::request request) {
+            REQUIRE(!of->gone);
             const size_t way = draw(4); // the last one destroys it
             if (way == 0)
                 kept.push_back(std::move(request));
@@ -248,13 +266,19 @@ struct application {
             act();
         });
     }
+    static tolvane::options settings(bool pipelined)
+    {
+        tolvane::options options = quick(pipelined);
+        options.max_queued = 100000; // now and then it is full
+        return options;
+    }
     void make_server()
     {
         server.reset();
-        server = std::make_unique<tolvane::server>(loop, quick());
+        server = std::make_unique<tolvane::server>(loop, settings(true));
         serve_by(*server, 3);
-        server->on_login(acting());
-        server->on_logout(acting());
+        server->on_login(acting(owner_of[3]));
+        server->on_logout(acting(owner_of[3]));
         (void)server->listen("127.0.0.1", 0);
     }
     void make_client(size_t i)
@@ -262,10 +286,10 @@ struct application {
         const uint16_t port = draw(4) == 0 ? port_of(listener.fd) : server->port();
         clients[i] = std::make_unique<tolvane::client>(loop, tolvane::endpoint{"127.0.0.1", port},
                                                        tolvane::endpoint{i == 0 ? "a" : "b", 1},
-                                                       quick(draw(2) == 0));
+                                                       settings(draw(2) == 0));
         serve_by(*clients[i], i);
-        clients[i]->on_connected(acting());
-        clients[i]->on_lost(acting());
+        clients[i]->on_connected(acting(owner_of[i]));
+        clients[i]->on_lost(acting(owner_of[i]));
         (void)clients[i]->connect();
     }
     void act_once()
@@ -280,7 +304,7 @@ struct application {
             [&] { client.disconnect(); },
             [&] { (void)client.connect(); },
             [&] { (void)client.tell(payload()); },
-            [&] { client.on_lost(acting()); },
+            [&] { client.on_lost(acting(owner_of[i])); },
             [&] { make_server(); },
             [&] { server->stop(); },
             [&] { (void)server->listen("127.0.0.1", 0); },

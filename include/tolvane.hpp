@@ -53,7 +53,9 @@
 #include <memory>
 #include <mutex>
 #include <netinet/tcp.h>
+#include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <string_view>
 #include <sys/epoll.h>
@@ -74,21 +76,30 @@ using std::chrono::milliseconds;
 /* The longest request or reply in bytes. It fits one message whatever the link and the URL. */
 constexpr std::size_t max_payload = 65398;
 
-/* A callable of any kind, move-only ones included; copies share it. An empty one does nothing.
- * A callback that is destroyed or replaced while it runs lives on until it returns. */
+/* A callable of any kind; copies share it. An empty one does nothing. The callable may be move-only,
+ * such as a lambda that holds a request: move it in. A callback that is destroyed or replaced while
+ * it runs lives on until it returns. */
 template <class Signature> class callback;
 template <class... Args> class callback<void(Args...)>
 {
 public:
     callback(std::nullptr_t = nullptr) {}
-    template <class F, class = std::enable_if_t<!std::is_same_v<std::decay_t<F>, callback> &&
-                                                std::is_invocable_v<std::decay_t<F> &, Args...>>>
+    template <class F, class Target = std::decay_t<F>,
+              class = std::enable_if_t<!std::is_same_v<Target, callback> &&
+                                       std::is_invocable_v<Target &, Args...>>>
     callback(F &&function)
-        : target(std::make_shared<std::decay_t<F>>(std::forward<F>(function))),
-          invoke([](void *object, Args... args) {
-              (*static_cast<std::decay_t<F> *>(object))(std::forward<Args>(args)...);
-          })
     {
+        auto made = std::make_shared<Target>(std::forward<F>(function));
+        // A pointer, a std::function and another callback may be empty.
+        if constexpr (std::is_pointer_v<Target> || (std::is_constructible_v<bool, Target &> &&
+                                                    !std::is_convertible_v<Target &, bool>)) {
+            if (!*made)
+                return;
+        }
+        target = std::move(made);
+        invoke = [](void *object, Args... args) {
+            (*static_cast<Target *>(object))(std::forward<Args>(args)...);
+        };
     }
     explicit operator bool() const { return target != nullptr; }
     void operator()(Args... args) const noexcept
@@ -104,7 +115,8 @@ private:
 
 /* How an operation went: true, or a code and a text that say why it was refused. A refused
  * operation has changed nothing. full() is true when the queue has no room now: try again after
- * on_drained. Any other refusal is final. what() is valid for ever. */
+ * on_drained. Any other refusal is final. what() is valid for ever. A refused message is lost
+ * without a trace, so check every status; cast it to void where the loss does not matter. */
 class [[nodiscard]] status
 {
 public:
@@ -187,9 +199,13 @@ constexpr std::string_view reserved_text =
     "velun_tolvane_"; // what the type of a message begins with
 constexpr std::string_view pipelined_offer{"pipelined\0", 10};
 
-inline std::string error_text(int error)
+// A refusal with the system's reason, errno; the text stays valid.
+inline status system_refusal(const char *what)
 {
-    return std::generic_category().message(error);
+    static std::set<std::string> texts;
+    const int error = errno;
+    const auto text = texts.insert(what + std::string(": ") + std::strerror(error)).first;
+    return {std::errc(error), text->c_str()};
 }
 
 inline bool try_later(int error)
@@ -202,7 +218,15 @@ inline int to_ms(milliseconds time)
     return static_cast<int>(std::clamp<milliseconds::rep>(time.count(), 1, INT_MAX));
 }
 
-struct farewell;
+// A received message, whose payload is at its end.
+struct message {
+    std::string bytes;
+    std::size_t start = 0;
+
+    std::string_view payload() const { return {bytes.data() + start, bytes.size() - start}; }
+};
+
+struct closing_socket;
 struct link;
 struct pair;
 struct client_state;
@@ -250,7 +274,7 @@ public:
     bool run_once(milliseconds limit)
     {
         depth++;
-        send_all();
+        flush_links();
         const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
         const bool waited = count >= 0 || errno == EINTR;
         if (waited)
@@ -272,7 +296,7 @@ public:
         event.data.u64 = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
         const bool refused = epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0;
         if (refused && errno != EPERM)
-            return {std::errc(errno), "the descriptor cannot be watched"};
+            return detail::system_refusal("the descriptor cannot be watched");
         if (refused)
             always.push_back(event);
         watched[fd] = {event, std::move(ready)};
@@ -315,7 +339,7 @@ public:
 
 private:
     friend class timer;
-    friend struct detail::farewell;
+    friend struct detail::closing_socket;
     friend struct detail::link;
     struct watched_fd {
         epoll_event event; // with the descriptor and a number that no other registration has
@@ -344,7 +368,7 @@ private:
         const auto dropped = std::exchange(posted, {}); // destructors may call back
         lock.unlock();
         const auto released = std::exchange(watched, {});
-        const auto unflushed = std::exchange(unsent, {});
+        const auto unflushed = std::exchange(to_flush, {});
         always.clear();
         round++;
     }
@@ -389,7 +413,7 @@ private:
             serve(*event);
         run_posted();
         ruvo_fire_timer();
-        send_all();
+        flush_links();
     }
     // A descriptor whose registration has ended since its event was reported is not found, also
     // when its number is in use again.
@@ -410,11 +434,11 @@ private:
             lock.lock();
         }
     }
-    static void send_all()
+    static void flush_links()
     {
-        while (!unsent.empty()) {
-            const auto task = std::move(unsent.front());
-            unsent.pop_front();
+        while (!to_flush.empty()) {
+            const auto task = std::move(to_flush.front());
+            to_flush.pop_front();
             task();
         }
     }
@@ -427,7 +451,7 @@ private:
         when.it_value.tv_sec = std::max(due, 0) / 1000;
         when.it_value.tv_nsec = due < 0 ? 0 : std::max(due % 1000 * 1000000L, 1L);
         timerfd_settime(alarm, 0, &when, nullptr);
-        if (busy() || !unsent.empty())
+        if (busy() || !to_flush.empty())
             eventfd_write(wakeup, 1);
     }
 
@@ -436,16 +460,16 @@ private:
     static inline unsigned depth = 0, round = 0, generation = 0;
     static inline detail::clock::time_point now;
     static inline std::unordered_map<int, watched_fd> watched;
-    static inline std::vector<epoll_event> events;             // of the round in progress
-    static inline std::vector<epoll_event> always;             // files, which epoll refuses
-    static inline std::deque<callback<void()>> unsent, posted; // unsent: links to flush
-    static inline std::mutex guard;                            // of posted, epoll and wakeup
-    static inline char received[detail::flush_size];           // what a link has just read
+    static inline std::vector<epoll_event> events;               // of the round in progress
+    static inline std::vector<epoll_event> always;               // files, which epoll refuses
+    static inline std::deque<callback<void()>> to_flush, posted; // to_flush: links
+    static inline std::mutex guard;                              // of posted, epoll and wakeup
+    static inline char received[detail::flush_size];             // what a link has just read
 };
 
 // ---- timer ---------------------------------------------------------------------------------
 
-/* Runs a callback later; move-only. The destructor stops it, so keep it as long as it shall run. */
+/* Runs a callback later; move-only. The destructor stops it: keep the object. */
 class timer
 {
 public:
@@ -504,23 +528,23 @@ private:
 class response
 {
 public:
-    response(tolvane::outcome what, tolvane::status why, std::string message = {},
-             std::size_t offset = 0)
-        : result(what), cause(why), body(std::move(message)), start(offset)
+    /* For the layer itself, and for tests of handlers. */
+    response(tolvane::outcome what, tolvane::status why, detail::message reply = {})
+        : result(what), cause(why), body(std::move(reply))
     {
     }
+    /* What became of the request. */
     tolvane::outcome outcome() const { return result; }
     /* Success after a reply; else why there is none, above all why a request was refused. */
     tolvane::status status() const { return cause; }
     /* The reply, or nothing; never null, followed by a 0x00, valid as long as the response. */
-    std::string_view payload() const { return {body.data() + start, body.size() - start}; }
+    std::string_view payload() const { return body.payload(); }
     explicit operator bool() const { return result == tolvane::outcome::replied; }
 
 private:
     tolvane::outcome result;
     tolvane::status cause;
-    std::string body; // the message as received, with the payload at its end
-    std::size_t start;
+    detail::message body;
 };
 
 namespace detail
@@ -546,14 +570,17 @@ struct buffer {
 struct mark {
     static constexpr std::size_t size = 10;
 
-    bool read(std::string_view payload)
+    static std::optional<mark> read(std::string_view payload)
     {
+        mark found;
         if (payload.size() < size || payload[size - 1] != '\0')
-            return false;
-        kind = payload[0];
+            return std::nullopt;
+        found.kind = payload[0];
         const char *end = payload.data() + size - 1;
-        return std::from_chars(payload.data() + 1, end, id, 16).ptr == end &&
-               std::string_view("?=!-").find(kind) != std::string_view::npos;
+        if (std::from_chars(payload.data() + 1, end, found.id, 16).ptr != end ||
+            std::string_view("?=!-").find(found.kind) == std::string_view::npos)
+            return std::nullopt;
+        return found;
     }
     void append_to(std::string &out) const
     {
@@ -562,27 +589,27 @@ struct mark {
             out += "0123456789abcdef"[id >> shift & 15];
         out += '\0';
     }
-    char kind = 'p'; // '?' request, '=' reply, '!' one-way, '-' declined; 'p' plain: no mark
+    char kind = '?'; // '?' request, '=' reply, '!' one-way, '-' declined
     std::uint32_t id = 0;
 };
 
 // Sends what a closed link still had queued, waits for the other end to close, and closes the
 // descriptor. Closing it at once would reset the connection if anything arrived meanwhile, and the
 // other end could lose what it has not read.
-struct farewell {
-    farewell(int descriptor, buffer unsent, const options &opts, callback<void()> when_done)
+struct closing_socket {
+    closing_socket(int descriptor, buffer unsent, const options &opts, callback<void()> when_closed)
         : fd(descriptor), out(std::move(unsent)), still_read(opts.max_queued),
-          done(std::move(when_done)),
+          closed(std::move(when_closed)),
           limit(timer::once(opts.connect_timeout, [this] { loop::unwatch(fd); }))
     {
     }
-    ~farewell()
+    ~closing_socket()
     {
-        // Read once more: closing resets the connection if something is unread.
-        (void)!recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
+        read(); // what is unread would reset the connection
         close(fd);
-        done();
+        closed();
     }
+    ssize_t read() const { return recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT); }
     void ready()
     {
         const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -592,7 +619,7 @@ struct farewell {
             out = buffer();
         if (out.size() == 0)
             shutdown(fd, SHUT_WR);
-        const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
+        const auto got = read();
         const bool broken = got < 0 && !try_later(errno);
         still_read -= std::min(still_read, std::size_t(std::max<ssize_t>(got, 0)));
         if (broken || still_read == 0 || (got == 0 && out.size() == 0))
@@ -603,7 +630,7 @@ struct farewell {
     int fd;
     buffer out;
     std::size_t still_read; // bytes to take from a peer that goes on sending
-    callback<void()> done;
+    callback<void()> closed;
     timer limit;
 };
 
@@ -614,17 +641,17 @@ struct connection {
     int fd = -1;
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // the system would not take all of the output
+    bool flush_due = false;                      // the loop has a task that flushes
+    bool service_due = false;                    // the loop has a task that serves
     buffer in, out;
-    int send_error = 0;             // nothing is sent any more
-    std::string failure;            // why it has ended; what was received before is served first
-    std::uint32_t waiting_for = 0;  // plain link: the request that was sent, perhaps timed out
-    bool serving = false;           // plain link: a received request is not answered yet
-    std::list<std::string> backlog; // and these messages wait behind it
+    int send_error = 0;            // nothing is sent any more
+    std::string failure;           // why it ends, once what was received before is served
+    std::uint32_t waiting_for = 0; // plain link: the request that was sent, perhaps timed out
+    bool serving = false;          // plain link: a received request is not answered yet
+    std::list<message> backlog;    // and these wait behind it
     std::size_t backlog_size = 0;
     timer heartbeat, overdue;
-    int missed = 0;           // heartbeats without an answer
-    bool flush_later = false; // the loop is to flush it
-    bool serve_again = false; // the loop is to serve it without waiting for input
+    int missed = 0; // heartbeats without an answer
     clock::time_point heard = clock::now();
 };
 
@@ -638,25 +665,25 @@ struct link : connection, std::enable_shared_from_this<link> {
         callback<void(response)> handler;
         timer limit;
     };
-    struct unsent_request {
+    struct held_request {
         std::uint32_t id; // 0: one-way
         std::string text;
     };
 
-    link(const options &settings, std::shared_ptr<bool> exists, bool many_connections)
-        : opts(settings), alive(std::move(exists)), reconnects(many_connections)
+    link(const options &settings, bool many_connections)
+        : opts(settings), reconnects(many_connections)
     {
+        opts.heartbeat = std::min(opts.heartbeat, milliseconds(INT_MAX)); // can be added to a time
     }
     virtual ~link() = default;
 
-    // What clients and servers do differently.
-    virtual void end(reason why, std::string text, bool now) = 0;
+    // What clients and servers do differently. end() closes the connection; callbacks that report it
+    // are posted.
+    virtual void end(reason why, const std::string &text) = 0;
     virtual void arrived(request received) = 0;
     virtual void drained() = 0;
-    virtual void session(int type, std::string &message) = 0; // login and what belongs to it
-    virtual void accepted_pipelined()                         // a server has read a client's offer
-    {
-    }
+    virtual void session(int type, const message &received) = 0; // login and what belongs to it
+    virtual void accepted_pipelined() {} // a server accepts a client's offer
 
     // ---- the connection
 
@@ -671,47 +698,43 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         return loop::watch(fd, [self = shared_from_this()] { self->ready(); });
     }
-    // Close the connection at once.
-    void shut()
+    void close_now()
     {
         loop::unwatch(fd);
         tv_close_channel(id);
         static_cast<connection &>(*this) = connection();
     }
-    // Close the connection, but let what is queued go out first.
-    void leave(callback<void()> done = nullptr)
+    void close_when_sent(callback<void()> closed = nullptr)
     {
         write_out();
         const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
-        const auto last = std::make_shared<farewell>(copy, std::move(out), opts, std::move(done));
-        shut();
+        const auto last =
+            std::make_shared<closing_socket>(copy, std::move(out), opts, std::move(closed));
+        close_now();
         const auto ready = [last] { last->ready(); };
         (void)loop::watch(copy, ready, EPOLLIN | EPOLLOUT); // refused: nothing is sent any more
     }
-    // Run a task now, inside the loop, or in its next round, when the application is the caller.
-    template <class Task> void settle(bool now, Task task)
+    // Report a request's outcome in the loop, never from inside the application's call.
+    void post_result(callback<void(response)> handler, outcome what, status why)
     {
-        if (now)
-            task();
-        else
-            loop::post(std::move(task));
+        loop::post([exists = alive, handler = std::move(handler), what, why] {
+            if (*exists)
+                handler({what, why});
+        });
     }
-    // Give up the requests under way, in their order. Those not sent yet may wait on.
-    void lose(bool keep_unsent, bool now)
+    // Report the requests under way as lost, in their order; with keep_held, only those sent.
+    void fail_calls(bool keep_held)
     {
         auto lost = std::exchange(calls, {});
-        if (!keep_unsent) {
-            waiting.clear();
-            waiting_size = 0;
+        if (!keep_held) {
+            held.clear();
+            held_size = 0;
         }
-        for (const auto &unsent : waiting)
-            calls.insert(lost.extract(unsent.id));
-        for (auto &entry : lost) {
-            settle(now, [exists = alive, handler = std::move(entry.second.handler)] {
-                if (*exists)
-                    handler({outcome::lost, {std::errc::connection_reset, "the link was lost"}});
-            });
-        }
+        for (const auto &kept : held)
+            calls.insert(lost.extract(kept.id));
+        for (auto &entry : lost)
+            post_result(std::move(entry.second.handler), outcome::lost,
+                        {std::errc::connection_reset, "the link was lost"});
     }
     void supervise(milliseconds wait)
     {
@@ -725,13 +748,12 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void heartbeat_due()
     {
-        const auto keep = shared_from_this();
         const auto due = heard + opts.heartbeat * (missed + 1);
         const auto early = std::chrono::ceil<milliseconds>(due - clock::now());
         if (early.count() > 0)
             return supervise(early); // something has been received meanwhile
         if (++missed > opts.missed_heartbeats)
-            return end(reason::silent, "heartbeats were not answered", true);
+            return end(reason::silent, "heartbeats were not answered");
         channel->hbSequence++;
         append_heartbeat(c::build_heartbeat_msg);
         supervise(opts.heartbeat);
@@ -739,8 +761,8 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     // ---- output
 
-    std::size_t queued() const { return out.size() + waiting_size; }
-    // The other end does not read what is sent. Requests that wait for their turn do not count.
+    std::size_t queued() const { return out.size() + held_size; }
+    // The other end does not read what is sent. Requests held for their turn do not count.
     bool choked() const { return out.size() >= opts.max_queued; }
     status check(std::string_view text, bool plain)
     {
@@ -754,21 +776,21 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (queued() < opts.max_queued)
             return {};
         stalled = true;
-        touch();
+        flush_later();
         return {std::errc::no_buffer_space, "the queue is full, try again later"};
     }
     // Have the loop flush this link before it waits.
-    void touch()
+    void flush_later()
     {
-        if (flush_later || loop::epoll < 0)
+        if (flush_due || loop::epoll < 0)
             return;
-        flush_later = true;
-        loop::unsent.push_back([self = shared_from_this()] { self->flush(); });
+        flush_due = true;
+        loop::to_flush.push_back([self = shared_from_this()] { self->flush(); });
         loop::work_added();
     }
     void flush()
     {
-        flush_later = false;
+        flush_due = false;
         write_out();
         if (writing != (out.size() > 0)) {
             writing = !writing;
@@ -799,32 +821,32 @@ struct link : connection, std::enable_shared_from_this<link> {
         shutdown(fd, SHUT_RDWR);
     }
     // Queue one frame: a message without its payload, a mark, and the payload.
-    void append(const char *head, int head_size, std::string_view text, const mark &with = {})
+    void append(const char *head, int head_size, std::string_view text,
+                std::optional<mark> with = std::nullopt)
     {
-        const std::size_t mark_size = with.kind != 'p' ? mark::size : 0;
-        const std::uint32_t size =
-            htonl(std::uint32_t(std::size_t(head_size) + mark_size + text.size()));
+        const std::size_t length = std::size_t(head_size) + (with ? mark::size : 0) + text.size();
+        const std::uint32_t size = htonl(std::uint32_t(length));
         if (out.bytes.empty())
             out.bytes.reserve(256 + text.size());
         out.bytes.append(watermark);
         out.bytes.append(reinterpret_cast<const char *>(&size), sizeof(size));
         out.bytes.append(head, std::size_t(head_size));
-        if (mark_size > 0)
-            with.append_to(out.bytes);
+        if (with)
+            with->append_to(out.bytes);
         out.bytes.append(text);
         if (out.size() >= flush_size && !writing)
             write_out();
-        touch();
+        flush_later();
     }
-    void append_request(std::string_view text, const mark &with = {})
+    void append_request(std::string_view text, std::optional<mark> with)
     {
         append(channel->msgBuf, c::pack_outgoing_rqst(channel, "", 0), text, with);
     }
     void append_heartbeat(int (*build)(tv_channel *, char *, int))
     {
-        char message[512];
-        if (!choked()) // else the other end does not read, and would not see it
-            append(message, build(channel, message, sizeof(message)), {});
+        char head[512];
+        if (!choked()) // else it would not be seen, and only fill the memory
+            append(head, build(channel, head, sizeof(head)), {});
     }
     bool may_send(std::uint32_t call_id) const
     {
@@ -832,24 +854,26 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void transmit(std::uint32_t call_id, std::string_view text)
     {
-        if (!pipelined && call_id != 0)
+        if (pipelined)
+            return append_request(text, mark{call_id != 0 ? '?' : '!', call_id});
+        if (call_id != 0)
             waiting_for = call_id;
-        append_request(text, {pipelined ? (call_id != 0 ? '?' : '!') : 'p', call_id});
+        append_request(text, std::nullopt);
     }
     void submit(std::uint32_t call_id, std::string_view text)
     {
-        if (waiting.empty() && may_send(call_id))
+        if (held.empty() && may_send(call_id))
             return transmit(call_id, text);
-        waiting.push_back({call_id, std::string(text)});
-        waiting_size += text.size();
+        held.push_back({call_id, std::string(text)});
+        held_size += text.size();
     }
-    // Send what waits and may go now.
-    void pump()
+    // Send what was held and may go now.
+    void send_held()
     {
-        while (!waiting.empty() && may_send(waiting.front().id)) {
-            const auto next = std::move(waiting.front());
-            waiting.pop_front();
-            waiting_size -= next.text.size();
+        while (!held.empty() && may_send(held.front().id)) {
+            const auto next = std::move(held.front());
+            held.pop_front();
+            held_size -= next.text.size();
             transmit(next.id, next.text);
         }
     }
@@ -870,41 +894,26 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (result && !limit)
             result = {std::errc::not_enough_memory, "no memory for the timeout"};
         if (!result)
-            return settle(false, [exists = alive, handler = std::move(handler), result] {
-                if (*exists)
-                    handler({outcome::refused, result});
-            });
+            return post_result(std::move(handler), outcome::refused, result);
         calls[last_id] = {std::move(handler), std::move(limit)};
         submit(last_id, text);
     }
-    status reply(int connection_id, mark to, std::string_view text)
+    // Reply to a request ('='), or decline it ('-').
+    status answer(int connection_id, std::optional<mark> to, char kind, std::string_view text)
     {
         if (connection_id != id || id == -1)
             return {std::errc::not_connected, "the link of the request is closed"};
-        const status result = check(text, to.kind == 'p');
-        if (result && to.kind == 'p')
+        const status result = kind == '=' ? check(text, !to) : status();
+        if (!result)
+            return result;
+        if (to && (kind == '=' || !choked()))
+            append_request(text, mark{kind, to->id});
+        else if (kind == '=')
             append(channel->msgBuf, c::pack_outgoing_resp(channel, "", 0), text);
-        else if (result)
-            append_request(text, {'=', to.id});
-        if (result)
-            served(to);
-        return result;
-    }
-    void decline(int connection_id, mark to)
-    {
-        if (connection_id != id || id == -1)
-            return;
-        if (to.kind != 'p' && !choked())
-            append_request({}, {'-', to.id});
-        served(to);
-    }
-    // A plain link's request needs no service any more. The next one gets it in the loop.
-    void served(mark to)
-    {
-        if (to.kind == 'p')
-            serving = false;
+        serving = serving && to;
         if (!backlog.empty())
             serve_later();
+        return result;
     }
 
     // ---- input
@@ -929,13 +938,12 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (got > 0)
             in.bytes.append(loop::received, std::size_t(got));
         else if (got == 0)
-            failure = send_error == 0 ? "the other end closed the link" : error_text(send_error);
+            failure = send_error == 0 ? "the other end closed the link" : std::strerror(send_error);
         else if (!try_later(errno))
-            failure = error_text(errno);
+            failure = std::strerror(errno);
     }
     void ready()
     {
-        const auto keep = shared_from_this();
         const int current = id;
         if (writing)
             flush();
@@ -948,18 +956,18 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (pending())
             serve_later();
         else if (next_frame() < 0 || backlog_size > opts.max_queued)
-            end(reason::lost, "the other end broke the protocol", true);
+            end(reason::lost, "the other end broke the protocol");
         else if (!failure.empty())
-            end(reason::lost, failure, true);
+            end(reason::lost, failure);
     }
     void serve_later()
     {
-        if (std::exchange(serve_again, true))
+        if (std::exchange(service_due, true))
             return;
         loop::post([self = shared_from_this(), current = id] {
             if (self->id != current || current == -1)
                 return;
-            self->serve_again = false;
+            self->service_due = false;
             self->ready();
         });
     }
@@ -968,67 +976,66 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (!serving && !backlog.empty()) {
             auto next = std::move(backlog.front());
             backlog.pop_front();
-            backlog_size -= next.size();
-            return handle(std::move(next));
+            backlog_size -= next.bytes.size();
+            return deliver(std::nullopt, std::move(next));
         }
         const auto size = std::size_t(next_frame());
-        std::string body(in.data() + frame_header, size);
+        message next{std::string(in.data() + frame_header, size)};
         in.consume(frame_header + size);
-        if (c::tv_msg_received(channel, c::get_msg_sequence(body.data())) != 0)
+        if (c::tv_msg_received(channel, c::get_msg_sequence(next.bytes.data())) != 0)
             return;
         if (!choked())
             hear(); // a peer that sends, but does not read its replies, is not alive
-        handle(std::move(body));
+        handle(std::move(next));
     }
-    void handle(std::string &&body)
+    void handle(message &&received)
     {
-        const int type = c::get_msg_type(body.data());
-        const bool exchanged = type == TV_MSG_REQUEST || type == TV_MSG_REPLY;
+        const int type = c::get_msg_type(received.bytes.data());
+        const int size = int(received.bytes.size());
         int length = 0;
-        const bool complete =
-            exchanged && c::get_msg_payload(body.data(), int(body.size()), &length) != nullptr;
-        const std::size_t start = body.size() - std::size_t(length);
+        const bool complete = c::get_msg_payload(received.bytes.data(), size, &length) != nullptr;
+        received.start = std::size_t(size - length);
         if (type == TV_MSG_REQUEST && complete)
-            request_received(std::move(body), start);
-        else if (type == TV_MSG_REQUEST)
-            return; // without a payload it is none
+            request_received(std::move(received));
         else if (type == TV_MSG_REPLY)
-            reply_received(std::move(body), start);
+            reply_received(std::move(received));
         else if (type == TV_MSG_HEARTBEAT)
             append_heartbeat(c::build_heartbeat_ack_msg);
         else
-            session(type, body);
+            session(type, received);
     }
-    void request_received(std::string &&body, std::size_t start)
+    void request_received(message &&received)
     {
-        mark with;
-        const bool marked = (pipelined || (!established && opts.pipelined)) &&
-                            with.read(std::string_view(body).substr(start));
-        if (!marked && serving) {
-            backlog_size += body.size();
-            backlog.push_back(std::move(body));
-        } else if (!marked || with.kind == '?' || with.kind == '!') {
-            deliver(marked ? with : mark(), std::move(body), start + (marked ? mark::size : 0));
-        } else if (with.kind == '-') {
-            finish(with.id, {outcome::declined,
-                             {std::errc::operation_canceled, "the other end declined to reply"}});
-        } else if (with.id == 0) {
+        std::optional<mark> with;
+        if (pipelined || (opts.pipelined && !established))
+            with = mark::read(received.payload());
+        if (with)
+            received.start += mark::size;
+        if (!with && serving) {
+            backlog_size += received.bytes.size();
+            backlog.push_back(std::move(received));
+        } else if (!with || with->kind == '?' || with->kind == '!') {
+            deliver(with, std::move(received));
+        } else if (with->kind == '-') {
+            finish(with->id, {outcome::declined,
+                              {std::errc::operation_canceled, "the other end declined to reply"}});
+        } else if (with->id == 0) {
             accepted_pipelined();
         } else {
-            finish(with.id, {outcome::replied, {}, std::move(body), start + mark::size});
+            finish(with->id, {outcome::replied, {}, std::move(received)});
         }
     }
-    void deliver(mark with, std::string &&body, std::size_t start);
+    void deliver(std::optional<mark> with, message &&received);
     // A reply, also one too late, ends a plain link's wait.
-    void reply_received(std::string &&body, std::size_t start)
+    void reply_received(message &&received)
     {
         if (waiting_for == 0)
             return;
         const int current = id;
         overdue.stop();
-        finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(body), start});
+        finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(received)});
         if (id == current)
-            pump();
+            send_held();
     }
     // Call the handler of a request, unless it has been called.
     void finish(std::uint32_t call_id, response &&result)
@@ -1042,33 +1049,29 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void timed_out(std::uint32_t call_id)
     {
-        const auto keep = shared_from_this();
-        const auto unsent = std::find_if(waiting.begin(), waiting.end(),
-                                         [&](auto &entry) { return entry.id == call_id; });
-        if (unsent != waiting.end()) {
-            waiting_size -= unsent->text.size();
-            waiting.erase(unsent);
-            touch();
+        const auto found = std::find_if(held.begin(), held.end(),
+                                        [&](auto &entry) { return entry.id == call_id; });
+        if (found != held.end()) {
+            held_size -= found->text.size();
+            held.erase(found);
+            flush_later();
         }
-        if (call_id == waiting_for) {
-            overdue = timer::once(opts.late_reply, [this] {
-                const auto late = shared_from_this();
-                end(reason::lost, "a reply is overdue", true);
-            });
-        }
+        if (call_id == waiting_for)
+            overdue =
+                timer::once(opts.late_reply, [this] { end(reason::lost, "a reply is overdue"); });
         finish(call_id, {outcome::timed_out, {std::errc::timed_out, "no reply in time"}});
     }
 
-    const options opts;
-    const std::shared_ptr<bool> alive; // the client or server object still exists
-    const bool reconnects;             // a client's: what is sent without a connection waits
-    bool stalled = false;              // drained() is due
+    options opts;
+    std::shared_ptr<bool> alive = std::make_shared<bool>(true); // the client or server exists
+    const bool reconnects; // a client's: what is sent without a connection is held
+    bool stalled = false;  // drained() is due
     std::map<std::uint32_t, call> calls;
-    std::list<unsent_request> waiting; // for the connection, or for a plain link's turn
-    std::size_t waiting_size = 0;
+    std::list<held_request> held; // until the connection, or a plain link's turn
+    std::size_t held_size = 0;
     std::uint32_t last_id = 0;
     std::string url;            // a server's link: the client's name, empty before its login
-    std::shared_ptr<void> data; // a server's link: the application's
+    std::shared_ptr<void> data; // the application's
     const void *data_type = nullptr;
 };
 
@@ -1092,7 +1095,8 @@ public:
      * The handler of a refused request gets outcome::refused, and response::status() says why. On
      * a plain link the next request after a timeout waits until the late reply has come; when it
      * has not come options::late_reply later, the link is closed. */
-    void request(std::string_view text, milliseconds timeout, callback<void(response)> handler)
+    void request(std::string_view text, milliseconds timeout,
+                 callback<void(response)> handler) const
     {
         if (link != nullptr)
             return link->ask(text, timeout, std::move(handler));
@@ -1101,7 +1105,10 @@ public:
     /* Send a one-way request, which gets no reply. Success means that it is queued: a link that is
      * lost loses what it had queued. Refused: a text that request() would refuse. A program on the
      * C interface must not answer it. */
-    status tell(std::string_view text) { return link != nullptr ? link->tell(text) : nobody(); }
+    status tell(std::string_view text) const
+    {
+        return link != nullptr ? link->tell(text) : nobody();
+    }
     /* The bytes that wait to be sent. */
     std::size_t queued() const { return link != nullptr ? link->queued() : 0; }
 
@@ -1109,7 +1116,7 @@ public:
     explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to)) {}
 
 protected:
-    static status nobody() { return {std::errc::not_connected, "a handle of nobody"}; }
+    static status nobody() { return {std::errc::not_connected, "an empty handle"}; }
     std::shared_ptr<detail::link> link;
 };
 
@@ -1133,10 +1140,10 @@ public:
     void close()
     {
         if (*this)
-            link->end(reason::closed, {}, false);
+            link->end(reason::closed, {});
     }
     /* The application's own data of this client, made by T() on first use and destroyed after
-     * on_logout has returned. Null then, for a handle of nobody, and for a type other than the
+     * on_logout has returned. Null then, for an empty handle, and for a type other than the
      * first one. */
     template <class T> T *data()
     {
@@ -1148,8 +1155,9 @@ public:
         return same ? static_cast<T *>(link->data.get()) : nullptr;
     }
     friend bool operator==(const peer &a, const peer &b) { return a.link == b.link; }
+    friend bool operator!=(const peer &a, const peer &b) { return a.link != b.link; }
 
-    using other_end::other_end; // for the layer itself; without an argument, a handle of nobody
+    using other_end::other_end; // for the layer itself; without an argument, an empty handle
 };
 
 // ---- request -------------------------------------------------------------------------------
@@ -1164,10 +1172,7 @@ public:
     request() = default;
 
     /* What the other end sent; never null, followed by a 0x00, valid as long as the request. */
-    std::string_view payload() const
-    {
-        return state == nullptr ? "" : std::string_view(state->body).substr(state->start);
-    }
+    std::string_view payload() const { return state != nullptr ? state->body.payload() : ""; }
     /* The client that sent it. In a client, a handle of its server, with an empty URL: it is true
      * whenever the client is connected, again after a reconnect, and what it tells or requests
      * meanwhile waits, until the client is destroyed. */
@@ -1183,7 +1188,7 @@ public:
     {
         if (!wants_reply())
             return {std::errc::invalid_argument, "no reply is awaited"};
-        const status result = state->link->reply(state->connection, state->with, text);
+        const status result = state->answer('=', text);
         state->open = !result;
         return result;
     }
@@ -1206,24 +1211,28 @@ private:
         void decline()
         {
             open = false;
-            link->decline(connection, with);
+            (void)answer('-', {});
+        }
+        status answer(char kind, std::string_view text) const
+        {
+            return link->answer(connection, with, kind, text);
         }
         std::shared_ptr<detail::link> link;
         int connection;
-        detail::mark with;
-        bool open;
-        std::string body; // the message, with the payload at its end
-        std::size_t start;
+        std::optional<detail::mark> with;
+        bool open; // to an answer
+        detail::message body;
     };
     std::unique_ptr<received> state;
 };
 
-inline void detail::link::deliver(mark with, std::string &&body, std::size_t start)
+inline void detail::link::deliver(std::optional<mark> with, message &&received)
 {
     request incoming;
-    serving = serving || with.kind == 'p';
-    incoming.state.reset(new request::received{shared_from_this(), id, with, with.kind != '!',
-                                               std::move(body), start});
+    serving = serving || !with;
+    const bool open = !with || with->kind != '!';
+    incoming.state.reset(
+        new request::received{shared_from_this(), id, with, open, std::move(received)});
     arrived(std::move(incoming));
 }
 
@@ -1240,8 +1249,7 @@ inline bool is_address(const std::string &text)
 
 struct client_state final : link {
     client_state(const options &settings, endpoint to, endpoint self)
-        : link(settings, std::make_shared<bool>(true), true), server(std::move(to)),
-          name(std::move(self))
+        : link(settings, true), server(std::move(to)), name(std::move(self))
     {
     }
     void arrived(request received) override { on.request(std::move(received)); }
@@ -1253,38 +1261,40 @@ struct client_state final : link {
     // Begin a connection on a fresh channel: an old one would go on counting messages.
     void attempt()
     {
-        const auto keep = shared_from_this();
-        step = timer::once(opts.connect_timeout, [this] {
-            const auto late = shared_from_this();
-            end(reason::lost, "the server did not answer in time", true);
-        });
-        if (!start_connecting())
-            end(reason::lost, "connecting failed: " + error_text(errno), true);
+        step = timer::once(opts.connect_timeout,
+                           [this] { end(reason::lost, "the server did not answer in time"); });
+        connecting_ended(start_connecting());
     }
-    bool start_connecting()
+    void connecting_ended(int error)
+    {
+        if (error != 0)
+            end(reason::lost, std::string("connecting failed: ") + std::strerror(error));
+    }
+    // Return 0 or an error number.
+    int start_connecting()
     {
         tv_client_addr address{};
         server.host.copy(address.serverIp, sizeof(address.serverIp) - 1);
         address.serverPort = server.port;
         tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
         if (record == nullptr)
-            return false;
+            return ENOMEM;
         std::snprintf(record->url, TV_URL_SIZE, "%s", name.url().c_str()); // any length that fits
         open(record, socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         record->clientSocket->fd = fd;
         if (fd < 0)
-            return false;
+            return errno;
         const int on = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         sockaddr_in to{};
         to.sin_family = AF_INET;
         to.sin_port = htons(server.port);
         inet_pton(AF_INET, server.host.c_str(), &to.sin_addr);
-        const auto connected = [self = shared_from_this(), this] { finish_connecting(); };
         if (::connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof(to)) != 0 &&
             errno != EINPROGRESS)
-            return false;
-        return bool(loop::watch(fd, connected, EPOLLOUT));
+            return errno;
+        const auto connected = [self = shared_from_this(), this] { finish_connecting(); };
+        return int(loop::watch(fd, connected, EPOLLOUT).error());
     }
     // TCP has connected, or has failed to. Log in, and send a heartbeat behind the login: a server
     // of this layer answers the login first, any other one answers the heartbeat only. Requests
@@ -1301,8 +1311,10 @@ struct client_state final : link {
             error = ECONNREFUSED;
         }
         loop::unwatch(fd);
-        if (error != 0 || !watch())
-            return end(reason::lost, "connecting failed: " + error_text(error), true);
+        if (error == 0)
+            error = int(watch().error());
+        if (error != 0)
+            return connecting_ended(error);
         const int length = c::build_login_msg(channel, channel->url);
         append(channel->msgBuf, length, opts.pipelined ? pipelined_offer : std::string_view());
         append_heartbeat(c::build_heartbeat_msg);
@@ -1317,7 +1329,7 @@ struct client_state final : link {
         getpeername(fd, reinterpret_cast<sockaddr *>(&other), &other_size);
         return own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
     }
-    void session(int type, std::string &) override
+    void session(int type, const message &) override
     {
         if (type == TV_MSG_HEARTBEAT_ACK)
             establish(false);
@@ -1329,48 +1341,52 @@ struct client_state final : link {
         if (std::exchange(established, true))
             return;
         pipelined = both_layers;
-        backoff = first_backoff;
+        backoff = shortest;
         step.stop();
         supervise(opts.heartbeat);
-        pump();
+        send_held();
         on.connected();
     }
     // A link was lost, or an attempt failed.
-    void end(reason why, std::string text, bool now) override
+    void end(reason why, const std::string &text) override
     {
         if (why == reason::closed)
             return disconnect();
-        shut();
+        close_now();
         step.stop();
         active = opts.reconnect;
-        if (active) {
+        if (active) { // after a random half to whole of the back-off: 100 ms to 5 s
             const auto half = backoff.count() / 2;
-            const milliseconds wait(half + milliseconds::rep(random()) % (half + 1));
-            attempt_after(wait);
-            backoff = std::min(backoff * 2, last_backoff);
+            attempt_after(milliseconds(half + milliseconds::rep(random()) % (half + 1)));
+            backoff = std::min(backoff * 2, longest);
         }
-        lose(active, now);
-        if (*alive)
-            on.lost(text);
+        fail_calls(active);
+        lost_by = text;
+        loop::post([self = shared_from_this(), this] {
+            if (!lost_by.empty())
+                on.lost(std::exchange(lost_by, {}));
+        });
     }
     void disconnect()
     {
         step.stop();
         active = false;
+        lost_by.clear();
         if (id != -1 && channel->msgSequence > 0) { // has logged in
             append(channel->msgBuf, c::build_logout_msg(channel, channel->url), {});
-            leave();
+            close_when_sent();
         } else if (id != -1) {
-            shut();
+            close_now();
         }
-        lose(false, false);
+        fail_calls(false);
     }
 
-    static constexpr milliseconds first_backoff{100}, last_backoff{5000};
+    static constexpr milliseconds shortest{200}, longest{5000};
     const endpoint server, name;
     bool active = false;
-    timer step; // to the next attempt, or to the end of the one under way
-    milliseconds backoff = first_backoff;
+    std::string lost_by; // the reason that on_lost has yet to get
+    timer step;          // to the next attempt, or to the end of the one under way
+    milliseconds backoff = shortest;
     std::minstd_rand random{std::uint32_t(clock::now().time_since_epoch().count() ^ getpid())};
     struct {
         callback<void()> connected, drained;
@@ -1429,6 +1445,8 @@ public:
     /* Log out and end the connection once what is queued is sent, at most connect_timeout later.
      * Requests under way or not sent yet get outcome::lost; on_lost is not called. */
     void disconnect() { state->disconnect(); }
+    /* True while requests can be sent at once: from on_connected until the link is lost or closed. */
+    explicit operator bool() const { return state->established; }
     /* Set what runs when the server has read the login. A server that is full has not. */
     void on_connected(callback<void()> handler) { state->on.connected = std::move(handler); }
     /* Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
@@ -1488,6 +1506,14 @@ struct server_state : std::enable_shared_from_this<server_state> {
         retry = timer::once(milliseconds(100), [this] { resume(); });
     }
     bool add(int accepted);
+    void run_logouts()
+    {
+        while (!logouts.empty()) {
+            const auto next = std::move(logouts.front());
+            logouts.pop_front();
+            next();
+        }
+    }
     std::shared_ptr<link> find(const char *url) const
     {
         if (fd == -1)
@@ -1499,6 +1525,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
     const options opts;
     const std::shared_ptr<bool> alive = std::make_shared<bool>(true);
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
+    std::deque<callback<void()>> logouts;       // of links that have ended, in order
     std::size_t closing = 0;                    // connections that still send their last bytes
     int fd = -1;
     timer retry; // accepting is paused until it fires
@@ -1513,8 +1540,9 @@ struct server_state : std::enable_shared_from_this<server_state> {
 // The server's end of one connection.
 struct pair final : link {
     explicit pair(std::shared_ptr<server_state> owner)
-        : link(owner->opts, owner->alive, false), server(std::move(owner))
+        : link(owner->opts, false), server(std::move(owner))
     {
+        alive = server->alive;
         established = true;
     }
     void arrived(request received) override { server->on.request(std::move(received)); }
@@ -1523,59 +1551,61 @@ struct pair final : link {
         if (id != -1)
             server->on.drained(peer(shared_from_this()));
     }
-    void session(int type, std::string &message) override
+    void session(int type, const message &received) override
     {
-        int length = 0;
-        const char *name = c::get_msg_payload(message.data(), int(message.size()), &length);
         if (type == TV_MSG_LOGOUT)
-            end(reason::logged_out, {}, true);
-        else if (type == TV_MSG_LOGIN && name != nullptr && *name != '\0')
-            login(message, name);
+            end(reason::logged_out, {});
+        else if (type == TV_MSG_LOGIN && received.payload()[0] != '\0')
+            login(received);
     }
     // As the library does, but with the handlers of the layer: an older link of the same name ends
     // first.
-    void login(const std::string &message, const char *name)
+    void login(const message &received)
     {
+        const std::string_view name = received.payload().data(); // up to its 0x00
         const int current = id;
-        for (auto older = server->find(name); older != nullptr && older.get() != this;
-             older = id == current ? server->find(name) : nullptr)
-            older->end(reason::replaced, {}, true); // its handler may let others log in
-        char *copy = id == current ? strdup(message.c_str()) : nullptr;
+        const auto older = [&] { return id == current ? server->find(name.data()) : nullptr; };
+        for (auto found = older(); found != nullptr && found.get() != this; found = older())
+            found->end(reason::replaced, {}); // its handler may let others log in
+        char *copy = id == current ? strdup(received.bytes.c_str()) : nullptr;
         if (copy == nullptr)
             return;
         c::login_msg_received(channel, copy); // names the channel, and releases the copy
         url = channel->url;
-        const auto end_of_url = message.find('\0');
-        if (opts.pipelined && !pipelined && end_of_url != std::string::npos &&
-            message.compare(end_of_url + 1, std::string::npos, pipelined_offer) == 0) {
-            append_request({}, {'=', 0});
+        const auto rest = received.payload().substr(name.size());
+        if (opts.pipelined && !pipelined && !rest.empty() && rest.substr(1) == pipelined_offer) {
+            append_request({}, mark{'=', 0});
             pipelined = true;
-            pump();
+            send_held();
         }
-        server->on.login(peer(shared_from_this()));
+        server->run_logouts(); // one of the same name may be among them
+        if (id == current)
+            server->on.login(peer(shared_from_this()));
     }
-    void end(reason why, std::string, bool now) override
+    void end(reason why, const std::string &) override
     {
         const auto self = shared_from_this();
         if (why == reason::replaced)
-            announce(why); // what it tells the client is still sent
+            announce(why); // what its handler tells the client is still sent
         if (id == -1)
             return;
         server->pairs.erase(id);
         if (why == reason::closed || why == reason::replaced) {
             server->closing++;
-            leave([owner = server] {
+            close_when_sent([owner = server] {
                 owner->closing--;
                 owner->resume();
             });
         } else {
-            shut();
+            close_now();
         }
         server->resume();
-        lose(false, now);
-        // The data may hold handles and requests of this link: release it even if nobody is called.
-        const std::shared_ptr<void> cleanup(this, [self](pair *ended) { ended->data = nullptr; });
-        settle(now, [self, this, why, cleanup] { announce(why); });
+        fail_calls(false);
+        server->logouts.push_back([self, this, why] {
+            announce(why);
+            data = nullptr; // it may hold handles and requests of this link
+        });
+        loop::post([owner = server] { owner->run_logouts(); });
     }
     void announce(reason why)
     {
@@ -1599,7 +1629,7 @@ inline bool server_state::add(int accepted)
     pairs[added->id] = added;
     if (added->watch())
         return true;
-    added->end(reason::lost, {}, true);
+    added->end(reason::lost, {});
     return false;
 }
 
@@ -1620,6 +1650,7 @@ public:
     {
         *state->alive = false;
         stop();
+        state->run_logouts();                               // which release the data only
         const auto released = std::exchange(state->on, {}); // may hold handles of this server
     }
     server(server &&) = delete;
@@ -1633,10 +1664,9 @@ public:
             return {std::errc::invalid_argument, "the address is no dotted IPv4 text"};
         if (tv_service_server.serverChannel != nullptr)
             return {std::errc::device_or_resource_busy, "a server is running in this process"};
-        errno = 0;
+        errno = EADDRNOTAVAIL; // unless the system says otherwise
         if (tv_start_server(address.c_str(), at) == -1)
-            return {errno != 0 ? std::errc(errno) : std::errc::address_not_available,
-                    "the address cannot be listened on"};
+            return detail::system_refusal("the address cannot be listened on");
         state->fd = tv_get_server_polling_fd();
         fcntl(state->fd, F_SETFL,
               fcntl(state->fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
@@ -1659,11 +1689,10 @@ public:
         state->retry.stop();
         state->port = 0;
         while (!state->pairs.empty())
-            std::shared_ptr<detail::link>(state->pairs.begin()->second)
-                ->end(reason::closed, {}, false);
+            std::shared_ptr<detail::link>(state->pairs.begin()->second)->end(reason::closed, {});
         tv_stop_server();
     }
-    /* The client that logged in with a URL, or a handle of nobody. */
+    /* The client that logged in with a URL, or an empty handle. */
     peer find(const std::string &url) const
     {
         return peer(url.empty() ? nullptr : state->find(url.c_str()));
@@ -1737,7 +1766,8 @@ struct log_sink {
 
 /* Hand every entry of the library's log to a handler, for example for spdlog or journald: one
  * entry a call, without the line feeds at its end, valid until the handler returns. It runs inside
- * whatever logs; what it causes to be logged itself is not. An empty handler ends that. */
+ * whatever logs, so it must not destroy or close anything; what it causes to be logged itself is
+ * not. An empty handler ends that. */
 inline void log_to(callback<void(std::string_view entry)> handler)
 {
     static detail::log_sink sink;

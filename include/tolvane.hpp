@@ -1284,8 +1284,8 @@ struct client_state final : link {
         record->clientSocket->fd = fd;
         if (fd < 0)
             return errno;
-        const int on = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        const int yes = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
         sockaddr_in to{};
         to.sin_family = AF_INET;
         to.sin_port = htons(server.port);
@@ -1618,8 +1618,8 @@ struct pair final : link {
 
 inline bool server_state::add(int accepted)
 {
-    const int on = 1;
-    setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    const int yes = 1;
+    setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
     if (c::create_pair_channel(accepted) != 0)
         return false; // and closed
     const auto *newest = reinterpret_cast<const tv_channel_node *>(tv_service_server.pairList.prev);

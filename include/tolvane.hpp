@@ -78,8 +78,8 @@ using std::chrono::milliseconds;
 constexpr std::size_t max_payload = 65398;
 
 /** A callable of any kind; copies share it. An empty one does nothing. The callable may be
- * move-only, such as a lambda that holds a request: move it in. A callback that is destroyed or replaced while
- * it runs lives on until it returns. */
+ * move-only, such as a lambda that holds a request: move it in. A callback that is destroyed or
+ * replaced while it runs lives on until it returns. */
 template <class Signature> class callback;
 template <class... Args> class callback<void(Args...)>
 {

@@ -696,7 +696,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     virtual ~link() = default;
 
     // What clients and servers do differently. end() closes the connection and posts the report.
-    virtual void end(reason why, const std::string &text) = 0;
+    virtual void end(reason why, std::string text) = 0;
     virtual void arrived(request received) = 0;
     virtual void drained() = 0;
     virtual void session(int type, const message &received) = 0; // login and what belongs to it
@@ -1361,7 +1361,7 @@ struct client_state final : link {
         on.connected();
     }
     // A link was lost, or an attempt failed.
-    void end(reason why, const std::string &text) override
+    void end(reason why, std::string text) override
     {
         if (why == reason::closed)
             return disconnect();
@@ -1374,7 +1374,7 @@ struct client_state final : link {
             backoff = std::min(backoff * 2, longest);
         }
         fail_calls(active);
-        lost_by = text;
+        lost_by = std::move(text);
         loop::post([self = shared_from_this(), this] {
             if (!lost_by.empty())
                 on.lost(std::exchange(lost_by, {}));
@@ -1587,7 +1587,7 @@ struct pair final : link {
         if (id == current)
             server->on.login(peer(shared_from_this()));
     }
-    void end(reason why, const std::string &) override
+    void end(reason why, std::string) override
     {
         const auto self = shared_from_this();
         if (why == reason::replaced)

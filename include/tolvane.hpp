@@ -19,7 +19,8 @@
 //
 // Callbacks  run inside run() and run_once() only, log_to's excepted. A callback may call
 //            anything, and may destroy or close any object, also the one that called it. An
-//            exception that leaves a callback ends the program.
+//            exception that leaves a callback ends the program. The loop reports the end of a
+//            link or a request; the call that caused it never does.
 // Results    operations that can be refused return a status. Nothing throws but std::bad_alloc.
 // Blocking   nothing blocks but run() and run_once(). What the system does not take at once waits
 //            in the link's queue, at most options::max_queued bytes.
@@ -73,12 +74,12 @@ namespace tolvane
 
 using std::chrono::milliseconds;
 
-/* The longest request or reply in bytes. It fits one message whatever the link and the URL. */
+/** The longest request or reply in bytes. It fits one message whatever the link and the URL. */
 constexpr std::size_t max_payload = 65398;
 
-/* A callable of any kind; copies share it. An empty one does nothing. The callable may be move-only,
- * such as a lambda that holds a request: move it in. A callback that is destroyed or replaced while
- * it runs lives on until it returns. */
+/** A callable of any kind; copies share it. An empty one does nothing. The callable may be
+ * move-only, such as a lambda that holds a request: move it in. A callback that is destroyed or
+ * replaced while it runs lives on until it returns. */
 template <class Signature> class callback;
 template <class... Args> class callback<void(Args...)>
 {
@@ -113,7 +114,7 @@ private:
     void (*invoke)(void *, Args...) = nullptr;
 };
 
-/* How an operation went: true, or a code and a text that say why it was refused. A refused
+/** How an operation went: true, or a code and a text that say why it was refused. A refused
  * operation has changed nothing. full() is true when the queue has no room now: try again after
  * on_drained. Any other refusal is final. what() is valid for ever. A refused message is lost
  * without a trace, so check every status; cast it to void where the loss does not matter. */
@@ -132,7 +133,7 @@ private:
     const char *text = "success";
 };
 
-/* An address and a port. A server's host is a dotted IPv4 text; names are not resolved. A client's
+/** An address and a port. A server's host is a dotted IPv4 text; names are not resolved. A client's
  * own endpoint is the name that it logs in with, and need not be a real address. Its URL,
  * "tcp://host:port", has at most 63 characters, no control characters and no "velun_tolvane_". */
 struct endpoint {
@@ -142,24 +143,24 @@ struct endpoint {
     std::string url() const { return "tcp://" + host + ":" + std::to_string(port); }
 };
 
-/* Settings of a client, or of a server and all its clients' links. */
+/** Settings of a client, or of a server and all its clients' links. */
 struct options {
-    milliseconds heartbeat{5000};       // silence after which a heartbeat is sent; 0: none is
-    milliseconds connect_timeout{5000}; // for connecting with login, and for the last bytes
-    milliseconds late_reply{1000};      // on a plain link, how long a reply may be overdue
-    int missed_heartbeats = 2;          // unanswered ones before a link counts as lost
-    bool pipelined = true;              // offer, or accept, a pipelined link
-    bool reconnect = true;              // a client only: after a lost link, 100 ms to 5 s later
-    std::size_t max_queued = 8 << 20;   // unsent bytes of a link that make it full
-    std::size_t max_clients = 1000;     // a server only: further clients wait in the backlog
+    milliseconds heartbeat{5000};       ///< silence after which a heartbeat is sent; 0: never
+    milliseconds connect_timeout{5000}; ///< for connecting with login, and for the last bytes
+    milliseconds late_reply{1000};      ///< on a plain link, how long a reply may be overdue
+    int missed_heartbeats = 2;          ///< unanswered ones before a link counts as lost
+    bool pipelined = true;              ///< offer, or accept, a pipelined link
+    bool reconnect = true;              ///< a client only: after a lost link, 100 ms to 5 s later
+    std::size_t max_queued = 8 << 20;   ///< unsent bytes of a link that make it full
+    std::size_t max_clients = 1000;     ///< a server only: further clients wait in the backlog
 };
 
-/* What became of a request: the other end replied, or it did not in time, the link was lost or
+/** What became of a request: the other end replied, or it did not in time, the link was lost or
  * closed meanwhile, the other end declined to reply (pipelined links only), or the request was
  * refused here and not sent. */
 enum class outcome { replied, timed_out, lost, declined, refused };
 
-/* Why a client has gone: it logged out, a newer login took its name, its link was lost, it did not
+/** Why a client has gone: it logged out, a newer login took its name, its link was lost, it did not
  * answer heartbeats any more, or the server closed it. */
 enum class reason { logged_out, replaced, lost, silent, closed };
 
@@ -202,7 +203,7 @@ constexpr std::string_view pipelined_offer{"pipelined\0", 10};
 // A refusal with the system's reason, errno; the text stays valid.
 inline status system_refusal(const char *what)
 {
-    static std::set<std::string> texts;
+    static auto &texts = *new std::set<std::string>; // outlives all static objects
     const int error = errno;
     const auto text = texts.insert(what + std::string(": ") + std::strerror(error)).first;
     return {std::errc(error), text->c_str()};
@@ -211,6 +212,31 @@ inline status system_refusal(const char *what)
 inline bool try_later(int error)
 {
     return error == EAGAIN || error == EINTR || error == ENOBUFS || error == ENOMEM;
+}
+
+inline void send_at_once(int fd)
+{
+    const int yes = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
+}
+
+// The own or the other address of a socket, from getsockname or getpeername.
+inline sockaddr_in address_of(int fd, decltype(getsockname) *get)
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof(address);
+    get(fd, reinterpret_cast<sockaddr *>(&address), &size);
+    return address;
+}
+
+// Run tasks in order, also those that are added meanwhile.
+inline void run_all(std::deque<callback<void()>> &tasks)
+{
+    while (!tasks.empty()) {
+        const auto task = std::move(tasks.front());
+        tasks.pop_front();
+        task();
+    }
 }
 
 inline int to_ms(milliseconds time)
@@ -236,13 +262,13 @@ struct server_state;
 
 // ---- loop ----------------------------------------------------------------------------------
 
-/* The event loop, which runs the callbacks of all timers, clients and servers. A process has one:
+/** The event loop, which runs the callbacks of all timers, clients and servers. A process has one:
  * every loop object stands for it, and it closes when the last one is destroyed. Clients, servers,
  * timers and requests may outlive it; without it they do nothing. */
 class loop
 {
 public:
-    /* Open the loop. When the system has no descriptor left it stays closed: run() returns false
+    /** Open the loop. When the system has no descriptor left it stays closed: run() returns false
      * at once, and watch() says why. */
     loop()
     {
@@ -256,7 +282,7 @@ public:
     }
     loop(loop &&) = delete;
 
-    /* Serve until stop(). Returns true, or false when the loop is closed or waiting failed. */
+    /** Serve until stop(). Returns true, or false when the loop is closed or waiting failed. */
     bool run()
     {
         while (!std::exchange(stopped, false)) {
@@ -265,16 +291,16 @@ public:
         }
         return true;
     }
-    /* Make run() return once the round in progress is complete; of nested ones, the innermost.
+    /** Make run() return once the round in progress is complete; of nested ones, the innermost.
      * Without a run() in progress, the next one returns at once. */
     void stop() { stopped = true; }
-    /* Wait for at most limit for work, 0: not at all, below 0: until there is some, and do it: read
+    /** Wait for work for at most limit, 0: not at all, below 0: until there is some. Do it: read
      * what has arrived, run posted work, fire timers, send. May be called inside a callback.
      * Returns false when the loop is closed or waiting failed. */
     bool run_once(milliseconds limit)
     {
         depth++;
-        flush_links();
+        detail::run_all(to_flush);
         const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
         const bool waited = count >= 0 || errno == EINTR;
         if (waited)
@@ -283,7 +309,7 @@ public:
             nest();
         return waited;
     }
-    /* Run a callback whenever a descriptor of the program's is readable, or ready for other events
+    /** Run a callback whenever a descriptor of the program's is readable, or ready for other events
      * of epoll, until unwatch(). The descriptor stays the program's. A file, which is always ready,
      * has its callback run in every round. Refused: a descriptor that is watched already, or that
      * is not open. */
@@ -305,7 +331,7 @@ public:
         work_added();
         return {};
     }
-    /* Stop watching a descriptor, effective immediately; before it is closed. Does nothing when it
+    /** Stop watching a descriptor, effective immediately; before it is closed. Does nothing when it
      * is not watched. */
     static void unwatch(int fd)
     {
@@ -318,7 +344,7 @@ public:
         const auto same = [&](auto &event) { return event.data.u64 == released.event.data.u64; };
         always.erase(std::remove_if(always.begin(), always.end(), same), always.end());
     }
-    /* Run a callback in the loop's next round. Any thread may call this while there is a loop. */
+    /** Run a callback in the loop's next round. Any thread may call this while there is a loop. */
     static void post(callback<void()> task)
     {
         const std::lock_guard<std::mutex> lock(guard);
@@ -327,7 +353,7 @@ public:
         if (posted.size() == 1)
             eventfd_write(wakeup, 1);
     }
-    /* Return a descriptor that is readable when run_once(0) has work, for nesting this loop in
+    /** Return a descriptor that is readable when run_once(0) has work, for nesting this loop in
      * another one: watch it there, and call run_once(0) when it is readable. It stays the loop's.
      * -1: the loop is closed. */
     int fd() const
@@ -413,7 +439,7 @@ private:
             serve(*event);
         run_posted();
         ruvo_fire_timer();
-        flush_links();
+        detail::run_all(to_flush);
     }
     // A descriptor whose registration has ended since its event was reported is not found, also
     // when its number is in use again.
@@ -432,14 +458,6 @@ private:
             lock.unlock();
             task();
             lock.lock();
-        }
-    }
-    static void flush_links()
-    {
-        while (!to_flush.empty()) {
-            const auto task = std::move(to_flush.front());
-            to_flush.pop_front();
-            task();
         }
     }
     // Make the descriptor ready when run_once(0) has work, or will have.
@@ -469,26 +487,26 @@ private:
 
 // ---- timer ---------------------------------------------------------------------------------
 
-/* Runs a callback later; move-only. The destructor stops it: keep the object. */
+/** Runs a callback later; move-only. The destructor stops it: keep the object. */
 class timer
 {
 public:
-    /* A timer that is not pending. */
+    /** A timer that is not pending. */
     timer() = default;
-    /* Run a callback once, after a time. */
+    /** Run a callback once, after a time. */
     static timer once(milliseconds after, callback<void()> task)
     {
         return timer(after, std::move(task), false);
     }
-    /* Run a callback after every period. One that is late by several periods runs once, and then
+    /** Run a callback after every period. One that is late by several periods runs once, and then
      * at the next multiple of the period. */
     static timer every(milliseconds period, callback<void()> task)
     {
         return timer(period, std::move(task), true);
     }
-    /* Cancel the next run. Does nothing when the timer is not pending. */
+    /** Cancel the next run. Does nothing when the timer is not pending. */
     void stop() { state.reset(); }
-    /* True while it is pending: false after stop(), once its only run has begun, and when the
+    /** True while it is pending: false after stop(), once its only run has begun, and when the
      * timer library had no memory for it. */
     explicit operator bool() const { return state != nullptr && state->id != -1; }
 
@@ -524,20 +542,20 @@ private:
 
 // ---- link ----------------------------------------------------------------------------------
 
-/* What a request's handler receives. True when there is a reply. */
+/** What a request's handler receives. True when there is a reply. */
 class response
 {
 public:
-    /* For the layer itself, and for tests of handlers. */
+    /** For the layer itself, and for tests of handlers. */
     response(tolvane::outcome what, tolvane::status why, detail::message reply = {})
         : result(what), cause(why), body(std::move(reply))
     {
     }
-    /* What became of the request. */
+    /** What became of the request. */
     tolvane::outcome outcome() const { return result; }
-    /* Success after a reply; else why there is none, above all why a request was refused. */
+    /** Success after a reply; else why there is none, above all why a request was refused. */
     tolvane::status status() const { return cause; }
-    /* The reply, or nothing; never null, followed by a 0x00, valid as long as the response. */
+    /** The reply, or nothing; never null, followed by a 0x00, valid as long as the response. */
     std::string_view payload() const { return body.payload(); }
     explicit operator bool() const { return result == tolvane::outcome::replied; }
 
@@ -677,9 +695,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     virtual ~link() = default;
 
-    // What clients and servers do differently. end() closes the connection; callbacks that report it
-    // are posted.
-    virtual void end(reason why, const std::string &text) = 0;
+    // What clients and servers do differently. end() closes the connection and posts the report.
+    virtual void end(reason why, std::string text) = 0;
     virtual void arrived(request received) = 0;
     virtual void drained() = 0;
     virtual void session(int type, const message &received) = 0; // login and what belongs to it
@@ -1081,11 +1098,11 @@ template <class T> constexpr char type_tag = 0; // its address stands for the ty
 
 // ---- peer ----------------------------------------------------------------------------------
 
-/* Whom a link leads to: what a server's peer and a client have in common. */
+/** What a server's peer and a client have in common: messages to the other end of a link. */
 class other_end
 {
 public:
-    /* Send a request.
+    /** Send a request.
      *
      *   text     at most max_payload bytes of any kind; copied. On a plain link, and while there is
      *            no connection, it must not contain "velun_tolvane_"
@@ -1102,17 +1119,17 @@ public:
             return link->ask(text, timeout, std::move(handler));
         loop::post([handler = std::move(handler)] { handler({outcome::refused, nobody()}); });
     }
-    /* Send a one-way request, which gets no reply. Success means that it is queued: a link that is
+    /** Send a one-way request, which gets no reply. Success means that it is queued: a link that is
      * lost loses what it had queued. Refused: a text that request() would refuse. A program on the
      * C interface must not answer it. */
     status tell(std::string_view text) const
     {
         return link != nullptr ? link->tell(text) : nobody();
     }
-    /* The bytes that wait to be sent. */
+    /** The bytes that wait to be sent. */
     std::size_t queued() const { return link != nullptr ? link->queued() : 0; }
 
-    /* For the layer itself: the end of a link, or of none. */
+    /** For the layer itself: the end of a link, or of none. */
     explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to)) {}
 
 protected:
@@ -1120,29 +1137,29 @@ protected:
     std::shared_ptr<detail::link> link;
 };
 
-/* One client of a server: a handle to copy and keep. It turns false when the client's connection
+/** One client of a server: a handle to copy and keep. It turns false when the client's connection
  * ends, and stays false: a client that connects again is another peer. Handles of the same
  * connection compare equal. */
 class peer : public other_end
 {
 public:
-    /* True while the client is connected. Then request() and tell() reach it; after that they are
+    /** True while the client is connected. Then request() and tell() reach it; after that they are
      * refused. */
     explicit operator bool() const { return link != nullptr && link->id != -1; }
-    /* The name that the client logged in with; empty before. Valid as long as a handle. */
+    /** The name that the client logged in with; empty before. Valid as long as a handle. */
     const std::string &url() const
     {
         static const std::string none;
         return link != nullptr ? link->url : none;
     }
-    /* End the connection once what is queued is sent, at most connect_timeout later; the handle
+    /** End the connection once what is queued is sent, at most connect_timeout later; the handle
      * turns false now. Requests under way get outcome::lost, and on_logout gets reason::closed. */
     void close()
     {
         if (*this)
             link->end(reason::closed, {});
     }
-    /* The application's own data of this client, made by T() on first use and destroyed after
+    /** The application's own data of this client, made by T() on first use and destroyed after
      * on_logout has returned. Null then, for an empty handle, and for a type other than the
      * first one. */
     template <class T> T *data()
@@ -1162,26 +1179,26 @@ public:
 
 // ---- request -------------------------------------------------------------------------------
 
-/* One received request; move-only. Answer it now, or keep it and answer later: it may outlive its
+/** One received request; move-only. Answer it now, or keep it and answer later: it may outlive its
  * link, the client or server, and the loop. Destroyed without an answer it counts as declined. On a
  * plain link, the next request of the same peer is served when this one is answered or declined. */
 class request
 {
 public:
-    /* No request. */
+    /** No request. */
     request() = default;
 
-    /* What the other end sent; never null, followed by a 0x00, valid as long as the request. */
+    /** What the other end sent; never null, followed by a 0x00, valid as long as the request. */
     std::string_view payload() const { return state != nullptr ? state->body.payload() : ""; }
-    /* The client that sent it. In a client, a handle of its server, with an empty URL: it is true
-     * whenever the client is connected, again after a reconnect, and what it tells or requests
-     * meanwhile waits, until the client is destroyed. */
+    /** The client that sent it. In a client, a handle of its server, with an empty URL: it is true
+     * while the client is connected, and true again after a reconnect. Meanwhile tell() and
+     * request() queue. Once the client is destroyed they refuse. */
     peer from() const { return peer(state != nullptr ? state->link : nullptr); }
-    /* True until it is answered or declined; false from the start for a one-way request on a
-     * pipelined link. A plain link does not tell, and a peer that awaits no reply takes one for
-     * the reply to its next request: do not answer there what the peer only tells. */
+    /** True until it is answered or declined; false from the start for a one-way request on a
+     * pipelined link. A plain link does not carry that: a peer that awaits no reply takes one
+     * for the reply to its next request, so do not answer what is one-way in your protocol. */
     bool wants_reply() const { return state != nullptr && state->open; }
-    /* Answer the request. Refused: it is answered already or wants no reply, the link has gone,
+    /** Answer the request. Refused: it is answered already or wants no reply, the link has gone,
      * the payload is too long or not allowed on a plain link, or the queue is full. After a
      * refusal it may still be answered. */
     status reply(std::string_view text)
@@ -1192,7 +1209,7 @@ public:
         state->open = !result;
         return result;
     }
-    /* Let the other end know that there will be no reply. On a plain link it finds out when its
+    /** Let the other end know that there will be no reply. On a plain link it finds out when its
      * timeout has passed. */
     void decline()
     {
@@ -1284,8 +1301,7 @@ struct client_state final : link {
         record->clientSocket->fd = fd;
         if (fd < 0)
             return errno;
-        const int yes = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
+        send_at_once(fd);
         sockaddr_in to{};
         to.sin_family = AF_INET;
         to.sin_port = htons(server.port);
@@ -1323,10 +1339,7 @@ struct client_state final : link {
     // port as its own one day. TCP connects it to itself then.
     bool connected_to_itself() const
     {
-        sockaddr_in own{}, other{};
-        socklen_t own_size = sizeof(own), other_size = sizeof(other);
-        getsockname(fd, reinterpret_cast<sockaddr *>(&own), &own_size);
-        getpeername(fd, reinterpret_cast<sockaddr *>(&other), &other_size);
+        const auto own = address_of(fd, getsockname), other = address_of(fd, getpeername);
         return own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
     }
     void session(int type, const message &) override
@@ -1348,7 +1361,7 @@ struct client_state final : link {
         on.connected();
     }
     // A link was lost, or an attempt failed.
-    void end(reason why, const std::string &text) override
+    void end(reason why, std::string text) override
     {
         if (why == reason::closed)
             return disconnect();
@@ -1361,7 +1374,7 @@ struct client_state final : link {
             backoff = std::min(backoff * 2, longest);
         }
         fail_calls(active);
-        lost_by = text;
+        lost_by = std::move(text);
         loop::post([self = shared_from_this(), this] {
             if (!lost_by.empty())
                 on.lost(std::exchange(lost_by, {}));
@@ -1397,12 +1410,12 @@ struct client_state final : link {
 
 }
 
-/* A client: one link to a server, kept up until disconnect(). While there is no connection,
+/** A client: one link to a server, kept up until disconnect(). While there is no connection,
  * requests and one-way requests wait for one. */
 class client : public other_end
 {
 public:
-    /* Set a client up; connect() starts it.
+    /** Set a client up; connect() starts it.
      *
      *   loop    the process's loop
      *   server  where the server listens
@@ -1414,7 +1427,7 @@ public:
           state(static_cast<detail::client_state *>(link.get()))
     {
     }
-    /* Disconnect. Handlers of requests under way are destroyed without a call. */
+    /** Disconnect. Handlers of requests under way are destroyed without a call. */
     ~client()
     {
         *state->alive = false;
@@ -1424,7 +1437,7 @@ public:
     }
     client(client &&) = delete;
 
-    /* Start connecting, and keep connecting until disconnect(), or, with options::reconnect off,
+    /** Start connecting, and keep connecting until disconnect(), or, with options::reconnect off,
      * until on_lost. Refused on bad arguments only; on_connected and on_lost report everything
      * else. Does nothing while it is under way. */
     status connect()
@@ -1442,14 +1455,14 @@ public:
             state->attempt_after(milliseconds(1));
         return {};
     }
-    /* Log out and end the connection once what is queued is sent, at most connect_timeout later.
+    /** Log out and end the connection once what is queued is sent, at most connect_timeout later.
      * Requests under way or not sent yet get outcome::lost; on_lost is not called. */
     void disconnect() { state->disconnect(); }
-    /* True while requests can be sent at once: from on_connected until the link is lost or closed. */
+    /** True while connected: from on_connected until the link is lost or closed. */
     explicit operator bool() const { return state->established; }
-    /* Set what runs when the server has read the login. A server that is full has not. */
+    /** Set what runs when the server has read the login. A full server does not read it. */
     void on_connected(callback<void()> handler) { state->on.connected = std::move(handler); }
-    /* Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
+    /** Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
      * a text that is valid until the handler returns. The next attempt follows by itself, unless
      * options::reconnect is off. Requests not sent yet wait for it; those sent have got
      * outcome::lost. */
@@ -1457,10 +1470,10 @@ public:
     {
         state->on.lost = std::move(handler);
     }
-    /* Set what runs when the queue is empty again, after it was full or the system had not taken
+    /** Set what runs when the queue is empty again, after it was full or the system had not taken
      * all of it at once. */
     void on_drained(callback<void()> handler) { state->on.drained = std::move(handler); }
-    /* Set what runs with each request of the server. Without one, requests are declined. */
+    /** Set what runs with each request of the server. Without one, requests are declined. */
     void on_request(callback<void(tolvane::request)> handler)
     {
         state->on.request = std::move(handler);
@@ -1506,14 +1519,6 @@ struct server_state : std::enable_shared_from_this<server_state> {
         retry = timer::once(milliseconds(100), [this] { resume(); });
     }
     bool add(int accepted);
-    void run_logouts()
-    {
-        while (!logouts.empty()) {
-            const auto next = std::move(logouts.front());
-            logouts.pop_front();
-            next();
-        }
-    }
     std::shared_ptr<link> find(const char *url) const
     {
         if (fd == -1)
@@ -1578,11 +1583,11 @@ struct pair final : link {
             pipelined = true;
             send_held();
         }
-        server->run_logouts(); // one of the same name may be among them
+        run_all(server->logouts); // one of the same name may be among them
         if (id == current)
             server->on.login(peer(shared_from_this()));
     }
-    void end(reason why, const std::string &) override
+    void end(reason why, std::string) override
     {
         const auto self = shared_from_this();
         if (why == reason::replaced)
@@ -1605,7 +1610,7 @@ struct pair final : link {
             announce(why);
             data = nullptr; // it may hold handles and requests of this link
         });
-        loop::post([owner = server] { owner->run_logouts(); });
+        loop::post([owner = server] { run_all(owner->logouts); });
     }
     void announce(reason why)
     {
@@ -1618,8 +1623,7 @@ struct pair final : link {
 
 inline bool server_state::add(int accepted)
 {
-    const int yes = 1;
-    setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
+    send_at_once(accepted);
     if (c::create_pair_channel(accepted) != 0)
         return false; // and closed
     const auto *newest = reinterpret_cast<const tv_channel_node *>(tv_service_server.pairList.prev);
@@ -1635,27 +1639,27 @@ inline bool server_state::add(int accepted)
 
 }
 
-/* A server: listens, and has a peer for each client. One at a time per process. */
+/** A server: listens, and has a peer for each client. One at a time per process. */
 class server
 {
 public:
-    /* Set a server up; listen() starts it. The loop is the process's. */
+    /** Set a server up; listen() starts it. The loop is the process's. */
     explicit server(loop &, options options = {})
         : state(std::make_shared<detail::server_state>(options))
     {
     }
-    /* Stop. Handlers of requests under way are destroyed without a call, and on_logout does not
+    /** Stop. Handlers of requests under way are destroyed without a call, and on_logout does not
      * run. */
     ~server()
     {
         *state->alive = false;
         stop();
-        state->run_logouts();                               // which release the data only
+        detail::run_all(state->logouts);                    // which release the data only
         const auto released = std::exchange(state->on, {}); // may hold handles of this server
     }
     server(server &&) = delete;
 
-    /* Listen on a dotted IPv4 address, "0.0.0.0" for all, and a port, 0 for one that the system
+    /** Listen on a dotted IPv4 address, "0.0.0.0" for all, and a port, 0 for one that the system
      * chooses. Refused: another text, an address that cannot be listened on, or a server that runs
      * in this process already, on the C interface or on this one. */
     status listen(const std::string &address, std::uint16_t at)
@@ -1671,16 +1675,13 @@ public:
         fcntl(state->fd, F_SETFL,
               fcntl(state->fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
         ::listen(state->fd, SOMAXCONN);                // again, with a longer backlog
-        sockaddr_in own{};
-        socklen_t size = sizeof(own);
-        getsockname(state->fd, reinterpret_cast<sockaddr *>(&own), &size);
-        state->port = ntohs(own.sin_port);
+        state->port = ntohs(detail::address_of(state->fd, getsockname).sin_port);
         state->resume();
         return {};
     }
-    /* The port it listens on, or 0. */
+    /** The port it listens on, or 0. */
     std::uint16_t port() const { return state->port; }
-    /* Stop listening and close all peers, as peer::close() does. listen() may follow. */
+    /** Stop listening and close all peers, as peer::close() does. listen() may follow. */
     void stop()
     {
         if (state->fd == -1)
@@ -1692,12 +1693,12 @@ public:
             std::shared_ptr<detail::link>(state->pairs.begin()->second)->end(reason::closed, {});
         tv_stop_server();
     }
-    /* The client that logged in with a URL, or an empty handle. */
+    /** The client that logged in with a URL, or an empty handle. */
     peer find(const std::string &url) const
     {
         return peer(url.empty() ? nullptr : state->find(url.c_str()));
     }
-    /* All clients that have logged in, in the order in which they connected. */
+    /** All clients that have logged in, in the order in which they connected. */
     std::vector<peer> peers() const
     {
         std::vector<peer> all;
@@ -1707,7 +1708,7 @@ public:
         }
         return all;
     }
-    /* Send all clients that have logged in a one-way request. Returns how many it was queued for;
+    /** Send all clients that have logged in a one-way request. Returns how many it was queued for;
      * those that are full, or cannot take this payload, are left out. */
     std::size_t broadcast(std::string_view text)
     {
@@ -1716,16 +1717,16 @@ public:
             count += one.tell(text) ? 1 : 0;
         return count;
     }
-    /* Set what runs when a client has logged in, or has taken another name. */
+    /** Set what runs when a client has logged in, or has taken another name. */
     void on_login(callback<void(peer)> handler) { state->on.login = std::move(handler); }
-    /* Set what runs when a client that had logged in goes, for whatever reason. Its handle is false
+    /** Set what runs when a client that had logged in is gone, for any reason. Its handle is false
      * by then; url() and data() still work. After reason::replaced the handle is true until the
-     * handler returns, and what it tells the older client is still sent. */
+     * handler returns, and a last message to the older client is still sent. */
     void on_logout(callback<void(peer, reason)> handler) { state->on.logout = std::move(handler); }
-    /* Set what runs when a peer's queue is empty again, after it was full or the system had not
+    /** Set what runs when a peer's queue is empty again, after it was full or the system had not
      * taken all of it at once. */
     void on_drained(callback<void(peer)> handler) { state->on.drained = std::move(handler); }
-    /* Set what runs with each request of a client, one that has not logged in included. Without
+    /** Set what runs with each request of a client, one that has not logged in included. Without
      * one, requests are declined. */
     void on_request(callback<void(tolvane::request)> handler)
     {
@@ -1764,7 +1765,7 @@ struct log_sink {
 
 }
 
-/* Hand every entry of the library's log to a handler, for example for spdlog or journald: one
+/** Hand every entry of the library's log to a handler, for example for spdlog or journald: one
  * entry a call, without the line feeds at its end, valid until the handler returns. It runs inside
  * whatever logs, so it must not destroy or close anything; what it causes to be logged itself is
  * not. An empty handler ends that. */

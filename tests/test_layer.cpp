@@ -127,7 +127,7 @@ TEST_F(Layer, KeepsALinkThatIsFullOfWaitingRequests)
 {
     tolvane::options little{20ms};
     little.max_queued = 1000;
-    little.pipelined = false;
+    little.pipelined = little.reconnect = false;
     noting_server server(loop, little);
     noting_client client(loop, server.port(), "client", little);
     EXPECT_TRUE(client.tell(text(2000, 'x'))); // before the login is sent
@@ -139,6 +139,8 @@ TEST_F(Layer, KeepsALinkThatIsFullOfWaitingRequests)
     const auto end = tolvane::timer::once(200ms, [] { notes.push_back("10 heartbeats later"); });
     AWAIT(noted("10 heartbeats later"));
     EXPECT_EQ(noted("client lost"), 0);
+    server.stop();
+    AWAIT(noted("client lost"));
 }
 
 // ---- the loop

@@ -16,9 +16,9 @@
             tv_log_write(__FILE__, function, line, __VA_ARGS__);                                   \
     } while (0)
 
-// Write one entry to the sink that is set, unless that has reached its limit. Of the source file's
-// path only the file's own name is written.
-extern "C" void tv_log_write(const char *path, const char *function, int line, const char *format,
-                             ...) __attribute__((format(printf, 4, 5), cold));
+// Write one entry to the sink that is set, unless that has reached its limit. Of sourcePath,
+// only the file's own name is written.
+extern "C" void tv_log_write(const char *sourcePath, const char *function, int line,
+                             const char *format, ...) __attribute__((format(printf, 4, 5), cold));
 
 #endif

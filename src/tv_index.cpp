@@ -32,9 +32,9 @@ static uint32_t hash_number(int number)
 static uint32_t hash_url(const char *url)
 {
     static uint64_t secrets[2] = {0, 0x9e3779b97f4a7c15};
-    static bool drawn;
-    if (!drawn) // it may fail early after boot: the values above are better than waiting
-        drawn = getrandom(secrets, sizeof(secrets), GRND_NONBLOCK) != 0;
+    static bool tried;
+    if (!tried) // it may fail early after boot: the values above are better than waiting
+        tried = getrandom(secrets, sizeof(secrets), GRND_NONBLOCK) != 0;
     const uint64_t multiplier = secrets[1] | 1;
     uint64_t hash = secrets[0];
     for (int i = 0; i < TV_URL_SIZE && url[i] != '\0'; i++) {

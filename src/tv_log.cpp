@@ -17,7 +17,7 @@
 FILE *fp_log = nullptr;
 char log_file[TV_LOG_FILE_SIZE] = "";
 
-static void write_entry(FILE *stream, const char *path, const char *function, int line,
+static void write_entry(FILE *stream, const char *sourcePath, const char *function, int line,
                         const char *format, va_list args)
 {
     // What ctime() gives, without overwriting the record that localtime() shares with the application.
@@ -28,15 +28,15 @@ static void write_entry(FILE *stream, const char *path, const char *function, in
     tzset();
     if (localtime_r(&now, &local) != nullptr)
         asctime_r(&local, date);
-    const char *slash = strrchr(path, '/');
-    const char *module = slash != nullptr ? slash + 1 : path;
+    const char *slash = strrchr(sourcePath, '/');
+    const char *module = slash != nullptr ? slash + 1 : sourcePath;
     fprintf(stream, "%.19s [%s->%s:%d]", date, module, function, line);
     vfprintf(stream, format, args);
     fputs("\n\n", stream);
 }
 
-static void append_to_file(const char *path, const char *function, int line, const char *format,
-                           va_list args)
+static void append_to_file(const char *sourcePath, const char *function, int line,
+                           const char *format, va_list args)
 {
     struct stat status;
     if (stat(log_file, &status) == 0 && status.st_size > TV_LOG_LIMIT)
@@ -45,19 +45,19 @@ static void append_to_file(const char *path, const char *function, int line, con
     FILE *stream = fopen(log_file, "ae");
     if (stream == nullptr)
         return;
-    write_entry(stream, path, function, line, format, args);
+    write_entry(stream, sourcePath, function, line, format, args);
     fclose(stream);
 }
 
-void tv_log_write(const char *path, const char *function, int line, const char *format, ...)
+void tv_log_write(const char *sourcePath, const char *function, int line, const char *format, ...)
 {
     const int error = errno; // the caller's own, or its application's
     va_list args;
     va_start(args, format);
     if (fp_log == nullptr)
-        append_to_file(path, function, line, format, args);
+        append_to_file(sourcePath, function, line, format, args);
     else if (ftell(fp_log) < TV_LOG_LIMIT)
-        write_entry(fp_log, path, function, line, format, args);
+        write_entry(fp_log, sourcePath, function, line, format, args);
     va_end(args);
     errno = error;
 }

@@ -286,7 +286,7 @@ int impl_create_server_socket(const char *ip, int port)
 }
 
 // Wait for the end of a connect in progress. Returns true when it succeeded; logs for its caller.
-static bool _connect_finished(int fd, int timeoutMs, const char *caller)
+static bool _finish_connect(int fd, int timeoutMs, const char *caller)
 {
     if (!_wait_fd(fd, POLLOUT, timeoutMs))
         return false;
@@ -333,7 +333,7 @@ int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrle
 
     bool connected = error == 0 || error == EISCONN;
     if (error == EINPROGRESS || error == EALREADY)
-        connected = _connect_finished(fd, timeoutMs, __func__);
+        connected = _finish_connect(fd, timeoutMs, __func__);
     return connected && !_is_connected_to_itself(fd, __func__) ? fd : -1;
 }
 

@@ -1,9 +1,10 @@
 // tv_loop.cpp - the descriptor table and the main loop.
 //
 // Callers  the application only; the library itself registers no descriptor.
-// Method   poll() over a table of 16, in slot order; timers fire after every poll() and before any
-//          descriptor is served. Handlers may register, unregister and close descriptors, so the
-//          slot of a ready descriptor is looked up just before it is served.
+// Method   poll() over a table of 16, in slot order; timers fire after every poll() that a signal
+//          did not interrupt, before any descriptor is served. Handlers may register, unregister and
+//          close descriptors, so the slot of a ready descriptor is looked up just before it is
+//          served.
 // Stale    by then poll()'s report may be out of date: the number may have been reused for another
 //          descriptor, or the input may already have been read. The handler would then block, so
 //          the loop polls the descriptor again whenever either may have happened.

@@ -1,9 +1,9 @@
 // tv_api.cpp - operations on channels by id, the repository of all channels, the log's setters.
 //
-// Place    what the application calls. Each operation finds its record and hands it to
-//          tv_channel.cpp or tv_client.cpp.
-// Failure  an id that names nothing is logged in the operation's own name.
-// State    the repository and the generator of ids, both valid from load.
+// Callers  the application, and every module that has to find, list or end a channel.
+// Method   each operation looks up the record and passes it to tv_channel.cpp or tv_client.cpp.
+// Failure  an unknown id is logged in the name of the operation.
+// State    the repository and the next id, both ready as soon as the library is loaded.
 
 #include "tv_internal.h"
 #include "tv_log.h"
@@ -14,7 +14,7 @@
 tv_channel_list tv_repository = {&tv_repository, &tv_repository};
 static uint32_t nextChannelId = 0;
 
-// The channel with the id. A miss is logged in the caller's name.
+// Return the channel with the id, or null after logging in the caller's name.
 static tv_channel *find_channel(int channelId, const char *caller = __builtin_FUNCTION(),
                                 int line = __builtin_LINE())
 {
@@ -28,7 +28,7 @@ static tv_channel *find_channel(int channelId, const char *caller = __builtin_FU
 
 int tv_get_channel_id(void)
 {
-    if (nextChannelId == UINT32_MAX) // would be -1
+    if (nextChannelId == UINT32_MAX) // -1 as an int, which means failure
         nextChannelId = 0;
     return (int)nextChannelId++;
 }
@@ -65,7 +65,7 @@ void end_channel(tv_channel *channel)
     guard.closing = true;
     if (channel->pairSocket != nullptr)
         server_remove_channel(channel);
-    else if (index_find_record(pairs, channel) != nullptr) // a pair, closed with close_channel()
+    else if (index_find_record(pairs, channel) != nullptr) // a pair after close_channel()
         unlist_channel(pairs, channel);
     close_channel(channel);
     if (channel == tv_service_server.serverChannel)
@@ -157,7 +157,7 @@ int tv_create_client_channel(const tv_client_addr *addr)
     return list_new_channel(channel, __func__);
 }
 
-// The client channel with the id. Failures are logged in the caller's name.
+// Return the client channel with the id, or null after logging in the caller's name.
 static tv_channel *find_client(int channelId, const char *caller = __builtin_FUNCTION(),
                                int line = __builtin_LINE())
 {
@@ -223,6 +223,6 @@ int tv_set_log_fd(FILE *fp)
 int tv_set_log_file(const char *path)
 {
     if (path != nullptr && path != log_file)
-        strncpy(log_file, path, sizeof(log_file) - 1); // fills up with NULs; the last byte is one
+        strncpy(log_file, path, sizeof(log_file) - 1); // never writes the last byte, a NUL
     return 0;
 }

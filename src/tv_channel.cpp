@@ -1,13 +1,12 @@
 // tv_channel.cpp - what one channel does: exchange, heartbeat, dispatch, actors, closing.
 //
-// Place      above the transport; called by tv_api.cpp, tv_client.cpp, tv_server_api.cpp and, with a
-//            channel id, by the timers.
+// Callers    tv_api.cpp, tv_client.cpp, tv_server_api.cpp and, with a channel id, the timers.
 // Exchange   outgoing: at most one request awaits its reply. Incoming: at most one request awaits
 //            the application's reply; more wait in a queue of 8.
-// Messages   an operation owns the message it is given. It releases the message or stores it in
+// Messages   an operation owns the message passed to it: it frees the message or stores it in
 //            pendingRqst or the queue.
 // Callbacks  may close their channel. After each one the operation checks its guard; if the channel
-//            is closed, it releases what it still holds and stops.
+//            is closed, it frees what it still holds and stops.
 // State      none but the channel records.
 
 #include "tv_internal.h"
@@ -102,17 +101,17 @@ int rb_pop_item(ring_buffer *rb, rb_item *out)
 
 // ---- incoming requests
 
-// Keep a request until its reply has been sent. An older one is pending only if an actor ran the
-// channel's descriptor handler or a loop, and another actor deferred a request there. That request
-// is dropped.
+// Keep a request until its reply has been sent. Another one can be pending only if an actor called
+// the channel's descriptor handler, or ran a loop, and a request was deferred in there; that
+// earlier deferred request is dropped.
 static void set_pending_rqst(tv_channel *channel, char *msg)
 {
     tv_impl_free_msg(channel->pendingRqst);
     channel->pendingRqst = msg;
 }
 
-// Offer a request to the actors in turn. Returns the result of the one that took it, or
-// TV_ACTOR_PASS. Stops when an actor closed the channel.
+// Offer a request to the actors in turn, until one takes it or closes the channel. Returns the
+// result of the last one asked, or TV_ACTOR_PASS if there are none.
 static int offer_to_actors(const channel_guard &guard, const char *payload, int payloadLen,
                            char **reply, int *replyLen)
 {
@@ -126,7 +125,7 @@ static int offer_to_actors(const channel_guard &guard, const char *payload, int 
     return result;
 }
 
-// Act on the result of the actor that took the request. Takes msg; the reply stays the caller's.
+// Act on the result of the actor that took the request. Takes ownership of msg, not of reply.
 static int finish_rqst(tv_channel *channel, char *msg, int result, const char *reply, int replyLen)
 {
     if (result != TV_ACTOR_DEFERRED && reply == nullptr) {
@@ -217,8 +216,8 @@ static void rqst_timeout(intptr_t channelId, intptr_t)
             channel->timeoutHandler(channel->channelId);
         if (guard.closed)
             return;
-        // If the handler ran the channel's descriptor handler, the reply may have arrived, and the
-        // response handler may have sent the next request, which still waits.
+        // The timeout handler may have served the descriptor and so received the reply after all.
+        // If so, keep waitingResp: the response handler may have sent the next request.
         if (!guard.replyReceived)
             channel->waitingResp = 0;
     }
@@ -356,7 +355,7 @@ void heartbeat_received(tv_channel *channel, char *msg)
     tv_impl_free_msg(msg);
 }
 
-void heartbeat_ack_received(tv_channel *, char *msg) // accepting it has cleared the misses
+void heartbeat_ack_received(tv_channel *, char *msg) // tv_msg_received() has reset hbMissCount
 {
     TV_LOG("heartbeat ack msg");
     tv_impl_free_msg(msg);
@@ -382,7 +381,7 @@ int serve_channel(tv_channel *channel, int (*handle_other)(tv_channel *, int typ
 {
     int len = 0;
     char *msg = tv_impl_recv_with_timeout(channel, &len, channel->pollTimeout);
-    if (msg == nullptr || len == 0) { // the link is down: the channel may be closed
+    if (msg == nullptr || len == 0) { // the link-down callback may have closed the channel
         tv_impl_free_msg(msg);
         return 0;
     }

@@ -1,10 +1,10 @@
-// tv_channel_repo.cpp - lists of channels: the repository, the server's pairs, an application's own.
+// tv_channel_repo.cpp - lists of channels: the repository, the server's pairs, applications' own.
 //
-// Place    below tv_api.cpp and tv_server_api.cpp, which own the library's two lists.
-// Method   circular, doubly linked, with a head that is a link itself. New entries go last, and
-//          searches start at the oldest. tv_index.cpp shortens the searches of the library's lists.
-// Failure  a head or an entry with a null link is logged by every search that meets it.
-//          An entry without a record, which add_channel makes of a null one, matches nothing.
+// Callers  tv_api.cpp and tv_server_api.cpp, which own the library's two lists, and applications.
+// Method   circular and doubly linked; the head is itself a link. New entries are appended, and
+//          searches start at the oldest. tv_index.cpp speeds up searches of the library's lists.
+// Failure  every search logs a null link that it meets. An entry without a record, which
+//          add_channel() makes if it is passed null, matches nothing.
 // State    none but the lists.
 
 #include "tv_internal.h"
@@ -40,7 +40,7 @@ static void remove_entry(const tv_channel_list *head, tv_channel_node *entry)
     free(entry);
 }
 
-// The entry after a link, or null at the end. A null link is logged in the caller's name.
+// Return the entry after a link, or null at the end. Logs a null link in the caller's name.
 static tv_channel_node *entry_after(const tv_channel_list *link, const tv_channel_list *head,
                                     const char *caller)
 {
@@ -51,8 +51,8 @@ static tv_channel_node *entry_after(const tv_channel_list *link, const tv_channe
     return (tv_channel_node *)link->next;
 }
 
-// The oldest entry whose channel matches, or null. It is inline because every message searches
-// several times.
+// Return the oldest entry whose channel matches, or null. covers(head) says whether ask_index()
+// knows the list. Always inlined, because every message takes several searches.
 template <typename Covers, typename Match, typename AskIndex>
 static inline __attribute__((always_inline)) tv_channel_node *
 search(const tv_channel_list *head, const char *caller, Covers covers, Match matches,
@@ -118,7 +118,7 @@ tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url)
 {
     const tv_channel_node *entry = search(
         head, __func__,
-        // pairs that have not logged in are not indexed by their empty URLs
+        // Pairs that have not logged in have an empty URL, which is not indexed.
         [=](const tv_channel_list *list) {
             return list == &tv_service_server.pairList && url[0] != '\0';
         },

@@ -1,6 +1,6 @@
 // tv_client.cpp - the client's role: its record, connecting with login, logging out.
 //
-// Place    called by tv_api.cpp, which finds the record by id and starts the heartbeat.
+// Callers  tv_api.cpp, which looks up the record by id and starts the heartbeat.
 // Failure  a failed connect leaves the channel without a connection. A failed send of a login or
 //          logout leaves the connection open; the link-down callback has run.
 // State    none but the channel record.
@@ -21,7 +21,7 @@ int create_client_channel(tv_channel *channel, int channelId, const tv_client_ad
     init_channel(channel, channelId);
     socket->fd = -1;
 
-    // The texts may fill their arrays without a terminator.
+    // The strings in addr may fill their arrays and lack a terminator.
     snprintf(channel->url, sizeof(channel->url), "tcp://%.*s:%d", (int)sizeof(addr->clientIp),
              addr->clientIp, addr->clientPort);
     snprintf(channel->serverIp, sizeof(channel->serverIp), "%.*s",

@@ -1,8 +1,8 @@
 // tv_guard.cpp - the operations in progress: guards on channels, walks over lists.
 //
-// Place    used by every module that calls back into the application; see tv_internal.h.
-// Method   guards and walks lie on the stacks of their operations and are linked, the innermost
-//          first. Closing a channel marks its guards; removing an entry moves the walks past it.
+// Callers  every module that calls back into the application; see tv_internal.h.
+// Method   guards and walks are local variables of their operations, linked in two chains from the
+//          innermost out. Closing a channel marks its guards; removing an entry moves walks on.
 // Failure  none: nothing is allocated.
 // State    the innermost guard and the innermost walk.
 
@@ -26,7 +26,7 @@ channel_guard::~channel_guard()
         release_channel(channel);
 }
 
-// The innermost guard on the channel that has the flag, or null.
+// Return the innermost guard on the channel that has the flag set, or null.
 static channel_guard *find_guard(const tv_channel *channel, bool channel_guard::*flag)
 {
     channel_guard *guard = guards;
@@ -82,7 +82,7 @@ bool report_linkdown(tv_channel *channel, bool repeatIfRunning)
     }
     if (channel->linkdownCallback == nullptr)
         return false;
-    channel_guard guard(channel); // the callback is shown the record's URL
+    channel_guard guard(channel); // the callback reads the record's URL
     guard.inLinkdown = true;
     do {
         guard.repeatLinkdown = false;

@@ -1,20 +1,20 @@
 // tv_index.cpp - finds entries of the library's own two lists without walking them.
 //
-// Place    below tv_channel_repo.cpp, which keeps it in step with the repository and the server's
-//          pairs. The lists are the truth: every hit is checked against its record.
-// Method   one hash table with chains per key. The links of the chains lie in the list entries, so
-//          an entry leaves without a search for it and without a look at its record. Of several
-//          matches the oldest wins, as in a walk.
+// Callers  tv_channel_repo.cpp, which keeps it in step with the repository and the server's pairs;
+//          tv_api.cpp and tv_server_api.cpp for look-ups.
+// Method   one hash table of chains per key. Chain links are part of the list entries, so removing
+//          an entry needs neither a search nor its record. Every hit is checked against the record,
+//          which an application may have changed. The oldest match wins, as in a walk.
 // Failure  none: nothing is allocated.
-// State    the tables and the seed of the URLs' hash.
+// State    the tables, the next rank and the secrets of the URL hash.
 
 #include "tv_internal.h"
 
 #include <string.h>
 #include <sys/random.h>
 
-// Chains per key: with ten thousand channels they hold one or two entries. The system provides
-// the tables' memory as it is used.
+// Chains per key: one or two entries each with ten thousand channels. The tables take up memory
+// only as they are used.
 enum { CHAINS = 16384 };
 
 static index_node *tables[INDEX_KEYS][CHAINS];
@@ -28,13 +28,15 @@ static uint32_t hash_number(int number)
     return product ^ product >> 16;
 }
 
-// Peers choose URLs. Because seed and multiplier are secret, they cannot choose URLs that collide.
+// Peers choose URLs; a secret seed and multiplier keep them from choosing URLs that collide.
 static uint32_t hash_url(const char *url)
 {
     static uint64_t secrets[2] = {0, 0x9e3779b97f4a7c15};
-    static bool drawn;
-    if (!drawn) // it may fail early after boot: the values above are better than waiting
-        drawn = getrandom(secrets, sizeof(secrets), GRND_NONBLOCK) != 0;
+    // getrandom() may fail soon after boot. Do not wait for it, and do not try again: once a URL is
+    // in a chain, its hash must not change.
+    static bool tried;
+    if (!tried)
+        tried = getrandom(secrets, sizeof(secrets), GRND_NONBLOCK) != 0;
     const uint64_t multiplier = secrets[1] | 1;
     uint64_t hash = secrets[0];
     for (int i = 0; i < TV_URL_SIZE && url[i] != '\0'; i++) {
@@ -115,7 +117,7 @@ void index_update_url(const tv_channel *pair)
 
 // ---- finding
 
-// The oldest entry in a chain that matches.
+// Return the oldest matching entry in a chain, or null.
 template <typename Match> static tv_channel_node *find(index_key key, uint32_t hash, Match matches)
 {
     index_node *oldest = nullptr;

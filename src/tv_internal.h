@@ -1,4 +1,4 @@
-// tv_internal.h - what the modules share and applications do not see; not installed.
+// tv_internal.h - what the modules share with each other but not with applications; not installed.
 //
 // One section per module, in the order in which the modules build on each other.
 #ifndef TV_INTERNAL_H
@@ -29,7 +29,7 @@ enum index_key {
 struct index_node {
     tv_channel_node entry;
     const tv_channel_list *head; // the list that holds the entry
-    uint64_t rank;               // entries of a list rank by age, the oldest lowest
+    uint64_t rank;               // lower is older
     struct {
         index_node *next;
         index_node **link; // what points here, or null: not in a chain
@@ -44,16 +44,16 @@ static inline bool index_covers(const tv_channel_list *head)
     return head == &tv_repository || head == &tv_service_server.pairList;
 }
 
-// Add an entry that has just been appended to a list; remove one that is about to leave it. The
-// record of an entry that leaves is not read: it may have been freed.
+// Index an entry just appended to a list; drop one about to be removed from it. index_remove() does
+// not read the entry's record, which may have been freed.
 void index_add(index_node *node);
 void index_remove(index_node *node);
 
 // Index a pair by its URL again, after the URL has changed.
 void index_update_url(const tv_channel *pair);
 
-// Return the oldest entry of the list whose channel has the id, or is this very record; the oldest
-// pair with the descriptor, or with the URL. Null: there is none.
+// Return the oldest matching entry, or null. Ids and records are looked up in the given list,
+// descriptors and URLs among the server's pairs.
 tv_channel_node *index_find_id(const tv_channel_list *head, int channelId);
 tv_channel_node *index_find_record(const tv_channel_list *head, const tv_channel *channel);
 tv_channel_node *index_find_fd(int fd);
@@ -61,13 +61,13 @@ tv_channel_node *index_find_url(const char *url);
 
 // ---- tv_channel_repo.cpp
 
-// A search of a list that the index covers walks WALK_FIRST entries, which is cheaper for a few
-// channels, and then asks the index. If the index knows no match, the walk goes on to WALK_LIMIT
-// entries, so that short lists behave like plain ones even if an application has changed them.
+// A search of an indexed list first walks WALK_FIRST entries, which is cheaper when there are few
+// channels, and then asks the index. If the index has no match, the walk continues up to WALK_LIMIT
+// entries, so that short lists work even if an application has edited them behind the index's back.
 enum { WALK_FIRST = 3, WALK_LIMIT = 32 };
 
-// Remove every entry of this record, whatever other records have its id. Returns 0, or 1 when
-// there is none.
+// Remove every entry for this very record; other records with the same id stay. Returns 0, or 1 if
+// there was no entry.
 int unlist_channel(tv_channel_list *head, const tv_channel *channel);
 
 // ---- tv_guard.cpp
@@ -88,37 +88,37 @@ struct channel_guard {
 
     tv_channel *channel;
     bool closed = false;         // the channel is gone, do not touch it
-    bool closing = false;        // end_channel() is at work on the channel
+    bool closing = false;        // end_channel() is running on the channel
     bool replyReceived = false;  // the awaited reply has arrived; read by rqst_timeout()
-    bool inLinkdown = false;     // the channel's link-down callback runs
+    bool inLinkdown = false;     // the channel's link-down callback is running
     bool repeatLinkdown = false; // and must run once more
-    channel_guard *outer;
+    channel_guard *outer;        // on any channel, or null
 };
 
-// Whether end_channel() is at work on the channel further out on the stack.
+// Whether a call of end_channel() on the channel is in progress further up the stack.
 bool is_closing(const tv_channel *channel);
 
-// Note on all guards of a channel that it has received a reply.
+// Set replyReceived on all guards of a channel.
 void note_reply(const tv_channel *channel);
 
 // Call the channel's link-down callback, unless there is none or it is running already: a send that
-// fails inside it must not call it again. With repeatIfRunning, a callback that is running is called
-// once more after it has returned. The callback may close the channel, so do not touch the record
+// fails inside it must not call it again. With repeatIfRunning, one that is already running is
+// called once more after it returns. The callback may close the channel, so do not touch the record
 // afterwards. Returns whether the callback was called.
 bool report_linkdown(tv_channel *channel, bool repeatIfRunning = false);
 
-// Free a record that is closed and unlisted, with the requests it holds: now, or when the outermost
-// guard on it ends.
+// Free a closed, unlisted record and the requests it holds: now, or when the outermost guard on it
+// ends.
 void release_channel(tv_channel *channel);
 
-// A walk over a list. Any entry may be removed meanwhile.
+// A walk over a list during which any entry may be removed.
 struct list_walk {
     explicit list_walk(tv_channel_list *head);
     ~list_walk();
     list_walk(const list_walk &) = delete;
     list_walk &operator=(const list_walk &) = delete;
 
-    // Return the next channel, or null at the end. Entries without a record are passed over.
+    // Return the next channel, or null at the end. Entries without a record are skipped.
     tv_channel *next_channel();
 
     tv_channel_list *head;
@@ -126,29 +126,29 @@ struct list_walk {
     list_walk *outer;
 };
 
-// Move the walks that would visit this entry next to the one after it.
+// Make every walk that is about to visit this entry skip it.
 void step_walks_over(const tv_channel_list *entry);
 
 // ---- tv_channel.cpp
 
-// Receive one message, check its sequence number and handle it. A login, a logout or a message of
-// no known type goes to handle_other, which releases it. Returns 0, the result of the handling, or -1
-// for a message out of sequence.
+// Receive one message, check its sequence number and dispatch it. handle_other gets logins, logouts
+// and unknown types, and must free the message. Returns the handler's result, 0 if the receive
+// failed, or -1 if the message is out of sequence.
 int serve_channel(tv_channel *channel, int (*handle_other)(tv_channel *, int type, char *msg));
 
 // ---- tv_api.cpp
 
-// List a new channel in the repository. Returns its id, or releases it and returns -1: no memory,
-// which is logged in the caller's name.
+// Add a new channel to the repository and return its id. Without memory, log that in the caller's
+// name, close and release the channel, and return -1.
 int list_new_channel(tv_channel *channel, const char *caller);
 
-// Close a channel, take its record out of both lists and release it. The channel must not be closing
-// already.
+// Close a channel, remove its record from both lists and release it. Do not call it on a channel
+// for which is_closing() holds.
 void end_channel(tv_channel *channel);
 
 // ---- tv_loop.cpp
 
-// Note that a frame is received from a descriptor, or a connection accepted there.
+// Call this before receiving a frame or accepting a connection on fd: it uses up poll()'s report.
 void note_input_taken(int fd);
 
 #endif

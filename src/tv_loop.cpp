@@ -1,12 +1,13 @@
 // tv_loop.cpp - the descriptor table and the main loop.
 //
-// Place    called by the application only; the library registers no descriptor itself.
-// Method   poll() over a table of 16, in slot order; timers fire after every poll() and before any
-//          descriptor is served. Handlers may register, unregister and close descriptors, so each
-//          ready descriptor's slot is looked up when its turn comes.
-// Stale    what poll() reported may be out of date when a descriptor's turn comes: its number may
-//          belong to another descriptor by now, or its input may have been taken already. A handler
-//          would then block, so the loop asks again if anything of that kind may have happened.
+// Callers  the application only; the library itself registers no descriptor.
+// Method   poll() over a table of 16, in slot order; timers fire after every poll() that a signal
+//          did not interrupt, before any descriptor is served. Handlers may register, unregister and
+//          close descriptors, so the slot of a ready descriptor is looked up just before it is
+//          served.
+// Stale    by then poll()'s report may be out of date: the number may have been reused for another
+//          descriptor, or the input may already have been read. The handler would then block, so
+//          the loop polls the descriptor again whenever either may have happened.
 // Failure  the loop ends when poll() fails with anything but EINTR.
 // State    the table.
 
@@ -27,20 +28,21 @@ struct fd_handler_slot {
 static int fdHandlerCount;
 static fd_handler_slot fdHandlerTable[TV_MAX_POLLING_FDS];
 
-// Whether poll()'s reports may be out of date.
+// Whether the reports of the last poll() may be out of date.
 static bool reportsStale;
 
-// The descriptor whose handler runs, until the handler takes its input; else -1.
+// The descriptor whose handler is running and has not taken its input yet, or -1.
 static int servedFd = -1;
 
-// The two functions of the timer library that the loop calls. A site's own timer library may declare
-// an argument for each, so they are passed the number of listed descriptors and poll()'s result.
+// The two timer functions that the loop calls. A site's own timer library may declare a parameter
+// for each, so pass the number of polled descriptors and poll()'s result; ruvo_timer.cpp ignores
+// them.
 extern "C" {
 int expected_interval(int listed) __asm__("ruvo_timer_get_expected_interval");
 void fire_timer(int ready) __asm__("ruvo_fire_timer");
 }
 
-// The lowest slot that holds fd, or null.
+// Return the lowest slot that holds fd, or null.
 static fd_handler_slot *find_slot(int fd)
 {
     for (fd_handler_slot &slot : fdHandlerTable) {
@@ -106,7 +108,7 @@ void note_input_taken(int fd)
 {
     if (fd != servedFd)
         reportsStale = true;
-    servedFd = -1; // one report stands for one message or connection
+    servedFd = -1; // a report covers only one message or connection
 }
 
 static bool is_readable(int fd)
@@ -151,7 +153,7 @@ void tv_main_loop(void)
             continue;
         if (ready < 0) {
             perror("poll");
-            reportsStale = true; // for the pass of an outer loop, if this one is nested
+            reportsStale = true; // for an outer loop, if this one is nested
             return;
         }
         fire_timer(ready);

@@ -1,10 +1,11 @@
 // tv_msg_header.cpp - the text in front of every payload: building it, and reading it back.
 //
-// The exchange, the heartbeat, the client and the server call it; it does no I/O.
-// A message is "<sequence>\n<tag>\n<URL>\nvelun_tolvane_payload\n", then the payload's bytes. Readers
-// take it as text up to its first 0x00. The transport stores one past the last byte of everything
-// it receives, so no scan here leaves the message.
-// A message that does not fit is not built, and keeps its sequence number. No state but that number.
+// Callers  tv_channel.cpp, tv_client.cpp and tv_server_api.cpp. It does no I/O.
+// Format   "<sequence>\n<tag>\n<URL>\nvelun_tolvane_payload\n", then the payload's bytes.
+// Method   readers treat a message as text up to its first 0x00. The transport appends a 0x00 to
+//          everything it receives, so no scan here runs past the end.
+// Failure  a message that does not fit is not built and does not use up a sequence number.
+// State    none but the channel's sequence number.
 
 #include "tv_internal.h"
 #include "tv_log.h"
@@ -20,19 +21,19 @@
 static const int prefixLen = sizeof(PREFIX) - 1;
 static const int markerLen = sizeof(PAYLOAD_MARKER) - 1;
 
-// What follows the prefix in each tag, in the order of the type codes, which is also the order in
-// which the tags decide.
+// What follows the prefix in each tag, indexed by type code. In a message with several tags the
+// lowest type wins.
 static constexpr std::string_view tagNames[TV_MSG_UNKNOWN] = {
     "login\n", "logout\n", "request\n", "reply\n", "heartbeat\n", "heartbeatack\n",
 };
 
-// The longest number: "-2147483648".
+// The length of the longest number, "-2147483648".
 static const int maxIntLen = 11;
 
-// More than any header has with its terminator: sequence, line end, tag, URL and marker.
+// Enough for any header: sequence, line end, the longest tag (27), URL, marker and terminator.
 static const int maxHeaderSize = maxIntLen + 1 + 27 + TV_URL_SIZE + sizeof(PAYLOAD_MARKER);
 
-// A sequence number or a heartbeat value: as much of a text as is ever converted.
+// Only this many characters of a sequence number or heartbeat value are converted.
 static const size_t maxNumberLen = 31;
 
 // Room for the key-value text of a heartbeat, 66 characters at most.
@@ -48,7 +49,7 @@ static char *append(char *end, std::string_view text)
 
 static char *append_number(char *end, int number)
 {
-    char digits[maxIntLen]; // the lowest first
+    char digits[maxIntLen]; // least significant first
     int count = 0;
     unsigned rest = number < 0 ? -(unsigned)number : number;
     do {
@@ -62,8 +63,8 @@ static char *append_number(char *end, int number)
     return end;
 }
 
-// Write the header into a buffer of maxHeaderSize bytes and return its length. snprintf() would take
-// a third of a small message's instructions.
+// Write the header into a buffer of maxHeaderSize bytes and return its length. This avoids
+// snprintf(), which would take a third of the instructions spent on a small message.
 static int print_header(const tv_channel *channel, int type, char *header)
 {
     char *end = append_number(header, channel->msgSequence);
@@ -143,7 +144,7 @@ int build_heartbeat_ack_msg(tv_channel *channel, char *dst, int size)
 
 // ---- reading
 
-// The lowest type below limit whose tag has the name that begins here, or limit.
+// Return the lowest type below limit whose tag name starts at name, or limit if there is none.
 static int type_of_name(const char *name, int limit)
 {
     for (int type = TV_MSG_LOGIN; type < limit; type++) {
@@ -154,7 +155,7 @@ static int type_of_name(const char *name, int limit)
     return limit;
 }
 
-// For each pair of characters in the prefix, how far it is from the prefix's end.
+// Maps each pair of adjacent characters in the prefix to its distance from the prefix's end.
 struct pair_table {
     uint16_t pairs[64] = {};
     uint8_t distances[64] = {};
@@ -178,9 +179,9 @@ struct pair_table {
 };
 static constexpr pair_table prefixPairs;
 
-// The first prefix between text and end, or null. A peer may send megabytes that are full of almost
-// any text, so the search moves by as much as the last two characters of its window allow. strstr()
-// does the same, but would build its table again after each prefix.
+// Return the first prefix between text and end, or null. A peer may send megabytes of hostile text,
+// so the search window advances as far as its last two characters allow. strstr() does the same,
+// but would rebuild its table after each prefix.
 static const char *find_prefix(const char *text, const char *end)
 {
     const char *last = text + prefixLen - 1; // of the window
@@ -197,8 +198,8 @@ static const char *find_prefix(const char *text, const char *end)
     return nullptr;
 }
 
-// Find the lowest type whose tag occurs in the text, and the URL behind its first occurrence, in one
-// pass over the prefixes, which do not overlap.
+// Find the lowest type whose tag occurs in the text, and the URL after its first occurrence. One
+// pass over the prefixes is enough because they cannot overlap.
 static int find_tag(const char *msg, const char **url)
 {
     const char *end = msg + strlen(msg);
@@ -216,7 +217,7 @@ static int find_tag(const char *msg, const char **url)
     return lowest;
 }
 
-// Convert a number of at most count characters; out of range gives the nearest 32-bit number.
+// Convert at most count characters to an int. Values out of range are clamped.
 static int to_int(const char *text, size_t count)
 {
     char number[maxNumberLen + 1] = "";
@@ -289,8 +290,8 @@ static int get_heartbeat_value(const char *text, const char *key)
     if (end == nullptr)
         return -1;
 
-    // The character after the key, a colon, is not looked at. A brace in its place makes the
-    // count wrap round to a huge one: the characters after the brace are the value then.
+    // The character after the key should be a colon and is skipped unchecked. If it is the brace
+    // itself, the count below wraps to a huge number and the text after the brace is converted.
     const char *value = found + strlen(key) + 1;
     return to_int(value, (size_t)(end - value));
 }

@@ -1,8 +1,8 @@
 // tv_server_api.cpp - the server's role: the service server, its pairs, what arrives on them.
 //
-// Place    called by the application and, through its three descriptor handlers, by the loop.
-// Pairs    every pair is in the repository and in pairList; it enters the repository first and
-//          leaves pairList first. The records belong to neither.
+// Callers  the application and, through the two descriptor handlers, the loop.
+// Pairs    every pair is in the repository and in pairList; it is added to the repository first and
+//          removed from pairList first. Neither list owns the records.
 // Failure  an accepted descriptor that cannot become a pair is closed.
 // State    tv_service_server.
 
@@ -39,8 +39,8 @@ int create_server_channel(tv_channel *channel, int channelId, const char *ip, in
     return 0;
 }
 
-// Pairs that outlived their server, because its channel was closed by id, leave the list. The
-// application can still close them by id.
+// Drop the pairs of an earlier server whose channel was closed by id. They stay in the repository,
+// so the application can still close them.
 static void empty_pair_list(void)
 {
     tv_channel_list *pairs = &tv_service_server.pairList;
@@ -82,8 +82,8 @@ int tv_start_server(const char *ip, int port)
     return tv_start_service_server(ip, port, nullptr, nullptr, nullptr);
 }
 
-// The oldest pair of a server that is stopping, or null: there is none, or another server has been
-// started meanwhile, whose pairs stay.
+// Return the oldest pair left to close, or null: there is none, or a callback has started another
+// server, to which the pairs now belong.
 static tv_channel *next_pair_to_stop(const tv_channel *stopping)
 {
     const tv_channel *current = tv_service_server.serverChannel;
@@ -102,7 +102,7 @@ void tv_stop_server(void)
     channel_guard guard(server);
     for (tv_channel *pair = next_pair_to_stop(server); pair != nullptr;
          pair = next_pair_to_stop(server)) {
-        if (is_closing(pair)) // in its own fd-close callback, which has called this
+        if (is_closing(pair)) // we were called from its fd-close callback
             unlist_channel(&tv_service_server.pairList, pair);
         else
             end_channel(pair);
@@ -141,7 +141,8 @@ static void inherit_heartbeat(tv_channel *pair, const tv_channel *server)
     pair->hbMissCount = 0;
 }
 
-// Create and list the record of an accepted connection. Returns null without memory.
+// Create the record of an accepted connection and add it to both lists. Returns null if out of
+// memory.
 static tv_channel *new_pair(int fd)
 {
     tv_channel *pair = (tv_channel *)malloc(sizeof(tv_channel));
@@ -206,7 +207,8 @@ int tv_server_fd_handler(int fd, intptr_t, intptr_t)
 
 int update_pair_channel(tv_channel *channel, const char *url)
 {
-    if (url != channel->url) // a URL from the network may be of any length: no more is read
+    // A URL from the network may be of any length; the precision stops snprintf() reading it all.
+    if (url != channel->url)
         snprintf(channel->url, sizeof(channel->url), "%.*s", TV_URL_SIZE - 1, url);
     index_update_url(channel);
     return 0;
@@ -250,15 +252,16 @@ static tv_channel *get_pair_by_fd(int fd)
     return nullptr;
 }
 
-// The URL in a login or logout, of any length, or null (which has been logged). The NUL that ends
-// the message's text ends the URL too, so the message's length does not matter.
+// Return the URL in a login or logout, of any length, or null after logging. The NUL that ends the
+// message's text ends the URL too, so the message's length is not needed.
 static const char *get_url_payload(const char *msg)
 {
     int len = 0;
     return get_msg_payload(msg, INT_MAX, &len);
 }
 
-// Close an older connection of the client that logs in. The disconnected callback may close it too.
+// Close the older connection of a client that logs in again. The disconnected callback may already
+// have closed it, so close by id.
 static void replace_pair(int channelId, const char *url)
 {
     TV_LOG_AT("login_msg_received", __LINE__,

@@ -1,11 +1,13 @@
 // ruvo_timer.cpp - one-shot and periodic timers on the monotonic clock.
 //
-// A library of its own; libtolvane.so and applications call it. Timers are in a table, in the slot
-// given by their id modulo the table's size, and their ids in a binary heap ordered by due time,
-// then by start. A start takes the next id whose slot is free, so an id is not reused soon and is
-// found in one step. The table is at most half full, so a free slot is two steps away on average.
-// Starting costs O(log n) on average, stopping O(log n). A start without memory returns -1 and
-// changes nothing. Table and heap grow and are kept; one thread, no locks.
+// Callers  libtolvane.so and applications, on one thread; a library of its own.
+// Method   a table holds the timers, each in the slot given by its id modulo the table's size. A
+//          binary heap orders their ids by due time, then by start. A start takes the next id whose
+//          slot is free, so no id is reused soon, and an id leads straight to its timer. The table
+//          is at most half full, so a free slot is about two steps away on average.
+// Cost     O(log n) to stop; O(log n) on average to start, as the table may grow.
+// Failure  a start without memory returns -1 and changes nothing.
+// State    the table and the heap, which grow but never shrink.
 
 #include "ruvo_timer.h"
 
@@ -17,7 +19,7 @@ struct timer_entry {
     int id; // -1: free
     uint32_t heapIndex;
     int64_t due;    // nanoseconds on the monotonic clock
-    uint64_t rank;  // counts the starts
+    uint64_t rank;  // the order of the starts
     int64_t period; // nanoseconds; 0: one-shot
     ruvo_timer_cb callback;
     intptr_t arg1;
@@ -36,7 +38,7 @@ static uint64_t nextRank;
 
 static int64_t monotonic_ns(void)
 {
-    struct timespec now = {0, 0}; // defined even if the clock failed, which it does not
+    struct timespec now = {0, 0}; // should the clock ever fail
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * (1000 * nsPerMs) + now.tv_nsec;
 }
@@ -61,7 +63,7 @@ static void put(uint32_t index, int id)
     entry_of(id)->heapIndex = index;
 }
 
-// Moves the timer at index towards the root, then towards the leaves, until the order holds.
+// Move the timer at index towards the root, then towards the leaves, until the order holds.
 static void settle(uint32_t index)
 {
     const int id = heap[index];
@@ -93,7 +95,7 @@ static void remove_entry(timer_entry *entry)
 
 // ---- the table
 
-// Makes room for one more timer. Ids that differ modulo the old size also differ modulo twice that
+// Make room for one more timer. Ids that differ modulo the old size also differ modulo twice that
 // size, so no two timers share a slot of the new table.
 static bool make_room(void)
 {

@@ -26,7 +26,7 @@ extern "C" {
 #endif
 
 /** Runs when a timer is due, inside ruvo_fire_timer(). May start timers, which do not fire in the
- * same pass, and stop any timer, its own included.
+ * same pass, and stop any timer, including its own.
  *
  * @param arg1  as given to the start
  * @param arg2  as given to the start */
@@ -46,8 +46,8 @@ int ruvo_start_timer(int interval, ruvo_timer_cb callback, intptr_t arg1, intptr
 
 /** Starts a timer that fires every interval until it is stopped.
  *
- * It is due 1, 2, 3, ... intervals after the start. If it is late by several intervals, it fires
- * once and continues with the next of these times.
+ * It is due 1, 2, 3, ... intervals after the start. If several of these times have passed, it fires
+ * once and continues with the next one still to come.
  *
  * @param interval  milliseconds, 1 or more
  * @param callback  not null

@@ -1,11 +1,14 @@
 // impl_socket.cpp - sockets, and whole frames over one socket within a deadline.
 //
-// The lowest layer: tcp_impl.cpp and the channel creators call it; it knows nothing of channels.
-// A frame is a 36-byte header (watermark, length in network order) and a body; see docs/protocol.md.
-// A transfer is tried first and waits only when the kernel would block. One deadline, fixed when
-// the frame starts, covers header and body.
-// A failed transfer leaves the stream out of step, so the caller must drop the link. A failed
-// set-up closes what it opened. No state is kept between calls.
+// Callers  tcp_impl.cpp, tv_client.cpp and tv_server_api.cpp. The lowest layer: it knows nothing of
+//          channels.
+// Format   a frame is a 36-byte header (watermark, length in network order) and a body; see
+//          docs/protocol.md.
+// Method   each transfer is tried first and waits only if the kernel would block. One deadline, set
+//          when the frame starts, covers header and body.
+// Failure  a failed transfer leaves the stream out of step, so the caller must drop the link. A
+//          failed set-up closes the socket it opened.
+// State    none.
 
 #include "tv_log.h"
 
@@ -26,10 +29,10 @@ static const char watermark[] = "TCP_WATER_MARK"; // on the wire with its termin
 static const int watermarkFieldSize = 32;
 static const int headerSize = watermarkFieldSize + sizeof(uint32_t);
 
-// Connections that the system completes before they are accepted.
+// How many established connections may wait to be accepted.
 static const int listenBacklog = 16;
 
-// The most that one recv() takes: the clock is read in between.
+// The most one recv() may take, so that the deadline is checked during a large body too.
 static const int receiveStep = 256 * 1024;
 
 // The deadline of a receive without a timeout.
@@ -41,7 +44,7 @@ static const long long nsPerMs = 1000000;
 
 static long long _monotonic_ns(void)
 {
-    struct timespec now = {0, 0}; // the clock does not fail; if it did, this is defined
+    struct timespec now = {0, 0}; // should the clock ever fail
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * 1000 * nsPerMs + now.tv_nsec;
 }
@@ -51,7 +54,7 @@ static long long _deadline_after(int timeoutMs)
     return _monotonic_ns() + timeoutMs * nsPerMs;
 }
 
-// The milliseconds left, rounded up; 0 or less when the deadline has passed.
+// Return the milliseconds left, rounded up; 0 or less once the deadline has passed.
 static int _ms_until(long long deadline)
 {
     const long long left = deadline - _monotonic_ns();
@@ -69,7 +72,7 @@ static void _set_fd_nonblock(int fd)
         TV_LOG("%s,fail to set fd nonblock:%s", __func__, strerror(errno));
 }
 
-// Wait for the events. Returns true when the next call on fd will not block.
+// Wait for the events. Returns true if the next call on fd will not block.
 static bool _wait_fd(int fd, short events, int timeoutMs)
 {
     const long long deadline = _deadline_after(timeoutMs);
@@ -106,7 +109,7 @@ static bool _impl_send_with_timeout(int fd, const char *bytes, int count, int fl
             TV_LOG("failed send error:%s", strerror(error));
             return false;
         }
-        // The first EAGAIN replaces the wait before the first try, so it is not logged.
+        // The first try is made without waiting, so EAGAIN is normal there and not logged.
         if (error != 0 && !(first && error == EAGAIN))
             TV_LOG("send error: %s continue", strerror(error));
         const int left = _ms_until(deadline);
@@ -133,7 +136,7 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
     const uint32_t netLen = htonl((uint32_t)len);
     memcpy(header + watermarkFieldSize, &netLen, sizeof(netLen));
 
-    // With a body to follow, the header waits for it and both leave in one segment.
+    // If a body follows, the kernel holds the header back so that both leave in one segment.
     const int flags = len > 0 ? MSG_MORE : 0;
     const long long deadline = _deadline_after(timeoutMs);
     if (timeoutMs <= 0)
@@ -152,7 +155,8 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 // ---- receiving
 
 // Without a deadline, spin on recv(). With one, drain what is buffered once it has passed, then
-// fail; a body of more than one step fails at its next step, so that a flood cannot hold it longer.
+// fail; but if more than receiveStep bytes are wanted, fail without draining, or a peer that floods
+// us could keep the receive going.
 static bool _impl_receive_with_timeout(int fd, char *dst, int count, long long deadline)
 {
     const bool limited = deadline != noDeadline;
@@ -190,7 +194,7 @@ static bool _impl_receive_with_timeout(int fd, char *dst, int count, long long d
     return true;
 }
 
-// Returns the length of the body, or -1. Logs for its caller.
+// Receive a header and return the length of the body, or -1. Logs in the caller's name.
 static int _receive_header(int fd, long long deadline, const char *caller)
 {
     char header[headerSize];
@@ -220,8 +224,8 @@ char *tcp_impl_receive_with_timeout(int fd, int *len, int timeoutMs)
     if (bodyLen < 0)
         return nullptr;
 
-    // One byte more for the 0x00 that ends every scan of the message. A large block costs memory
-    // only as its bytes arrive.
+    // One byte more for the 0x00 that ends every scan of the message. The peer chooses the length,
+    // but the system backs a large block with memory only as bytes arrive.
     char *body = (char *)malloc((size_t)bodyLen + 1);
     if (body == nullptr) {
         TV_LOG("tcp_impl_receive, failed on malloc");
@@ -242,9 +246,9 @@ char *tcp_impl_receive(int fd, int *len)
     return tcp_impl_receive_with_timeout(fd, len, 0);
 }
 
-// ---- setting sockets up: no descriptor is handed on to a program that the application executes
+// ---- setting sockets up; programs that the application executes do not inherit them
 
-// A text that is no dotted IPv4 address leaves the address 0.0.0.0.
+// Names are not resolved: anything but a dotted IPv4 address becomes 0.0.0.0.
 static struct sockaddr_in _make_address(const char *ip, int port)
 {
     struct sockaddr_in address = {};
@@ -285,8 +289,8 @@ int impl_create_server_socket(const char *ip, int port)
     return -1;
 }
 
-// Wait for the end of a connect in progress. Returns true when it succeeded; logs for its caller.
-static bool _connect_finished(int fd, int timeoutMs, const char *caller)
+// Wait until a connect in progress ends. Returns whether it succeeded. Logs in the caller's name.
+static bool _finish_connect(int fd, int timeoutMs, const char *caller)
 {
     if (!_wait_fd(fd, POLLOUT, timeoutMs))
         return false;
@@ -302,12 +306,13 @@ static bool _connect_finished(int fd, int timeoutMs, const char *caller)
     return outcome == 0;
 }
 
-// While a server is down, the kernel may give a client on the same host the server's port as its own
-// and connect it to itself; the server could not start again. Logs for its caller.
+// While a server is down, the kernel may pick the server's port as the local port of a client on
+// the same host, which then connects to itself. That must not last: it would block the server's
+// port. Logs in the caller's name.
 static bool _is_connected_to_itself(int fd, const char *caller)
 {
-    struct sockaddr_in own = {}; // not the peer's, should neither be known
-    own.sin_port = 1;
+    struct sockaddr_in own = {};
+    own.sin_port = 1; // differs from peer's, in case both look-ups fail
     struct sockaddr_in peer = {};
     socklen_t ownSize = sizeof(own);
     socklen_t peerSize = sizeof(peer);
@@ -316,7 +321,7 @@ static bool _is_connected_to_itself(int fd, const char *caller)
     if (own.sin_port != peer.sin_port || own.sin_addr.s_addr != peer.sin_addr.s_addr)
         return false;
     TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
-    const struct linger reset = {1, 0}; // else its end would keep the server's port in TIME_WAIT
+    const struct linger reset = {1, 0}; // without TIME_WAIT on the server's port
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
     return true;
 }
@@ -333,7 +338,7 @@ int _impl_nonblock_connect(int fd, const struct sockaddr *addr, socklen_t addrle
 
     bool connected = error == 0 || error == EISCONN;
     if (error == EINPROGRESS || error == EALREADY)
-        connected = _connect_finished(fd, timeoutMs, __func__);
+        connected = _finish_connect(fd, timeoutMs, __func__);
     return connected && !_is_connected_to_itself(fd, __func__) ? fd : -1;
 }
 
@@ -366,7 +371,7 @@ int impl_create_client_socket(const char *ip, int port, int timeoutMs)
 
 int tcp_impl_accept_socket(int listenFd)
 {
-    // The peer is known by the URL of its login, not by its address.
+    // The peer's address is not needed: its login identifies it by URL.
     const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd >= 0) {
         _set_fd_nonblock(fd);

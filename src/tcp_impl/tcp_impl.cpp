@@ -1,8 +1,10 @@
 // tcp_impl.cpp - the transport of one channel: its descriptor, its messages, its broken link.
 //
-// Between the channel logic and the frames of impl_socket.cpp. All traffic of a channel passes here.
-// A failed transfer is reported to the channel's link-down callback, which may close the channel:
-// callers touch the record only after a success. No state but the channel's socket.
+// Callers  tv_channel.cpp and tv_client.cpp. All of a channel's traffic passes through here on its
+//          way to and from impl_socket.cpp.
+// Failure  a failed transfer is reported to the channel's link-down callback, which may close the
+//          channel, so callers must not touch the record after a failure.
+// State    none but the channel's socket.
 
 #include "tv_internal.h"
 #include "tv_log.h"
@@ -10,7 +12,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-// The slot of the channel's socket, or null.
+// Return the field that holds the channel's socket, or null.
 static tv_socket **find_socket(tv_channel *channel)
 {
     if (channel->pairSocket != nullptr)

@@ -488,7 +488,7 @@ private:
 // ---- timer ---------------------------------------------------------------------------------
 
 /** Runs a callback later; move-only. The destructor stops it: keep the object. */
-class timer
+class [[nodiscard]] timer
 {
 public:
     /** A timer that is not pending. */
@@ -1153,7 +1153,8 @@ public:
         return link != nullptr ? link->url : none;
     }
     /** End the connection once what is queued is sent, at most connect_timeout later; the handle
-     * turns false now. Requests under way get outcome::lost, and on_logout gets reason::closed. */
+     * turns false now. Requests under way get outcome::lost, and on_logout gets reason::closed. The
+     * client may connect again. What is queued is sent only while the loop runs. */
     void close()
     {
         if (*this)
@@ -1456,7 +1457,8 @@ public:
         return {};
     }
     /** Log out and end the connection once what is queued is sent, at most connect_timeout later.
-     * Requests under way or not sent yet get outcome::lost; on_lost is not called. */
+     * Requests under way or not sent yet get outcome::lost; on_lost is not called. What is queued is
+     * sent only while the loop runs. */
     void disconnect() { state->disconnect(); }
     /** True while connected: from on_connected until the link is lost or closed. */
     explicit operator bool() const { return state->established; }
@@ -1681,7 +1683,8 @@ public:
     }
     /** The port it listens on, or 0. */
     std::uint16_t port() const { return state->port; }
-    /** Stop listening and close all peers, as peer::close() does. listen() may follow. */
+    /** Stop listening and close all peers, as peer::close() does: let the loop run until they have
+     * got what is queued. listen() may follow. */
     void stop()
     {
         if (state->fd == -1)

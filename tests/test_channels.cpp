@@ -155,8 +155,10 @@ TEST_F(Server, BeforeTheFirstStartEveryOperationReturns)
     run("stop_server");
     tv_service_server.pairList = {nullptr, nullptr};
     int fd = dup(0);
+    log.take();
     EXPECT_EQ(tv_service_enable_heartbeat(100, 1, on_link_down), 0);
     EXPECT_EQ(tv_get_all_client_fds(&fd, 1), 0);
+    EXPECT_LOG({"channel list is null", "channel list is null"});
     EXPECT_EQ(create_pair_channel(fd), -1); // closes it
     EXPECT_EQ(tv_pair_fd_handler(fd, 0, 0), 0);
     EXPECT_EQ(tv_get_server_polling_fd(), -1);
@@ -176,9 +178,12 @@ TEST_F(Server, WithoutCallbacksPairsComeAndGoSilently)
     EXPECT_EQ(tv_pair_fd_handler(-1, 0, 0), 0);
     EXPECT_LOG(
         {"internal list error, should never reach here", "could not find channel with fd[-1]"});
-    tv_close_client_connection(
-        ((tv_channel_node *)tv_service_server.pairList.next)->channel->channelId);
+    tv_channel *pair = ((tv_channel_node *)tv_service_server.pairList.next)->channel;
+    close_channel(pair);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    EXPECT_EQ(tv_get_all_client_fds(&fd, 1), 0);
+    EXPECT_LOG({"internal data error"});
+    tv_close_client_connection(pair->channelId);
     play("=> a: peer_got EOF");
     clean_channel_repo(&tv_service_server.pairList);
 }

@@ -115,6 +115,17 @@ TEST(Misuse, ABufferWithoutRoomGetsNoUrl)
     EXPECT_EQ(untouched, 'x');
 }
 
+TEST(Misuse, ReadersLogWhatTheyDoNotFind)
+{
+    LogCapture log;
+    char url[9];
+    EXPECT_EQ(get_heartbeat_count("{sequence:5}"), -1);
+    EXPECT_EQ(get_msg_url("1\nno tag", url, sizeof(url)), -1);
+    EXPECT_LOG({"could not find key", "get_url_pos, unexpected tolvane received"});
+    EXPECT_EQ(get_msg_url("1\nvelun_tolvane_reply\nu\nvelun_tolvane_payload\n", url, 9), 0);
+    EXPECT_LOG({});
+}
+
 TEST(Misuse, AQueueIsEmptyOnlyIfBothIndicesSaySo)
 {
     rb_item items[2];

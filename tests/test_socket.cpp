@@ -62,6 +62,22 @@ TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
     EXPECT_EQ(address_of(listener).sin_addr.s_addr, htonl(INADDR_LOOPBACK));
 }
 
+TEST_F(Socket, DescriptorZeroIsLikeAnyOther)
+{
+    const int input = dup(0);
+    close(0);
+    LogCapture log;
+    EXPECT_EQ(impl_create_client_socket(ip, port, 1000), 0);
+    EXPECT_LOG({"nonblock connecting mode for fd 0", "Operation now in progress 115"});
+    const int client = dup(0);
+    close(0);
+    EXPECT_EQ(tcp_impl_accept_socket(listener), 0);
+    EXPECT_TRUE(fcntl(0, F_GETFL) & O_NONBLOCK);
+    close(client);
+    dup2(input, 0);
+    close(input);
+}
+
 TEST_F(Socket, FailedConnectsLeaveNothingOpen)
 {
     int waiting[16]; // for somebody to accept them

@@ -16,8 +16,8 @@ struct link_end {
 
 struct contender {
     const char *name;
-    // Connect to a server; or, serving one client in a process of its own, return the end on which
-    // the driver is to answer. A contender that answers by itself never returns.
+    // Client: connect to a server. Serving, in a process of its own: accept one client and return the
+    // end on which the driver answers. A contender that answers by itself never returns.
     link_end (*open)(int port, bool serving);
 };
 extern const std::vector<contender> contenders; // peers.cpp
@@ -32,8 +32,8 @@ extern task theTask;
 void check(bool ok, const char *what);
 
 // memcpy() in pieces: glibc before 2.39 copies more than 2 KiB by one instruction, which takes 16
-// times as long on some processors if the destination lies less than 64 bytes behind the source
-// modulo 4096. Two blocks of 60 KiB from malloc() often lie so.
+// times as long on some processors if the destination starts less than 64 bytes after the source,
+// modulo 4096. Two blocks of 60 KiB from malloc() often do.
 inline void copy(char *dst, const char *src, int len)
 {
     const int piece = 2048;
@@ -41,7 +41,7 @@ inline void copy(char *dst, const char *src, int len)
         memcpy(dst + done, src + done, std::min(piece, len - done));
 }
 
-// For servers: connections are accepted from now on; and, one way, there is one more message.
+// For servers. The first: connections are accepted from now on; the second counts one-way messages.
 void server_is_ready();
 void message_received();
 

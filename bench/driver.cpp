@@ -1,12 +1,12 @@
 // driver.cpp - measures the contenders against each other and prints the tables of RESULTS.md.
 //
 //   driver roundtrip|oneway BYTES CORES ROUNDS MILLISECONDS   CORES: 1 or 2, for client and server
-//   driver growth CLIENTS       one line: what they cost the library's server
-//   driver count NAME NUMBER    so many round trips of 5 bytes, for strace and callgrind
+//   driver growth CLIENTS       one line: what CLIENTS clients cost the library's server
+//   driver count NAME NUMBER    NUMBER round trips of 5 bytes, for strace and callgrind
 //
 // Every server has a process of its own; this process is the client of all. In each round they take
-// turns, so that a disturbance of the machine meets all of them. A ratio is taken within a round;
-// the median of the rounds' ratios counts.
+// turns, so that a disturbance of the machine affects all of them. Ratios are taken within a round;
+// the median over the rounds counts.
 
 #include "contender.h"
 
@@ -44,9 +44,9 @@ static double now_us()
 
 static double quantile(std::vector<double> &values, double q)
 {
-    const auto place = values.begin() + (size_t)(q * values.size());
-    std::nth_element(values.begin(), place, values.end());
-    return *place;
+    const auto at = values.begin() + (size_t)(q * values.size());
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
 }
 
 static double median(std::vector<double> values)
@@ -109,8 +109,8 @@ static int free_port()
     return ntohs(address.sin_port);
 }
 
-// The kernel copies by the same instruction as copy() describes. Whether a received block lies
-// unluckily is left to chance, or one contender would always meet it.
+// The kernel copies with the instruction that copy() avoids. Shift the heap at random, so that no
+// contender always receives into a slow alignment.
 static void shift_heap()
 {
     static std::vector<void *> blocks;
@@ -238,7 +238,7 @@ static void count_round_trips(const std::string &name, long number)
 
 // ---- many clients
 
-// Without what is shared with files or other processes.
+// Excludes memory shared with files or other processes.
 static double resident_kib(pid_t pid)
 {
     long pages = 0, shared = 0;
@@ -255,7 +255,7 @@ static double timed(const std::function<void()> &run)
     return now_us() - begin;
 }
 
-// Each client has a connection, and one acts after the other: what grows is the server's part.
+// Clients act one at a time, each on its own connection, so only the server's part can grow.
 static void print_growth(size_t count)
 {
     const size_t samples = std::min(count / 2, (size_t)300);

@@ -1,13 +1,13 @@
 // layer.cpp - the C++ layer against the C interface and libzmq, and under load, on one core.
 //
-// Speed  every contender has a server, a process of its own, and a client in this one. They work in
-//        turn, several times over; the best rates count, as other work on the machine can only
-//        take away.
-// Load   a client's waits with a crowd that misbehaves, against its waits without.
+// Speed  every contender has a server in a process of its own and a client in this one. They take
+//        turns, many times; the best rates count, because other work on the machine only slows
+//        them down.
+// Load   a client's waits next to a crowd that misbehaves, compared with its waits without.
 //
 // Run it on one core: taskset -c 0 ./layer
 
-#include <tolvane.h> // all of it, for the strangers
+#include <tolvane.h> // with the parts that the strangers use
 
 #include <tolvane.hpp>
 
@@ -185,7 +185,7 @@ static void zmq_serve()
     zmq_pollitem_t items[] = {{router, 0, ZMQ_POLLIN, 0}, {pull, 0, ZMQ_POLLIN, 0}};
     while (zmq_poll(items, 2, -1) > 0) {
         while (zmq_recv(router, text, sizeof(text), ZMQ_DONTWAIT) > 0) {
-            zmq_recv(router, text, sizeof(text), 0); // the text behind the name
+            zmq_recv(router, text, sizeof(text), 0); // the text after the name
             answer();
         }
         while (zmq_recv(pull, text, sizeof(text), ZMQ_DONTWAIT) > 0) {
@@ -253,7 +253,7 @@ struct waits {
     double shortest, longest, memory; // seconds, and KiB per client
 };
 
-// Connect as strangers, until the server is gone.
+// Clients without the layer, until the server is gone.
 static void crowd(int port, const load &what)
 {
     process::report(0);

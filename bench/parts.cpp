@@ -1,4 +1,4 @@
-// parts.cpp - the parts of a message's way: building, classifying, finding its channel, timers, log.
+// parts.cpp - what handling a message takes: building, classifying, finding its channel, timers, log.
 
 #include "ruvo_timer.h"
 #include "tolvane.h"
@@ -19,7 +19,7 @@ static void Build(benchmark::State &state)
 }
 BENCHMARK(Build)->Arg(5)->Arg(65000);
 
-// Ordinary text, and the payload that takes longest: nothing but what all tags begin with.
+// Ordinary text, and the slowest payload: only the prefix that all tags share.
 static void Classify(benchmark::State &state, const char *repeated)
 {
     std::string text = "1000\nvelun_tolvane_reply\ntcp://127.0.0.1:6000\nvelun_tolvane_payload\n";
@@ -33,7 +33,7 @@ BENCHMARK_CAPTURE(Classify, ordinary, "{\"sensor\": 17, \"level\": \"verbose\"},
     ->Arg(65000);
 BENCHMARK_CAPTURE(Classify, hostile, "velun_tolvane_")->Arg(65000);
 
-// Find a channel by its id among so many.
+// Find a channel by its id among 10 or 10,000.
 static void Find(benchmark::State &state)
 {
     const size_t count = state.range(0);
@@ -52,7 +52,7 @@ BENCHMARK(Find)->Arg(10)->Arg(10000);
 
 static void ignore(intptr_t, intptr_t) {}
 
-// What an accepted message does to its channel's heartbeat, with so many timers.
+// Restart a heartbeat timer among others, as every accepted message does.
 static void RestartTimer(benchmark::State &state)
 {
     std::vector<int> ids;

@@ -1,11 +1,11 @@
 // peers.cpp - what the library is compared with.
 //
-// raw TCP     one send and one receive a message on blocking sockets. Nothing over TCP is faster.
+// raw TCP     one send and one receive per message on blocking sockets. Nothing over TCP is faster.
 // bare calls  the calls that the library cannot do without: for each message the event loop's
 //             poll(), with the clock for its timers before and after it, two sends and two receives
 //             (header and body), one block and one copy. Nothing is printed, searched, looked up or
 //             checked.
-// libzmq, nng as their documents show it: REQ and REP sockets for the round trip, PUSH and PULL
+// libzmq, nng used as documented: REQ and REP sockets for the round trip, PUSH and PULL
 //             sockets one way, which may put many messages into one transfer.
 
 #include "contender.h"
@@ -23,7 +23,7 @@
 #include <string>
 #include <zmq.h>
 
-static char buffer[1 << 16]; // the message that was received last, or is sent
+static char buffer[1 << 16]; // the message received last, or being sent
 
 // ---- raw TCP
 

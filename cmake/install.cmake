@@ -1,6 +1,6 @@
-# What an installed tolvane is: two libraries, two headers, and what CMake and pkg-config read to
-# find them. Nothing holds the prefix, so the folder may be moved. The components are the Debian
-# packages of tools/package.
+# What is installed: two libraries, three headers, and what CMake and pkg-config read to find them. No
+# file contains the prefix, so the folder may be moved. The components are the Debian packages of
+# tools/package.
 
 install(TARGETS tolvane EXPORT tolvane
     LIBRARY COMPONENT libtolvane1 NAMELINK_COMPONENT libtolvane-dev
@@ -10,11 +10,11 @@ install(TARGETS ruvo_timer EXPORT tolvane
     ARCHIVE COMPONENT libtolvane-dev)
 install(FILES include/tolvane.h include/tolvane.hpp timer/ruvo_timer.h TYPE INCLUDE COMPONENT libtolvane-dev)
 
-# The timer library is looked for beside libtolvane.so, after LD_LIBRARY_PATH. System folders are
-# searched anyway: packages set CMAKE_SKIP_INSTALL_RPATH.
+# The loader looks for the timer library next to libtolvane.so, after LD_LIBRARY_PATH. It searches
+# system folders anyway: packages set CMAKE_SKIP_INSTALL_RPATH.
 set_target_properties(tolvane PROPERTIES INSTALL_RPATH "$ORIGIN")
 
-# The targets need nothing of others, so their file is the whole CMake package.
+# The targets depend on no other package, so their file is the whole CMake package.
 include(CMakePackageConfigHelpers)
 set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tolvane)
 install(EXPORT tolvane NAMESPACE tolvane:: FILE tolvaneConfig.cmake

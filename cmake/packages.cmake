@@ -3,7 +3,7 @@
 set(packages libtolvane1 libruvo-timer libtolvane-dev tvcat)
 set(doc ${CMAKE_INSTALL_DATADIR}/doc)
 
-# Every Debian package holds these two. The history for people is CHANGELOG.md.
+# Every Debian package contains these two. The change log for readers is CHANGELOG.md.
 find_program(GZIP gzip REQUIRED)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The tolvane developers <tolvane@tolvane.invalid>")
 string(TIMESTAMP changelog_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
@@ -47,11 +47,11 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON) # for libtolvane.so.1; the timer's name has no number
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(about "Processes exchange requests and replies over TCP, at once or later, with
-time-outs, and supervise their links with heartbeats.
+timeouts, and supervise their links with heartbeats.
 .
 ")
 
-# The dynamic linker's cache is renewed when a library comes or goes.
+# Renew the dynamic linker's cache when a library is installed or removed.
 file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
 foreach(package ${packages})
     string(TOUPPER ${package} name)

@@ -11,7 +11,7 @@
 //   logout       log out and end; so does the end of the input
 //   quit         end without a logout: the server sees a lost link
 //
-// The layer replaces a lost link by a new one, trying until the server is back.
+// The layer replaces a lost link and retries until the server is back.
 
 #include <tolvane.hpp>
 
@@ -100,7 +100,7 @@ private:
             if (const auto answered = request.reply(label + " is well"); !answered)
                 say(text("could not answer: ") + answered.what());
         } else if (rqst.rfind("all ", 0) == 0) { // a broadcast: nobody awaits a reply
-            say("the server tells all: " + rest);
+            say("the server tells everyone: " + rest);
         } else if (rqst == "replaced") {
             // Coming back would replace the newer client, which would come back in turn.
             say("replaced by a newer login under this name, ending");

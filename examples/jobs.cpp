@@ -34,7 +34,7 @@ using namespace std::chrono_literals;
 using text = std::string;
 
 static const char *const host = "127.0.0.1";
-static const tolvane::options settings{100ms}; // of a heartbeat: who misses 3 of them is lost
+static const tolvane::options settings{100ms}; // between heartbeats: a peer that misses 3 is lost
 
 // ---- dispatcher
 
@@ -118,7 +118,7 @@ static int work(uint16_t port, uint16_t number)
 
 // ---- supervisor
 
-// Ends when count jobs are done, and more for as long as watch() of a report returns true.
+// Submits count jobs, and another for each one done while watch() of its report returns true.
 static int supervise(uint16_t port, int count, const std::function<bool(const text &)> &watch)
 {
     int submitted = 0, done = 0, wrong = 0;
@@ -131,7 +131,7 @@ static int supervise(uint16_t port, int count, const std::function<bool(const te
     const std::function<void(long long)> submit = [&](long long number) {
         client.request(std::to_string(number), 60s, [&, number](tolvane::response result) {
             if (result.outcome() == tolvane::outcome::lost)
-                return submit(number); // the dispatcher gets it again when it is back
+                return submit(number); // again, to be sent when the dispatcher is back
             wrong += result.payload() != std::to_string(number * number);
             if (hear("done " + std::to_string(number) + " " + text(result.payload())))
                 submit(++submitted);
@@ -176,7 +176,7 @@ static int demo()
     for (const uint16_t number : {1, 2, 3})
         spawn("tcp://worker:" + std::to_string(number), [&] { return work(port, number); });
 
-    // What the second worker has to report next, and the signal that it gets then.
+    // The next report of the second worker, and the signal that it gets then.
     std::deque<std::pair<text, int>> steps{
         {"progress", SIGSTOP}, {"again", SIGCONT}, {"progress", 0}};
     const int result = supervise(static_cast<uint16_t>(port), 8, [&](const text &report) {

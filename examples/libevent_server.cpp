@@ -13,7 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-static const int ioTimeout = 1000;   // of one message: a slow client stops all others for so long
+static const int ioTimeout = 1000;   // ms per message: a slow client blocks all others that long
 static const int hbInterval = 10000; // a client that is silent for (hbCount + 1) * hbInterval
 static const int hbCount = 2;        // counts as lost
 
@@ -103,7 +103,7 @@ static void start(const char *address, int port)
 int main(int argc, char **argv)
 {
     in_addr address;
-    // To the library any text that is no dotted address means all interfaces.
+    // The library takes any text but a dotted address to mean all interfaces.
     if (argc != 3 || inet_pton(AF_INET, argv[1], &address) != 1) {
         fprintf(stderr, "arguments: ADDRESS PORT, the address as four numbers\n");
         return EXIT_FAILURE;

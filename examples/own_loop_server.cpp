@@ -17,7 +17,7 @@
 #include <sys/epoll.h>
 #include <sys/resource.h>
 
-static const int ioTimeout = 1000;   // of one message: a slow client stops all others for so long
+static const int ioTimeout = 1000;   // ms per message: a slow client blocks all others that long
 static const int hbInterval = 10000; // a client that is silent for (hbCount + 1) * hbInterval
 static const int hbCount = 2;        // counts as lost
 static const int acceptPause = 100;  // after a failed accept
@@ -50,7 +50,7 @@ static void listen_again(intptr_t, intptr_t)
     watch(listenFd);
 }
 
-// An accept fails mostly for want of descriptors. The client that waits keeps the listening
+// An accept usually fails for lack of descriptors. The waiting client keeps the listening
 // descriptor readable, so stop watching it for a while instead of spinning.
 static void accept_client()
 {
@@ -66,7 +66,7 @@ static void on_linkdown(int id, const char *)
     tv_close_client_connection(id);
 }
 
-// A request that stays unanswered blocks those behind it, so one that is too long to be sent back
+// A request that stays unanswered blocks those after it, so one that is too long to be sent back
 // gets another reply.
 static int on_rqst(int, const char *payload, int len, char **respPayload, int *respLen)
 {
@@ -103,7 +103,7 @@ static void start(const char *address, int port)
 int main(int argc, char **argv)
 {
     in_addr address;
-    // To the library any text that is no dotted address means all interfaces.
+    // The library takes any text but a dotted address to mean all interfaces.
     if (argc != 3 || inet_pton(AF_INET, argv[1], &address) != 1) {
         fprintf(stderr, "arguments: ADDRESS PORT, the address as four numbers\n");
         return EXIT_FAILURE;

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""peer.py - a peer of the library in plain Python, to begin one in any language with.
+"""peer.py - a peer of the library in plain Python, a starting point for any language.
 
     peer.py [-p] ADDRESS PORT [NAME]   a client: sends every line of its input, prints the replies;
                                        with -p on a pipelined link
     peer.py -l ADDRESS PORT            a server: prints every request and answers it with itself
 
-docs/protocol.md is what it speaks. As a module: connect() logs in and gives a Link, a Server has
-one for each client. Times are in seconds. A link that is lost raises LinkDown; close it then.
+docs/protocol.md describes the protocol. As a module: connect() logs in and returns a Link; a Server
+has one per client. Times are in seconds. A lost link raises LinkDown; close it then.
 """
 import os, select, socket, struct, sys, time
 
@@ -16,7 +16,7 @@ LOGIN, LOGOUT, REQUEST, REPLY, HEARTBEAT, ACKNOWLEDGEMENT = (
     for kind in (b"login", b"logout", b"request", b"reply", b"heartbeat", b"heartbeatack"))
 MARKER = PREFIX + b"payload"
 WATERMARK = b"TCP_WATER_MARK\0"
-HEADER = struct.Struct(">15s17xI")  # the watermark, zeros, the length of the message behind it
+HEADER = struct.Struct(">15s17xI")  # the watermark, zeros, the length of the message that follows
 LARGEST, LAST_NUMBER = 65536, 2147483647  # message, and sequence number
 
 
@@ -31,13 +31,14 @@ def following(number):
 class Link:
     """One end of a connection.
 
-    serve(payload) gets each request of the other end and returns the reply, or None for none. A
-    message may take io_timeout. After each interval of silence a heartbeat is sent, count at most.
+    serve(payload) gets each request of the other end and returns the reply, or None for no reply.
+    Sending or receiving a message may take io_timeout. After each interval of silence, a heartbeat
+    is sent, up to count of them.
     """
 
     def __init__(self, connection, url=b"", serve=lambda payload: None,
                  io_timeout=5.0, interval=1.0, count=4):
-        # Without it the end of a message may wait 40 ms for an acknowledgement.
+        # Otherwise the end of a message may wait 40 ms for an acknowledgement.
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.connection, self.url, self.serve = connection, url, serve
         self.io_timeout, self.interval, self.count = io_timeout, interval, count
@@ -71,7 +72,7 @@ class Link:
         return bytes(data)
 
     def handle(self):
-        """Read one message and act on it; its kind and payload, (None, b"") if it is dropped."""
+        """Handle one message. Returns its kind and payload, or (None, b"") if it is dropped."""
         deadline = time.monotonic() + self.io_timeout
         watermark, length = HEADER.unpack(self._read(HEADER.size, deadline))
         if watermark != WATERMARK or not 0 < length <= LARGEST:
@@ -111,7 +112,7 @@ class Link:
         return result
 
     def request(self, payload, timeout=5.0):
-        """Send a request; its reply, or None when none has come in time. Serves meanwhile."""
+        """Send a request and return its reply, or None if none arrives in time. Serves meanwhile."""
         self.send(REQUEST, payload)
         deadline = time.monotonic() + timeout
         while time.monotonic() < deadline:
@@ -136,18 +137,18 @@ class PipelinedLink(Link):
         super().__init__(connection, url, self._take, **settings)
         self.answer, self.answers, self.last = serve, {}, 0
 
-    def _put(self, kind, mark, text=b""):
-        self.send(REQUEST, b"%s%08x\0%s" % (kind, mark, text))
+    def _put(self, kind, correlation_id, text=b""):
+        self.send(REQUEST, b"%s%08x\0%s" % (kind, correlation_id, text))
 
     def _take(self, payload):
         head, text = payload.split(b"\0", 1)
-        kind, mark = head[:1], int(head[1:], 16)
+        kind, correlation_id = head[:1], int(head[1:], 16)
         if kind in b"=-":
-            self.answers[mark] = text if kind == b"=" else None
+            self.answers[correlation_id] = text if kind == b"=" else None
             return
         reply = self.answer(text)
         if kind == b"?":
-            self._put(*((b"-", mark) if reply is None else (b"=", mark, reply)))
+            self._put(*((b"-", correlation_id) if reply is None else (b"=", correlation_id, reply)))
 
     def ask(self, payload):
         self.last = self.last % 0xffffffff + 1
@@ -157,11 +158,11 @@ class PipelinedLink(Link):
     def tell(self, payload):
         self._put(b"!", 0, payload)
 
-    def wait_for(self, mark, timeout):
+    def wait_for(self, correlation_id, timeout):
         deadline = time.monotonic() + timeout
-        while mark not in self.answers and time.monotonic() < deadline:
+        while correlation_id not in self.answers and time.monotonic() < deadline:
             self.step(deadline - time.monotonic())
-        return self.answers.pop(mark, None)
+        return self.answers.pop(correlation_id, None)
 
     def request(self, payload, timeout=5.0):
         return self.wait_for(self.ask(payload), timeout)

@@ -8,7 +8,7 @@
 //   all TEXT                a request to all clients, without awaiting replies
 //   stop                    close all connections and end
 //
-// At the end of its input it goes on serving, so it can run with </dev/null.
+// At the end of its input it keeps serving, so it can run with </dev/null.
 
 #include <tolvane.hpp>
 
@@ -76,7 +76,7 @@ public:
         if (verb == "ask") {
             ask(rest);
         } else if (verb == "all") {
-            say("telling all: " + rest);
+            say("telling everyone: " + rest);
             server.broadcast("all " + rest);
         } else if (verb == "stop") {
             server.stop();
@@ -92,14 +92,14 @@ private:
     {
         static const std::map<tolvane::reason, const char *> lines{
             {tolvane::reason::logged_out, " has logged out"},
-            {tolvane::reason::replaced, " logs in anew, closing its older connection"},
+            {tolvane::reason::replaced, " logs in again, closing its older connection"},
             {tolvane::reason::lost, " has lost its link"},
             {tolvane::reason::silent, " has fallen silent, declared down"},
             {tolvane::reason::closed, " is closed"}};
         say(name_of(client) + lines.at(why));
-        // The older client is told why, or it would log in again and replace the newer one.
+        // Tell the older client why, or it would log in again and replace the newer one.
         if (why == tolvane::reason::replaced && !client.tell("replaced"))
-            say("could not tell it");
+            say("could not notify the older client");
     }
 
     void serve(tolvane::request request)
@@ -124,11 +124,11 @@ private:
             answer(request, "too long to be answered"); // rather than nothing at all
         } else if (!answered) {
             say("could not answer " + name_of(request.from()) + ": " + answered.what());
-            request.from().close(); // it does not read, or has gone
+            request.from().close(); // it reads nothing, or has left
         }
     }
 
-    // The request keeps until it is answered, also when its client leaves meanwhile.
+    // The request stays valid until it is answered, even if its client leaves meanwhile.
     void answer_after(tolvane::milliseconds delay, tolvane::request request, const text &reply)
     {
         delays.remove_if([](const tolvane::timer &timer) { return !timer; });
@@ -151,9 +151,9 @@ private:
         say("asking " + name_of(client) + ": " + question);
         client.request("ask " + question, askTimeout, [client, question](tolvane::response reply) {
             if (reply)
-                say("reply of " + name_of(client) + ": " + text(reply.payload()));
+                say("reply from " + name_of(client) + ": " + text(reply.payload()));
             else if (reply.outcome() == tolvane::outcome::timed_out)
-                say("no reply of " + name_of(client) + " within 1000 ms");
+                say("no reply from " + name_of(client) + " within 1000 ms");
             else
                 say("not answered by " + name_of(client) + ": " + question);
         });

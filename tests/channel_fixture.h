@@ -7,7 +7,7 @@
 
 using namespace std::string_literals;
 
-// All words in one line, with a blank between them, and a NUL as "~".
+// Joins all words with single blanks and replaces a NUL by "~".
 inline std::string one_line(std::string text)
 {
     std::replace(text.begin(), text.end(), '\0', '~');
@@ -35,7 +35,7 @@ static void remove_handlers(int id)
 
 struct ChannelTest : testing::Test {
     LogCapture log;
-    Texts logged; // by the line before
+    Texts logged; // by the previous line
 
     ChannelTest()
     {
@@ -66,7 +66,7 @@ struct ChannelTest : testing::Test {
     void play(Text scenario)
     {
         std::istringstream lines(scenario);
-        std::vector<std::pair<std::string, std::string>> parts; // steps, and their notes
+        std::vector<std::pair<std::string, std::string>> parts; // steps and expected notes
         for (std::string line; std::getline(lines, line);) {
             const size_t arrow = std::min(line.find("=>"), line.size());
             const std::string steps = one_line(line.substr(0, arrow));

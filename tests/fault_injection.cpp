@@ -1,8 +1,8 @@
-// fault_injection.cpp - lets every allocation and every system call of the library fail in turn, in
-// each way that it can: a single time, and from then on.
+// fault_injection.cpp - makes every allocation and every system call of the library fail in turn, in
+// each way that it can: once, and from then on.
 //
 // Every run plays a scenario; simulated_os.h lists the faults, and what the application, its peers
-// and the log must see of each. The last lines of the output name what went wrong.
+// and the log must show of each. The last lines of the output say what went wrong.
 
 #include "scenario.h"
 
@@ -45,7 +45,7 @@ static std::string play(const std::string &scenario)
     return seen;
 }
 
-// Play the scenario again and again, until the call that is to fail is not reached any more.
+// Play the scenario with a later call failing each time, until it makes fewer calls than that.
 static void inject(const std::string &scenario, const std::string &undisturbed, int number)
 {
     const Fault &fault = *injection.fault;
@@ -91,14 +91,14 @@ int main()
     tv_set_log_file("/dev/null");
     const std::string pair = "a: peer_logs_in a; advance 40\n",
                       client = "create_client; set_connect_timeout 100; connect\n";
-    const std::vector<Scenario> plots = read_scenarios("faults_link.txt");
+    const std::vector<Scenario> linkScenarios = read_scenarios("faults_link.txt");
     for (const auto &[name, steps] : read_scenarios("faults.txt"))
         inject_all(steps);
     for (const std::string &start : {pair, client}) {
-        for (const auto &[name, steps] : plots)
+        for (const auto &[name, steps] : linkScenarios)
             inject_all(start + steps);
         for (const std::string &callback : callbacks) // which closes its channel
-            inject_all("on " + callback + ": close\n" + start + plots[0].steps);
+            inject_all("on " + callback + ": close\n" + start + linkScenarios[0].steps);
     }
     for (size_t i = 0; i < std::size(faults); i++)
         if (injectedBy[i] == 0)

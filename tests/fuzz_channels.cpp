@@ -1,9 +1,9 @@
-// fuzz_channels.cpp - any text as a scenario, while a call of the library may fail.
+// fuzz_channels.cpp - plays any text as a scenario, while calls of the library may fail.
 //
-// Input: a letter for the fault ('A' is the first one; other characters: none), and three digits: the
-// way it fails, the first call that fails, and a sum of options: 1 the calls after that fail, too, 2 a
-// channel whose link is down is closed, 4 there is a log. Then a scenario, in which a word that is no
-// verb stands for the next one in the alphabet.
+// Input: a letter for the fault ('A' is the first one; other characters: none), then three digits: the
+// way it fails, the first call that fails, and a sum of options (1: all later calls fail, too; 2: close
+// a channel whose link is down; 4: write a log), then a scenario. A word that is not a verb means the
+// next verb in the alphabet.
 
 #include "scenario.h"
 

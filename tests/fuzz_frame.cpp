@@ -1,6 +1,6 @@
-// fuzz_frame.cpp - the receiver of frames, given any bytes in any pieces over a pair of sockets.
-// Every frame that it returns, and its last refusal, is compared with a plain reading of the bytes.
-// Each returned body is also sent, and the bytes on the wire are compared.
+// fuzz_frame.cpp - receives any bytes, in any pieces, as frames over a socket pair.
+// Every frame returned, and the final failure, is compared with a simple parser's result. Each body
+// is also sent, and the bytes on the wire are compared.
 //
 // Input: one byte that says how recv() and the end of the stream behave, then the stream.
 

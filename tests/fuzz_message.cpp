@@ -1,5 +1,5 @@
-// fuzz_message.cpp - the readers of a message's text, given any bytes, and the builders of the six
-// kinds. Results are compared with plain searches and with texts put together from their parts.
+// fuzz_message.cpp - parses any bytes as a message, and builds messages of all six kinds from them.
+// Results are compared with plain searches and with strings assembled from their parts.
 
 #include "require.h"
 #include "tolvane.h"
@@ -28,7 +28,7 @@ static int heartbeat_value(const std::string &text, const std::string &key)
     const size_t at = text.find(key), end = text.find('}', at);
     if (end == std::string::npos) // no brace, or no key
         return -1;
-    const size_t value = at + key.size() + 1; // a brace in the colon's place makes the length huge
+    const size_t value = at + key.size() + 1; // a brace instead of the colon makes the length huge
     return number_of(text.substr(value, end - value));
 }
 
@@ -53,7 +53,7 @@ static void check_readers(const char *msg, int len)
 
     const size_t url =
         type == TV_MSG_UNKNOWN ? std::string::npos : text.find(tags[type]) + tags[type].size();
-    const bool hasUrl = found && url <= at; // which no npos is
+    const bool hasUrl = found && url <= at; // false for npos
     for (const int size : {1, 2, TV_URL_SIZE}) {
         char stored[TV_URL_SIZE] = "untouched";
         REQUIRE(get_msg_url(msg, stored, size) == (hasUrl ? 0 : -1));

@@ -1,5 +1,5 @@
-// fuzz_replay.cpp - the main() of a fuzz target without libFuzzer: every line of the file that is
-// named is one input, in the form that corpus.py describes.
+// fuzz_replay.cpp - main() of a fuzz target built without libFuzzer: runs each line of a corpus file
+// as one input. corpus.py describes the format.
 
 #include "require.h"
 

@@ -2,7 +2,7 @@
 //
 //     LogCapture log;
 //     tv_unregister_polling_fd(7);
-//     EXPECT_LOG({"faield on tv_unregister_polling_fd, fd[7]"}); // all entries since the last take
+//     EXPECT_LOG({"faield on tv_unregister_polling_fd, fd[7]"}); // every entry since the last take()
 //
 // take() also checks the frame of each entry: date, file, function, line, two line feeds.
 #ifndef LOG_CAPTURE_H
@@ -29,7 +29,7 @@ struct LogCapture {
         free(text);
     }
 
-    // The messages since the last take.
+    // Returns the messages since the last take().
     Texts take()
     {
         fflush(stream);
@@ -42,7 +42,7 @@ struct LogCapture {
             EXPECT_TRUE(prefix > 0 && line > 0) << "not a log entry: " << entry;
             messages.push_back(entry.substr(prefix));
         }
-        EXPECT_EQ(taken, size) << "an entry without its end";
+        EXPECT_EQ(taken, size) << "an unfinished entry";
         return messages;
     }
 

@@ -9,9 +9,9 @@ PATIENCE = 20
 programs = []  # all that were started
 
 
-# A program of the library: lines go in, what it prints can be waited for.
+# A program of the library: send it lines, wait for what it prints.
 class Program:
-    # With hear(line) each line is heard as it comes, and only the last ones are kept.
+    # With hear, each line goes to hear(line) at once, and only the last ones are kept.
     def __init__(self, *command, hear=None):
         self.output, self.last = tempfile.NamedTemporaryFile(), collections.deque(maxlen=30)
         self.process = subprocess.Popen([*map(str, command)], stdin=subprocess.PIPE,
@@ -40,7 +40,7 @@ class Program:
         return found
 
 
-# One that takes an address and a port last, and tells the port that the system has chosen.
+# One that takes an address and a port last, and prints the port that the system has chosen.
 class Server(Program):
     def __init__(self, *command, address="127.0.0.1", hear=None):
         super().__init__(*command, address, "0", hear=hear)
@@ -65,23 +65,23 @@ def read_until_closed(connection):
             pass
 
 
-# A thread has failed: so does the test.
+# A failed thread fails the test.
 def fail(what):
     threading.__excepthook__(what)
     os.kill(os.getpid(), signal.SIGALRM)
 
 
-# Call a test. No program outlives it.
+# Run a test, then kill its programs.
 def run(test, *arguments):
     threading.excepthook = fail
-    for number in signal.SIGALRM, signal.SIGTERM:  # whatever hangs: tell where, and end
+    for number in signal.SIGALRM, signal.SIGTERM:  # if it hangs, show where, and end
         signal.signal(number, signal.default_int_handler)
     signal.alarm(110)
     try:
         test(*arguments)
         print("ok")
     except BaseException:
-        threading.excepthook = lambda what: None  # the threads fail for want of programs
+        threading.excepthook = lambda what: None  # threads fail when their programs end
         for program in programs:
             sys.stderr.buffer.write(program.printed()[-4000:])
         raise

@@ -1,5 +1,5 @@
-// require.h - REQUIRE(condition): end the program where the condition does not hold. For programs
-// without GoogleTest, and for what must hold of every scenario.
+// require.h - REQUIRE(condition) aborts the program if the condition does not hold. For programs
+// without GoogleTest, and for what must hold in every scenario.
 #ifndef REQUIRE_H
 #define REQUIRE_H
 

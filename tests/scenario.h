@@ -1,9 +1,9 @@
-// scenario.h - a language for scenarios: what an application does with the library, what the peers
-// at the other end of its connections do, and what comes of it.
+// scenario.h - a small language for test scenarios: what an application does with the library, what
+// its peers do at the other end of each connection, and what must happen as a result.
 //
-// Everything plays in one process on simulated_os.h, where nothing takes time but `advance`. An
-// example as it could stand in tests/scenarios/server.txt, where each scenario is a test; what follows
-// "=>" is all that must happen, in this order:
+// Everything runs in one process on simulated_os.h, whose clock moves only while something waits.
+// Each scenario in tests/scenarios is a test. This one could be in server.txt; "=>" is followed by
+// everything that must happen, in order:
 //
 //     ## SendsWhatAResponseHandlerAsksFor
 //     a: peer_logs_in tcp://a:1      => a: fd_open, a: connected tcp://a:1
@@ -16,50 +16,50 @@
 // 100 ms for the reply. When that comes, the response handler sends another request and closes the pair.
 //
 // SYNTAX
-//   ## NAME                     begins a scenario in a file of them
-//   VERB WORD WORD; VERB ...    steps, one after the other; each line is a list of steps
-//   NAME: VERB ...              chooses the link NAME, a channel with its peer, from here on
-//   on CALLBACK: VERB ...       the rest of the line is run inside the next CALLBACK
-//   ~                           in a payload stands for 0x00
-//   # text                      a comment
-//   STEPS => NOTE, NOTE         the steps cause these notes, and no others; "=> ..." allows any. A line
-//                               that begins with "=>" goes on with the one before
+//   ## NAME                     begins a scenario
+//   VERB WORD WORD; VERB ...    steps, run in order
+//   NAME: VERB ...              from here on, steps use the link NAME: a channel and its peer
+//   on CALLBACK: VERB ...       runs the rest of the line inside the next CALLBACK
+//   ~                           a 0x00 byte in a payload
+//   # text                      a comment; not allowed after "=>"
+//   STEPS => NOTE, NOTE         the steps cause exactly these notes, or none without "=>"; "=> ..."
+//                               allows any. A line that begins with "=>" continues the one before
 //
-// The server channel is a link, too: its name is `server`.
+// The server channel is also a link, named `server`.
 //
-// VERBS of the peer. It numbers its messages as it must, and requires the same of the channel.
-//   peer_connects               a new peer connects, and waits for the loop to accept it
+// VERBS of the peer. It numbers its messages correctly and requires the same of the channel.
+//   peer_connects               a new peer connects and waits for the loop to accept it
 //   accept                      a new peer connects; the server accepts it as a pair channel
 //   peer_logs_in URL            accept, then a login
 //   peer_sends KIND PAYLOAD     the channel receives a login, logout, request, reply, heartbeat ... ;
 //                               without a PAYLOAD the message has no payload marker
-//   peer_buffers KIND PAYLOAD   the same, but the message lies in the socket until `serve`
+//   peer_buffers KIND PAYLOAD   the same, but the message stays in the socket until `serve`
 //   peer_sends_empty_frame      the channel receives a frame without a message
-//   peer_sends_bytes TEXT       the channel receives TEXT, which is no frame
-//   drop_frames N               as if N messages of the peer were lost (below 0: sent again)
+//   peer_sends_bytes TEXT       the channel receives TEXT, which is not a frame
+//   drop_frames N               as if N messages from the peer were lost (below 0: repeated)
 //   peer_counts_from N          its next message has this number
 //   peer_misses N               as if N messages to the peer were lost
 //   peer_closes                 the peer closes its end of the connection
 //
 // VERBS of the application
-//   start_server, stop_server   with all handlers and callbacks registered (begin() has started one)
+//   start_server, stop_server   with all handlers and callbacks registered (one is already running)
 //   close_server                closes the server channel by its id
 //   create_client               the link's channel becomes a new client channel
 //   set_connect_timeout MS, set_poll_timeout MS
 //   connect                     connects the client and logs it in
 //   disconnect                  logs the client out
-//   send_request TEXT MS        and awaits the reply for MS milliseconds (0: does not await it)
+//   send_request TEXT MS        and waits up to MS milliseconds for the reply (0: expects none)
 //   send_large_request MS       60,000 bytes: the second one that is not received blocks
-//   send_reply TEXT             the reply that was deferred; "!" has a negative length
+//   send_reply TEXT             answers the deferred request; "!" passes a negative length
 //   broadcast TEXT              a request to all clients
-//   find_client IP PORT         notes which link's client has logged in with that URL
+//   find_client IP PORT         notes which link's client is logged in under that URL
 //   serve                       runs the channel's descriptor handler once
-//   handle                      the same for a client, but the result is noted
+//   handle                      the same for a client, but notes a failure
 //   watch                       registers the channel's descriptor with the loop once more
 //   close                       closes the channel
-//   close_connection            closes the pair, in the words of a server
-//   actors FIRST SECOND         what the two actors do from now on: pass, handle, defer or another
-//                               result, and after a ":" the reply that they hand over
+//   close_connection            closes the pair with tv_close_client_connection()
+//   actors FIRST SECOND         what the two actors return from now on: pass, handle, defer, or any
+//                               other word for an invalid result; ":TEXT" adds a reply
 //   enable_heartbeat MS COUNT   on the link's channel
 //   enable_all_heartbeats MS COUNT   on the server and its pairs
 //   start_timers                many timers that do nothing
@@ -69,23 +69,23 @@
 //   advance MS                  runs the main loop for MS simulated milliseconds; inside a callback
 //                               for a single pass
 //
-// VERBS of GoogleTest's cases only
-//   logged ENTRY, ENTRY         all that the line before has logged
-//   last_logged ENTRY           the last entry of it
-//   remove_handlers             of responses, timeouts and lost links
+// VERBS for GoogleTest cases only, so not for faults*.txt
+//   logged ENTRY, ENTRY         the previous line logged exactly these entries
+//   last_logged ENTRY           the previous line logged this entry last
+//   remove_handlers             for responses, timeouts and lost links
 //   fail CALL                   from now on this system call fails with ECONNREFUSED ("nothing": none)
 //
-// NOTES, each with the name of its link in front
+// NOTES, each preceded by the name of its link, if it has one
 //   CALLBACK TEXT               a callback ran: fd_open, fd_close, connected, disconnected, actor0,
 //                               actor1, response, timeout, link_down
 //   peer_got KIND PAYLOAD       the peer received a message, or EOF when the connection has ended
 //   VERB: RESULT                a call failed
-//   FIELD VALUE                 by `show`
+//   FIELD VALUE                 from `show`
 //   connecting to IP:PORT within MS, client NAME: or no client, next timer MS
 //
-// Whatever happens, no scenario may break these rules: a request gets at most one of reply and
-// timeout; callbacks get readable texts and a channel that is open; each descriptor is opened and
-// closed once; at the end no channel, timer, memory or descriptor is left.
+// Every scenario checks that a request gets at most one of reply and timeout, that callbacks get
+// readable texts and an open channel, that each descriptor is opened and closed once, and that no
+// channel, timer, memory or descriptor is left at the end.
 #ifndef SCENARIO_H
 #define SCENARIO_H
 
@@ -105,20 +105,20 @@ struct Link {
     std::string url = "";             // the client's
     int channelId = -1, peerFd = -1;  // peerFd: the peer's end of the connection
     long long sent = 0, received = 0; // numbers of the peer's next messages
-    std::string unread = "";          // a frame that has only begun
+    std::string unread = "";          // the start of an incomplete frame
 };
 
 static std::map<std::string, Link> links;
-static Link *current;                // the link that was chosen last
-static std::map<int, Link *> owners; // links by the ids of their channels
-static std::map<int, int> pairIds;   // by their descriptors
-static int serverId;                 // of the server channel that was started last
+static Link *current;                // the link chosen last
+static std::map<int, Link *> owners; // links by channel id
+static std::map<int, int> pairIds;   // by descriptor
+static int serverId;                 // of the server channel started last
 static Texts actorPlans;
 static Texts notes;
-static std::map<std::string, std::deque<std::string>> planned; // steps inside the next callbacks
+static std::map<std::string, std::deque<std::string>> planned; // steps for the next callbacks
 static int depth;                                              // of callbacks
 static bool closesOnLinkDown;      // the application closes a channel whose link is down
-static std::map<int, int> awaited; // by channel, the number of the request that awaits its reply
+static std::map<int, int> awaited; // by channel, the number of the outstanding request
 static int openPairs;              // fd_open minus fd_close
 static int firstId, descriptors;   // when the scenario began
 static int steps;                  // so far
@@ -143,7 +143,7 @@ static void send_message(Link &link, Text kind, std::string payload)
     send_bytes(link, frame(body));
 }
 
-// The kind and the payload of a message, if its number and URL are right; otherwise all of it.
+// Returns a message's kind and payload if its number and URL are right, otherwise all of it.
 static std::string summary(Text body, Text number, Text url)
 {
     const std::string start = number + "\nvelun_tolvane_";
@@ -155,7 +155,7 @@ static std::string summary(Text body, Text number, Text url)
            body.substr(kindEnd + middle.size());
 }
 
-// Note all that has arrived at the peer.
+// Notes everything that the peer has received.
 static void read_messages(Link &link)
 {
     char bytes[4096];
@@ -183,7 +183,7 @@ static void close_peer(Link &link)
         REQUIRE(__real_close(std::exchange(link.peerFd, -1)) == 0); // the library has not closed it
 }
 
-// What the peers have received comes first.
+// Adds a note, after everything that the peers have received so far.
 static void note(Text text)
 {
     for (auto &[name, link] : links)
@@ -206,9 +206,9 @@ static void close_by_id(int id, void (*close)(int) = tv_close_channel)
     close(id);
 }
 
-// All callbacks end up here: check and note the call, then run what is planned for it. What was
-// handed over must not change meanwhile, except for the URL of a link-down callback: it is the
-// record's own.
+// Every callback ends up here: check and note the call, then run the steps planned for it. They must
+// not change the text that was passed, except for a link-down callback's URL, which belongs to the
+// channel's record.
 static void called(Text callback, int id, const char *text, int length)
 {
     const std::string handed = text == nullptr ? "(null)" : std::string(text, length);
@@ -233,7 +233,7 @@ static void called(Text callback, int id, const char *text, int length)
         close_by_id(id);
     }
     if (request != -1 && awaited.count(id) == 1 && awaited[id] == request)
-        awaited.erase(id); // unless a plan has sent the next one
+        awaited.erase(id); // unless a plan has sent another request
 }
 
 static int watch(int id)
@@ -275,7 +275,7 @@ template <int N> static int actor(int id, const char *payload, int len, char **r
 {
     const std::string plan = actorPlans[N], name = plan.substr(0, plan.find(':'));
     called("actor" + std::to_string(N), id, payload, len);
-    if (name != plan && *reply == nullptr) { // what an actor before left belongs to the library
+    if (name != plan && *reply == nullptr) { // an earlier actor's reply belongs to the library
         const std::string text = plan.substr(name.size() + 1);
         *reply = (char *)count_block(__real_malloc(text.size()));
         *replyLen = text[0] == '!' ? -1 : text.copy(*reply, text.size());
@@ -287,7 +287,7 @@ template <int N> static int actor(int id, const char *payload, int len, char **r
 
 static void register_handlers(int id)
 {
-    tv_register_actor(id, nullptr); // is passed over
+    tv_register_actor(id, nullptr); // ignored
     tv_register_actor(id, actor<0>);
     tv_register_actor(id, actor<1>);
     tv_register_resp_handler(
@@ -324,7 +324,7 @@ static void connect_peer(Link &link)
     close_peer(link);
     link = {link.label};
     const int fd = __real_socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    link.peerFd = __real_fcntl(fd, F_DUPFD, 32); // low numbers are the library's, to be used again
+    link.peerFd = __real_fcntl(fd, F_DUPFD, 32); // leave low numbers for the library to reuse
     __real_close(fd);
     __real_connect(link.peerFd, (sockaddr *)&serverAddress, sizeof(serverAddress));
 }
@@ -350,7 +350,7 @@ static int connect_client(int id)
 {
     unwatch(tv_get_polling_fd(id));
     connected = [](int peerFd) {
-        read_messages(*current); // of the connection before
+        read_messages(*current); // of the previous connection
         close_peer(*current);
         current->unread.clear();
         current->peerFd = peerFd;
@@ -376,7 +376,7 @@ static int send_request(int id, Text payload, int timeout)
     static int count = 0;
     const int result = tv_send_rqst(id, payload.data(), payload.size(), timeout);
     if (result == 0)
-        REQUIRE(get_channel_type(id) != TV_CHANNEL_NONE); // a lost link would be a failure
+        REQUIRE(get_channel_type(id) != TV_CHANNEL_NONE); // a lost link would have made it fail
     if (result == 0 && timeout > 0)
         REQUIRE(awaited.emplace(id, ++count).second);
     return result;
@@ -425,7 +425,7 @@ static void serve_bytes(const Link &link, Text bytes)
     serve(link.channelId);
 }
 
-// The timer library keeps the room that it has got: while something fails, ask for more each time.
+// The timer table never shrinks: to make it grow under fault injection, start more each time.
 static void start_timers()
 {
     static int count = 40;
@@ -441,7 +441,7 @@ static void advance(int ms)
     loopEnd = now + (depth == 0 ? ms : 0);
     tv_main_loop();
     if (now < loopEnd)
-        note("the loop has ended early");
+        note("the loop ended early");
     now = std::max(now, loopEnd);
 }
 
@@ -450,9 +450,9 @@ static void advance(int ms)
 struct Step {
     Link &link;
     int id;                  // of the link's channel
-    std::string verb, words; // all words, as they stand there
-    std::string a, b;        // the first two
-    int m, n;                // these as numbers
+    std::string verb, words; // the words after the verb, unsplit
+    std::string a, b;        // the first two words
+    int m, n;                // the same as numbers
 };
 
 static void note_failure(const Step &step, int result)
@@ -463,7 +463,7 @@ static void note_failure(const Step &step, int result)
 
 using Act = std::function<void(const Step &)>;
 
-// The same for verbs whose result is noted.
+// Wraps an operation whose failure is noted.
 static Act call(int (*operation)(const Step &))
 {
     return [operation](const Step &s) { note_failure(s, operation(s)); };
@@ -521,7 +521,7 @@ static std::map<std::string, Act> verbs = {
     {"advance", [](const Step &s) { advance(std::clamp(s.m, 0, 10000)); }},
 };
 
-// The verb that a word stands for. A fuzz target, which is given any words, has a rule of its own.
+// Maps a word to its verb. A fuzz target replaces this function, since its input may be any text.
 static std::string known_verb(Text word)
 {
     if (verbs.count(word) == 0)
@@ -531,7 +531,7 @@ static std::string known_verb(Text word)
 }
 static std::string (*find_verb)(Text word) = known_verb;
 
-// Rest of a stream, without blanks in front.
+// The rest of a stream without leading blanks.
 static std::string rest_of(std::istringstream &stream)
 {
     std::string rest;
@@ -548,7 +548,7 @@ static void run_step(Text word, std::istringstream &stream)
     verbs[step.verb](step);
 }
 
-// At most 300 steps, since a callback may plan itself again.
+// Stops after 300 steps, because a callback may plan itself again.
 static void run_line(Text line)
 {
     std::istringstream rest(line.substr(0, line.find('#')));
@@ -600,7 +600,7 @@ inline std::vector<Scenario> read_scenarios(Text file)
 // Before and after a scenario.
 static void begin()
 {
-    [[maybe_unused]] static const int once = // the timer library never gives its table back
+    [[maybe_unused]] static const int once = // the timer library never frees its table
         ruvo_stop_timer(ruvo_start_timer(1, doNothing, 0, 0));
     links.clear();
     owners.clear();

@@ -1,9 +1,9 @@
 // simulated_os.h - the operating system as the library meets it in tests: a simulated clock, sockets
 // that deliver at once, and calls that can fail.
 //
-// The linker redirects the library's calls (--wrap): its send() arrives in __wrap_send(), while
-// __real_send() is the system's. Sockets are UNIX domain sockets in this process: no port is needed,
-// and what has been sent can be received. Only waiting moves the clock, so tests do not sleep.
+// The linker redirects the library's calls (--wrap): its send() becomes __wrap_send(), while
+// __real_send() is the system's. Sockets are UNIX domain sockets in this process: they need no port,
+// and deliver what is sent at once. Only waiting moves the clock, so tests do not sleep.
 //
 // A test makes calls fail through `injection`, with one of the faults in the table below or its own.
 #ifndef SIMULATED_OS_H
@@ -33,7 +33,7 @@
 
 // ---- faults
 
-// How a call fails: it sets a positive way as errno and returns -1 (or null). The others:
+// How a call fails. A positive way is an error: the call returns -1 (or null) with this errno.
 enum Way {
     HALF = -1,    // send() and recv() transfer half of what they could
     END = -2,     // recv() finds the end of the stream
@@ -86,12 +86,12 @@ static const Fault faults[] = {
     {{"clock_gettime"}, {EINVAL, LEAP}, ANY, ""},
 };
 
-// Which calls fail at present, and what has come of it.
+// Which calls fail now, and how many have failed so far.
 struct Injection {
     const Fault *fault = nullptr; // null: no call fails
     int way = 0;                  // one of its ways
     int first = 1;                // the first of its calls that fails, counted from 1
-    bool lasting = false;         // the calls after that fail, too
+    bool lasting = false;         // all later calls fail, too
     int calls = 0, failed = 0;    // calls of the fault's functions so far
 };
 static Injection injection;
@@ -106,7 +106,7 @@ static bool fails(const std::string &call)
         std::find(fault->calls.begin(), fault->calls.end(), call) == fault->calls.end())
         return false;
     const int later = ++injection.calls - injection.first;
-    const int limit = injection.lasting ? 300 : 0; // a retry without a timeout must end
+    const int limit = injection.lasting ? 300 : 0; // retries without a timeout must end
     if (later < 0 || later > limit)
         return false;
     injection.failed++;
@@ -118,7 +118,7 @@ static bool fails(const std::string &call)
     return true;
 }
 
-// Defines what the library calls instead of a function of the system, and declares the original.
+// Defines the function that replaces a system call in the library, and declares the original.
 #define WRAP(type, name, parameters, if_it_fails, otherwise)                                       \
     extern "C" type __real_##name parameters;                                                      \
     extern "C" type __wrap_##name parameters                                                       \
@@ -136,7 +136,7 @@ static void *count_block(void *block)
     return block;
 }
 
-// A new block, with contents that nothing may rely on. The 2 GiB that a frame can announce are refused.
+// A new block filled with junk. Refuses large sizes, such as the 2 GiB that a frame can announce.
 extern "C" void *__real_malloc(size_t);
 static void *new_block(size_t size)
 {
@@ -181,7 +181,7 @@ static void (*connected)(int peerFd); // called with the other end of a client's
 
 WRAP(int, setsockopt, (int, int, int, const void *, socklen_t), -1, 0)
 
-// The same for every socket, so that a send blocks when its peer does not receive.
+// Gives every socket the same buffer, so that a send blocks when its peer does not receive.
 static int limit_send_buffer(int fd)
 {
     const int bytes = 65536;
@@ -213,7 +213,7 @@ static const int remoteListener = [] {
     return fd;
 }();
 
-// Connects at once. A non-blocking connect fails all the same, with the error of one in progress.
+// Connects at once. A non-blocking connect still fails with this error, as if it were in progress.
 extern "C" int __real_connect(int, const sockaddr *, socklen_t);
 static int connect_with(int fd, int error)
 {
@@ -254,7 +254,7 @@ extern "C" int __wrap_close(int fd)
     return fails("close") ? -1 : result;
 }
 
-// The open ones of the first 64 descriptors.
+// Counts the open ones among the first 64 descriptors.
 inline int count_descriptors()
 {
     int count = 0;
@@ -267,12 +267,12 @@ inline int count_descriptors()
 
 static int recvMs; // milliseconds that every recv() takes
 
-// What a peer does while the library waits, for at most so many milliseconds. It moves the clock, or
-// returns false if it does nothing.
+// What a peer does while the library waits for at most `limit` milliseconds: it moves the clock and
+// returns true, or returns false if it does nothing.
 static std::function<bool(int limit)> meanwhile;
 
-// A header must wait for its body (MSG_MORE), so that both leave in one segment; nothing else waits,
-// unless it is the rest of a header.
+// A header must be sent with MSG_MORE, so that it leaves in one segment with its body. Nothing else
+// may be, except the rest of a header.
 extern "C" ssize_t __real_send(int, const void *, size_t, int);
 static ssize_t send_now(int fd, const void *bytes, size_t size, int flags)
 {
@@ -306,13 +306,13 @@ WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
 // ---- waiting: for a descriptor, and in the library's main loop
 
 static int polls;         // calls so far
-static long long loopEnd; // when the loop's poll() fails, which ends the loop
+static long long loopEnd; // at this time the loop's poll() fails, which ends the loop
 static const int loopFd =
-    eventfd(0, 0); // registered first, so it begins the loop's list; never ready
+    eventfd(0, 0); // never ready; registered first, so it heads the loop's list
 static std::string lastPerror;
 
-// A wait moves the clock to its end, unless a peer acts meanwhile. A pass of the loop that finds
-// something ready takes 4 ms, because a handler may leave it as it is.
+// A wait moves the clock to its end, unless a peer acts first. A pass of the loop that finds
+// something ready takes 4 ms, so the loop ends even if no handler reads it.
 extern "C" int __real_poll(struct pollfd *, nfds_t, int);
 static int wait_for(struct pollfd *fds, nfds_t count, int timeout)
 {
@@ -354,7 +354,7 @@ extern "C" void __wrap_perror(const char *text)
 }
 WRAP(FILE *, fopen, (const char *path, const char *mode), nullptr, __real_fopen(path, mode))
 WRAP(int, stat, (const char *path, struct stat *status), -1, __real_stat(path, status))
-#if !__GLIBC_PREREQ(2, 33) // there, stat() is inline and calls this
+#if !__GLIBC_PREREQ(2, 33) // in older versions stat() is inline and calls this
 extern "C" int __real___xstat(int version, const char *path, struct stat *status);
 extern "C" int __wrap___xstat(int version, const char *path, struct stat *status)
 {

@@ -3,9 +3,9 @@
 #
 # usage: soak.py <examples/server> <examples/client> [SECONDS [SEED]]
 #
-# Four clients are programs, now and then stopped until the server has declared them down. Four are
-# guests, links of examples/peer.py with up to eight requests under way, which leave in one of WAYS.
-# Each reply is compared with its request. At the end the server has given all resources back.
+# Four clients are programs, stopped now and then until the server has declared them down. Four are
+# guests: links of examples/peer.py with up to eight outstanding requests, which leave in one of WAYS.
+# Each reply is compared with its request. At the end the server must have released all resources.
 import collections, itertools, queue, random, signal, string, sys, threading, time
 
 from programs import PATIENCE, Program, Server, peer, read_until_closed, run
@@ -22,7 +22,7 @@ def random_text():
 
 
 def hear_server(line):
-    for outcome in b"reply of", b"no reply of", b"not answered", b"no such client":
+    for outcome in b"reply from", b"no reply from", b"not answered", b"no such client":
         happened[f"server: {outcome.decode()}"] += line.startswith(b"server: " + outcome)
     if b"has fallen silent" in line:
         declared_down[line.split(b"//")[1].split(b":")[0].decode()].set()
@@ -96,7 +96,7 @@ def visit(server, name, first_way, until):
 
 
 def soak(server_program, client_program, seconds=20, seed=random.randrange(1000000)):
-    print("seed", seed, flush=True)  # repeats what is drawn, not what comes of it
+    print("seed", seed, flush=True)  # repeats the random choices, not the timing
     random.seed(str(seed))
     signal.alarm(int(seconds) + 90)
     server = Server(server_program, hear=hear_server)
@@ -121,11 +121,11 @@ def soak(server_program, client_program, seconds=20, seed=random.randrange(10000
     deadline = time.monotonic() + PATIENCE
     while server.descriptors() != descriptors:
         assert time.monotonic() < deadline
-    sanitized = server.kilobytes("VmSize") > 2 ** 33  # keeps what is freed
+    sanitized = server.kilobytes("VmSize") > 2 ** 33  # keeps freed memory
     server.say(b"stop")
     assert server.process.wait(PATIENCE) == 0
     print(*(f"{what} {count}" for what, count in sorted(happened.items())), memory, sep=", ")
-    assert all(happened[what] for what in ["server: reply of", "guests: reply", "stopped", *WAYS])
+    assert all(happened[what] for what in ["server: reply from", "guests: reply", "stopped", *WAYS])
     assert sanitized or memory[-1] < memory[0] * 1.1 + 512
 
 

@@ -1,4 +1,4 @@
-// test_abi.c - the binary interface: what the records look like and what the constants are worth.
+// test_abi.c - the binary interface: the layouts of records and the values of constants.
 //
 // Compiling this file is the test. If it fails, programs built against an earlier release break:
 // undo the change, or raise the major number of the version and, with it, the SONAME.
@@ -8,7 +8,7 @@
 
 #include <stddef.h>
 
-// The expected numbers are bytes with pointers of 64 and of 32 bits.
+// Expected bytes with 64-bit and with 32-bit pointers.
 #define EXPECTED(on64, on32) (sizeof(void *) == 8 ? (on64) : (on32))
 #define FIELD(record, field, on64, on32)                                                           \
     _Static_assert(offsetof(record, field) == EXPECTED(on64, on32), "offset of " #field)

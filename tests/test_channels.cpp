@@ -1,5 +1,5 @@
-// test_channels.cpp - what scenarios cannot say of clients, the server and the loop: misuse, limits, and
-// records that an application has changed itself.
+// test_channels.cpp - what scenarios cannot express about clients, the server and the loop: misuse,
+// limits, and records that an application has changed itself.
 
 #include "channel_fixture.h"
 
@@ -7,7 +7,7 @@ using Client = ChannelTest;
 using Server = ChannelTest;
 using Loop = ChannelTest;
 
-TEST_F(Client, OperationsLogAnUnknownIdAndAChannelThatIsNoClient)
+TEST_F(Client, OperationsLogAnUnknownIdAndAChannelThatIsNotAClient)
 {
     const std::pair<std::string, std::function<int(int)>> operations[] = {
         {"connect_server", tv_connect_server},
@@ -104,7 +104,7 @@ TEST_F(Server, FindsListsAndAddressesItsClients)
         logged internal list error, should never reach here, no outgoing request, response discarded
         stop_server                         => a: fd_close, a: peer_got EOF,
                                             => b: fd_close, b: peer_got EOF)");
-    clean_channel_repo(&tv_service_server.pairList); // a stop closes channels only
+    clean_channel_repo(&tv_service_server.pairList); // stopping only closes channels
 }
 
 TEST_F(Server, StopsInOrder)
@@ -112,7 +112,7 @@ TEST_F(Server, StopsInOrder)
     play("a: peer_logs_in tcp://a:1; c: peer_logs_in tcp://c:1; b: peer_logs_in tcp://b:1 => ...");
     play("d: peer_logs_in tcp://d:1 => ...");
     tv_remove_channel(tv_get_channel(links["b:"].channelId)); // cannot be closed by its id any more
-    tv_channel *other = (tv_channel *)malloc(sizeof(tv_channel)); // which has the same id
+    tv_channel *other = (tv_channel *)malloc(sizeof(tv_channel)); // with the same id
     init_channel(other, links["b:"].channelId);
     tv_add_channel(other);
     verbs["expect_listening"] = [](const Step &) { EXPECT_NE(tv_get_server_polling_fd(), -1); };
@@ -125,7 +125,7 @@ TEST_F(Server, StopsInOrder)
                         => d: fd_close, b: peer_got EOF, d: peer_got EOF)");
 }
 
-TEST_F(Server, StartsAgainWithTheHandlersOfThatStart)
+TEST_F(Server, ARestartUsesItsOwnHandlers)
 {
     EXPECT_EQ(tv_start_server("", 0), -1); // one is running
     EXPECT_EQ(tv_service_server.listenIp, "127.0.0.1"s);
@@ -250,7 +250,7 @@ TEST_F(Loop, FiresTimersAndServesReadyDescriptorsInSlotOrder)
     close(high);
 }
 
-TEST_F(Loop, ANumberThatAHandlerGivesToAnotherFileIsServedOnlyIfThatIsReady)
+TEST_F(Loop, ADescriptorNumberThatAHandlerReusesIsServedOnlyIfReady)
 {
     static int other;
     other = eventfd(1, 0);

@@ -1,5 +1,5 @@
-// test_frame.cpp - frames that fail between two connected descriptors, and slow peers, on the
-// simulated clock. Whole frames and arbitrary streams of bytes are covered by fuzz_frame.cpp.
+// test_frame.cpp - failed frames and slow peers on a socket pair and the simulated clock.
+// fuzz_frame.cpp covers whole frames and arbitrary bytes.
 
 #include "log_capture.h"
 #include "simulated_os.h"
@@ -45,7 +45,7 @@ struct Frame : testing::Test {
         recvMs = 0;
     }
 
-    // From now on so many calls fail.
+    // From now on 301 calls fail if lasting, otherwise one.
     void calls_fail(const Fault &fault, int way, bool lasting)
     {
         injection = {&fault, way, 1, lasting};
@@ -55,7 +55,7 @@ struct Frame : testing::Test {
     LogCapture log;
 };
 
-TEST_F(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
+TEST_F(Frame, BadHeadersLengthsTimeoutsAndPeersFail)
 {
     for (const char *const bytes : {"TCP_WATER_MARX", "TCP_WATER_MARK"}) {
         peer_writes(frame("").replace(0, 14, bytes).replace(32, 1, "\x80"));
@@ -87,7 +87,7 @@ TEST_F(Frame, FailuresOfTheHeaderTheBudgetTheLengthAndThePeer)
                 "the remote peer closed", "tcp_impl_receive, failed on receive msg, len[4]"});
 }
 
-// The peer sends its bytes in pieces, each after so many ms, while it is waited for.
+// While the library waits, the peer sends the next piece of its bytes every everyMs.
 static void peer_trickles(std::string &bytes, size_t piece, int everyMs)
 {
     meanwhile = [&bytes, piece, everyMs](int limit) {
@@ -120,8 +120,8 @@ TEST_F(Frame, OneDeadlineCoversHeaderAndBody)
     EXPECT_LOG({"time out:0", "tcp_impl_send, failed on send msg, len[3000000]"});
 }
 
-// Every recv() takes 10 ms here, and finds the frame buffered.
-TEST_F(Frame, WorkCountsAndAfterTheDeadlineWhatIsBufferedMayCompleteASmallFrame)
+// Here every recv() takes 10 ms and finds the frame buffered.
+TEST_F(Frame, TheDeadlineIncludesWorkButBufferedBytesMayCompleteASmallFrame)
 {
     static const Fault halving = {{"recv"}, {HALF}, SAME, ""}; // many recv() for a small frame
     const std::string small(5000, 'x'), large(300000, 'x');    // two recv() for the large one

@@ -3,7 +3,7 @@
 //     test_index [STEPS [SEED]]
 //
 // Adds, renames, moves and closes channels at random, in the library's two lists and in a list of
-// the application's own, with duplicates of every key and sometimes without memory. After every
+// the application's own, with duplicates of every key and failing allocations. After every
 // step, searches for random keys must find what a plain walk over the list finds.
 
 #include "require.h"
@@ -13,9 +13,9 @@
 #include <string.h>
 #include <string>
 
-static const int usualPairs = 150; // far beyond the walks of short lists
-static const int keys = 100;       // so many different URLs and descriptors
-static const int firstFd = 5000;   // no descriptor of this process
+static const int usualPairs = 150; // far above the length up to which lists are walked
+static const int keys = 100;       // number of different URLs and descriptors
+static const int firstFd = 5000;   // above all descriptors of this process
 
 static tv_channel_list *const pairs = &tv_service_server.pairList;
 static tv_channel_list ownList = {&ownList, &ownList};
@@ -81,7 +81,7 @@ static void compare_searches()
     const auto hasFd = [=](const tv_channel *pair) {
         return pair->pairSocket != nullptr && pair->pairSocket->fd == fd;
     };
-    tv_pair_fd_handler(-1, 0, 0); // nobody's: ends after the walk of a short list
+    tv_pair_fd_handler(-1, 0, 0); // unknown: a short list is walked to its end
     REQUIRE(get_channel(&tv_repository, id) == walk(&tv_repository, hasId));
     REQUIRE(get_channel(pairs, id) == walk(pairs, hasId));
     REQUIRE(get_channel(&ownList, id) == walk(&ownList, hasId));
@@ -104,7 +104,7 @@ static void log_in(tv_channel *pair)
     login_msg_received(pair, strdup(login.c_str()));
 }
 
-// The application lists a record of its own, with an id that another channel has.
+// The application adds a record of its own under an id already in use.
 static void add_duplicate(const tv_channel *original)
 {
     tv_channel *channel = (tv_channel *)malloc(sizeof(tv_channel));
@@ -112,7 +112,7 @@ static void add_duplicate(const tv_channel *original)
     strcpy(channel->url, original->url);
     channel->pairSocket = (tv_socket *)malloc(sizeof(tv_socket));
     channel->pairSocket->fd = random_fd();
-    noMemory = false; // an unlisted record would be lost
+    noMemory = false; // an unlisted record would leak
     add_channel(pairs, channel);
     tv_add_channel(channel);
 }

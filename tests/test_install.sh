@@ -1,7 +1,7 @@
 #!/bin/sh
-# test_install.sh - a program outside the project is built and works: with an installation that was
-# moved, through CMake and pkg-config, shared and static, and with the project's source as a folder
-# of its own project.
+# test_install.sh - build and run a program outside the project: against an installation that was
+# moved, through CMake and pkg-config, shared and static, and with the project's source as a
+# subproject.
 #
 # usage: test_install.sh <source folder> <build folder> <cmake> <cc> <c++>
 set -eu
@@ -33,9 +33,9 @@ check_installation() { # <what> <build folder>
     "$cmake" --install "$2" --prefix "$work/first"
     mv "$work/first" "$work/$1"
     ! grep -rlIF -e "$work/first" -e "$2" -e "$source" "$work/$1" ||
-        fail "these files hold folders of this machine"
+        fail "these files contain build paths"
     check_by_cmake "$work/build-$1" "-DCMAKE_PREFIX_PATH=$work/$1"
-    # The C compiler is enough, also for linking.
+    # The C compiler is enough, even for linking.
     folder=$(dirname "$(find "$work/$1" -name tolvane.pc)")
     # shellcheck disable=SC2046,SC2086 # words on purpose
     "$cc" $CFLAGS "$consumer/consumer.c" -o "$work/program" "-Wl,-rpath,$(dirname "$folder")" \

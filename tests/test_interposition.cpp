@@ -1,5 +1,5 @@
-// test_interposition.cpp - an application that defines functions of the same names as exported ones,
-// and a timer library of its own. Linked with the shared libraries.
+// test_interposition.cpp - an application that defines functions with the names of exported ones,
+// and timer functions of its own. Linked with the shared libraries.
 
 #include "tolvane.h"
 
@@ -26,7 +26,7 @@ void close_channel(tv_channel *)
     ADD_FAILURE() << "called instead of the library's own";
 }
 
-TEST(Interposition, LeavesTheLibraryItsOwnFunctionsButTakesATimerLibrary)
+TEST(Interposition, TheLibraryKeepsItsOwnFunctionsButUsesTheApplicationsTimers)
 {
     const int id = tv_start_server("127.0.0.1", 0);
     EXPECT_EQ(tv_service_server.serverChannel->channelId, id); // the library's object, not a copy

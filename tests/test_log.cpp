@@ -1,4 +1,4 @@
-// test_log.cpp - the two sinks: which one takes an entry, what it looks like, where they end.
+// test_log.cpp - the two sinks: which one gets an entry, what it looks like, when they are full.
 
 #include "tolvane.h"
 
@@ -19,7 +19,7 @@ TEST(Log, EachEntryGoesToOneSinkUntilThatIsFull)
         const tm *const applications = localtime(&longAgo);
         errno = EDOM;
         disable_polling_timer();
-        EXPECT_EQ(errno, EDOM); // the application's, like the record of its local time
+        EXPECT_EQ(errno, EDOM); // belongs to the application, like the record of localtime()
         EXPECT_EQ(applications->tm_year, 70);
         return Growth(ftell(stream) - position, lseek(file, 0, SEEK_END) - size);
     };
@@ -41,9 +41,9 @@ TEST(Log, EachEntryGoesToOneSinkUntilThatIsFull)
 
     for (const long limit : {TV_LOG_LIMIT - 1, TV_LOG_LIMIT, TV_LOG_LIMIT + 1}) {
         EXPECT_EQ(ftruncate(file, limit) + fseek(stream, limit, SEEK_SET), 0);
-        EXPECT_EQ(entry(), Growth(0, limit <= TV_LOG_LIMIT ? size : 0)); // a file ends beyond it
+        EXPECT_EQ(entry(), Growth(0, limit <= TV_LOG_LIMIT ? size : 0)); // a file is full above it
         tv_set_log_fd(stream);
-        EXPECT_EQ(entry(), Growth(limit < TV_LOG_LIMIT ? size : 0, 0)); // a stream at the limit
+        EXPECT_EQ(entry(), Growth(limit < TV_LOG_LIMIT ? size : 0, 0)); // a stream already at it
         tv_set_log_fd(nullptr);
     }
     fclose(stream);
@@ -51,7 +51,7 @@ TEST(Log, EachEntryGoesToOneSinkUntilThatIsFull)
     unlink(path);
 }
 
-TEST(Log, ThePathIsCutAndItsRestCleared)
+TEST(Log, ALongPathIsTruncatedAndTheRestCleared)
 {
     tv_set_log_file(std::string(200, 'x').c_str());
     EXPECT_EQ(log_file, std::string(127, 'x'));

@@ -1,9 +1,9 @@
 #!/usr/bin/env -S python3 -B
-# test_peers.py - peers in plain Python, of examples/peer.py, against programs of the library. Times
-# are in seconds.
+# test_peers.py - the Python peers of examples/peer.py against programs of the library. Times are in
+# seconds.
 #
 # usage: test_peers.py peer <examples/server> <examples/client>       every kind of message both ways
-#        test_peers.py own_loop <server that echoes>...              many clients at a time
+#        test_peers.py own_loop <server that echoes>...              many clients at once
 #        test_peers.py hostile <examples/server>     what bad peers cost the server and a healthy one
 import contextlib, itertools, multiprocessing, os, select, signal, socket, sys, time
 
@@ -31,7 +31,7 @@ def clients_at(program):
             (3, peer.LAST_NUMBER, 60, peer.HEARTBEAT)):
         link = peer.Link(socket.create_connection(server.address), b"tcp://py:1", answer,
                          interval=interval)
-        link.number = number  # any is taken for the first one; then it has to go round
+        link.number = number  # any first number is accepted; then it must wrap around
         link.send(peer.LOGIN, link.url + b"\0")
         largest = peer.LARGEST - len(body(b"0000000000", link.url))
         for request, reply in ((b"say hello", b"HELLO"), (b"say \0a\xff", b"\0A\xff"), (b"say", b""),
@@ -43,7 +43,7 @@ def clients_at(program):
         until = time.monotonic() + 10
         while asked[-2:] != [b"all news", b"ask how are you"]:
             assert link.step(1)[0] != peer.REPLY and time.monotonic() < until
-        server.wait_for(b"reply of tcp://py:1: well", times=round)
+        server.wait_for(b"reply from tcp://py:1: well", times=round)
         assert link.request(b"lose it", 0.1) is None  # its reply comes while nobody waits for one
         while peer.REPLY not in kinds or kinds.count(beat) <= round:  # one unanswered: silent
             kinds.append(link.step(5)[0])
@@ -64,7 +64,7 @@ def pipelined_at(program):
 
     link = server.connect("py", serve=answer, pipelined=True)
     slow, quick = link.ask(b"later slow"), [link.ask(b"say %d" % i) for i in range(50)]
-    assert [link.wait_for(mark, PATIENCE) for mark in quick] == [b"%d" % i for i in range(50)]
+    assert [link.wait_for(each, PATIENCE) for each in quick] == [b"%d" % i for i in range(50)]
     assert slow not in link.answers and link.wait_for(slow, PATIENCE) == b"SLOW"
     assert link.request(b"say " + peer.LOGIN, PATIENCE) == peer.LOGIN.upper()
     declined = link.ask(b"dance")
@@ -75,7 +75,7 @@ def pipelined_at(program):
     server.say(b"all news")
     while asked != [b"ask how are you", b"all news"]:
         link.step(1)
-    server.wait_for(b"reply of tcp://py:1: well")
+    server.wait_for(b"reply from tcp://py:1: well")
     link.logout()
     server.wait_for(b"tcp://py:1 has logged out")
 
@@ -88,7 +88,7 @@ def server_for(program):
         known = server.links
         server.step(0.05)
         for link in server.links:
-            if link not in known:  # any number is taken for the first one; then it has to go round
+            if link not in known:  # any first number is accepted; then it must wrap around
                 link.number = peer.LAST_NUMBER - 1
 
     for stays in False, True:  # the second one takes the name, and the first one's link is closed
@@ -129,9 +129,9 @@ def ask(links):
         assert link.step(PATIENCE) == (peer.REPLY, b"hello %d" % i)  # no heartbeat for 10 s
 
 
-# In one pass of the server's loop a login closes an older client of that name, a newcomer gets the
-# descriptor's number, and the older one has sent something, too: nobody may wait for that on the
-# newcomer's connection, and give it up.
+# In one pass of the server's loop, a login closes an older client of that name that has just sent a
+# message, and a newcomer gets its descriptor number. The server must not wait for that message on the
+# newcomer's connection, and then close it.
 def send_stale_event(server):
     older, other = server.connect("older"), server.connect("other")
     ask([older, other])
@@ -142,7 +142,7 @@ def send_stale_event(server):
     older.send(peer.REQUEST, b"hello")
     server.process.send_signal(signal.SIGCONT)
     ask([other])
-    assert not select.select([newcomer], [], [], 0)[0], "the newcomer was given up"
+    assert not select.select([newcomer], [], [], 0)[0], "the newcomer's connection was closed"
 
 
 def serve_many(*programs):
@@ -172,8 +172,8 @@ def is_closed(*pieces):
                     connection.sendall(piece)
                     sent += len(piece)
             read_until_closed(connection)
-        # A message may take 1 s, also one that never makes the server wait.
-        assert sent < 2 ** 31 or time.monotonic() - start < 2, "2 GiB were taken"
+        # A message may take 1 s, even if its bytes never pause.
+        assert sent < 2 ** 31 or time.monotonic() - start < 2, "the server received 2 GiB"
     return attack
 
 
@@ -212,7 +212,7 @@ def endure(program):
 
     delay()
     descriptors, memory = server.descriptors(), server.kilobytes("VmRSS")
-    # The address sanitizer keeps what is freed; it tells of leaks at the end.
+    # The address sanitizer keeps freed memory; it reports leaks at the end.
     bound = 4096 if server.kilobytes("VmSize") < 2 ** 33 else float("inf")
     for what, attack in ATTACKS.items():
         print(what, end=": ", flush=True)
@@ -226,7 +226,7 @@ def endure(program):
         print("%.0f ms, at most %d KiB more, now %d" % (worst * 1000, most, more))
         assert attacker.exitcode == 0 and more < bound / 4
         assert most < bound or what == "replies never read" and most < 24 * 1024  # a queue
-        assert b"fallen silent" not in server.printed()  # closed for what it did, not for that
+        assert b"fallen silent" not in server.printed()  # closed for the attack, not for silence
     server.say(b"stop")
     assert server.process.wait(PATIENCE) == 0
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env -S python3 -B
-# test_programs.py - what comes with the library, as its users meet it. Exits with 77 where a test
-# cannot be made.
+# test_programs.py - what ships with the library, as its users see it. Exits with 77 if a test cannot
+# run here.
 #
 # usage: test_programs.py tvcat <tvcat> <examples/server>
 #        test_programs.py mixed <tvcat> <folder of the examples>
@@ -24,7 +24,7 @@ def output(*command):
 # ---- tvcat
 
 
-# It answers itself, and tells in its exit status when something was not answered.
+# A tvcat answers another; the exit status shows whether every line was answered.
 def cat(tvcat, example):
     def expect(status, pattern, *arguments, lines=b""):
         done = subprocess.run([tvcat, *map(str, arguments)], input=lines, timeout=60,
@@ -37,7 +37,7 @@ def cat(tvcat, example):
     expect(0, lines + b"\n", *server.address, lines=lines)
     assert server.printed().partition(b"\n")[2] == lines + b"\n"  # the requests
     expect(0, b"", *server.address, "me")
-    # A request that fits while its reply does not, and one behind it.
+    # A request that fits but whose reply does not, and the next request.
     plain = server.connect("plain")
     assert plain.request(b"x" * 65440) == b"too long to be answered"
     assert plain.request(b"short") == b"short"
@@ -46,7 +46,7 @@ def cat(tvcat, example):
     expect(0, b"pong\n", "-t", 9000, *pong.address, "me", lines=b"ping\n")
 
     shouter = Server(example)
-    shouter.process.stdin.close()  # it goes on serving
+    shouter.process.stdin.close()  # it keeps serving
     expect(1, b".*no reply within 100 ms\n", "-t", 100, *shouter.address, lines=b"lose this\n")
     expect(1, b".*too long.*", *shouter.address, lines=b"x" * 100000)
 
@@ -59,9 +59,9 @@ def cat(tvcat, example):
             (1, b"number", "-t 5s 127.0.0.1 4711"),
             (1, b"number", "-t 99999999999 127.0.0.1 4711"),
             (1, b"server", "-l -t 500 127.0.0.1 0"),
-            (1, b"wants a server", "-a pong 127.0.0.1 4711"),
+            (1, b"needs a server", "-a pong 127.0.0.1 4711"),
             (1, b"name", f"127.0.0.1 {port} " + 60 * "x"),
-            (1, b"wanted", "127.0.0.1"),
+            (1, b"required", "127.0.0.1"),
             (1, b"argument", "127.0.0.1 4711 me you"),
             (1, b"option.*--help", "-x 127.0.0.1 4711"),
             (0, b"-a ANSWER", "--help"),
@@ -88,8 +88,8 @@ def mix(tvcat, folder):
 # ---- two hosts
 
 
-# Two network namespaces, and a cable between them, which is pulled out and put back. A namespace
-# lives as long as the process in it: nothing is mounted, and nothing can be left behind.
+# Two network namespaces and a cable between them, which is unplugged and plugged in again. A namespace
+# lives only as long as its process: nothing is mounted, so nothing can be left over.
 def pull_cable(folder):
     hosts = [Program("unshare", "--net", "sleep", 100) for _ in range(2)]
     a, b = [["nsenter", f"--net=/proc/{host.process.pid}/ns/net"] for host in hosts]
@@ -114,7 +114,7 @@ def pull_cable(folder):
     server.wait_for(b"tcp://far:1 has logged in")
     ip(a, "link set wire down")
     pulled = time.monotonic()
-    # Both examples send a heartbeat a second and give up after two without an answer.
+    # Both examples send a heartbeat a second and give up after two unanswered ones.
     for program, text in (client, b"no link to the server"), (server, b"far:1 has fallen silent"):
         program.wait_for(text)
         assert time.monotonic() - pulled > 1.9
@@ -139,7 +139,7 @@ PIECES = message(2, peer.REQUEST, b"in pieces of " + b"0" * 300)
 FIELDS = ("-Y tolvane -T fields -E separator=| -e frame.number -e tolvane.type -e tolvane.length "
           "-e _ws.col.Info -e tolvane.answer_in -e tolvane.answer_to -e tolvane.time "
           "-e tolvane.heartbeat.interval -e _ws.expert.message").split()
-# The sender, Outwards a client; what it sends; if that ends a message, FIELDS behind the number.
+# Direction (Out of or In to the client), bytes and, if they end a message, FIELDS after the number.
 SEGMENTS = (
     ("O", message(0, peer.LOGIN, b"tcp://a:1\0"), '0|64|login 0 tcp://a:1 "tcp://a:1"  |||||'),
     ("O", message(1, peer.REQUEST, b"ping"), '2|60|request 1 tcp://a:1 "ping"  |3||||'),
@@ -162,16 +162,16 @@ SEGMENTS = (
     ("O", frame(b"6\nvelun_tolvane_request\ntcp://a:1"),
      "2|33|request 6 tcp://a:1  |||||No payload marker"),
     ("I", frame(b""),
-     "|0|Refused length  |||||Refused length: the receiver gives the connection up"),
-    ("O", b"out of step, which no receiver gets over",
-     "||No watermark  |||||No watermark: the receiver gives the connection up"))
+     "|0|Refused length  |||||Refused length: the receiver closes the connection"),
+    ("O", b"out of step, so no receiver can read on",
+     "||No watermark  |||||No watermark: the receiver closes the connection"))
 
 
 def dissect(dissector):
     if not shutil.which("tshark"):
-        print("skipped: there is no tshark")
+        print("skipped: tshark is not installed")
         sys.exit(77)
-    # Newer releases run no scripts for root, so it is somebody else who reads the capture.
+    # Newer releases run no scripts as root, so another user reads the capture.
     nobody = {"user": 65534, "group": 65534, "extra_groups": []} if os.getuid() == 0 else {}
     with tempfile.TemporaryDirectory() as folder:
         os.chmod(folder, 0o755)
@@ -187,18 +187,18 @@ def dissect(dissector):
     assert shown.splitlines() == wanted, shown
 
 
-# ---- the pages: their pieces of code compile, and the whole programs among them work
+# ---- documentation: its code blocks compile, and its whole programs work
 
 
 FLAGS = "-D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror -I../include -I../timer".split()
-# What the guide names for a piece that is not a whole program.
+# What the guide tells readers to include in a block that is not a whole program.
 INCLUDES = {
     "c": "".join(f"#include <{header}.h>\n" for header in ("ruvo_timer", "stdlib", "string", "tolvane")),
     "cpp": "#include <tolvane.hpp>\nusing namespace std::chrono_literals;\n",
 }
 
 
-# A whole program begins with its name in a comment, and becomes LANGUAGE-NAME.
+# A whole program starts with its name in a comment; it is compiled to LANGUAGE-NAME.
 def compile_pieces(folder, libraries, compilers):
     for page in "../README.md", *glob.glob("../docs/*.md"):
         text = read(page)
@@ -213,8 +213,8 @@ def compile_pieces(folder, libraries, compilers):
             subprocess.run([*compilers[language], *FLAGS, source.name, *goal], check=True)
 
 
-# Run two programs with a port that is free: if it is not, the server ends. Requires the first thing
-# that the client prints, but for its complaints, and returns the server with its port.
+# Run a server and a client on a free port; a server whose port is taken ends, and the next port is
+# tried. Requires the client's output, except while it cannot connect; returns the server and port.
 def converse(wanted, server, client, *arguments):
     for port in random.sample(range(10000, 30000), 5):
         serving = Program(server, port, *arguments[:1])
@@ -236,7 +236,7 @@ def run_programs(libraries, *compilers):
         converse(b"HELLO\n", f"{folder}/cpp-shout_server", f"{folder}/cpp-shout_client", "_", "hello")
         # The worker acknowledges each job at once, and loses no report.
         converse(b"3 jobs done, 27 progress reports\n", f"{folder}/c-jobs", f"{folder}/c-jobs", "worker", "boss")
-        # A client in its own loop comes back to a server that was away.
+        # A client in its own loop reconnects to a restarted server.
         client = Program(f"{folder}/c-epoll_client", port, "hello")
         client.wait_for(b"HELLO")
         serving.process.kill()
@@ -244,14 +244,14 @@ def run_programs(libraries, *compilers):
         Program(f"{folder}/c-server", port)
         heard = len(client.wait_for(b"HELLO"))
         client.wait_for(b"HELLO", times=heard + 1)
-        # No request is refused for want of an answer to another one.
+        # No request is refused because another one is unanswered.
         ways, port = converse(b"100 of 100 values confirmed, 0 timeouts\n", f"{folder}/c-two_ways",
                               f"{folder}/c-two_ways", "hub", "sensor")
         ways.wait_for(rb"[1-9]\d* of \d+ questions answered")
         assert ways.process.wait(PATIENCE) == 0
 
 
-# ---- what leaves the two libraries is what their headers declare, each of which compiles alone
+# ---- each library exports exactly what its header declares, and each header compiles alone
 
 
 def check_exports(folder, *compilers):

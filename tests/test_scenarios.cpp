@@ -3,9 +3,9 @@
 #include "channel_fixture.h"
 
 static const struct Suite {
-    const char *name, *file, *start; // the start goes before each scenario of the file
+    const char *name, *file, *start; // the start precedes each scenario of the file
 } suites[] = {
-    // A client's peer has not sent a login. It skips that number, to count as a pair's peer does.
+    // A client's peer sends no login. It skips that number, so that both kinds of peer count alike.
     {"OnAClient", "link.txt", "create_client; connect; drop_frames 1 => ...\n"},
     {"OnAPair", "link.txt", "peer_logs_in tcp://link:7 => ...\n"},
     {"Client", "client.txt", ""},
@@ -14,13 +14,8 @@ static const struct Suite {
 };
 
 struct ScenarioTest : ChannelTest {
-    explicit ScenarioTest(Text steps) : steps(steps)
-    {
-    }
-    void TestBody() override
-    {
-        play(steps);
-    }
+    explicit ScenarioTest(Text steps) : steps(steps) {}
+    void TestBody() override { play(steps); }
     const std::string steps;
 };
 

@@ -22,7 +22,7 @@ static struct sockaddr_in address_of(int fd)
 struct Socket : testing::Test {
     ~Socket() override
     {
-        EXPECT_EQ(fcntl(listener + 1, F_GETFD), -1); // whatever failed has left nothing open
+        EXPECT_EQ(fcntl(listener + 1, F_GETFD), -1); // failures left nothing open
         close(listener);
     }
 
@@ -43,11 +43,11 @@ TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
             EXPECT_TRUE((fcntl(fd, F_GETFL) & O_NONBLOCK) && noDelay);
             EXPECT_TRUE(fcntl(fd, F_GETFD) & fcntl(listener, F_GETFD) & FD_CLOEXEC);
         }
-        int len, unsent = -1; // of an empty frame: its header waits for nothing
+        int len, unsent = -1; // an empty frame: its header must not wait for a body
         EXPECT_EQ(tcp_impl_send_with_timeout(client, "", 0, 1000), 0);
         EXPECT_TRUE(ioctl(client, SIOCOUTQNSD, &unsent) != 0 || unsent == 0);
         free(tcp_impl_receive_with_timeout(accepted, &len, 1000));
-        fcntl(accepted, F_SETFL, 0); // limits hold on a blocking descriptor, too
+        fcntl(accepted, F_SETFL, 0); // timeouts also hold on a blocking descriptor
         EXPECT_EQ(tcp_impl_receive_with_timeout(accepted, &len, 10), nullptr);
         EXPECT_EQ(
             tcp_impl_send_with_timeout(accepted, std::string(1 << 25, 'x').data(), 1 << 25, 10),
@@ -80,7 +80,7 @@ TEST_F(Socket, DescriptorZeroIsLikeAnyOther)
 
 TEST_F(Socket, FailedConnectsLeaveNothingOpen)
 {
-    int waiting[16]; // for somebody to accept them
+    int waiting[16]; // to be accepted
     for (int &fd : waiting)
         EXPECT_NE(fd = impl_create_client_socket(ip, port, 1000), -1);
     for (const int fd : waiting) {
@@ -97,7 +97,7 @@ TEST_F(Socket, FailedConnectsLeaveNothingOpen)
     close(first);
 }
 
-// While the server is down, a client may be given the server's own port.
+// While the server is down, a client may get the server's port as its own.
 TEST_F(Socket, AClientThatConnectsToItselfIsNotConnected)
 {
     sockaddr_in own = address_of(listener);
@@ -113,7 +113,7 @@ TEST_F(Socket, AClientThatConnectsToItselfIsNotConnected)
     }
     EXPECT_EQ(close(self), 0); // it was left open for its owner
 
-    // The same port of another address is another end.
+    // The same port at another address is a different end.
     const int server = impl_create_server_socket("127.0.0.2", ntohs(own.sin_port));
     const int client = socket(AF_INET, SOCK_STREAM, 0);
     EXPECT_EQ(bind(client, (const sockaddr *)&own, sizeof(own)), 0);

@@ -1,4 +1,4 @@
-// test_timer.cpp - the timer library, on a monotonic clock that is moved by hand.
+// test_timer.cpp - the timer library, on a monotonic clock that the test moves.
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@ static int read_clock(clockid_t clock, struct timespec *time)
     return 0;
 }
 
-// The library itself, but for its clock.
+// The library itself, on that clock.
 #define clock_gettime read_clock
 #include "ruvo_timer.cpp"
 
@@ -37,7 +37,7 @@ TEST(Timer, RefusesWhatItCannotDo)
         EXPECT_EQ(ruvo_stop_timer(unknown), -1);
     now += INT_MAX * ms;
     ruvo_fire_timer();
-    EXPECT_EQ(calls, 1); // none was left behind it
+    EXPECT_EQ(calls, 1); // none of the refused timers fired
     EXPECT_EQ(ruvo_stop_timer(id), -1);
 }
 
@@ -55,7 +55,7 @@ static void fired(intptr_t name, intptr_t negative);
 static void start_one()
 {
     static intptr_t name = 0;
-    static std::set<int> seen; // no id comes round soon
+    static std::set<int> seen; // ids must not repeat soon
     const int interval = 1 + draw() % 300;
     const bool periodic = draw() % 4 == 0;
     const auto start = periodic ? ruvo_start_periodic_timer : ruvo_start_timer;
@@ -65,7 +65,7 @@ static void start_one()
     model[{now + interval * ms, name}] = {id, periodic ? interval * ms : 0};
 }
 
-// Any timer, or one that is due soon, if not in this pass.
+// Stops any timer, or the one that is due next.
 static void stop_one()
 {
     const size_t among = draw() % 2 ? model.size() : 1;
@@ -74,8 +74,8 @@ static void stop_one()
     model.erase(victim);
 }
 
-// It has to be the first one of the model, and goes on by the grid of its start. Now and then it
-// stops itself, stops another one, starts one, or takes its time.
+// The timer must be the first one of the model; a periodic one keeps to the grid of its start. At
+// random it stops itself, stops another one, starts one, or takes a while.
 static void fired(intptr_t name, intptr_t negative)
 {
     ASSERT_FALSE(model.empty());
@@ -103,7 +103,7 @@ static void fired(intptr_t name, intptr_t negative)
 // callbacks do.
 TEST(Timer, AThousandTimersAsInASimpleModel)
 {
-    lastId = INT_MAX - 5000; // the ids begin again on the way
+    lastId = INT_MAX - 5000; // ids wrap around during the test
     for (int step = 0; step < 20000; step++) {
         if (model.size() < 1000)
             start_one();

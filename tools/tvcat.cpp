@@ -110,7 +110,7 @@ private:
         ended = got <= 0;
         for (size_t end; (end = rest.find('\n')) != text::npos; rest.erase(0, end + 1))
             lines.push(rest.substr(0, end));
-        if (ended && !rest.empty()) // a last line without an end
+        if (ended && !rest.empty()) // a last line without a line feed
             lines.push(rest);
         loop.unwatch(STDIN_FILENO);
         send_next();
@@ -166,18 +166,18 @@ int main(int argc, char **argv)
             timeout = optarg;
         else if (letter == 'h' || letter == 'v')
             return puts(letter == 'h' ? usage : "tvcat " TV_VERSION) < 0;
-        else // getopt_long() has said what is wrong
+        else // getopt_long() has printed what is wrong
             fail("see tvcat --help");
     }
     if (listens && timeout != nullptr)
         fail(text("-t ") + timeout + ": a server does not wait for replies, see tvcat --help");
     if (!listens && answer != nullptr)
-        fail(text("-a ") + answer + ": an answer wants a server, -l, see tvcat --help");
+        fail(text("-a ") + answer + ": an answer needs a server, -l, see tvcat --help");
     const int wait =
         timeout == nullptr ? 5000 : to_number(timeout, "a timeout in milliseconds", 1, INT_MAX);
     const int most = listens ? 2 : 3;
     if (argc - optind < 2)
-        fail("ADDRESS and PORT are wanted, see tvcat --help");
+        fail("ADDRESS and PORT are required, see tvcat --help");
     if (argc - optind > most)
         fail(text(argv[optind + most]) + ": one argument too many, see tvcat --help");
     const text address = argv[optind];
@@ -188,7 +188,7 @@ int main(int argc, char **argv)
     std::optional<sender> client;
     if (listens)
         serve(server, address, port, answer);
-    else // the process's number in the name: two of one name do not replace each other
+    else // the process id in the URL keeps clients of one name from replacing each other
         client.emplace(loop, tolvane::endpoint{address, static_cast<uint16_t>(port)},
                        tolvane::endpoint{argc - optind == 3 ? argv[optind + 2] : "tvcat",
                                          static_cast<uint16_t>(getpid())},

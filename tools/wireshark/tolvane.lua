@@ -1,13 +1,13 @@
 -- tolvane.lua - Wireshark and tshark show tolvane's messages, on any port.
 --
 --   tshark -X lua_script:tools/wireshark/tolvane.lua -i lo -Y tolvane
---   for good: a copy in the folder of personal Lua plugins (Help, About Wireshark, Folders)
+--   to install it: copy it to the folder of personal Lua plugins (Help, About Wireshark, Folders)
 --
--- Place    found by the watermark at the start of a segment; docs/protocol.md has the bytes.
+-- Finds    messages by the watermark at the start of a segment; docs/protocol.md has the bytes.
 -- Shows    each message's fields; gaps in the numbers of one direction; with a reply, its request
 --          and the time between. In filters: tolvane.type, tolvane.time > 0.1, tolvane.sequence.gap
--- State    per connection and direction, gathered while packets are read in their order; what was
---          found for a message is kept for when it is shown again.
+-- State    per connection and direction, collected while packets are first read in order; the results
+--          for a message are kept for when it is shown again.
 
 local proto = Proto("tolvane", "Tolvane messages")
 
@@ -43,7 +43,7 @@ proto.fields = field
 local expert = {
     gap = ProtoExpert.new("tolvane.sequence.gap", "Gap in the sequence",
         expert.group.SEQUENCE, expert.severity.WARN),
-    frame = ProtoExpert.new("tolvane.bad_frame", "The receiver gives the connection up",
+    frame = ProtoExpert.new("tolvane.bad_frame", "The receiver closes the connection",
         expert.group.MALFORMED, expert.severity.ERROR),
     message = ProtoExpert.new("tolvane.bad_message", "Not a message",
         expert.group.MALFORMED, expert.severity.ERROR),
@@ -68,9 +68,9 @@ local function direction_from(stream, port)
     return directions[key]
 end
 
--- What a receiver does with a number: it takes any after 0, and else the next one. Returns whether
--- it takes this one, and what is wrong with it. A capture may begin in the middle of a connection:
--- the first number is right.
+-- What a receiver does with a number: after 0 it accepts any, otherwise only the next one. Returns
+-- whether it accepts this one, and what is wrong with it. A capture may begin in the middle of a
+-- connection, so the first number is right.
 local function check_sequence(from, sequence)
     local last = from.last
     local due = last and (last == MAX_SEQUENCE and 0 or last + 1)
@@ -86,8 +86,8 @@ local function check_sequence(from, sequence)
     return false, text .. ", the receiver drops the message"
 end
 
--- An end takes an answer for that to the latest message of its own that asks for one, unless this
--- is answered already.
+-- An answer belongs to the receiver's latest message that asks for one, unless that is already
+-- answered.
 local function tie(message, from, to)
     local asked_kind = ANSWERS[message.kind]
     if message.kind == ANSWERS[3] or message.kind == ANSWERS[5] then
@@ -99,7 +99,7 @@ local function tie(message, from, to)
     end
 end
 
--- The type by which the library goes: the first of the tags, in their order, anywhere in the text.
+-- The type that the library assumes: the first of the tags, in their order, anywhere in the text.
 local function type_taken(body)
     local text = body:match("^[^\0]*")
     for kind = 0, UNKNOWN - 1 do
@@ -110,8 +110,8 @@ local function type_taken(body)
     return UNKNOWN
 end
 
--- Read the fields of a body, from its front. The positions count from 0; those of what is not
--- there are nil, and the kind is UNKNOWN.
+-- Parse the fields of a body from its start. Positions count from 0; those of missing fields are nil,
+-- and a missing kind is UNKNOWN.
 local function parse(body)
     local message = { kind = UNKNOWN }
     local sequence, tag, url_at = body:match("^(%d+)\nvelun_tolvane_(%l+)\n()")
@@ -133,7 +133,7 @@ local function parse(body)
     return message
 end
 
--- What one message is and what has to do with it, found when it is first seen.
+-- The fields of a message and its related messages, found when it is first seen.
 local function message_of(tvb, pinfo, body)
     local key = pinfo.number .. ":" .. tvb:offset()
     if not pinfo.visited or not messages[key] then
@@ -202,7 +202,7 @@ local function show_links(message, tree)
     end
 end
 
--- A packet's line holds all of its messages: what is there already is fenced in.
+-- A packet's line shows all of its messages: this text is added to what is there.
 local function show_info(pinfo, text)
     pinfo.cols.info = text .. "  "
 end
@@ -235,7 +235,7 @@ local function show_message(message, range, pinfo, tree)
 end
 
 local function bad_frame(pinfo, tree, what)
-    tree:add_proto_expert_info(expert.frame, what .. ": the receiver gives the connection up")
+    tree:add_proto_expert_info(expert.frame, what .. ": the receiver closes the connection")
     show_info(pinfo, what)
 end
 
@@ -256,7 +256,7 @@ local function dissect_frame(tvb, pinfo, tree)
     return tvb:len()
 end
 
--- The size of the frame at offset; what no receiver would read on from ends with the segment.
+-- The size of the frame at offset; a bad frame extends to the end of the segment.
 local function frame_size(tvb, _, offset)
     if tvb:raw(offset, #WATERMARK) ~= WATERMARK then
         return tvb:len() - offset
@@ -271,7 +271,7 @@ function proto.dissector(tvb, pinfo, tree)
     return tvb:len()
 end
 
--- A connection is tolvane's from the first segment on that begins with the watermark.
+-- A connection is tolvane's from the first segment that begins with the watermark.
 proto:register_heuristic("tcp", function(tvb, pinfo, tree)
     local size = math.min(tvb:len(), #WATERMARK)
     if size < 8 or tvb:raw(0, size) ~= WATERMARK:sub(1, size) then

@@ -699,7 +699,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     virtual void end(reason why, std::string text) = 0;
     virtual void arrived(request received) = 0;
     virtual void drained() = 0;
-    virtual void session(int type, const message &received) = 0; // login and what belongs to it
+    virtual void handle_other(int type, const message &received) = 0; // login and what belongs to it
     virtual void accepted_pipelined() {} // a server accepts a client's offer
 
     // ---- the connection
@@ -1019,7 +1019,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         else if (type == TV_MSG_HEARTBEAT)
             append_heartbeat(c::build_heartbeat_ack_msg);
         else
-            session(type, received);
+            handle_other(type, received);
     }
     void request_received(message &&received)
     {
@@ -1343,7 +1343,7 @@ struct client_state final : link {
         const auto own = address_of(fd, getsockname), other = address_of(fd, getpeername);
         return own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
     }
-    void session(int type, const message &) override
+    void handle_other(int type, const message &) override
     {
         if (type == TV_MSG_HEARTBEAT_ACK)
             establish(false);
@@ -1558,7 +1558,7 @@ struct pair final : link {
         if (id != -1)
             server->on.drained(peer(shared_from_this()));
     }
-    void session(int type, const message &received) override
+    void handle_other(int type, const message &received) override
     {
         if (type == TV_MSG_LOGOUT)
             end(reason::logged_out, {});

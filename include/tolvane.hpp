@@ -398,12 +398,12 @@ private:
         always.clear();
         round++;
     }
-    static void change(int fd, unsigned events)
+    static void change(int fd, unsigned wanted)
     {
         const auto found = watched.find(fd);
         if (found == watched.end())
             return;
-        found->second.event.events = events;
+        found->second.event.events = wanted;
         epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &found->second.event);
     }
     // Something became due outside run_once(): a loop around this one has to call it.

@@ -49,7 +49,7 @@
 //   connect                     connects the client and logs it in
 //   disconnect                  logs the client out
 //   send_request TEXT MS        and waits up to MS milliseconds for the reply (0: expects none)
-//   send_large_request MS       60,000 bytes: the second one that is not received blocks
+//   send_large_request MS       60,000 bytes: the third one that is not received blocks
 //   send_reply TEXT             answers the deferred request; "!" passes a negative length
 //   broadcast TEXT              a request to all clients
 //   find_client IP PORT         notes which link's client is logged in under that URL

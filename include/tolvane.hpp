@@ -699,8 +699,9 @@ struct link : connection, std::enable_shared_from_this<link> {
     virtual void end(reason why, std::string text) = 0;
     virtual void arrived(request received) = 0;
     virtual void drained() = 0;
-    virtual void handle_other(int type, const message &received) = 0; // login and what belongs to it
-    virtual void accepted_pipelined() {} // a server accepts a client's offer
+    virtual void handle_other(int type,
+                              const message &received) = 0; // login and what belongs to it
+    virtual void accepted_pipelined() {}                    // a server accepts a client's offer
 
     // ---- the connection
 
@@ -935,7 +936,7 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     // ---- input
 
-    // The length of the next message: 0 when it is incomplete, -1 when the input is no message.
+    // The length of the next message: 0 if it is incomplete, -1 if it is not valid.
     long next_frame()
     {
         if (in.size() < frame_header)

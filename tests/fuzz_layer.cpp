@@ -1,14 +1,14 @@
 // fuzz_layer.cpp - the input side of the layer, given any bytes on a link. A server gets them behind
 // a login, and has two requests under way; a client gets them as the server's answer to its login,
-// with two requests waiting. Every handler runs once, the other links go on, and the link ends where
-// the stream is no frame, or when it ends.
+// with two requests waiting. Every handler runs once, the other links go on, and the link ends at the
+// first bytes that are not a frame, or at the end of the stream.
 //
 // Input: one byte that says who reads (1: the client), behind which login (2: a pipelined one, 4:
 // none), and in how many pieces; then the stream.
 
 #include "layer_ends.h"
 
-// Whether a plain reading of the bytes comes upon something that is no frame.
+// Whether the stream contains bytes that do not form a valid frame.
 static bool breaks_off(std::string_view stream)
 {
     while (stream.size() >= 36) {

@@ -3,18 +3,12 @@
 
 #include "require.h"
 #include "tolvane.h"
+#include "wire.h"
 
 #include <algorithm>
 #include <functional>
 #include <limits.h>
 #include <stdint.h>
-#include <string.h>
-#include <string>
-
-static const std::string marker = "\nvelun_tolvane_payload\n";
-static const std::string tags[] = {"velun_tolvane_login\n",     "velun_tolvane_logout\n",
-                                   "velun_tolvane_request\n",   "velun_tolvane_reply\n",
-                                   "velun_tolvane_heartbeat\n", "velun_tolvane_heartbeatack\n"};
 
 // Only 31 characters of a number are read; a number out of range becomes the nearest int.
 static int number_of(const std::string &text)
@@ -37,7 +31,7 @@ static void check_readers(const char *msg, int len)
 {
     const std::string text(msg);
     int type = TV_MSG_LOGIN;
-    while (type < TV_MSG_UNKNOWN && text.find(tags[type]) == std::string::npos)
+    while (type < TV_MSG_UNKNOWN && text.find(tag(kinds[type])) == std::string::npos)
         type++;
     REQUIRE(get_msg_type(msg) == type);
 
@@ -51,8 +45,9 @@ static void check_readers(const char *msg, int len)
         REQUIRE(payloadLen == (left < 0 ? 0 : left));
     }
 
-    const size_t url =
-        type == TV_MSG_UNKNOWN ? std::string::npos : text.find(tags[type]) + tags[type].size();
+    const size_t url = type == TV_MSG_UNKNOWN
+                           ? std::string::npos
+                           : text.find(tag(kinds[type])) + tag(kinds[type]).size();
     const bool hasUrl = found && url <= at; // false for npos
     for (const int size : {1, 2, TV_URL_SIZE}) {
         char stored[TV_URL_SIZE] = "untouched";
@@ -83,7 +78,7 @@ static void check_builders(const char *msg, int len)
     const std::string sequence = "{sequence:" + std::to_string(number) + "}";
     char *const dst = channel.msgBuf;
     // How each kind is built, and its payload.
-    const std::pair<std::function<int()>, std::string> kinds[] = {
+    const std::pair<std::function<int()>, std::string> builders[] = {
         {[&] { return build_login_msg(&channel, msg); }, textWithEnd},
         {[&] { return build_logout_msg(&channel, msg); }, textWithEnd},
         {[&] { return pack_outgoing_rqst(&channel, msg, len); }, std::string(msg, len)},
@@ -95,9 +90,8 @@ static void check_builders(const char *msg, int len)
     for (const int first : {number, INT_MAX}) {
         for (int type = TV_MSG_LOGIN; type < TV_MSG_UNKNOWN; type++) {
             channel.msgSequence = first;
-            const auto &[build, payload] = kinds[type];
-            const std::string built =
-                std::to_string(first) + "\n" + tags[type] + url + marker + payload;
+            const auto &[build, payload] = builders[type];
+            const std::string built = message(first, kinds[type], url, marker + payload);
             REQUIRE(build() == (int)built.size());
             REQUIRE(memcmp(dst, built.data(), built.size()) == 0);
             REQUIRE(channel.msgSequence == (first < 0 || first == INT_MAX ? 0 : first + 1));

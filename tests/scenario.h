@@ -50,8 +50,9 @@
 //   disconnect                  logs the client out
 //   send_request TEXT MS        and waits up to MS milliseconds for the reply (0: expects none)
 //   send_large_request MS       60,000 bytes: the third one that is not received blocks
-//   send_reply TEXT             answers the deferred request; "!" passes a negative length
+//   send_reply TEXT             answers the deferred request
 //   broadcast TEXT              a request to all clients
+//                               in these, TEXT may be (null), or "!" for a negative length
 //   find_client IP PORT         notes which link's client is logged in under that URL
 //   serve                       runs the channel's descriptor handler once
 //   handle                      the same for a client, but notes a failure
@@ -62,18 +63,26 @@
 //                               other word for an invalid result; ":TEXT" adds a reply
 //   enable_heartbeat MS COUNT   on the link's channel
 //   enable_all_heartbeats MS COUNT   on the server and its pairs
-//   start_timers                many timers that do nothing
 //   next_timer                  notes the milliseconds until the next timer
 //   show FIELD                  notes a field of the channel's record
+//   elapsed                     notes the simulated time since the previous one
 //   be_busy MS                  lets MS simulated milliseconds pass outside the main loop
 //   advance MS                  runs the main loop for MS simulated milliseconds; inside a callback
 //                               for a single pass
 //
-// VERBS for GoogleTest cases only, so not for faults*.txt
-//   logged ENTRY, ENTRY         the previous line logged exactly these entries
+// VERBS of test_channels.cpp only, so not for faults*.txt
+//   logged ENTRY, ENTRY         the previous line logged exactly these entries; [*] stands for any
+//                               number in brackets
 //   last_logged ENTRY           the previous line logged this entry last
 //   remove_handlers             for responses, timeouts and lost links
 //   fail CALL                   from now on this system call fails with ECONNREFUSED ("nothing": none)
+//   add_actors FIRST LAST       one for each number
+//   register FIRST LAST, unregister FIRST LAST   descriptors with these numbers
+//   list_descriptors SIZE       notes those from 500 on in a list of that size for poll()
+//   list_clients ROOM           notes the clients whose descriptors fit an array of that size
+//   find_server                 notes whether there is a descriptor to accept from
+//   replace_record              removes the channel from the repository and adds another with its id
+//   add_empty_entry             adds an entry without a channel to the list of pairs
 //
 // NOTES, each preceded by the name of its link, if it has one
 //   CALLBACK TEXT               a callback ran: fd_open, fd_close, connected, disconnected, actor0,
@@ -96,7 +105,6 @@
 #include <map>
 #include <sstream>
 
-using Text = const std::string &;
 using Texts = std::vector<std::string>;
 
 // A channel of the library, and its peer.
@@ -121,6 +129,7 @@ static bool closesOnLinkDown;      // the application closes a channel whose lin
 static std::map<int, int> awaited; // by channel, the number of the outstanding request
 static int openPairs;              // fd_open minus fd_close
 static int firstId, descriptors;   // when the scenario began
+static long long before;           // the time at the last `elapsed`
 static int steps;                  // so far
 
 static void run(Text scenario);
@@ -137,22 +146,19 @@ static void send_message(Link &link, Text kind, std::string payload)
     if (kind == "login")
         link.url = payload.substr(0, payload.find('~'));
     std::replace(payload.begin(), payload.end(), '~', '\0');
-    std::string body = std::to_string(link.sent++) + "\nvelun_tolvane_" + kind + "\n" + link.url;
-    if (!payload.empty())
-        body += "\nvelun_tolvane_payload\n" + payload;
-    send_bytes(link, frame(body));
+    send_bytes(
+        link, frame(message(link.sent++, kind, link.url, payload.empty() ? "" : marker + payload)));
 }
 
 // Returns a message's kind and payload if its number and URL are right, otherwise all of it.
-static std::string summary(Text body, Text number, Text url)
+static std::string summary(Text body, long long number, Text url)
 {
-    const std::string start = number + "\nvelun_tolvane_";
-    const std::string middle = "\n" + url + "\nvelun_tolvane_payload\n";
-    const size_t kindEnd = body.find(middle);
-    if (body.rfind(start, 0) != 0 || kindEnd == std::string::npos)
-        return body;
-    return body.substr(start.size(), kindEnd - start.size()) + " " +
-           body.substr(kindEnd + middle.size());
+    for (Text kind : kinds) {
+        const std::string start = message(number, kind, url, marker);
+        if (body.rfind(start, 0) == 0)
+            return kind + " " + body.substr(start.size());
+    }
+    return body;
 }
 
 // Notes everything that the peer has received.
@@ -168,8 +174,7 @@ static void read_messages(Link &link)
     for (int length; (length = frame_length(link.unread)) != -1;) {
         const std::string body = link.unread.substr(headerSize, length);
         link.unread.erase(0, headerSize + length);
-        notes.push_back(link.label + "peer_got " +
-                        summary(body, std::to_string(link.received++), link.url));
+        notes.push_back(link.label + "peer_got " + summary(body, link.received++, link.url));
     }
     if (ended) {
         notes.push_back(link.label + "peer_got EOF");
@@ -236,16 +241,18 @@ static void called(Text callback, int id, const char *text, int length)
         awaited.erase(id); // unless a plan has sent another request
 }
 
+static tv_fd_handler handler_of(int id)
+{
+    const int type = get_channel_type(id);
+    if (type == TV_CHANNEL_CLIENT)
+        return tv_channel_fd_handler;
+    return type == TV_CHANNEL_SERVER ? tv_server_fd_handler : tv_pair_fd_handler;
+}
+
 static int watch(int id)
 {
     const int fd = tv_get_polling_fd(id);
-    if (fd == -1)
-        return -1;
-    const int type = get_channel_type(id);
-    if (type == TV_CHANNEL_CLIENT)
-        return tv_register_polling_fd(fd, tv_channel_fd_handler, id, 0);
-    const auto handler = type == TV_CHANNEL_SERVER ? tv_server_fd_handler : tv_pair_fd_handler;
-    return tv_register_polling_fd(fd, handler, 0, 0);
+    return fd == -1 ? -1 : tv_register_polling_fd(fd, handler_of(id), id, 0);
 }
 
 static void on_link_down(int id, const char *url)
@@ -371,10 +378,21 @@ extern "C" int __wrap_impl_create_client_socket(const char *ip, int port, int ti
     return __real_impl_create_client_socket(ip, port, timeout);
 }
 
+// What the word for a payload stands for.
+static const char *bytes_of(Text word)
+{
+    return word == "(null)" ? nullptr : word.data();
+}
+
+static int length_of(Text word)
+{
+    return word == "!" ? -1 : word.size();
+}
+
 static int send_request(int id, Text payload, int timeout)
 {
     static int count = 0;
-    const int result = tv_send_rqst(id, payload.data(), payload.size(), timeout);
+    const int result = tv_send_rqst(id, bytes_of(payload), length_of(payload), timeout);
     if (result == 0)
         REQUIRE(get_channel_type(id) != TV_CHANNEL_NONE); // a lost link would have made it fail
     if (result == 0 && timeout > 0)
@@ -390,17 +408,14 @@ static void find_client(Text ip, int port)
 
 static void serve(int id)
 {
-    const int fd = tv_get_polling_fd(id);
-    if (get_channel_type(id) == TV_CHANNEL_CLIENT)
-        tv_channel_fd_handler(fd, id, 0);
-    else
-        tv_pair_fd_handler(fd, 0, 0);
+    if (id != serverId) // accepting would wait for a peer
+        handler_of(id)(tv_get_polling_fd(id), id, 0);
 }
 
 static int handle(int id)
 {
-    const bool isClient = get_channel_type(id) == TV_CHANNEL_CLIENT;
-    return isClient ? handle_client_polling_fd(tv_get_channel(id)) : -1;
+    tv_channel *const channel = tv_get_channel(id);
+    return channel == nullptr ? -1 : handle_client_polling_fd(channel);
 }
 
 static void show(const Link &link, Text field)
@@ -409,7 +424,6 @@ static void show(const Link &link, Text field)
     if (channel == nullptr)
         return;
     std::map<std::string, std::string> fields = {
-        {"type", std::to_string(get_channel_type(link.channelId))},
         {"url", channel->url},
         {"pollTimeout", std::to_string(channel->pollTimeout)},
         {"hbTimerId", std::to_string(channel->hbTimerId)},
@@ -423,17 +437,6 @@ static void serve_bytes(const Link &link, Text bytes)
 {
     send_bytes(link, bytes);
     serve(link.channelId);
-}
-
-// The timer table never shrinks: to make it grow under fault injection, start more each time.
-static void start_timers()
-{
-    static int count = 40;
-    for (int i = 0; i < count; i++)
-        if (__real_ruvo_start_timer(5, doNothing, 0, 0) == -1)
-            note("no timer " + std::to_string(i));
-    if (injection.fault != nullptr && count < 200)
-        count *= 2;
 }
 
 static void advance(int ms)
@@ -455,18 +458,15 @@ struct Step {
     int m, n;                // the same as numbers
 };
 
-static void note_failure(const Step &step, int result)
-{
-    if (result != 0)
-        note(step.link.label + step.verb + ": " + std::to_string(result));
-}
-
 using Act = std::function<void(const Step &)>;
 
 // Wraps an operation whose failure is noted.
-static Act call(int (*operation)(const Step &))
+static Act call(const std::function<int(const Step &)> &operation)
 {
-    return [operation](const Step &s) { note_failure(s, operation(s)); };
+    return [operation](const Step &s) {
+        if (const int result = operation(s); result != 0)
+            note(s.link.label + s.verb + ": " + std::to_string(result));
+    };
 }
 
 static std::map<std::string, Act> verbs = {
@@ -494,9 +494,10 @@ static std::map<std::string, Act> verbs = {
     {"send_large_request",
      call([](const Step &s) { return send_request(s.id, std::string(60000, 'x'), s.m); })},
     {"send_reply",
-     call([](const Step &s) { return tv_send_resp(s.id, &s.a[0], s.a == "!" ? -1 : s.a.size()); })},
-    {"broadcast",
-     call([](const Step &s) { return tv_broadcast_rqst_to_client(&s.a[0], s.a.size()); })},
+     call([](const Step &s) { return tv_send_resp(s.id, bytes_of(s.a), length_of(s.a)); })},
+    {"broadcast", call([](const Step &s) {
+         return tv_broadcast_rqst_to_client(bytes_of(s.a), length_of(s.a));
+     })},
     {"find_client", [](const Step &s) { find_client(s.a, s.n); }},
     {"serve", [](const Step &s) { serve(s.id); }},
     {"handle", call([](const Step &s) { return handle(s.id); })},
@@ -512,24 +513,17 @@ static std::map<std::string, Act> verbs = {
      [](const Step &s) { tv_client_enable_heartbeat(s.id, s.m, s.n, on_link_down); }},
     {"enable_all_heartbeats",
      [](const Step &s) { tv_service_enable_heartbeat(s.m, s.n, on_link_down); }},
-    {"start_timers", [](const Step &) { start_timers(); }},
     {"next_timer",
      [](const Step &) {
          note("next timer " + std::to_string(ruvo_timer_get_expected_interval()));
      }},
+    {"elapsed",
+     [](const Step &) { note(std::to_string(now - std::exchange(before, now)) + " ms"); }},
     {"be_busy", [](const Step &s) { now += std::clamp(s.m, 0, 10000); }},
     {"advance", [](const Step &s) { advance(std::clamp(s.m, 0, 10000)); }},
 };
 
-// Maps a word to its verb. A fuzz target replaces this function, since its input may be any text.
-static std::string known_verb(Text word)
-{
-    if (verbs.count(word) == 0)
-        fprintf(stderr, "scenario.h has no verb '%s'\n", word.c_str());
-    REQUIRE(verbs.count(word) == 1);
-    return word;
-}
-static std::string (*find_verb)(Text word) = known_verb;
+static bool anyVerb; // a word that is not a verb means the next verb in the alphabet
 
 // The rest of a stream without leading blanks.
 static std::string rest_of(std::istringstream &stream)
@@ -541,11 +535,15 @@ static std::string rest_of(std::istringstream &stream)
 
 static void run_step(Text word, std::istringstream &stream)
 {
-    Step step = {*current, current->channelId, find_verb(word), rest_of(stream), "", "", 0, 0};
+    const auto found = verbs.lower_bound(word), verb = found == verbs.end() ? verbs.begin() : found;
+    if (!anyVerb && verb->first != word)
+        fprintf(stderr, "scenario.h has no verb '%s'\n", word.c_str());
+    REQUIRE(anyVerb || verb->first == word);
+    Step step = {*current, current->channelId, verb->first, rest_of(stream), "", "", 0, 0};
     std::istringstream(step.words) >> step.a >> step.b;
     step.m = atoi(step.a.c_str());
     step.n = atoi(step.b.c_str());
-    verbs[step.verb](step);
+    verb->second(step);
 }
 
 // Stops after 300 steps, because a callback may plan itself again.
@@ -610,7 +608,7 @@ static void begin()
     firstId = tv_get_channel_id();
     descriptors = count_descriptors();
     injection.calls = injection.failed = blocks = steps = 0;
-    now = 1000000; // no timer is pending
+    before = now = 1000000; // no timer is pending
     injecting = true;
     tv_register_polling_fd(loopFd, nullptr, 0, 0);
     run("start_server");
@@ -625,6 +623,7 @@ static void end()
     note("the end");
     for (auto &[name, link] : links)
         close_peer(link);
+    clean_channel_repo(&tv_service_server.pairList); // stopping only closes channels
     awaited.clear();
     injecting = false;
     advance(INT_MAX); // timers of closed channels

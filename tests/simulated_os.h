@@ -12,17 +12,14 @@
 #include "require.h"
 #include "ruvo_timer.h"
 #include "tolvane.h"
+#include "wire.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <functional>
 #include <limits.h>
 #include <poll.h>
-#include <string.h>
-#include <string>
-#include <string_view>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -59,7 +56,7 @@ struct Fault {
 };
 
 static const Fault faults[] = {
-    {{"malloc", "realloc"}, {ENOMEM}, SEEN, ""},
+    {{"malloc"}, {ENOMEM}, SEEN, ""},
     {{"calloc"}, {ENOMEM}, SEEN, "malloc error in function"},
     {{"socket"}, {EMFILE}, SEEN, "failed on create socket"},
     {{"setsockopt"}, {ENOBUFS}, ANY, "failed on setsockopt"},
@@ -144,35 +141,12 @@ static void *new_block(size_t size)
 }
 WRAP(void *, malloc, (size_t size), nullptr, new_block(size))
 WRAP(void *, calloc, (size_t n, size_t size), nullptr, count_block(__real_calloc(n, size)))
-WRAP(void *, realloc, (void *old, size_t size), nullptr, __real_realloc(old, size))
 
 extern "C" void __real_free(void *);
 extern "C" void __wrap_free(void *block)
 {
     blocks -= block != nullptr;
     __real_free(block);
-}
-
-// ---- frames on the wire: a watermark, zeros, the length of the body in 4 bytes, the body
-
-static const size_t headerSize = 36;
-
-inline std::string frame(const std::string &body)
-{
-    const uint32_t length = htonl(body.size());
-    std::string header = "TCP_WATER_MARK";
-    header.resize(headerSize - sizeof(length));
-    return header.append((const char *)&length, sizeof(length)) + body;
-}
-
-// The length of the body if the bytes begin with a whole frame, or -1.
-inline int frame_length(std::string_view bytes)
-{
-    uint32_t length;
-    if (bytes.size() < headerSize || memcmp(bytes.data(), "TCP_WATER_MARK", 15) != 0)
-        return -1;
-    memcpy(&length, &bytes[headerSize - sizeof(length)], sizeof(length));
-    return ntohl(length) > bytes.size() - headerSize ? -1 : (int)ntohl(length);
 }
 
 // ---- connections

@@ -8,10 +8,9 @@
 
 #include "require.h"
 #include "tv_internal.h"
+#include "wire.h"
 
 #include <set>
-#include <string.h>
-#include <string>
 
 static const int usualPairs = 150; // far above the length up to which lists are walked
 static const int keys = 100;       // number of different URLs and descriptors
@@ -100,8 +99,7 @@ static void accept_pair()
 
 static void log_in(tv_channel *pair)
 {
-    const std::string login = "0\nvelun_tolvane_login\n\nvelun_tolvane_payload\n" + random_url();
-    login_msg_received(pair, strdup(login.c_str()));
+    login_msg_received(pair, strdup(message(0, "login", "", marker + random_url()).c_str()));
 }
 
 // The application adds a record of its own under an id already in use.

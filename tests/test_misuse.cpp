@@ -1,8 +1,10 @@
-// test_misuse.cpp - null records, messages that do not fit, channels outside the repository, and
-// lists with null links.
+// test_misuse.cpp - null records, messages that do not fit, channels outside the repository, lists
+// with null links, and a server that was never started.
 
 #include "log_capture.h"
+#include "wire.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <unistd.h>
 
@@ -22,10 +24,39 @@ TEST(Misuse, NullRecordsAreRefused)
     EXPECT_EQ(register_actor(nullptr, nullptr), -1);
     EXPECT_EQ(create_server_channel(nullptr, 0, "", 0), -1);
     EXPECT_EQ(server_remove_channel(nullptr), 0);
+    EXPECT_EQ(tv_get_client_channel(nullptr, 80), -1);
     tv_impl_close_channel(nullptr);
     send_heartbeat(nullptr);
     tv_set_polling_interval(5); // only logs, for old programs
     EXPECT_LOG({"get_polling_fd, channel is NULL", "tv_set_polling_interval, interval is 5"});
+}
+
+TEST(Misuse, BeforeTheFirstStartEveryServerOperationReturns)
+{
+    LogCapture log;
+    int fd = dup(0);
+    EXPECT_EQ(tv_service_enable_heartbeat(100, 1, nullptr), 0);
+    EXPECT_EQ(tv_get_all_client_fds(&fd, 1), 0);
+    EXPECT_LOG({"channel list is null", "channel list is null"});
+    EXPECT_EQ(create_pair_channel(fd), -1);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1); // closed
+    EXPECT_EQ(tv_pair_fd_handler(fd, 0, 0), 0);
+    EXPECT_EQ(tv_server_fd_handler(fd, 0, 0), -1);
+    EXPECT_EQ(tv_get_server_polling_fd(), -1);
+    EXPECT_EQ(tv_get_client_channel("a", 1), -1);
+    EXPECT_EQ(tv_broadcast_rqst_to_client("x", 1), 0);
+    tv_stop_server();
+}
+
+TEST(Misuse, AddressesWithoutATerminatingNulAreCut)
+{
+    tv_client_addr addr = {"", "", 1, 65535};
+    memset(addr.serverIp, '1', TV_IP_SIZE);
+    memset(addr.clientIp, '2', TV_IP_SIZE);
+    const int id = tv_create_client_channel(&addr);
+    EXPECT_EQ(tv_get_channel(id)->serverIp, std::string(15, '1'));
+    EXPECT_EQ(tv_get_channel(id)->url, "tcp://" + std::string(16, '2') + ":65535");
+    tv_close_channel(id);
 }
 
 TEST(Misuse, WhatDoesNotFitIsNotBuilt)
@@ -56,6 +87,7 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     LogCapture log;
     static tv_channel channel;
     init_channel(&channel, -2);
+    EXPECT_TRUE(channel.pollTimeout == INT_MAX && channel.connectTimeout == -1);
     EXPECT_TRUE(channel.rqstTimerId == -1 && channel.hbTimerId == -1); // 0 may be a timer's id
     int ends[2], len = 7;
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
@@ -108,21 +140,17 @@ TEST(Misuse, AListWithNullLinksAndAnEntryWithoutARecordHoldNothing)
     clean_channel_repo(&list);
 }
 
-TEST(Misuse, ABufferWithoutRoomGetsNoUrl)
-{
-    char untouched = 'x';
-    EXPECT_EQ(get_msg_url("1\nvelun_tolvane_reply\nu\nvelun_tolvane_payload\n", &untouched, 0), -1);
-    EXPECT_EQ(untouched, 'x');
-}
-
 TEST(Misuse, ReadersLogWhatTheyDoNotFind)
 {
     LogCapture log;
-    char url[9];
+    char url[2] = "x";
+    const std::string reply = message(1, "reply", "u", marker);
     EXPECT_EQ(get_heartbeat_count("{sequence:5}"), -1);
     EXPECT_EQ(get_msg_url("1\nno tag", url, sizeof(url)), -1);
     EXPECT_LOG({"could not find key", "get_url_pos, unexpected tolvane received"});
-    EXPECT_EQ(get_msg_url("1\nvelun_tolvane_reply\nu\nvelun_tolvane_payload\n", url, 9), 0);
+    EXPECT_EQ(get_msg_url(reply.c_str(), url, 0), -1);
+    EXPECT_STREQ(url, "x");
+    EXPECT_EQ(get_msg_url(reply.c_str(), url, sizeof(url)), 0);
     EXPECT_LOG({});
 }
 

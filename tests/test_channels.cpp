@@ -125,20 +125,15 @@ struct ChannelTest : testing::Test {
     }
     void play(Text scenario)
     {
-        std::istringstream lines(scenario);
-        std::vector<std::pair<std::string, std::string>> parts; // steps and expected notes
+        static const std::regex continuation("\n *=>"), arrows("=>");
+        std::istringstream lines(std::regex_replace(scenario, continuation, "=>"));
         for (std::string line; std::getline(lines, line);) {
             const size_t arrow = std::min(line.find("=>"), line.size());
-            const std::string steps = one_line(line.substr(0, arrow));
-            if (!steps.empty() || parts.empty())
-                parts.emplace_back(steps, "");
-            parts.back().second += line.substr(std::min(arrow + 2, line.size())) + " ";
-        }
-        for (const auto &[steps, wanted] : parts) {
-            run(steps);
+            const std::string wanted = one_line(std::regex_replace(line.substr(arrow), arrows, ""));
+            run(line.substr(0, arrow));
             logged = log.take();
             const std::string notes = happened();
-            EXPECT_EQ(notes, one_line(wanted) == "..." ? notes : one_line(wanted)) << steps;
+            EXPECT_EQ(notes, wanted == "..." ? notes : wanted) << line;
         }
     }
 };

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <errno.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <limits.h>
 #include <poll.h>
@@ -228,13 +229,9 @@ extern "C" int __wrap_close(int fd)
     return fails("close") ? -1 : result;
 }
 
-// Counts the open ones among the first 64 descriptors.
 inline int count_descriptors()
 {
-    int count = 0;
-    for (int fd = 0; fd < 64; fd++)
-        count += __real_fcntl(fd, F_GETFD, 0) != -1;
-    return count;
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 // ---- transfers

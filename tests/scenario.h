@@ -34,7 +34,7 @@
 //   peer_sends KIND PAYLOAD     the channel receives a login, logout, request, reply, heartbeat ... ;
 //                               without a PAYLOAD the message has no payload marker
 //   peer_buffers KIND PAYLOAD   the same, but the message stays in the socket until `serve`
-//   peer_sends_empty_frame      the channel receives a frame without a message
+//   peer_announces LENGTH       the channel receives the header of a frame of that length
 //   peer_sends_bytes TEXT       the channel receives TEXT, which is not a frame
 //   drop_frames N               as if N messages from the peer were lost (below 0: repeated)
 //   peer_counts_from N          its next message has this number
@@ -63,7 +63,6 @@
 //   enable_heartbeat MS COUNT   on the link's channel
 //   enable_all_heartbeats MS COUNT   on the server and its pairs
 //   next_timer                  notes the milliseconds until the next timer
-//   show FIELD                  notes a field of the channel's record
 //   elapsed                     notes the simulated time since the previous one
 //   be_busy MS                  lets MS simulated milliseconds pass outside the main loop
 //   advance MS                  runs the main loop for MS simulated milliseconds; inside a callback
@@ -76,6 +75,7 @@
 //   remove_handlers             for responses, timeouts and lost links
 //   fail CALL                   from now on this system call fails with ECONNREFUSED ("nothing": none)
 //   add_actors FIRST LAST       one for each number
+//   peer_trickles KIND PAYLOAD  the channel receives a message in six pieces, one every 40 ms
 //   register FIRST LAST, unregister FIRST LAST   descriptors with these numbers
 //   list_descriptors SIZE       notes those from 500 on in a list of that size for poll()
 //   list_clients ROOM           notes the clients whose descriptors fit an array of that size
@@ -88,8 +88,7 @@
 //                               actor1, response, timeout, link_down
 //   peer_got KIND PAYLOAD       the peer received a message, or EOF when the connection has ended
 //   VERB: RESULT                a call failed
-//   FIELD VALUE                 from `show`
-//   connecting to IP:PORT within MS, client NAME: or no client, next timer MS
+//   connecting to IP:PORT within MS, client NAME: or no client, next timer MS, MS ms
 //
 // Every scenario checks that a request gets at most one of reply and timeout, that callbacks get
 // readable texts and an open channel, that each descriptor is opened and closed once, and that no
@@ -140,13 +139,12 @@ static void send_bytes(const Link &link, Text bytes)
     __real_send(link.peerFd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
-static void send_message(Link &link, Text kind, std::string payload)
+static std::string next_frame(Link &link, Text kind, std::string payload)
 {
     if (kind == "login")
         link.url = payload.substr(0, payload.find('~'));
     std::replace(payload.begin(), payload.end(), '~', '\0');
-    send_bytes(
-        link, frame(message(link.sent++, kind, link.url, payload.empty() ? "" : marker + payload)));
+    return frame(message(link.sent++, kind, link.url, payload.empty() ? "" : marker + payload));
 }
 
 // Returns a message's kind and payload if its number and URL are right, otherwise all of it.
@@ -416,19 +414,6 @@ static int handle(int id)
     return channel == nullptr ? -1 : handle_client_polling_fd(channel);
 }
 
-static void show(const Link &link, Text field)
-{
-    const tv_channel *const channel = tv_get_channel(link.channelId);
-    if (channel == nullptr)
-        return;
-    std::map<std::string, std::string> fields = {
-        {"url", channel->url},
-        {"pollTimeout", std::to_string(channel->pollTimeout)},
-        {"hbTimerId", std::to_string(channel->hbTimerId)},
-    };
-    note(link.label + field + " " + fields[field]);
-}
-
 static void serve_bytes(const Link &link, Text bytes)
 {
     send_bytes(link, bytes);
@@ -469,9 +454,10 @@ static std::map<std::string, Act> verbs = {
     {"peer_connects", [](const Step &s) { connect_peer(s.link); }},
     {"accept", [](const Step &s) { accept_peer(s.link); }},
     {"peer_logs_in", [](const Step &s) { run("accept; peer_sends login " + s.a + "~"); }},
-    {"peer_buffers", [](const Step &s) { send_message(s.link, s.a, s.b); }},
+    {"peer_buffers", [](const Step &s) { send_bytes(s.link, next_frame(s.link, s.a, s.b)); }},
     {"peer_sends", [](const Step &s) { run("peer_buffers " + s.words + "; serve"); }},
-    {"peer_sends_empty_frame", [](const Step &s) { serve_bytes(s.link, frame("")); }},
+    {"peer_announces",
+     [](const Step &s) { serve_bytes(s.link, header(strtoul(s.a.c_str(), nullptr, 10))); }},
     {"peer_sends_bytes", [](const Step &s) { serve_bytes(s.link, s.a); }},
     {"drop_frames", [](const Step &s) { s.link.sent += s.m; }},
     {"peer_counts_from", [](const Step &s) { s.link.sent = s.m; }},
@@ -499,7 +485,6 @@ static std::map<std::string, Act> verbs = {
     {"handle", call([](const Step &s) { return handle(s.id); })},
     {"watch", call([](const Step &s) { return watch(s.id); })},
     {"close", [](const Step &s) { close_by_id(s.id); }},
-    {"show", [](const Step &s) { show(s.link, s.a); }},
     {"actors",
      [](const Step &s) {
          actorPlans = {s.a, s.b};

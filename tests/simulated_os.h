@@ -257,22 +257,20 @@ WRAP(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
      send_now(fd, bytes, size, flags))
 
 extern "C" ssize_t __real_recv(int, void *, size_t, int);
-static ssize_t receive_now(int fd, void *bytes, size_t size, int flags)
+static ssize_t receive_now(int fd, void *bytes, size_t size)
 {
     const ssize_t received = __real_recv(fd, bytes, size, MSG_DONTWAIT);
     now += recvMs;
-    if (received < 0 && !(flags & MSG_DONTWAIT) && meanwhile)
-        meanwhile(INT_MAX);
     return received;
 }
-static ssize_t fail_recv(int fd, void *bytes, size_t size, int flags)
+static ssize_t fail_recv(int fd, void *bytes, size_t size)
 {
     if (injection.way == HALF)
-        return receive_now(fd, bytes, (size + 1) / 2, flags);
+        return receive_now(fd, bytes, (size + 1) / 2);
     return injection.way == END ? 0 : -1;
 }
-WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int flags),
-     fail_recv(fd, bytes, size, flags), receive_now(fd, bytes, size, flags))
+WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int), fail_recv(fd, bytes, size),
+     receive_now(fd, bytes, size))
 
 // ---- waiting: for a descriptor, and in the library's main loop
 

@@ -53,6 +53,23 @@ static void replace_record(int id)
     tv_add_channel(other);
 }
 
+// While the library waits, the peer sends the next piece of the bytes every 40 ms.
+static void trickle(Link &link, Text bytes)
+{
+    const size_t piece = bytes.size() / 6 + 1;
+    size_t sent = 0;
+    meanwhile = [&](int limit) {
+        if (limit < 40)
+            return false;
+        now += 40;
+        send_bytes(link, bytes.substr(sent, piece));
+        sent += piece;
+        return true;
+    };
+    serve(link.channelId);
+    meanwhile = nullptr;
+}
+
 static void list_clients(int room)
 {
     std::vector<int> fds(room + 1, -1);
@@ -86,6 +103,7 @@ static Act each(int (*operation)(int number))
 static std::map<std::string, Act> testVerbs = {
     {"logged", [](const Step &s) { expect_logged(joined(logged), s.words); }},
     {"last_logged", [](const Step &s) { expect_logged(one_line(logged.back()), s.words); }},
+    {"peer_trickles", [](const Step &s) { trickle(s.link, next_frame(s.link, s.a, s.b)); }},
     {"fail", [](const Step &s) { chosenFault.calls = {s.a}; }},
     {"remove_handlers", [](const Step &s) { remove_handlers(s.id); }},
     {"replace_record", [](const Step &s) { replace_record(s.id); }},
@@ -203,6 +221,7 @@ TEST_F(Server, WithoutCallbacksPairsComeAndGoSilently)
     tv_register_client_fd_open_callback(nullptr);
     tv_register_client_fd_close_callback(nullptr);
     play("a: accept; add_empty_entry");
+    tv_service_enable_heartbeat(100, 1, nullptr);
     tv_channel *const pair = ((tv_channel_node *)tv_service_server.pairList.next)->channel;
     int fd = pair->pairSocket->fd;
     EXPECT_EQ(tv_pair_fd_handler(-1, 0, 0), 0);
@@ -210,6 +229,7 @@ TEST_F(Server, WithoutCallbacksPairsComeAndGoSilently)
         {"internal list error, should never reach here", "could not find channel with fd[-1]"});
     close_channel(pair);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    EXPECT_EQ(pair->hbTimerId, -1);
     EXPECT_EQ(tv_get_all_client_fds(&fd, 1), 0);
     EXPECT_LOG({"internal data error"});
     tv_close_client_connection(pair->channelId);

@@ -27,12 +27,17 @@ inline std::string message(long long number, Text kind, Text url, Text payload =
 // A frame: a watermark, zeros, the length of the body in 4 bytes, the body.
 static const size_t headerSize = 36;
 
+inline std::string header(uint32_t length)
+{
+    length = htonl(length);
+    std::string bytes = "TCP_WATER_MARK";
+    bytes.resize(headerSize - sizeof(length));
+    return bytes.append((const char *)&length, sizeof(length));
+}
+
 inline std::string frame(Text body)
 {
-    const uint32_t length = htonl(body.size());
-    std::string header = "TCP_WATER_MARK";
-    header.resize(headerSize - sizeof(length));
-    return header.append((const char *)&length, sizeof(length)) + body;
+    return header(body.size()) + body;
 }
 
 // The length of the body if the bytes begin with a whole frame, or -1.

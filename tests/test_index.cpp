@@ -41,7 +41,7 @@ template <typename Match> static tv_channel *walk(const tv_channel_list *head, M
 {
     for (const tv_channel_list *link = head->next; link != head; link = link->next) {
         tv_channel *channel = ((const tv_channel_node *)link)->channel;
-        if (matches(channel))
+        if (channel != nullptr && matches(channel))
             return channel;
     }
     return nullptr;
@@ -137,12 +137,14 @@ static void change()
     else if (what == 8)
         update_pair_channel(pair, random_url().c_str());
     else if (what == 9 && rare < 100)
-        add_channel(pairs, pair); // a second entry
+        add_channel(pairs, rare % 2 == 0 ? pair : nullptr); // a second entry, or an empty one
     else if (what == 10 && rare < 100)
         tv_impl_close_channel(pair); // its socket only
     else if (what == 11 && rare == 0)
         restart_server();
-    else if (what > 11)
+    else if (what == 12)
+        unlist_channel(&ownList, &ownChannels[random() % 60]);
+    else if (what > 12)
         log_in(pair);
 }
 

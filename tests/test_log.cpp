@@ -13,10 +13,11 @@ TEST(Log, EachEntryGoesToOneSinkUntilThatIsFull)
     const int file = mkstemp(path);
     FILE *const stream = tmpfile();
     using Growth = std::pair<long, long>; // of the stream and the file, by one entry
-    const auto entry = [=] {
+    const auto entry = [=](const char *zone = "XXX-1") {
         const long position = ftell(stream), size = lseek(file, 0, SEEK_END);
         const time_t longAgo = 1000000;
         const tm *const applications = localtime(&longAgo);
+        setenv("TZ", zone, 1);
         errno = EDOM;
         disable_polling_timer();
         EXPECT_EQ(errno, EDOM); // belongs to the application, like the record of localtime()
@@ -28,13 +29,12 @@ TEST(Log, EachEntryGoesToOneSinkUntilThatIsFull)
     tv_set_log_file(path);
     long size = 0;
     for (const char *const zone : {"XXX-1", "YYY+2"}) {
-        const long start = lseek(file, 0, SEEK_END);
         const time_t before = time(nullptr);
-        setenv("TZ", zone, 1);
-        size = entry().second;
+        const long end = lseek(file, 0, SEEK_END);
+        size = entry(zone).second;
         const time_t after = time(nullptr);
         char date[20] = "";
-        EXPECT_EQ(pread(file, date, 19, start), 19);
+        EXPECT_EQ(pread(file, date, 19, end), 19);
         EXPECT_TRUE(date == std::string(ctime(&before), 19) ||
                     date == std::string(ctime(&after), 19));
     }
@@ -60,5 +60,4 @@ TEST(Log, ALongPathIsTruncatedAndTheRestCleared)
     tv_set_log_file(log_file);
     EXPECT_EQ(std::string(log_file, TV_LOG_FILE_SIZE), "yy" + std::string(126, '\0'));
     tv_set_log_file("");
-    EXPECT_STREQ(log_file, "");
 }

@@ -91,7 +91,6 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     EXPECT_TRUE(channel.rqstTimerId == -1 && channel.hbTimerId == -1); // 0 may be a timer's id
     int ends[2], len = 7;
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
-    EXPECT_EQ(get_channel_type(-2), TV_CHANNEL_NONE);
     EXPECT_EQ(connect_server(&channel), -1);
     channel.hbInterval = 100;
     EXPECT_EQ(enable_heartbeat(&channel), 0); // as for a server's: no connection, so no timer

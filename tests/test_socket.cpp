@@ -49,9 +49,8 @@ TEST_F(Socket, ConnectsAndAcceptsWithoutBlocking)
         free(tcp_impl_receive_with_timeout(accepted, &len, 1000));
         fcntl(accepted, F_SETFL, 0); // timeouts also hold on a blocking descriptor
         EXPECT_EQ(tcp_impl_receive_with_timeout(accepted, &len, 10), nullptr);
-        EXPECT_EQ(
-            tcp_impl_send_with_timeout(accepted, std::string(1 << 25, 'x').data(), 1 << 25, 10),
-            -1);
+        const std::string large(1 << 25, 'x');
+        EXPECT_EQ(tcp_impl_send_with_timeout(accepted, large.data(), 1 << 25, 10), -1);
         close(accepted); // first, with nothing unread: its address stays in use for a while
         close(client);
     }

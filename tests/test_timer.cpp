@@ -17,8 +17,12 @@ static int read_clock(clockid_t clock, struct timespec *time)
     return 0;
 }
 
-// The library itself, on that clock.
-#define clock_gettime read_clock
+static int failing; // 1: malloc(), 2: realloc()
+
+// The library itself, on that clock and with that memory.
+#define clock_gettime        read_clock
+#define malloc(size)         (failing == 1 ? nullptr : malloc(size))
+#define realloc(block, size) (failing == 2 ? nullptr : realloc(block, size))
 #include "ruvo_timer.cpp"
 
 TEST(Timer, RefusesWhatItCannotDo)
@@ -59,6 +63,8 @@ static void start_one()
     const int interval = 1 + draw() % 300;
     const bool periodic = draw() % 4 == 0;
     const auto start = periodic ? ruvo_start_periodic_timer : ruvo_start_timer;
+    for (failing = heapCount == tableSize / 2 ? 2 : 0; failing > 0; failing--)
+        EXPECT_EQ(start(interval, fired, 0, 0), -1); // and the table stays as it is
     name++;
     const int id = start(interval, fired, name, -name);
     EXPECT_TRUE(id >= 0 && seen.insert(id).second);

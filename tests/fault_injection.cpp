@@ -93,7 +93,7 @@ int main()
         for (const auto &[name, steps] : linkScenarios)
             inject_all(start + steps);
         for (const std::string &callback : callbacks) // which closes its channel
-            inject_all("on " + callback + ": close\n" + start + linkScenarios[0].steps);
+            inject_all("on " + callback + ": close\n" + start + linkScenarios[0].second);
     }
     for (const Fault &fault : faults)
         expect(reached.count(&fault) == 1, fault.calls[0] + " was never called");

@@ -48,11 +48,11 @@
 //   set_connect_timeout MS, set_poll_timeout MS
 //   connect                     connects the client and logs it in
 //   disconnect                  logs the client out
-//   send_request TEXT MS        and waits up to MS milliseconds for the reply (0: expects none)
+//   send_request TEXT MS        and waits up to MS milliseconds for the reply (0: expects none);
+//                               TEXT may be (null), or "!" for a negative length
 //   send_large_request MS       60,000 bytes: the third one that is not received blocks
-//   send_reply TEXT             answers the deferred request
+//   send_reply TEXT             answers the deferred request; "!" passes a negative length
 //   broadcast TEXT              a request to all clients
-//                               in these, TEXT may be (null), or "!" for a negative length
 //   find_client IP PORT         notes which link's client is logged in under that URL
 //   serve                       runs the channel's descriptor handler once
 //   handle                      the same for a client, but notes a failure
@@ -211,9 +211,9 @@ static void close_by_id(int id)
 // Every callback ends up here: check and note the call, then run the steps planned for it. They must
 // not change the text that was passed, except for a link-down callback's URL, which belongs to the
 // channel's record.
-static void called(Text callback, int id, const char *text, int length)
+static void called(Text callback, int id, std::string_view text = "")
 {
-    const std::string handed = text == nullptr ? "(null)" : std::string(text, length);
+    const std::string handed(text.data() == nullptr ? "(null)" : text);
     if (callback != "disconnected" && callback != "fd_close")
         REQUIRE(get_channel_type(id) != TV_CHANNEL_NONE);
     if (callback == "response")
@@ -227,10 +227,8 @@ static void called(Text callback, int id, const char *text, int length)
         depth++;
         run(plan);
         depth--;
-        if (callback == "link_down")
-            REQUIRE(strlen(text) < TV_URL_SIZE);
-        else
-            REQUIRE(text == nullptr || handed == std::string(text, length));
+        REQUIRE(callback == "link_down" ? strlen(text.data()) < TV_URL_SIZE
+                                        : text.data() == nullptr || handed == text);
     } else if (callback == "link_down" && closesOnLinkDown) {
         close_by_id(id);
     }
@@ -254,7 +252,7 @@ static int watch(int id)
 
 static void on_link_down(int id, const char *url)
 {
-    called("link_down", id, url, strlen(url));
+    called("link_down", id, url);
 }
 
 static void on_fd_open(int fd)
@@ -265,20 +263,20 @@ static void on_fd_open(int fd)
     pairIds[fd] = current->channelId = id;
     owners[id] = current;
     watch(id);
-    called("fd_open", id, "", 0);
+    called("fd_open", id);
 }
 
 static void on_fd_close(int fd)
 {
     openPairs--;
     unwatch(fd);
-    called("fd_close", pairIds[fd], "", 0);
+    called("fd_close", pairIds[fd]);
 }
 
 template <int N> static int actor(int id, const char *payload, int len, char **reply, int *replyLen)
 {
     const std::string plan = actorPlans[N], name = plan.substr(0, plan.find(':'));
-    called("actor" + std::to_string(N), id, payload, len);
+    called("actor" + std::to_string(N), id, {payload, (size_t)len});
     if (name != plan && *reply == nullptr) { // an earlier actor's reply belongs to the library
         const std::string text = plan.substr(name.size() + 1);
         *reply = (char *)count_block(__real_malloc(text.size()));
@@ -294,9 +292,10 @@ static void register_handlers(int id)
     tv_register_actor(id, nullptr); // ignored
     tv_register_actor(id, actor<0>);
     tv_register_actor(id, actor<1>);
-    tv_register_resp_handler(
-        id, [](int id, const char *payload, int len) { called("response", id, payload, len); });
-    tv_register_timeout_handler(id, [](int id) { called("timeout", id, "", 0); });
+    tv_register_resp_handler(id, [](int id, const char *payload, int len) {
+        called("response", id, {payload, (size_t)len});
+    });
+    tv_register_timeout_handler(id, [](int id) { called("timeout", id); });
     tv_register_linkdown_callback(id, on_link_down);
     tv_set_poll_timeout(id, 100);
 }
@@ -304,10 +303,10 @@ static void register_handlers(int id)
 static int start_server()
 {
     const int id = tv_start_server("127.0.0.1", 7);
-    tv_register_connected_callback(
-        -1, [](int id, const char *url) { called("connected", id, url, strlen(url)); });
+    tv_register_connected_callback(-1,
+                                   [](int id, const char *url) { called("connected", id, url); });
     tv_register_disconnected_callback(
-        0, [](int id, const char *url) { called("disconnected", id, url, strlen(url)); });
+        0, [](int id, const char *url) { called("disconnected", id, url); });
     tv_register_client_fd_open_callback(on_fd_open);
     tv_register_client_fd_close_callback(on_fd_close);
     if (id == -1)
@@ -374,21 +373,12 @@ extern "C" int __wrap_impl_create_client_socket(const char *ip, int port, int ti
     return __real_impl_create_client_socket(ip, port, timeout);
 }
 
-// What the word for a payload stands for.
-static const char *bytes_of(Text word)
-{
-    return word == "(null)" ? nullptr : word.data();
-}
-
-static int length_of(Text word)
-{
-    return word == "!" ? -1 : word.size();
-}
-
 static int send_request(int id, Text payload, int timeout)
 {
     static int count = 0;
-    const int result = tv_send_rqst(id, bytes_of(payload), length_of(payload), timeout);
+    const int length = payload == "!" ? -1 : payload.size();
+    const int result =
+        tv_send_rqst(id, payload == "(null)" ? nullptr : payload.data(), length, timeout);
     if (result == 0)
         REQUIRE(get_channel_type(id) != TV_CHANNEL_NONE); // a lost link would have made it fail
     if (result == 0 && timeout > 0)
@@ -476,10 +466,9 @@ static std::map<std::string, Act> verbs = {
     {"send_large_request",
      call([](const Step &s) { return send_request(s.id, std::string(60000, 'x'), s.m); })},
     {"send_reply",
-     call([](const Step &s) { return tv_send_resp(s.id, bytes_of(s.a), length_of(s.a)); })},
-    {"broadcast", call([](const Step &s) {
-         return tv_broadcast_rqst_to_client(bytes_of(s.a), length_of(s.a));
-     })},
+     call([](const Step &s) { return tv_send_resp(s.id, &s.a[0], s.a == "!" ? -1 : s.a.size()); })},
+    {"broadcast",
+     call([](const Step &s) { return tv_broadcast_rqst_to_client(&s.a[0], s.a.size()); })},
     {"find_client", [](const Step &s) { find_client(s.a, s.n); }},
     {"serve", [](const Step &s) { serve(s.id); }},
     {"handle", call([](const Step &s) { return handle(s.id); })},
@@ -487,7 +476,7 @@ static std::map<std::string, Act> verbs = {
     {"close", [](const Step &s) { close_by_id(s.id); }},
     {"actors",
      [](const Step &s) {
-         actorPlans = {s.a, s.b};
+         actorPlans.assign({s.a, s.b});
      }},
     {"enable_heartbeat",
      [](const Step &s) { tv_client_enable_heartbeat(s.id, s.m, s.n, on_link_down); }},
@@ -516,9 +505,7 @@ static std::string rest_of(std::istringstream &stream)
 static void run_step(Text word, std::istringstream &stream)
 {
     const auto found = verbs.lower_bound(word), verb = found == verbs.end() ? verbs.begin() : found;
-    if (!anyVerb && verb->first != word)
-        fprintf(stderr, "scenario.h has no verb '%s'\n", word.c_str());
-    REQUIRE(anyVerb || verb->first == word);
+    require(anyVerb || verb->first == word, ("is a verb: " + word).c_str(), __FILE__, __LINE__);
     Step step = {*current, current->channelId, verb->first, rest_of(stream), "", "", 0, 0};
     std::istringstream(step.words) >> step.a >> step.b;
     step.m = atoi(step.a.c_str());
@@ -556,9 +543,7 @@ static void run(Text scenario)
         run_line(line);
 }
 
-struct Scenario {
-    std::string name, steps;
-};
+using Scenario = std::pair<std::string, std::string>; // its name and its steps
 
 // The scenarios of a text file.
 inline std::vector<Scenario> read_scenarios(Text file)
@@ -567,9 +552,9 @@ inline std::vector<Scenario> read_scenarios(Text file)
     std::vector<Scenario> scenarios;
     for (std::string line; std::getline(lines, line);) {
         if (line.rfind("## ", 0) == 0)
-            scenarios.push_back({line.substr(3), ""});
+            scenarios.emplace_back(line.substr(3), "");
         else if (!scenarios.empty())
-            scenarios.back().steps += line + "\n";
+            scenarios.back().second += line + "\n";
     }
     REQUIRE(!scenarios.empty());
     return scenarios;

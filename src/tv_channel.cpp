@@ -14,7 +14,6 @@
 
 #include "ruvo_timer.h"
 
-#include <limits.h>
 #include <stdlib.h>
 
 // Room for a heartbeat or an acknowledgement: at most 192 bytes.

@@ -10,7 +10,6 @@
 #include "tv_internal.h"
 #include "tv_log.h"
 
-#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <string_view>

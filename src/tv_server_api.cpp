@@ -9,7 +9,6 @@
 #include "tv_internal.h"
 #include "tv_log.h"
 
-#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>

@@ -14,7 +14,6 @@
 
 #include "ruvo_timer.h"
 
-#include <limits.h>
 #include <stdlib.h>
 
 // Room for a heartbeat or an acknowledgement: at most 192 bytes.
@@ -101,15 +100,6 @@ int rb_pop_item(ring_buffer *rb, rb_item *out)
 
 // ---- incoming requests
 
-// Keep a request until its reply has been sent. Another one can be pending only if an actor called
-// the channel's descriptor handler, or ran a loop, and a request was deferred in there; that
-// earlier deferred request is dropped.
-static void set_pending_rqst(tv_channel *channel, char *msg)
-{
-    tv_impl_free_msg(channel->pendingRqst);
-    channel->pendingRqst = msg;
-}
-
 // Offer a request to the actors in turn, until one takes it or closes the channel. Returns the
 // result of the last one asked, or TV_ACTOR_PASS if there are none.
 static int offer_to_actors(const channel_guard &guard, const char *payload, int payloadLen,
@@ -132,7 +122,10 @@ static int finish_rqst(tv_channel *channel, char *msg, int result, const char *r
         tv_impl_free_msg(msg);
         return 0;
     }
-    set_pending_rqst(channel, msg);
+    // Another request can be pending only if an actor called the channel's descriptor handler, or ran
+    // a loop, and a request was deferred in there. It is dropped.
+    tv_impl_free_msg(channel->pendingRqst);
+    channel->pendingRqst = msg;
     return result == TV_ACTOR_DEFERRED ? 0 : send_resp(channel, reply, replyLen);
 }
 

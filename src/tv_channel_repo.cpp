@@ -51,11 +51,16 @@ static tv_channel_node *entry_after(const tv_channel_list *link, const tv_channe
     return (tv_channel_node *)link->next;
 }
 
-// Return the oldest entry whose channel matches, or null. covers(head) says whether ask_index()
-// knows the list. Always inlined, because every message takes several searches.
-template <typename Covers, typename Match, typename AskIndex>
+// A search of an indexed list first walks a few entries, which is cheaper when there are few
+// channels, and then asks the index. If the index has no match, the walk continues up to a limit, so
+// that short lists work even if an application has edited them behind the index's back.
+enum { WALK_FIRST = 3, WALK_LIMIT = 32 };
+
+// Return the oldest entry whose channel matches, or null. Always inlined, because every message
+// takes several searches.
+template <typename Match, typename AskIndex>
 static inline __attribute__((always_inline)) tv_channel_node *
-search(const tv_channel_list *head, const char *caller, Covers covers, Match matches,
+search(const tv_channel_list *head, bool indexed, const char *caller, Match matches,
        AskIndex ask_index)
 {
     int steps = 0;
@@ -64,12 +69,12 @@ search(const tv_channel_list *head, const char *caller, Covers covers, Match mat
         if (entry->channel != nullptr && matches(entry->channel))
             return entry;
         steps++;
-        if (steps == WALK_FIRST && covers(head)) {
+        if (indexed && steps == WALK_FIRST) {
             tv_channel_node *found = ask_index();
             if (found != nullptr)
                 return found;
         }
-        if (steps == WALK_LIMIT && covers(head))
+        if (indexed && steps == WALK_LIMIT)
             return nullptr;
     }
     return nullptr;
@@ -79,7 +84,7 @@ static inline __attribute__((always_inline)) tv_channel_node *
 find_by_id(const tv_channel_list *head, int channelId, const char *caller)
 {
     return search(
-        head, caller, index_covers,
+        head, index_covers(head), caller,
         [=](const tv_channel *channel) { return channel->channelId == channelId; },
         [=] { return index_find_id(head, channelId); });
 }
@@ -98,7 +103,7 @@ int unlist_channel(tv_channel_list *head, const tv_channel *channel)
     int result = 1;
     for (;;) {
         tv_channel_node *entry = search(
-            head, "remove_channel", index_covers,
+            head, index_covers(head), "remove_channel",
             [=](const tv_channel *listed) { return listed == channel; },
             [=] { return index_find_record(head, channel); });
         if (entry == nullptr)
@@ -116,14 +121,25 @@ tv_channel *get_channel(tv_channel_list *head, int channelId)
 
 tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url)
 {
+    // Pairs that have not logged in have an empty URL, which is not indexed.
+    const bool indexed = head == &tv_service_server.pairList && url[0] != '\0';
     const tv_channel_node *entry = search(
-        head, __func__,
-        // Pairs that have not logged in have an empty URL, which is not indexed.
-        [=](const tv_channel_list *list) {
-            return list == &tv_service_server.pairList && url[0] != '\0';
-        },
+        head, indexed, __func__,
         [=](const tv_channel *channel) { return strcmp(channel->url, url) == 0; },
         [=] { return index_find_url(url); });
+    return entry == nullptr ? nullptr : entry->channel;
+}
+
+tv_channel *find_pair_by_fd(int fd, const char *caller)
+{
+    const tv_channel_node *entry = search(
+        &tv_service_server.pairList, true, caller,
+        [=](const tv_channel *pair) {
+            if (pair->pairSocket == nullptr)
+                TV_LOG_AT(caller, __LINE__, "internal list error, should never reach here");
+            return pair->pairSocket != nullptr && pair->pairSocket->fd == fd;
+        },
+        [=] { return index_find_fd(fd); });
     return entry == nullptr ? nullptr : entry->channel;
 }
 

@@ -58,19 +58,15 @@ void note_reply(const tv_channel *channel)
     mark_guards(channel, &channel_guard::replyReceived);
 }
 
-static void free_channel(tv_channel *channel)
+void release_channel(tv_channel *channel)
 {
+    if (mark_guards(channel, &channel_guard::closed))
+        return;
     rb_item item;
     while (rb_pop_item(&channel->rqstQueue, &item) == 0)
         tv_impl_free_msg(item.msg);
     tv_impl_free_msg(channel->pendingRqst);
     free(channel);
-}
-
-void release_channel(tv_channel *channel)
-{
-    if (!mark_guards(channel, &channel_guard::closed))
-        free_channel(channel);
 }
 
 bool report_linkdown(tv_channel *channel, bool repeatIfRunning)

@@ -53,13 +53,17 @@ static index_node **chain_of(index_key key, uint32_t hash)
     return &tables[key][hash % CHAINS];
 }
 
+// Chains are in order of age, the newest first. Only a pair whose URL has changed may belong further
+// down.
 static void link_node(index_key key, index_node *node, uint32_t hash)
 {
-    index_node **chain = chain_of(key, hash);
-    node->chains[key] = {*chain, chain};
-    if (*chain != nullptr)
-        (*chain)->chains[key].link = &node->chains[key].next;
-    *chain = node;
+    index_node **link = chain_of(key, hash);
+    while (*link != nullptr && (*link)->rank > node->rank)
+        link = &(*link)->chains[key].next;
+    node->chains[key] = {*link, link};
+    if (*link != nullptr)
+        (*link)->chains[key].link = &node->chains[key].next;
+    *link = node;
 }
 
 static void unlink_node(index_key key, index_node *node)
@@ -120,12 +124,12 @@ void index_update_url(const tv_channel *pair)
 // Return the oldest matching entry in a chain, or null.
 template <typename Match> static tv_channel_node *find(index_key key, uint32_t hash, Match matches)
 {
-    index_node *oldest = nullptr;
+    tv_channel_node *oldest = nullptr;
     for (index_node *node = *chain_of(key, hash); node != nullptr; node = node->chains[key].next) {
-        if (matches(node) && (oldest == nullptr || node->rank < oldest->rank))
-            oldest = node;
+        if (matches(node))
+            oldest = &node->entry;
     }
-    return oldest == nullptr ? nullptr : &oldest->entry;
+    return oldest;
 }
 
 tv_channel_node *index_find_id(const tv_channel_list *head, int channelId)

@@ -61,14 +61,12 @@ tv_channel_node *index_find_url(const char *url);
 
 // ---- tv_channel_repo.cpp
 
-// A search of an indexed list first walks WALK_FIRST entries, which is cheaper when there are few
-// channels, and then asks the index. If the index has no match, the walk continues up to WALK_LIMIT
-// entries, so that short lists work even if an application has edited them behind the index's back.
-enum { WALK_FIRST = 3, WALK_LIMIT = 32 };
-
 // Remove every entry for this very record; other records with the same id stay. Returns 0, or 1 if
 // there was no entry.
 int unlist_channel(tv_channel_list *head, const tv_channel *channel);
+
+// Return the oldest of the server's pairs with this descriptor, or null. Logs in the caller's name.
+tv_channel *find_pair_by_fd(int fd, const char *caller);
 
 // ---- tv_guard.cpp
 
@@ -84,7 +82,6 @@ struct channel_guard {
     explicit channel_guard(tv_channel *channel);
     ~channel_guard();
     channel_guard(const channel_guard &) = delete;
-    channel_guard &operator=(const channel_guard &) = delete;
 
     tv_channel *channel;
     bool closed = false;         // the channel is gone, do not touch it
@@ -116,7 +113,6 @@ struct list_walk {
     explicit list_walk(tv_channel_list *head);
     ~list_walk();
     list_walk(const list_walk &) = delete;
-    list_walk &operator=(const list_walk &) = delete;
 
     // Return the next channel, or null at the end. Entries without a record are skipped.
     tv_channel *next_channel();

@@ -10,7 +10,6 @@
 #include "tv_internal.h"
 #include "tv_log.h"
 
-#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <string_view>
@@ -47,27 +46,21 @@ static char *append(char *end, std::string_view text)
     return end + text.size();
 }
 
-static char *append_number(char *end, int number)
+static char *append_number(char *end, unsigned number)
 {
-    char digits[maxIntLen]; // least significant first
-    int count = 0;
-    unsigned rest = number < 0 ? -(unsigned)number : number;
-    do {
-        digits[count++] = (char)('0' + rest % 10);
-        rest /= 10;
-    } while (rest > 0);
-    if (number < 0)
-        *end++ = '-';
-    while (count > 0)
-        *end++ = digits[--count];
-    return end;
+    if (number >= 10)
+        end = append_number(end, number / 10);
+    *end = (char)('0' + number % 10);
+    return end + 1;
 }
 
 // Write the header into a buffer of maxHeaderSize bytes and return its length. This avoids
 // snprintf(), which would take a third of the instructions spent on a small message.
 static int print_header(const tv_channel *channel, int type, char *header)
 {
-    char *end = append_number(header, channel->msgSequence);
+    const int sequence = channel->msgSequence;
+    char *end = append(header, sequence < 0 ? "-" : "");
+    end = append_number(end, sequence < 0 ? -(unsigned)sequence : sequence);
     end = append(end, "\n" PREFIX);
     end = append(end, tagNames[type]);
     end = append(end, {channel->url, strnlen(channel->url, TV_URL_SIZE)});
@@ -157,43 +150,48 @@ static int type_of_name(const char *name, int limit)
 
 // Maps each pair of adjacent characters in the prefix to its distance from the prefix's end.
 struct pair_table {
-    uint16_t pairs[64] = {};
-    uint8_t distances[64] = {};
+    struct {
+        char pair[2];
+        uint8_t distance;
+    } slots[64] = {}; // no two pairs of the prefix share a slot
 
-    static constexpr uint16_t pair_at(const char *second)
-    {
-        return (uint16_t)((unsigned char)second[-1] << 8 | (unsigned char)second[0]);
-    }
-    static constexpr int slot_of(uint16_t pair)
-    {
-        return ((pair >> 8) * 4 + pair) & 63; // no two pairs of the prefix share a slot
-    }
+    static constexpr int slot_of(char first, char second) { return (first * 4 + second) & 63; }
     constexpr pair_table()
     {
         for (int i = 1; i < prefixLen; i++) {
-            const uint16_t pair = pair_at(&PREFIX[i]);
-            pairs[slot_of(pair)] = pair;
-            distances[slot_of(pair)] = (uint8_t)(prefixLen - 1 - i);
+            const char first = PREFIX[i - 1];
+            const char second = PREFIX[i];
+            slots[slot_of(first, second)] = {{first, second}, (uint8_t)(prefixLen - 1 - i)};
         }
+    }
+    // How far a search window that ends at last can advance; 0 if it may hold the prefix.
+    int skip(const char *last) const
+    {
+        const auto &slot = slots[slot_of(last[-1], last[0])];
+        const bool known = slot.pair[0] == last[-1] && slot.pair[1] == last[0];
+        return known ? slot.distance : prefixLen - 1;
     }
 };
 static constexpr pair_table prefixPairs;
 
-// Return the first prefix between text and end, or null. A peer may send megabytes of hostile text,
-// so the search window advances as far as its last two characters allow. strstr() does the same,
-// but would rebuild its table after each prefix.
+// Return the first prefix between text and end, or null. Most payloads have few underscores, so
+// memchr() passes over blocks without one. Elsewhere the window advances as far as its last two
+// characters allow, because a peer may send megabytes of hostile text. strstr() does the same, but
+// would rebuild its table after each prefix.
 static const char *find_prefix(const char *text, const char *end)
 {
+    const long blockSize = 256;
     const char *last = text + prefixLen - 1; // of the window
     while (last < end) {
-        const uint16_t pair = pair_table::pair_at(last);
-        const int slot = pair_table::slot_of(pair);
-        int skip = prefixLen - 1;
-        if (prefixPairs.pairs[slot] == pair)
-            skip = prefixPairs.distances[slot];
-        if (skip == 0 && memcmp(last - (prefixLen - 1), PREFIX, prefixLen) == 0)
-            return last - (prefixLen - 1);
-        last += skip > 0 ? skip : 1;
+        const char *blockEnd = last + (end - last < blockSize ? end - last : blockSize);
+        const void *underscore = memchr(last, '_', blockEnd - last);
+        last = underscore != nullptr ? (const char *)underscore : blockEnd;
+        while (last < blockEnd) {
+            const int skip = prefixPairs.skip(last);
+            if (skip == 0 && memcmp(last - (prefixLen - 1), PREFIX, prefixLen) == 0)
+                return last - (prefixLen - 1);
+            last += skip > 0 ? skip : 1;
+        }
     }
     return nullptr;
 }
@@ -243,19 +241,13 @@ int get_msg_sequence(const char *msg)
     return prefix == nullptr ? 0 : to_int(msg, prefix - msg);
 }
 
-static const char *get_url_pos(const char *msg)
-{
-    const char *url = nullptr;
-    if (find_tag(msg, &url) == TV_MSG_UNKNOWN)
-        TV_LOG("get_url_pos, unexpected tolvane received");
-    return url;
-}
-
 int get_msg_url(const char *msg, char *dst, int size)
 {
-    const char *url = get_url_pos(msg);
-    if (url == nullptr)
+    const char *url = nullptr;
+    if (find_tag(msg, &url) == TV_MSG_UNKNOWN) {
+        TV_LOG("get_url_pos, unexpected tolvane received");
         return -1;
+    }
     const char *marker = strstr(msg, PAYLOAD_MARKER);
     if (marker == nullptr || marker < url || size < 1)
         return -1;

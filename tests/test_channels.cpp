@@ -220,18 +220,18 @@ TEST_F(Server, WithoutCallbacksPairsComeAndGoSilently)
 {
     tv_register_client_fd_open_callback(nullptr);
     tv_register_client_fd_close_callback(nullptr);
-    play("a: accept; add_empty_entry");
+    play("a: accept");
     tv_service_enable_heartbeat(100, 1, nullptr);
     tv_channel *const pair = ((tv_channel_node *)tv_service_server.pairList.next)->channel;
     int fd = pair->pairSocket->fd;
-    EXPECT_EQ(tv_pair_fd_handler(-1, 0, 0), 0);
-    EXPECT_LOG(
-        {"internal list error, should never reach here", "could not find channel with fd[-1]"});
+    log.take();
     close_channel(pair);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
     EXPECT_EQ(pair->hbTimerId, -1);
+    EXPECT_EQ(tv_pair_fd_handler(-1, 0, 0), 0);
     EXPECT_EQ(tv_get_all_client_fds(&fd, 1), 0);
-    EXPECT_LOG({"internal data error"});
+    EXPECT_LOG({"internal list error, should never reach here",
+                "could not find channel with fd[-1]", "internal data error"});
     tv_close_client_connection(pair->channelId);
     play("=> a: peer_got EOF");
 }

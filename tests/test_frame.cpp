@@ -48,12 +48,12 @@ struct Frame : testing::Test {
     // From now on 301 calls fail in this way.
     void make_fail(const char *call, int way)
     {
+        static Fault fault;
         fault.calls = {call};
         injection = {&fault, way, 1, true};
         injecting = true;
     }
 
-    Fault fault = {};
     LogCapture log;
 };
 

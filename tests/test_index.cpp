@@ -11,7 +11,8 @@
 #include "wire.h"
 
 static const int usualPairs = 150; // far above the length up to which lists are walked
-static const int keys = 100;       // number of different URLs and descriptors
+static const int keys = 100;       // number of different URLs
+static const int fds = 1000;       // number of different descriptors, some with the same hash
 static const int firstFd = 5000;   // above all descriptors of this process
 
 static tv_channel_list *const pairs = &tv_service_server.pairList;
@@ -32,7 +33,7 @@ static std::string random_url()
 
 static int random_fd()
 {
-    return firstFd + random() % keys;
+    return firstFd + random() % fds;
 }
 
 // ---- searches

@@ -7,7 +7,6 @@
 #include "scenario.h"
 
 #include <iostream>
-#include <set>
 
 static const std::string callbacks[] = {"response",     "timeout", "link_down", "connected",
                                         "disconnected", "fd_open", "fd_close",  "actor0"};
@@ -45,7 +44,7 @@ static void inject(const std::string &scenario, const std::string &undisturbed)
 {
     const Fault &fault = *injection.fault;
     std::cout << scenario << "\n"
-              << fault.calls[0] << " fails with " << injection.way
+              << *fault.calls.begin() << " fails with " << injection.way
               << (injection.lasting ? ", lasting" : "")
               << std::endl; // in case the program ends here
     alarm(30);
@@ -96,7 +95,7 @@ int main()
             inject_all("on " + callback + ": close\n" + start + linkScenarios[0].second);
     }
     for (const Fault &fault : faults)
-        expect(reached.count(&fault) == 1, fault.calls[0] + " was never called");
+        expect(reached.count(&fault) == 1, *fault.calls.begin() + " was never called");
     std::cout << injected << " faults injected, " << wrong << " wrong\n";
     return wrong != 0;
 }

@@ -21,6 +21,7 @@
 #include <functional>
 #include <limits.h>
 #include <poll.h>
+#include <set>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -50,7 +51,7 @@ enum Effect {
 };
 
 struct Fault {
-    std::vector<std::string> calls;
+    std::set<std::string> calls;
     std::vector<int> ways;
     Effect effect;
     const char *log; // part of an entry that must be logged; null: the log goes to a file
@@ -100,8 +101,7 @@ static long long now = 1000000; // the simulated clock, in milliseconds
 static bool fails(const std::string &call)
 {
     const Fault *fault = injection.fault;
-    if (!injecting || fault == nullptr ||
-        std::find(fault->calls.begin(), fault->calls.end(), call) == fault->calls.end())
+    if (!injecting || fault == nullptr || fault->calls.count(call) == 0)
         return false;
     const int later = ++injection.calls - injection.first;
     const int limit = injection.lasting ? 300 : 0; // retries without a timeout must end

@@ -505,7 +505,9 @@ static std::string rest_of(std::istringstream &stream)
 static void run_step(Text word, std::istringstream &stream)
 {
     const auto found = verbs.lower_bound(word), verb = found == verbs.end() ? verbs.begin() : found;
-    require(anyVerb || verb->first == word, ("is a verb: " + word).c_str(), __FILE__, __LINE__);
+    if (!anyVerb && verb->first != word)
+        fprintf(stderr, "no verb '%s'\n", word.c_str());
+    REQUIRE(anyVerb || verb->first == word);
     Step step = {*current, current->channelId, verb->first, rest_of(stream), "", "", 0, 0};
     std::istringstream(step.words) >> step.a >> step.b;
     step.m = atoi(step.a.c_str());

@@ -2,9 +2,9 @@
 # test_peers.py - the Python peers of examples/peer.py against programs of the library. Times are in
 # seconds.
 #
-# usage: test_peers.py peer <examples/server> <examples/client>       every kind of message both ways
-#        test_peers.py mixed <tvcat> <folder of the examples>        each server with all clients
-#        test_peers.py hostile <examples/server>     what bad peers cost the server and a healthy one
+# usage: test_peers.py peer <examples/server> <examples/client>      every kind of message both ways
+#        test_peers.py mixed <tvcat> <folder of the examples>       each echo server with all clients
+#        test_peers.py hostile <examples/server>      what bad peers cost the server and a good one
 import contextlib, glob, itertools, multiprocessing, os, select, signal, socket, subprocess, sys, time
 
 from programs import PATIENCE, Program, Server, peer, read_until_closed, run
@@ -30,8 +30,8 @@ class Questions(list):
         server.expect(b"tcp://py:1 has logged out")
 
 
-# Both links start from any number, which then wraps around. With a short interval, the peer sends
-# heartbeats; otherwise the server does.
+# A link may start at any message number; after the last one comes 0. With a short interval this peer
+# sends the heartbeats, otherwise the server does.
 def plain_link(server):
     for number, interval, beat in ((0, 0.2, peer.ACKNOWLEDGEMENT),
                                    (peer.LAST_NUMBER - 3, 60, peer.HEARTBEAT)):
@@ -71,7 +71,7 @@ def server_for(program):
         server.step(0.05)
         for link in server.links:
             if link not in known:
-                link.number = peer.LAST_NUMBER - 1
+                link.number = peer.LAST_NUMBER - 1  # soon wraps around
 
     client = Program(program, *address, "cc", 7)
     for line in b"say hello", b"say ".ljust(65398, b"o"):

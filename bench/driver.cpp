@@ -221,23 +221,21 @@ static void compare(const std::string &what, int cores, int rounds, double durat
                                     : median_ratio(own, pairs[other].perRound));
         if (rates)
             printf(" %.0f |", 1e6 / median(own));
-        for (double q : {0.5, 0.9, 0.99, 0.999}) {
-            if (!rates)
+        else
+            for (double q : {0.5, 0.9, 0.99, 0.999})
                 printf(" %.1f |", quantile(pairs[i].samples, q));
-        }
         puts("");
     }
 }
 
 static void count_round_trips(const std::string &name, long number)
 {
-    for (const contender &who : contenders) {
-        if (who.name != name)
-            continue;
-        const link_end client = start({who}, 0)[0].client;
-        while (number-- > 0)
-            exchange(client);
-    }
+    const auto named = [&](const contender &who) { return who.name == name; };
+    const auto found = std::find_if(contenders.begin(), contenders.end(), named);
+    check(found != contenders.end(), "name");
+    const link_end client = start({*found}, 0)[0].client;
+    while (number-- > 0)
+        exchange(client);
 }
 
 // ---- many clients
@@ -312,7 +310,7 @@ int main(int argc, char **argv)
 {
     const std::string what = argc > 1 ? argv[1] : "";
     static const std::string payload(1 << 16, 'x');
-    theTask = {payload.c_str(), 5, what == "oneway"};
+    theTask = {payload.c_str(), 5, what == "oneway", false};
     run_on(0);
     if (argc == 4 && what == "growth")
         print_growth(argv[2] == std::string("layer"), atol(argv[3]));

@@ -20,11 +20,6 @@ static tolvane::options settings()
     return options;
 }
 
-static void expect_reply(tolvane::response reply)
-{
-    check(bool(reply), "reply");
-}
-
 void layer_serve(int port)
 {
     tolvane::loop loop;
@@ -33,7 +28,8 @@ void layer_serve(int port)
         if (theTask.oneWay)
             return message_received();
         if (asksBack)
-            request.from().request(request.payload(), 10s, expect_reply);
+            request.from().request(request.payload(), 10s,
+                                   [](tolvane::response reply) { check(bool(reply), "reply"); });
         check(bool(request.reply(request.payload())), "reply");
     });
     check(bool(server.listen("127.0.0.1", std::uint16_t(port))), "listen");
@@ -64,7 +60,7 @@ link_end open_layer(int port, bool serving)
         const std::string_view text(payload, std::size_t(theTask.len));
         if (!theTask.oneWay) {
             return client->request(text, 10s, [=](tolvane::response reply) {
-                expect_reply(std::move(reply));
+                check(bool(reply), "reply");
                 ++*replies;
             });
         }

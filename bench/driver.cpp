@@ -1,10 +1,10 @@
 // driver.cpp - measures the contenders against each other and prints the tables of RESULTS.md.
 //
 //   driver roundtrip|oneway|outstanding BYTES CORES ROUNDS MILLISECONDS
-//                                    CORES: 1 or 2, for client and server
-//   driver growth library|layer CLIENTS    one line: what CLIENTS clients cost that server
-//   driver load READERS STOPPED HALVES     one line: a client's waits next to such a crowd
-//   driver count NAME NUMBER    NUMBER round trips of 5 bytes, for strace and callgrind
+//                                        a table; CORES: 1 or 2, for client and server
+//   driver growth library|layer CLIENTS  a row: what CLIENTS clients cost that server
+//   driver load READERS STOPPED HALVES   a row: a client's waits beside such a crowd
+//   driver count NAME NUMBER             NUMBER round trips of 5 bytes, for strace and callgrind
 //
 // Every server has a process of its own; this process is the client of all. In each round they take
 // turns, so that a disturbance of the machine affects all of them. Ratios are taken within a round;

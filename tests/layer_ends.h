@@ -16,12 +16,10 @@ using tolvane::milliseconds;
 template <class Condition> bool until(tolvane::loop &loop, Condition holds)
 {
     const auto end = std::chrono::steady_clock::now() + 20s;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
+    bool held = holds();
+    for (; !held && std::chrono::steady_clock::now() < end; held = holds())
         loop.run_once(10ms);
-    }
-    return true;
+    return held;
 }
 
 // ---- a socket, byte by byte

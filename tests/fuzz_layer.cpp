@@ -22,8 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const size_t piece = stream.size() / (1 + data[0] / 16) + 1;
 
     static tolvane::loop loop;
-    static echo_server server(loop);
-    static echo_client healthy(loop, server.port());
+    static echo_server server(loop, {10s}); // no link ends for its silence
+    static echo_client healthy(loop, server.port(), {10s});
     static const raw listener(raw::listening());
     REQUIRE(until(loop, [] { return server.peers().size() == 1; }));
     int asked = 0, outcomes = 0, replies = 0;
@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     raw hostile(toClient ? -1 : raw::connected(server.port()));
     std::optional<echo_client> client;
     if (toClient) {
-        ask_twice(client.emplace(loop, listener.port()));
+        ask_twice(client.emplace(loop, listener.port(), tolvane::options{10s}));
         REQUIRE(until(loop, [&] { return (hostile.fd = listener.next_client()) >= 0; }));
     }
     for (size_t at = 0; at < stream.size(); at += piece, loop.run_once(0ms))

@@ -9,6 +9,8 @@
 
 #include "layer_ends.h"
 
+#include <optional>
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size == 0 || size > 60000)

@@ -8,6 +8,8 @@
 
 #include "tolvane.hpp"
 
+#include <fcntl.h>
+
 using namespace std::literals;
 using text = std::string;
 using tolvane::milliseconds;

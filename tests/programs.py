@@ -77,7 +77,7 @@ def read_until_closed(connection):
 def run(test, *arguments):
     for number in signal.SIGALRM, signal.SIGTERM:  # if it hangs, show where, and end
         signal.signal(number, signal.default_int_handler)
-    signal.alarm(110)
+    signal.alarm(280)
     try:
         test(*arguments)
     except BaseException:

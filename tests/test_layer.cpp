@@ -164,14 +164,14 @@ TEST_F(Layer, ServesNoEventOfADescriptorsFormerOwner)
 
 // ---- random applications, whose system calls fail now and then
 
-static text faulty;    // the system call of which every tenth one fails
+static text faulty;    // the system call of which every fourth one fails
 static int failure;    // with this errno
 static unsigned calls; // of it so far
 
 static bool fails(const char *call)
 {
     errno = failure;
-    return faulty == call && ++calls % 10 == 0;
+    return faulty == call && ++calls % 4 == 0;
 }
 
 #define WRAP(type, name, parameters, arguments)                                                    \

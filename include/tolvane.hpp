@@ -40,7 +40,9 @@
 #include "tolvane.h"
 
 #include <algorithm>
+#include <any>
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -49,14 +51,11 @@
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <netinet/tcp.h>
-#include <optional>
 #include <random>
-#include <set>
 #include <string>
 #include <string_view>
 #include <sys/epoll.h>
@@ -92,8 +91,7 @@ public:
     {
         auto made = std::make_shared<Target>(std::forward<F>(function));
         // A pointer, a std::function and another callback may be empty.
-        if constexpr (std::is_pointer_v<Target> || (std::is_constructible_v<bool, Target &> &&
-                                                    !std::is_convertible_v<Target &, bool>)) {
+        if constexpr (std::is_assignable_v<Target &, std::nullptr_t>) {
             if (!*made)
                 return;
         }
@@ -164,6 +162,7 @@ enum class outcome { replied, timed_out, lost, declined, refused };
  * answer heartbeats any more, or the server closed it. */
 enum class reason { logged_out, replaced, lost, silent, closed };
 
+class peer;
 class request;
 
 // The library's lower functions that the layer is built on. They are declared here because
@@ -182,7 +181,7 @@ int get_msg_sequence(const char *msg);
 const char *get_msg_payload(const char *msg, int len, int *payloadLen);
 int tv_msg_received(tv_channel *channel, int seq);
 int create_pair_channel(int fd);
-int login_msg_received(tv_channel *channel, char *msg);
+int update_pair_channel(tv_channel *channel, const char *url);
 tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url);
 }
 }
@@ -198,20 +197,27 @@ constexpr std::size_t frame_header = 36;  // watermark and length
 constexpr std::string_view watermark{"TCP_WATER_MARK\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32};
 constexpr std::string_view reserved_text =
     "velun_tolvane_"; // what the type of a message begins with
-constexpr std::string_view pipelined_offer{"pipelined\0", 10};
+constexpr std::string_view pipelined_offer{"\0pipelined\0", 11}; // follows the URL of a login
 
-// A refusal with the system's reason, errno; the text stays valid.
-inline status system_refusal(const char *what)
+// A refusal with the system's reason, errno.
+inline status system_refusal()
 {
-    static auto &texts = *new std::set<std::string>; // outlives all static objects
-    const int error = errno;
-    const auto text = texts.insert(what + std::string(": ") + std::strerror(error)).first;
-    return {std::errc(error), text->c_str()};
+    return {std::errc(errno), std::strerror(errno)};
 }
 
 inline bool try_later(int error)
 {
     return error == EAGAIN || error == EINTR || error == ENOBUFS || error == ENOMEM;
+}
+
+// The address of an endpoint; without a family when its host is not a dotted IPv4 text.
+inline sockaddr_in socket_address(const endpoint &of)
+{
+    sockaddr_in address{};
+    address.sin_port = htons(of.port);
+    if (inet_pton(AF_INET, of.host.c_str(), &address.sin_addr) == 1)
+        address.sin_family = AF_INET;
+    return address;
 }
 
 inline void send_at_once(int fd)
@@ -229,27 +235,27 @@ inline sockaddr_in address_of(int fd, decltype(getsockname) *get)
     return address;
 }
 
-// Run tasks in order, also those that are added meanwhile.
-inline void run_all(std::deque<callback<void()>> &tasks)
-{
-    while (!tasks.empty()) {
-        const auto task = std::move(tasks.front());
-        tasks.pop_front();
-        task();
-    }
-}
-
 inline int to_ms(milliseconds time)
 {
     return static_cast<int>(std::clamp<milliseconds::rep>(time.count(), 1, INT_MAX));
 }
 
-// A received message, whose payload is at its end.
-struct message {
+// Bytes in order, behind others that are done with. An empty one holds no memory, so an idle link
+// costs little.
+struct buffer {
+    std::size_t size() const { return bytes.size() - start; }
+    const char *data() const { return bytes.data() + start; }
+    std::string_view view() const { return {data(), size()}; }
+    void consume(std::size_t count)
+    {
+        start += count;
+        if (start == bytes.size())
+            *this = buffer();
+        else if (start > bytes.size() / 2)
+            bytes.erase(0, std::exchange(start, 0));
+    }
     std::string bytes;
     std::size_t start = 0;
-
-    std::string_view payload() const { return {bytes.data() + start, bytes.size() - start}; }
 };
 
 struct closing_socket;
@@ -299,13 +305,14 @@ public:
      * Returns false when the loop is closed or waiting failed. */
     bool run_once(milliseconds limit)
     {
-        depth++;
-        detail::run_all(to_flush);
+        events.resize(watched.size() + 1); // one round reports all, so it reads before timers fire
+        waiting = true;
         const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
         const bool waited = count >= 0 || errno == EINTR;
+        waiting = false;
         if (waited)
             serve_all(count);
-        if (--depth == 0 && nested)
+        if (nested)
             nest();
         return waited;
     }
@@ -317,18 +324,13 @@ public:
     {
         if (watched.count(fd) != 0)
             return {std::errc::file_exists, "the descriptor is watched already"};
-        epoll_event event{};
-        event.events = wanted;
-        event.data.u64 = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
-        const bool refused = epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0;
+        const std::uint64_t key = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
+        const bool refused = control(EPOLL_CTL_ADD, key, wanted) != 0;
         if (refused && errno != EPERM)
-            return detail::system_refusal("the descriptor cannot be watched");
-        if (refused)
-            always.push_back(event);
-        watched[fd] = {event, std::move(ready)};
-        if (events.size() < watched.size()) // one round reports all, so it reads before timers fire
-            events.resize(2 * watched.size());
-        work_added();
+            return detail::system_refusal();
+        watched[fd] = {key, std::move(ready)};
+        if (refused) // a file
+            post([key] { serve_file(key); });
         return {};
     }
     /** Stop watching a descriptor, effective immediately; before it is closed. Does nothing when it
@@ -341,8 +343,6 @@ public:
         const auto released = std::move(found->second); // its destructor may call back
         watched.erase(found);
         epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr);
-        const auto same = [&](auto &event) { return event.data.u64 == released.event.data.u64; };
-        always.erase(std::remove_if(always.begin(), always.end(), same), always.end());
     }
     /** Run a callback in the loop's next round. Any thread may call this while there is a loop. */
     static void post(callback<void()> task)
@@ -350,8 +350,7 @@ public:
         const std::lock_guard<std::mutex> lock(guard);
         if (epoll >= 0)
             posted.push_back(std::move(task));
-        if (posted.size() == 1)
-            eventfd_write(wakeup, 1);
+        wake();
     }
     /** Return a descriptor that is readable when run_once(0) has work, for nesting this loop in
      * another one: watch it there, and call run_once(0) when it is readable. It stays the loop's.
@@ -368,7 +367,7 @@ private:
     friend struct detail::closing_socket;
     friend struct detail::link;
     struct watched_fd {
-        epoll_event event; // with the descriptor and a number that no other registration has
+        std::uint64_t key; // the descriptor, and a number that no other registration has
         callback<void()> handler;
     };
 
@@ -376,11 +375,8 @@ private:
     {
         stopped = nested = false;
         alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-        {
-            const std::lock_guard<std::mutex> lock(guard);
-            wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-            epoll = epoll_create1(EPOLL_CLOEXEC);
-        }
+        wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        epoll = epoll_create1(EPOLL_CLOEXEC);
         for (const int counter : {wakeup, alarm}) {
             if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
                 return close();
@@ -394,60 +390,64 @@ private:
         const auto dropped = std::exchange(posted, {}); // destructors may call back
         lock.unlock();
         const auto released = std::exchange(watched, {});
-        const auto unflushed = std::exchange(to_flush, {});
-        always.clear();
         round++;
+    }
+    static int control(int operation, std::uint64_t key, unsigned wanted)
+    {
+        epoll_event event{};
+        event.events = wanted;
+        event.data.u64 = key;
+        return epoll_ctl(epoll, operation, int(key), &event);
     }
     static void change(int fd, unsigned wanted)
     {
         const auto found = watched.find(fd);
-        if (found == watched.end())
-            return;
-        found->second.event.events = wanted;
-        epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &found->second.event);
+        if (found != watched.end())
+            control(EPOLL_CTL_MOD, found->second.key, wanted);
     }
-    // Something became due outside run_once(): a loop around this one has to call it.
-    static void work_added()
+    // Something became due while the loop, or a loop around it, waits.
+    static void wake()
     {
-        if (nested && depth == 0)
+        if (waiting.exchange(false))
             eventfd_write(wakeup, 1);
     }
     static bool busy()
     {
         const std::lock_guard<std::mutex> lock(guard);
-        return !posted.empty() || !always.empty();
+        return !posted.empty();
     }
     static int wait_time(milliseconds limit)
     {
+        const auto longest = std::clamp<milliseconds::rep>(limit.count(), -1, INT_MAX);
         const int due = ruvo_timer_get_expected_interval();
-        if (limit.count() == 0 || due == 0 || busy())
-            return 0;
-        if (limit.count() < 0)
-            return due;
-        return due < 0 ? detail::to_ms(limit) : std::min(due, detail::to_ms(limit));
+        return busy() ? 0 : int(std::min(unsigned(longest), unsigned(due))); // -1 is the largest
     }
     // Serve a round's events, work and timers. A callback may run a round of its own and serve what
     // was reported to this one, which then drops the rest: what is still ready is reported again.
     static void serve_all(int count)
     {
         const unsigned mine = ++round;
-        const auto also = always;
         now = detail::clock::now();
         for (int i = 0; i < count && round == mine; i++)
-            serve(events[std::size_t(i)]);
-        for (auto event = also.begin(); event != also.end() && round == mine; ++event)
-            serve(*event);
+            serve(events[std::size_t(i)].data.u64);
         run_posted();
         ruvo_fire_timer();
-        detail::run_all(to_flush);
+        run_posted();
     }
-    // A descriptor whose registration has ended since its event was reported is not found, also
-    // when its number is in use again.
-    static void serve(epoll_event event)
+    // False: the registration has ended, even if its descriptor's number is in use again.
+    static bool serve(std::uint64_t key)
     {
-        const auto found = watched.find(int(event.data.u64));
-        if (found != watched.end() && found->second.event.data.u64 == event.data.u64)
-            found->second.handler();
+        const auto found = watched.find(int(key));
+        if (found == watched.end() || found->second.key != key)
+            return false;
+        found->second.handler();
+        return true;
+    }
+    // Files, which epoll refuses, are ready in every round.
+    static void serve_file(std::uint64_t key)
+    {
+        if (serve(key))
+            post([key] { serve_file(key); });
     }
     static void run_posted()
     {
@@ -469,20 +469,21 @@ private:
         when.it_value.tv_sec = std::max(due, 0) / 1000;
         when.it_value.tv_nsec = due < 0 ? 0 : std::max(due % 1000 * 1000000L, 1L);
         timerfd_settime(alarm, 0, &when, nullptr);
-        if (busy() || !to_flush.empty())
-            eventfd_write(wakeup, 1);
+        waiting = true;
+        if (busy())
+            wake();
     }
 
     static inline int objects = 0, epoll = -1, wakeup = -1, alarm = -1;
     static inline bool stopped = false, nested = false; // nested: another loop waits for fd()
-    static inline unsigned depth = 0, round = 0, generation = 0;
+    static inline unsigned round = 0, generation = 0;
     static inline detail::clock::time_point now;
     static inline std::unordered_map<int, watched_fd> watched;
-    static inline std::vector<epoll_event> events;               // of the round in progress
-    static inline std::vector<epoll_event> always;               // files, which epoll refuses
-    static inline std::deque<callback<void()>> to_flush, posted; // to_flush: links
-    static inline std::mutex guard;                              // of posted, epoll and wakeup
-    static inline char received[detail::flush_size];             // what a link has just read
+    static inline std::vector<epoll_event> events; // of the round in progress
+    static inline std::deque<callback<void()>> posted;
+    static inline std::mutex guard; // of posted
+    static inline std::atomic<bool> waiting = false;
+    static inline char received[detail::flush_size]; // what a link has just read
 };
 
 // ---- timer ---------------------------------------------------------------------------------
@@ -528,7 +529,7 @@ private:
         const auto start = periodic ? ruvo_start_periodic_timer : ruvo_start_timer;
         state->id =
             start(detail::to_ms(time), fire, reinterpret_cast<std::intptr_t>(state.get()), 0);
-        loop::work_added();
+        loop::wake();
     }
     static void fire(std::intptr_t object, std::intptr_t)
     {
@@ -547,7 +548,7 @@ class response
 {
 public:
     /** For the layer itself, and for tests of handlers. */
-    response(tolvane::outcome what, tolvane::status why, detail::message reply = {})
+    response(tolvane::outcome what, tolvane::status why, detail::buffer reply = {})
         : result(what), cause(why), body(std::move(reply))
     {
     }
@@ -556,48 +557,30 @@ public:
     /** Success after a reply; else why there is none, above all why a request was refused. */
     tolvane::status status() const { return cause; }
     /** The reply, or nothing; never null, followed by a 0x00, valid as long as the response. */
-    std::string_view payload() const { return body.payload(); }
+    std::string_view payload() const { return body.view(); }
     explicit operator bool() const { return result == tolvane::outcome::replied; }
 
 private:
     tolvane::outcome result;
     tolvane::status cause;
-    detail::message body;
+    detail::buffer body;
 };
 
 namespace detail
 {
 
-// Bytes in order. An empty buffer holds no memory, so an idle link costs little.
-struct buffer {
-    std::size_t size() const { return bytes.size() - start; }
-    char *data() { return bytes.data() + start; }
-    void consume(std::size_t count)
-    {
-        start += count;
-        if (start == bytes.size())
-            *this = buffer();
-        else if (start > bytes.size() / 2)
-            bytes.erase(0, std::exchange(start, 0));
-    }
-    std::string bytes;
-    std::size_t start = 0;
-};
-
 // What begins a one-way request on a pipelined link: a kind, a correlation ID in hexadecimal, 0x00.
 struct mark {
     static constexpr std::size_t size = 10;
+    static constexpr std::string_view kinds = "?=!-"; // request, reply, one-way, declined
 
-    static std::optional<mark> read(std::string_view payload)
+    static mark read(std::string_view payload)
     {
         mark found;
-        if (payload.size() < size || payload[size - 1] != '\0')
-            return std::nullopt;
-        found.kind = payload[0];
         const char *end = payload.data() + size - 1;
-        if (std::from_chars(payload.data() + 1, end, found.id, 16).ptr != end ||
-            std::string_view("?=!-").find(found.kind) == std::string_view::npos)
-            return std::nullopt;
+        if (payload.size() >= size && *end == '\0' && kinds.find(payload[0]) != kinds.npos &&
+            std::from_chars(payload.data() + 1, end, found.id, 16).ptr == end)
+            found.kind = payload[0];
         return found;
     }
     void append_to(std::string &out) const
@@ -607,49 +590,59 @@ struct mark {
             out += "0123456789abcdef"[id >> shift & 15];
         out += '\0';
     }
-    char kind = '?'; // '?' request, '=' reply, '!' one-way, '-' declined
+    char kind = '\0'; // '\0': no mark, as on a plain link
     std::uint32_t id = 0;
 };
+
+// Send what the system takes at once. False: the connection is broken.
+inline bool send_some(int fd, buffer &out)
+{
+    const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent > 0)
+        out.consume(std::size_t(sent));
+    return sent >= 0 || try_later(errno);
+}
 
 // Sends what a closed link still had queued, waits for the other end to close, and closes the
 // descriptor. Closing it at once would reset the connection if anything arrived meanwhile, and the
 // other end could lose what it has not read.
 struct closing_socket {
-    closing_socket(int descriptor, buffer unsent, const options &opts, callback<void()> when_closed)
-        : fd(descriptor), out(std::move(unsent)), still_read(opts.max_queued),
-          closed(std::move(when_closed)),
-          limit(timer::once(opts.connect_timeout, [this] { loop::unwatch(fd); }))
+    closing_socket(int descriptor, buffer unsent, std::shared_ptr<void> slot, milliseconds time)
+        : place(std::move(slot)), fd(descriptor), out(std::move(unsent)),
+          limit(timer::once(time, [this] { loop::unwatch(fd); }))
     {
     }
     ~closing_socket()
     {
         read(); // what is unread would reset the connection
         close(fd);
-        closed();
     }
     ssize_t read() const { return recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT); }
     void ready()
     {
-        const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent > 0)
-            out.consume(std::size_t(sent));
-        else if (sent < 0 && !try_later(errno))
+        if (!send_some(fd, out))
             out = buffer();
         if (out.size() == 0)
             shutdown(fd, SHUT_WR);
         const auto got = read();
-        const bool broken = got < 0 && !try_later(errno);
-        still_read -= std::min(still_read, std::size_t(std::max<ssize_t>(got, 0)));
-        if (broken || still_read == 0 || (got == 0 && out.size() == 0))
+        if (got == 0 || (got < 0 && !try_later(errno)))
             loop::unwatch(fd); // and this object with it
         else
-            loop::change(fd, (got != 0 ? EPOLLIN : 0u) | (out.size() > 0 ? EPOLLOUT : 0u));
+            loop::change(fd, out.size() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
     }
-    int fd;
+    const std::shared_ptr<void> place; // see connection
+    const int fd;
     buffer out;
-    std::size_t still_read; // bytes to take from a peer that goes on sending
-    callback<void()> closed;
     timer limit;
+};
+
+// A client's or a server's handlers, which its links share. They are emptied when it is destroyed.
+struct handlers {
+    bool alive = true;
+    callback<void(peer)> connected, drained;
+    callback<void(peer, reason)> logout;
+    callback<void(std::string_view)> lost;
+    callback<void(request)> request;
 };
 
 // What ends with a connection.
@@ -657,20 +650,16 @@ struct connection {
     tv_channel *channel = nullptr;
     int id = -1; // the channel's, which no other connection has; -1: closed
     int fd = -1;
+    bool logged_in = false;                      // a client only: its login is sent
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // the system would not take all of the output
-    bool flush_due = false;                      // the loop has a task that flushes
-    bool service_due = false;                    // the loop has a task that serves
     buffer in, out;
-    int send_error = 0;            // nothing is sent any more
-    std::string failure;           // why it ends, once what was received before is served
-    std::uint32_t waiting_for = 0; // plain link: the request that was sent, perhaps timed out
+    std::uint64_t waiting_for = 0; // plain link: the request that was sent, perhaps timed out
     bool serving = false;          // plain link: a received request is not answered yet
-    std::list<message> backlog;    // and these wait behind it
-    std::size_t backlog_size = 0;
+    buffer backlog;                // and the frames of others wait behind it
     timer heartbeat, overdue;
-    int missed = 0; // heartbeats without an answer
     clock::time_point heard = clock::now();
+    std::shared_ptr<void> place; // a server's link: released, it makes room for another client
 };
 
 // One end of a connection, and the requests under way on it. A client's outlives its connections.
@@ -683,25 +672,25 @@ struct link : connection, std::enable_shared_from_this<link> {
         callback<void(response)> handler;
         timer limit;
     };
-    struct held_request {
-        std::uint32_t id; // 0: one-way
-        std::string text;
-    };
 
-    link(const options &settings, bool many_connections)
-        : opts(settings), reconnects(many_connections)
+    link(const options &settings, std::shared_ptr<handlers> callbacks, bool many_connections)
+        : opts(settings), on(std::move(callbacks)), reconnects(many_connections)
     {
-        opts.heartbeat = std::min(opts.heartbeat, milliseconds(INT_MAX)); // can be added to a time
     }
     virtual ~link() = default;
 
     // What clients and servers do differently. end() closes the connection and posts the report.
-    virtual void end(reason why, std::string text) = 0;
-    virtual void arrived(request received) = 0;
-    virtual void drained() = 0;
-    virtual void handle_other(int type,
-                              const message &received) = 0; // login and what belongs to it
-    virtual void accepted_pipelined() {}                    // a server accepts a client's offer
+    virtual void end(reason, std::string) {}
+    virtual void ready() { turn(true); }
+    virtual void handle_other(int, const buffer &) {} // login and what belongs to it
+
+    // What an empty handle has: a link that is closed. It outlives all static objects.
+    static std::shared_ptr<link> none()
+    {
+        static const auto &closed =
+            *new auto(std::make_shared<link>(options(), std::make_shared<handlers>(), false));
+        return closed;
+    }
 
     // ---- the connection
 
@@ -712,9 +701,10 @@ struct link : connection, std::enable_shared_from_this<link> {
         fd = descriptor;
         heard = clock::now();
     }
-    status watch()
+    status watch(unsigned wanted)
     {
-        return loop::watch(fd, [self = shared_from_this()] { self->ready(); });
+        const auto served = [self = shared_from_this()] { self->ready(); };
+        return loop::watch(fd, served, wanted);
     }
     void close_now()
     {
@@ -722,21 +712,22 @@ struct link : connection, std::enable_shared_from_this<link> {
         tv_close_channel(id);
         static_cast<connection &>(*this) = connection();
     }
-    void close_when_sent(callback<void()> closed = nullptr)
+    void close_when_sent()
     {
         write_out();
-        const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
-        const auto last =
-            std::make_shared<closing_socket>(copy, std::move(out), opts, std::move(closed));
+        const auto last = std::make_shared<closing_socket>(
+            fcntl(fd, F_DUPFD_CLOEXEC, 0), // the channel closes its own
+            std::move(out), std::move(place), opts.connect_timeout);
         close_now();
-        const auto ready = [last] { last->ready(); };
-        (void)loop::watch(copy, ready, EPOLLIN | EPOLLOUT); // refused: nothing is sent any more
+        const auto served = [last] { last->ready(); };
+        (void)loop::watch(last->fd, served,
+                          EPOLLIN | EPOLLOUT); // refused: nothing is sent any more
     }
     // Report a request's outcome in the loop, never from inside the application's call.
     void post_result(callback<void(response)> handler, outcome what, status why)
     {
-        loop::post([exists = alive, handler = std::move(handler), what, why] {
-            if (*exists)
+        loop::post([on = on, handler = std::move(handler), what, why] {
+            if (on->alive)
                 handler({what, why});
         });
     }
@@ -749,7 +740,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             held_size = 0;
         }
         for (const auto &kept : held)
-            calls.insert(lost.extract(kept.id));
+            calls.insert(lost.extract(kept.first));
         for (auto &entry : lost)
             post_result(std::move(entry.second.handler), outcome::lost,
                         {std::errc::connection_reset, "the link was lost"});
@@ -762,19 +753,44 @@ struct link : connection, std::enable_shared_from_this<link> {
     void hear()
     {
         heard = loop::now;
-        missed = channel->hbSequence = 0;
+        channel->hbSequence = 0; // the heartbeats without an answer
     }
     void heartbeat_due()
     {
-        const auto due = heard + opts.heartbeat * (missed + 1);
+        const auto due = heard + milliseconds(to_ms(opts.heartbeat)) * (channel->hbSequence + 1);
         const auto early = std::chrono::ceil<milliseconds>(due - clock::now());
         if (early.count() > 0)
             return supervise(early); // something has been received meanwhile
-        if (++missed > opts.missed_heartbeats)
+        if (channel->hbSequence++ >= opts.missed_heartbeats)
             return end(reason::silent, "heartbeats were not answered");
-        channel->hbSequence++;
         append_heartbeat(c::build_heartbeat_msg);
         supervise(opts.heartbeat);
+    }
+    // Have the loop give this link a turn before it waits.
+    void turn_later()
+    {
+        if (std::exchange(turn_due, true))
+            return;
+        loop::post([self = shared_from_this()] {
+            self->turn_due = false;
+            self->turn(false);
+        });
+    }
+    // Serve what is readable or waits, as much as others can wait for, and send.
+    void turn(bool readable)
+    {
+        const int current = id;
+        if (readable && !pending())
+            receive();
+        for (int count = 0; id == current && count < served_per_turn && pending(); count++)
+            serve_one();
+        if (id != current)
+            return;
+        if (pending())
+            turn_later();
+        else if (next_frame(in) < 0 || backlog.size() > opts.max_queued)
+            return end(reason::lost, "the other end broke the protocol");
+        flush();
     }
 
     // ---- output
@@ -784,7 +800,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     bool choked() const { return out.size() >= opts.max_queued; }
     status check(std::string_view text, bool plain)
     {
-        if (id == -1 && !(reconnects && *alive))
+        if (id == -1 && !(reconnects && on->alive))
             return {std::errc::not_connected, "the link is closed"};
         if (text.size() > max_payload)
             return {std::errc::message_size, "the payload is too long"};
@@ -794,21 +810,11 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (queued() < opts.max_queued)
             return {};
         stalled = true;
-        flush_later();
+        turn_later();
         return {std::errc::no_buffer_space, "the queue is full, try again later"};
-    }
-    // Have the loop flush this link before it waits.
-    void flush_later()
-    {
-        if (flush_due || loop::epoll < 0)
-            return;
-        flush_due = true;
-        loop::to_flush.push_back([self = shared_from_this()] { self->flush(); });
-        loop::work_added();
     }
     void flush()
     {
-        flush_due = false;
         write_out();
         if (writing != (out.size() > 0)) {
             writing = !writing;
@@ -820,199 +826,174 @@ struct link : connection, std::enable_shared_from_this<link> {
             drained();
         }
     }
+    void drained();
     void write_out()
     {
-        if (send_error != 0)
+        const std::size_t before = out.size();
+        const bool was_choked = choked();
+        if (before == 0)
+            return;
+        if (!send_some(fd, out)) { // the link ends when what has arrived is read
             out = buffer();
-        if (out.size() == 0)
-            return;
-        const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent > 0 && choked())
+            shutdown(fd, SHUT_RDWR);
+        } else if (was_choked && out.size() < before) {
             hear();
-        if (sent > 0)
-            out.consume(std::size_t(sent));
-        if (sent >= 0 || try_later(errno))
-            return;
-        // The link ends when what has arrived is read: receive() finds the end behind it.
-        send_error = errno;
-        out = buffer();
-        shutdown(fd, SHUT_RDWR);
+        }
     }
-    // Queue one frame: a message without its payload, a mark, and the payload.
-    void append(const char *head, int head_size, std::string_view text,
-                std::optional<mark> with = std::nullopt)
+    // Queue one frame: a message in msgBuf without its payload, a mark, and the payload.
+    void append(int head_size, std::string_view text, mark with = {})
     {
-        const std::size_t length = std::size_t(head_size) + (with ? mark::size : 0) + text.size();
-        const std::uint32_t size = htonl(std::uint32_t(length));
+        const std::size_t marked = with.kind != '\0' ? mark::size : 0;
+        const auto size = htonl(std::uint32_t(std::size_t(head_size) + marked + text.size()));
         if (out.bytes.empty())
             out.bytes.reserve(256 + text.size());
         out.bytes.append(watermark);
         out.bytes.append(reinterpret_cast<const char *>(&size), sizeof(size));
-        out.bytes.append(head, std::size_t(head_size));
-        if (with)
-            with->append_to(out.bytes);
+        out.bytes.append(channel->msgBuf, std::size_t(head_size));
+        if (marked != 0)
+            with.append_to(out.bytes);
         out.bytes.append(text);
         if (out.size() >= flush_size && !writing)
             write_out();
-        flush_later();
+        turn_later();
     }
-    void append_request(std::string_view text, std::optional<mark> with)
+    void append_request(std::string_view text, mark with)
     {
-        append(channel->msgBuf, c::pack_outgoing_rqst(channel, "", 0), text, with);
+        append(c::pack_outgoing_rqst(channel, "", 0), text, with);
     }
     void append_heartbeat(int (*build)(tv_channel *, char *, int))
     {
-        char head[512];
         if (!choked()) // else it would not be seen, and only fill the memory
-            append(head, build(channel, head, sizeof(head)), {});
+            append(build(channel, channel->msgBuf, TV_MSG_BUF_SIZE), {});
     }
-    bool may_send(std::uint32_t call_id) const
+    // Messages have numbers, in order. On a pipelined link a request's lower 32 bits are its
+    // correlation ID, which is never 0.
+    std::uint64_t next_number()
     {
-        return established && (pipelined || call_id == 0 || waiting_for == 0);
+        if (std::uint32_t(++last_number) == 0)
+            last_number++;
+        return last_number;
     }
-    void transmit(std::uint32_t call_id, std::string_view text)
+    bool may_send(bool asks) const
+    {
+        return established && (pipelined || !asks || waiting_for == 0);
+    }
+    void transmit(std::uint64_t number, std::string_view text, bool asks)
     {
         if (pipelined)
-            return append_request(text, mark{call_id != 0 ? '?' : '!', call_id});
-        if (call_id != 0)
-            waiting_for = call_id;
-        append_request(text, std::nullopt);
+            return append_request(text, {asks ? '?' : '!', asks ? std::uint32_t(number) : 0});
+        if (asks)
+            waiting_for = number;
+        append_request(text, {});
     }
-    void submit(std::uint32_t call_id, std::string_view text)
+    void submit(std::uint64_t number, std::string_view text, bool asks)
     {
-        if (held.empty() && may_send(call_id))
-            return transmit(call_id, text);
-        held.push_back({call_id, std::string(text)});
+        if (held.empty() && may_send(asks))
+            return transmit(number, text, asks);
+        held.emplace(number, text);
         held_size += text.size();
     }
     // Send what was held and may go now.
     void send_held()
     {
-        while (!held.empty() && may_send(held.front().id)) {
-            const auto next = std::move(held.front());
-            held.pop_front();
-            held_size -= next.text.size();
-            transmit(next.id, next.text);
+        while (!held.empty()) {
+            const auto next = held.begin();
+            const bool asks = calls.count(next->first) != 0;
+            if (!may_send(asks))
+                return;
+            transmit(next->first, next->second, asks);
+            release(next);
         }
+    }
+    void release(std::map<std::uint64_t, std::string>::iterator message)
+    {
+        held_size -= message->second.size();
+        held.erase(message);
     }
     status tell(std::string_view text)
     {
         const status result = check(text, !pipelined);
         if (result)
-            submit(0, text);
+            submit(next_number(), text, false);
         return result;
     }
     void ask(std::string_view text, milliseconds timeout, callback<void(response)> handler)
     {
-        do
-            last_id++;
-        while (last_id == 0 || calls.count(last_id) != 0);
+        const auto number = next_number();
         status result = check(text, !pipelined);
-        timer limit = timer::once(timeout, [this, number = last_id] { timed_out(number); });
+        timer limit = timer::once(timeout, [this, number] { timed_out(number); });
         if (result && !limit)
             result = {std::errc::not_enough_memory, "no memory for the timeout"};
         if (!result)
             return post_result(std::move(handler), outcome::refused, result);
-        calls[last_id] = {std::move(handler), std::move(limit)};
-        submit(last_id, text);
+        calls[number] = {std::move(handler), std::move(limit)};
+        submit(number, text, true);
     }
     // Reply to a request ('='), or decline it ('-').
-    status answer(int connection_id, std::optional<mark> to, char kind, std::string_view text)
+    status answer(int connection_id, mark to, char kind, std::string_view text)
     {
+        const bool plain = to.kind == '\0', replies = kind == '=';
         if (connection_id != id || id == -1)
             return {std::errc::not_connected, "the link of the request is closed"};
-        const status result = kind == '=' ? check(text, !to) : status();
+        const status result = replies ? check(text, plain) : status();
         if (!result)
             return result;
-        if (to && (kind == '=' || !choked()))
-            append_request(text, mark{kind, to->id});
-        else if (kind == '=')
-            append(channel->msgBuf, c::pack_outgoing_resp(channel, "", 0), text);
-        serving = serving && to;
-        if (!backlog.empty())
-            serve_later();
+        if (plain && replies)
+            append(c::pack_outgoing_resp(channel, "", 0), text);
+        else if (!plain && (replies || !choked()))
+            append_request(text, {kind, to.id});
+        serving = serving && !plain;
+        turn_later(); // the next one may be served
         return result;
     }
 
     // ---- input
 
-    // The length of the next message: 0 if it is incomplete, -1 if it is not valid.
-    long next_frame()
+    // The size of the frame at the front: 0 if it is incomplete, -1 if it is not valid.
+    static long next_frame(const buffer &from)
     {
-        if (in.size() < frame_header)
-            return 0;
         std::uint32_t size;
-        std::memcpy(&size, in.data() + frame_header - sizeof(size), sizeof(size));
+        if (from.size() < frame_header)
+            return 0;
+        std::memcpy(&size, from.data() + frame_header - sizeof(size), sizeof(size));
         size = ntohl(size);
-        if (std::memcmp(in.data(), watermark.data(), 15) != 0 || size == 0 ||
+        if (std::memcmp(from.data(), watermark.data(), 15) != 0 || size == 0 ||
             size > TV_MSG_BUF_SIZE)
             return -1;
-        return in.size() - frame_header < size ? 0 : long(size);
+        return from.size() - frame_header < size ? 0 : long(frame_header + size);
     }
-    bool pending() { return (!serving && !backlog.empty()) || next_frame() > 0; }
+    bool backlog_due() const { return !serving && backlog.size() > 0; }
+    bool pending() const { return backlog_due() || next_frame(in) > 0; }
     void receive()
     {
         const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
         if (got > 0)
             in.bytes.append(loop::received, std::size_t(got));
         else if (got == 0)
-            failure = send_error == 0 ? "the other end closed the link" : std::strerror(send_error);
+            end(reason::lost, "the other end closed the link");
         else if (!try_later(errno))
-            failure = std::strerror(errno);
-    }
-    void ready()
-    {
-        const int current = id;
-        if (writing)
-            flush();
-        if (id == current && !pending())
-            receive();
-        for (int count = 0; id == current && count < served_per_turn && pending(); count++)
-            serve_one();
-        if (id != current)
-            return;
-        if (pending())
-            serve_later();
-        else if (next_frame() < 0 || backlog_size > opts.max_queued)
-            end(reason::lost, "the other end broke the protocol");
-        else if (!failure.empty())
-            end(reason::lost, failure);
-    }
-    void serve_later()
-    {
-        if (std::exchange(service_due, true))
-            return;
-        loop::post([self = shared_from_this(), current = id] {
-            if (self->id != current || current == -1)
-                return;
-            self->service_due = false;
-            self->ready();
-        });
+            end(reason::lost, std::strerror(errno));
     }
     void serve_one()
     {
-        if (!serving && !backlog.empty()) {
-            auto next = std::move(backlog.front());
-            backlog.pop_front();
-            backlog_size -= next.bytes.size();
-            return deliver(std::nullopt, std::move(next));
-        }
-        const auto size = std::size_t(next_frame());
-        message next{std::string(in.data() + frame_header, size)};
-        in.consume(frame_header + size);
-        if (c::tv_msg_received(channel, c::get_msg_sequence(next.bytes.data())) != 0)
+        const bool again = backlog_due();
+        buffer &from = again ? backlog : in;
+        const auto size = std::size_t(next_frame(from));
+        buffer next{std::string(from.data(), size), frame_header};
+        from.consume(size);
+        if (!again && c::tv_msg_received(channel, c::get_msg_sequence(next.data())) != 0)
             return;
-        if (!choked())
+        if (!again && !choked())
             hear(); // a peer that sends, but does not read its replies, is not alive
         handle(std::move(next));
     }
-    void handle(message &&received)
+    void handle(buffer &&received)
     {
-        const int type = c::get_msg_type(received.bytes.data());
-        const int size = int(received.bytes.size());
+        const int type = c::get_msg_type(received.data());
         int length = 0;
-        const bool complete = c::get_msg_payload(received.bytes.data(), size, &length) != nullptr;
-        received.start = std::size_t(size - length);
+        const bool complete =
+            c::get_msg_payload(received.data(), int(received.size()), &length) != nullptr;
+        received.start = received.bytes.size() - std::size_t(length);
         if (type == TV_MSG_REQUEST && complete)
             request_received(std::move(received));
         else if (type == TV_MSG_REPLY)
@@ -1022,30 +1003,32 @@ struct link : connection, std::enable_shared_from_this<link> {
         else
             handle_other(type, received);
     }
-    void request_received(message &&received)
+    void request_received(buffer &&received)
     {
-        std::optional<mark> with;
+        mark with;
         if (pipelined || (opts.pipelined && !established))
-            with = mark::read(received.payload());
-        if (with)
-            received.start += mark::size;
-        if (!with && serving) {
-            backlog_size += received.bytes.size();
-            backlog.push_back(std::move(received));
-        } else if (!with || with->kind == '?' || with->kind == '!') {
-            deliver(with, std::move(received));
-        } else if (with->kind == '-') {
-            finish(with->id, {outcome::declined,
-                              {std::errc::operation_canceled, "the other end declined to reply"}});
-        } else if (with->id == 0) {
-            accepted_pipelined();
+            with = mark::read(received.view());
+        if (with.kind == '\0' && serving) {
+            backlog.bytes += received.bytes;
+            return;
+        }
+        received.start += with.kind != '\0' ? mark::size : 0;
+        if (with.kind == '-') {
+            finish(number_of(with.id),
+                   {outcome::declined,
+                    {std::errc::operation_canceled, "the other end declined to reply"}});
+        } else if (with.kind == '=' && with.id == 0) { // accepts the offer in a login
+            pipelined = true;
+            handle_other(TV_MSG_HEARTBEAT_ACK, received);
+        } else if (with.kind == '=') {
+            finish(number_of(with.id), {outcome::replied, {}, std::move(received)});
         } else {
-            finish(with->id, {outcome::replied, {}, std::move(received)});
+            deliver(with, std::move(received));
         }
     }
-    void deliver(std::optional<mark> with, message &&received);
+    void deliver(mark with, buffer &&received);
     // A reply, also one too late, ends a plain link's wait.
-    void reply_received(message &&received)
+    void reply_received(buffer &&received)
     {
         if (waiting_for == 0)
             return;
@@ -1055,45 +1038,41 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (id == current)
             send_held();
     }
-    // Call the handler of a request, unless it has been called.
-    void finish(std::uint32_t call_id, response &&result)
+    // The newest number with these lower bits.
+    std::uint64_t number_of(std::uint32_t correlation_id) const
     {
-        const auto found = calls.find(call_id);
-        if (found == calls.end())
-            return;
-        const auto ended = std::move(found->second);
-        calls.erase(found);
-        ended.handler(std::move(result));
+        return last_number - (std::uint32_t(last_number) - correlation_id);
     }
-    void timed_out(std::uint32_t call_id)
+    // Call the handler of a request, unless it has been called.
+    void finish(std::uint64_t number, response &&result)
     {
-        const auto found = std::find_if(held.begin(), held.end(),
-                                        [&](auto &entry) { return entry.id == call_id; });
-        if (found != held.end()) {
-            held_size -= found->text.size();
-            held.erase(found);
-            flush_later();
+        if (const auto ended = calls.extract(number))
+            ended.mapped().handler(std::move(result));
+    }
+    void timed_out(std::uint64_t number)
+    {
+        if (const auto found = held.find(number); found != held.end()) {
+            release(found);
+            turn_later();
         }
-        if (call_id == waiting_for)
+        if (number == waiting_for)
             overdue =
                 timer::once(opts.late_reply, [this] { end(reason::lost, "a reply is overdue"); });
-        finish(call_id, {outcome::timed_out, {std::errc::timed_out, "no reply in time"}});
+        finish(number, {outcome::timed_out, {std::errc::timed_out, "no reply in time"}});
     }
 
-    options opts;
-    std::shared_ptr<bool> alive = std::make_shared<bool>(true); // the client or server exists
-    const bool reconnects; // a client's: what is sent without a connection is held
-    bool stalled = false;  // drained() is due
-    std::map<std::uint32_t, call> calls;
-    std::list<held_request> held; // until the connection, or a plain link's turn
+    const options opts;
+    const std::shared_ptr<handlers> on;
+    const bool reconnects;               // a client's: what is sent without a connection is held
+    bool turn_due = false;               // the loop has a task for it
+    bool stalled = false;                // drained() is due
+    std::map<std::uint64_t, call> calls; // by number, as all messages
+    std::map<std::uint64_t, std::string> held; // until the connection, or a plain link's turn
     std::size_t held_size = 0;
-    std::uint32_t last_id = 0;
-    std::string url;            // a server's link: the client's name, empty before its login
-    std::shared_ptr<void> data; // the application's
-    const void *data_type = nullptr;
+    std::uint64_t last_number = 0;
+    std::string url; // a server's link: the client's name, empty before its login
+    std::any data;   // the application's: a shared_ptr
 };
-
-template <class T> constexpr char type_tag = 0; // its address stands for the type
 
 }
 
@@ -1116,26 +1095,20 @@ public:
     void request(std::string_view text, milliseconds timeout,
                  callback<void(response)> handler) const
     {
-        if (link != nullptr)
-            return link->ask(text, timeout, std::move(handler));
-        loop::post([handler = std::move(handler)] { handler({outcome::refused, nobody()}); });
+        link->ask(text, timeout, std::move(handler));
     }
     /** Send a one-way request, which gets no reply. Success means that it is queued: a link that is
      * lost loses what it had queued. Refused: a text that request() would refuse. A program on the
      * C interface must not answer it. */
-    status tell(std::string_view text) const
-    {
-        return link != nullptr ? link->tell(text) : nobody();
-    }
+    status tell(std::string_view text) const { return link->tell(text); }
     /** The bytes that wait to be sent. */
-    std::size_t queued() const { return link != nullptr ? link->queued() : 0; }
+    std::size_t queued() const { return link->queued(); }
 
-    /** For the layer itself: the end of a link, or of none. */
-    explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to)) {}
+    /** For the layer itself. */
+    explicit other_end(std::shared_ptr<detail::link> to) : link(std::move(to)) {}
 
 protected:
-    static status nobody() { return {std::errc::not_connected, "an empty handle"}; }
-    std::shared_ptr<detail::link> link;
+    std::shared_ptr<detail::link> link; // never null
 };
 
 /** One client of a server: a handle to copy and keep. It turns false when the client's connection
@@ -1144,39 +1117,31 @@ protected:
 class peer : public other_end
 {
 public:
+    /** An empty handle. */
+    peer() : other_end(detail::link::none()) {}
     /** True while the client is connected. Then request() and tell() reach it; after that they are
      * refused. */
-    explicit operator bool() const { return link != nullptr && link->id != -1; }
+    explicit operator bool() const { return link->id != -1; }
     /** The name that the client logged in with; empty before. Valid as long as a handle. */
-    const std::string &url() const
-    {
-        static const std::string none;
-        return link != nullptr ? link->url : none;
-    }
+    const std::string &url() const { return link->url; }
     /** End the connection once what is queued is sent, at most connect_timeout later; the handle
      * turns false now. Requests under way get outcome::lost, and on_logout gets reason::closed. The
      * client may connect again. What is queued is sent only while the loop runs. */
-    void close()
-    {
-        if (*this)
-            link->end(reason::closed, {});
-    }
+    void close() { link->end(reason::closed, {}); }
     /** The application's own data of this client, made by T() on first use and destroyed after
      * on_logout has returned. Null then, for an empty handle, and for a type other than the
      * first one. */
     template <class T> T *data()
     {
-        if (*this && link->data == nullptr) {
+        if (*this && !link->data.has_value())
             link->data = std::make_shared<T>();
-            link->data_type = &detail::type_tag<T>;
-        }
-        const bool same = link != nullptr && link->data_type == &detail::type_tag<T>;
-        return same ? static_cast<T *>(link->data.get()) : nullptr;
+        const auto *made = std::any_cast<std::shared_ptr<T>>(&link->data);
+        return made != nullptr ? made->get() : nullptr;
     }
     friend bool operator==(const peer &a, const peer &b) { return a.link == b.link; }
     friend bool operator!=(const peer &a, const peer &b) { return a.link != b.link; }
 
-    using other_end::other_end; // for the layer itself; without an argument, an empty handle
+    using other_end::other_end; // for the layer itself
 };
 
 // ---- request -------------------------------------------------------------------------------
@@ -1191,11 +1156,11 @@ public:
     request() = default;
 
     /** What the other end sent; never null, followed by a 0x00, valid as long as the request. */
-    std::string_view payload() const { return state != nullptr ? state->body.payload() : ""; }
+    std::string_view payload() const { return state != nullptr ? state->body.view() : ""; }
     /** The client that sent it. In a client, a handle of its server, with an empty URL: it is true
      * while the client is connected, and true again after a reconnect. Meanwhile tell() and
      * request() queue. Once the client is destroyed they refuse. */
-    peer from() const { return peer(state != nullptr ? state->link : nullptr); }
+    peer from() const { return state != nullptr ? peer(state->link) : peer(); }
     /** True until it is answered or declined; false from the start for a one-way request on a
      * pipelined link. A plain link does not carry that: a peer that awaits no reply takes one
      * for the reply to its next request, so do not answer what is one-way in your protocol. */
@@ -1207,16 +1172,14 @@ public:
     {
         if (!wants_reply())
             return {std::errc::invalid_argument, "no reply is awaited"};
-        const status result = state->answer('=', text);
-        state->open = !result;
-        return result;
+        return state->answer('=', text);
     }
     /** Let the other end know that there will be no reply. On a plain link it finds out when its
      * timeout has passed. */
     void decline()
     {
         if (wants_reply())
-            state->decline();
+            (void)state->answer('-', {});
     }
 
 private:
@@ -1225,34 +1188,35 @@ private:
         ~received()
         {
             if (open)
-                decline();
+                (void)answer('-', {});
         }
-        void decline()
+        status answer(char kind, std::string_view text)
         {
-            open = false;
-            (void)answer('-', {});
-        }
-        status answer(char kind, std::string_view text) const
-        {
-            return link->answer(connection, with, kind, text);
+            const status result = link->answer(connection, with, kind, text);
+            open = !result && kind == '=';
+            return result;
         }
         std::shared_ptr<detail::link> link;
         int connection;
-        std::optional<detail::mark> with;
+        detail::mark with;
         bool open; // to an answer
-        detail::message body;
+        detail::buffer body;
     };
     std::unique_ptr<received> state;
 };
 
-inline void detail::link::deliver(std::optional<mark> with, message &&received)
+inline void detail::link::deliver(mark with, buffer &&received)
 {
     request incoming;
-    serving = serving || !with;
-    const bool open = !with || with->kind != '!';
+    serving = serving || with.kind == '\0';
     incoming.state.reset(
-        new request::received{shared_from_this(), id, with, open, std::move(received)});
-    arrived(std::move(incoming));
+        new request::received{shared_from_this(), id, with, with.kind != '!', std::move(received)});
+    on->request(std::move(incoming));
+}
+
+inline void detail::link::drained()
+{
+    on->drained(peer(shared_from_this()));
 }
 
 // ---- client --------------------------------------------------------------------------------
@@ -1260,19 +1224,12 @@ inline void detail::link::deliver(std::optional<mark> with, message &&received)
 namespace detail
 {
 
-inline bool is_address(const std::string &text)
-{
-    in_addr address;
-    return text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), &address) == 1;
-}
-
 struct client_state final : link {
-    client_state(const options &settings, endpoint to, endpoint self)
-        : link(settings, true), server(std::move(to)), name(std::move(self))
+    client_state(const options &settings, const endpoint &to, const endpoint &self)
+        : link(settings, std::make_shared<handlers>(), true), host(to.host),
+          server(socket_address(to)), name(self.url())
     {
     }
-    void arrived(request received) override { on.request(std::move(received)); }
-    void drained() override { on.drained(); }
     void attempt_after(milliseconds time)
     {
         step = timer::once(time, [this] { attempt(); });
@@ -1282,59 +1239,47 @@ struct client_state final : link {
     {
         step = timer::once(opts.connect_timeout,
                            [this] { end(reason::lost, "the server did not answer in time"); });
-        connecting_ended(start_connecting());
-    }
-    void connecting_ended(int error)
-    {
-        if (error != 0)
-            end(reason::lost, std::string("connecting failed: ") + std::strerror(error));
-    }
-    // Return 0 or an error number.
-    int start_connecting()
-    {
         tv_client_addr address{};
-        server.host.copy(address.serverIp, sizeof(address.serverIp) - 1);
-        address.serverPort = server.port;
+        host.copy(address.serverIp, sizeof(address.serverIp) - 1);
+        address.serverPort = ntohs(server.sin_port);
         tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
+        errno = ENOMEM;
         if (record == nullptr)
-            return ENOMEM;
-        std::snprintf(record->url, TV_URL_SIZE, "%s", name.url().c_str()); // any length that fits
+            return connecting_failed();
+        std::snprintf(record->url, TV_URL_SIZE, "%s", name.c_str()); // any length that fits
         open(record, socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         record->clientSocket->fd = fd;
-        if (fd < 0)
-            return errno;
+        if (fd < 0 || !watch(EPOLLIN | EPOLLOUT))
+            return connecting_failed();
         send_at_once(fd);
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(server.port);
-        inet_pton(AF_INET, server.host.c_str(), &to.sin_addr);
-        if (::connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof(to)) != 0 &&
-            errno != EINPROGRESS)
-            return errno;
-        const auto connected = [self = shared_from_this(), this] { finish_connecting(); };
-        return int(loop::watch(fd, connected, EPOLLOUT).error());
+        writing = true; // which ends when the login is sent
+        go_on_connecting();
     }
-    // TCP has connected, or has failed to. Log in, and send a heartbeat behind the login: a server
-    // of this layer answers the login first, any other one answers the heartbeat only. Requests
-    // wait for that, so none is sent to a server that has not accepted the connection.
-    void finish_connecting()
+    void connecting_failed()
     {
-        int error = 0;
-        socklen_t size = sizeof(error);
-        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
-            error = errno;
-        if (error == 0 && connected_to_itself()) {
-            const linger reset{1, 0}; // an orderly close would keep the server's port in use
-            setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-            error = ECONNREFUSED;
-        }
-        loop::unwatch(fd);
-        if (error == 0)
-            error = int(watch().error());
-        if (error != 0)
-            return connecting_ended(error);
+        end(reason::lost, std::string("connecting failed: ") + std::strerror(errno));
+    }
+    void ready() override
+    {
+        if (logged_in)
+            turn(true);
+        else
+            go_on_connecting();
+    }
+    // Once TCP has connected, log in, and send a heartbeat behind the login: a server of this layer
+    // answers the login first, any other one answers the heartbeat only. Requests wait for that, so
+    // none is sent to a server that has not accepted the connection.
+    void go_on_connecting()
+    {
+        const auto *to = reinterpret_cast<const sockaddr *>(&server);
+        const bool connected = ::connect(fd, to, sizeof(server)) == 0;
+        if (!connected && (errno == EINPROGRESS || errno == EALREADY))
+            return;
+        if (!connected || connected_to_itself())
+            return connecting_failed();
+        logged_in = true;
         const int length = c::build_login_msg(channel, channel->url);
-        append(channel->msgBuf, length, opts.pipelined ? pipelined_offer : std::string_view());
+        append(length, opts.pipelined ? pipelined_offer.substr(1) : std::string_view());
         append_heartbeat(c::build_heartbeat_msg);
     }
     // While no server listens, a client on the same host that keeps trying may get the server's
@@ -1342,25 +1287,23 @@ struct client_state final : link {
     bool connected_to_itself() const
     {
         const auto own = address_of(fd, getsockname), other = address_of(fd, getpeername);
-        return own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
+        const linger reset{1, 0}; // an orderly close would keep the server's port in use
+        if (own.sin_port != other.sin_port || own.sin_addr.s_addr != other.sin_addr.s_addr)
+            return false;
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+        errno = ECONNREFUSED;
+        return true;
     }
-    void handle_other(int type, const message &) override
-    {
-        if (type == TV_MSG_HEARTBEAT_ACK)
-            establish(false);
-    }
-    void accepted_pipelined() override { establish(true); }
     // The server has read the login: it has answered the heartbeat behind it, or the offer in it.
-    void establish(bool both_layers)
+    void handle_other(int type, const buffer &) override
     {
-        if (std::exchange(established, true))
+        if (type != TV_MSG_HEARTBEAT_ACK || std::exchange(established, true))
             return;
-        pipelined = both_layers;
         backoff = shortest;
         step.stop();
         supervise(opts.heartbeat);
         send_held();
-        on.connected();
+        on->connected(peer(shared_from_this()));
     }
     // A link was lost, or an attempt failed.
     void end(reason why, std::string text) override
@@ -1379,7 +1322,7 @@ struct client_state final : link {
         lost_by = std::move(text);
         loop::post([self = shared_from_this(), this] {
             if (!lost_by.empty())
-                on.lost(std::exchange(lost_by, {}));
+                on->lost(std::exchange(lost_by, {}));
         });
     }
     void disconnect()
@@ -1387,8 +1330,8 @@ struct client_state final : link {
         step.stop();
         active = false;
         lost_by.clear();
-        if (id != -1 && channel->msgSequence > 0) { // has logged in
-            append(channel->msgBuf, c::build_logout_msg(channel, channel->url), {});
+        if (logged_in) {
+            append(c::build_logout_msg(channel, channel->url), {});
             close_when_sent();
         } else if (id != -1) {
             close_now();
@@ -1397,17 +1340,14 @@ struct client_state final : link {
     }
 
     static constexpr milliseconds shortest{200}, longest{5000};
-    const endpoint server, name;
+    const std::string host;
+    const sockaddr_in server;
+    const std::string name; // as a URL
     bool active = false;
     std::string lost_by; // the reason that on_lost has yet to get
     timer step;          // to the next attempt, or to the end of the one under way
     milliseconds backoff = shortest;
     std::minstd_rand random{std::uint32_t(clock::now().time_since_epoch().count() ^ getpid())};
-    struct {
-        callback<void()> connected, drained;
-        callback<void(std::string_view)> lost;
-        callback<void(tolvane::request)> request;
-    } on; // cleared by ~client
 };
 
 }
@@ -1424,18 +1364,17 @@ public:
      *   name    what this client logs in as; a newer client of the same name replaces an older one
      */
     client(loop &, endpoint server, endpoint name, options options = {})
-        : other_end(
-              std::make_shared<detail::client_state>(options, std::move(server), std::move(name))),
+        : other_end(std::make_shared<detail::client_state>(options, server, name)),
           state(static_cast<detail::client_state *>(link.get()))
     {
     }
     /** Disconnect. Handlers of requests under way are destroyed without a call. */
     ~client()
     {
-        *state->alive = false;
         disconnect();
-        const auto released = std::exchange(state->on, {}); // may hold handles of this client
-        const auto data = std::exchange(state->data, nullptr);
+        const auto released = std::exchange(*state->on, {}); // may hold handles of this client
+        state->on->alive = false;
+        const auto data = std::exchange(state->data, {});
     }
     client(client &&) = delete;
 
@@ -1444,13 +1383,13 @@ public:
      * else. Does nothing while it is under way. */
     status connect()
     {
-        const std::string own = state->name.url();
+        const std::string &own = state->name;
         const auto control = [](unsigned char letter) { return letter < ' '; };
-        if (!detail::is_address(state->server.host) || state->server.port == 0)
+        if (state->server.sin_family != AF_INET || state->server.sin_port == 0)
             return {std::errc::invalid_argument,
                     "the server's address is no dotted IPv4 text, or its port is 0"};
-        if (state->name.host.empty() || own.size() >= TV_URL_SIZE ||
-            own.find(detail::reserved_text) != std::string::npos ||
+        if (own.find("//:") != own.npos || own.size() >= TV_URL_SIZE ||
+            own.find(detail::reserved_text) != own.npos ||
             std::any_of(own.begin(), own.end(), control))
             return {std::errc::invalid_argument, "the client's name does not fit a URL"};
         if (!std::exchange(state->active, true))
@@ -1464,23 +1403,23 @@ public:
     /** True while connected: from on_connected until the link is lost or closed. */
     explicit operator bool() const { return state->established; }
     /** Set what runs when the server has read the login. A full server does not read it. */
-    void on_connected(callback<void()> handler) { state->on.connected = std::move(handler); }
+    void on_connected(callback<void()> run)
+    {
+        state->on->connected = [run = std::move(run)](const peer &) { run(); };
+    }
     /** Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
      * a text that is valid until the handler returns. The next attempt follows by itself, unless
      * options::reconnect is off. Requests not sent yet wait for it; those sent have got
      * outcome::lost. */
-    void on_lost(callback<void(std::string_view why)> handler)
-    {
-        state->on.lost = std::move(handler);
-    }
+    void on_lost(callback<void(std::string_view why)> run) { state->on->lost = std::move(run); }
     /** Set what runs when the queue is empty again, after it was full or the system had not taken
      * all of it at once. */
-    void on_drained(callback<void()> handler) { state->on.drained = std::move(handler); }
-    /** Set what runs with each request of the server. Without one, requests are declined. */
-    void on_request(callback<void(tolvane::request)> handler)
+    void on_drained(callback<void()> run)
     {
-        state->on.request = std::move(handler);
+        state->on->drained = [run = std::move(run)](const peer &) { run(); };
     }
+    /** Set what runs with each request of the server. Without one, requests are declined. */
+    void on_request(callback<void(tolvane::request)> run) { state->on->request = std::move(run); }
 
 private:
     detail::client_state *const state; // the link
@@ -1493,7 +1432,7 @@ namespace detail
 
 struct server_state : std::enable_shared_from_this<server_state> {
     explicit server_state(const options &settings) : opts(settings) {}
-    bool full() const { return pairs.size() + closing >= opts.max_clients; }
+    bool full() const { return places >= opts.max_clients; }
     // Accept clients while there is room. A full server leaves them in the system's backlog.
     void resume()
     {
@@ -1522,73 +1461,74 @@ struct server_state : std::enable_shared_from_this<server_state> {
         retry = timer::once(milliseconds(100), [this] { resume(); });
     }
     bool add(int accepted);
+    std::shared_ptr<void> take_place()
+    {
+        places++;
+        return {nullptr, [self = shared_from_this()](void *) {
+                    self->places--;
+                    self->resume();
+                }};
+    }
     std::shared_ptr<link> find(const char *url) const
     {
-        if (fd == -1)
-            return nullptr;
         const tv_channel *found = c::get_channel_by_ip(&tv_service_server.pairList, url);
         const auto entry = pairs.find(found != nullptr ? found->channelId : -1);
         return entry != pairs.end() ? entry->second : nullptr;
     }
+    void report_logouts()
+    {
+        while (!logouts.empty()) {
+            const auto next = std::move(logouts.front());
+            logouts.pop_front();
+            next();
+        }
+    }
     const options opts;
-    const std::shared_ptr<bool> alive = std::make_shared<bool>(true);
+    const std::shared_ptr<handlers> on = std::make_shared<handlers>();
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
     std::deque<callback<void()>> logouts;       // of links that have ended, in order
-    std::size_t closing = 0;                    // connections that still send their last bytes
+    std::size_t places = 0; // taken by clients, also by closed ones that still get their last bytes
     int fd = -1;
     timer retry; // accepting is paused until it fires
     std::uint16_t port = 0;
-    struct {
-        callback<void(peer)> login, drained;
-        callback<void(peer, reason)> logout;
-        callback<void(tolvane::request)> request;
-    } on; // cleared by ~server
 };
 
 // The server's end of one connection.
 struct pair final : link {
     explicit pair(std::shared_ptr<server_state> owner)
-        : link(owner->opts, false), server(std::move(owner))
+        : link(owner->opts, owner->on, false), server(std::move(owner))
     {
-        alive = server->alive;
-        established = true;
     }
-    void arrived(request received) override { server->on.request(std::move(received)); }
-    void drained() override
-    {
-        if (id != -1)
-            server->on.drained(peer(shared_from_this()));
-    }
-    void handle_other(int type, const message &received) override
+    void handle_other(int type, const buffer &received) override
     {
         if (type == TV_MSG_LOGOUT)
             end(reason::logged_out, {});
-        else if (type == TV_MSG_LOGIN && received.payload()[0] != '\0')
-            login(received);
+        else if (type == TV_MSG_LOGIN && received.view()[0] != '\0')
+            login(received.view());
     }
     // As the library does, but with the handlers of the layer: an older link of the same name ends
     // first.
-    void login(const message &received)
+    void login(std::string_view payload)
     {
-        const std::string_view name = received.payload().data(); // up to its 0x00
         const int current = id;
-        const auto older = [&] { return id == current ? server->find(name.data()) : nullptr; };
-        for (auto found = older(); found != nullptr && found.get() != this; found = older())
-            found->end(reason::replaced, {}); // its handler may let others log in
-        char *copy = id == current ? strdup(received.bytes.c_str()) : nullptr;
-        if (copy == nullptr)
+        const std::string name = payload.data(); // up to its 0x00
+        for (auto older = server->find(name.c_str());
+             id == current && older != nullptr && older.get() != this;
+             older = server->find(name.c_str()))
+            older->end(reason::replaced, {}); // its handler may let others log in
+        if (id != current)
             return;
-        c::login_msg_received(channel, copy); // names the channel, and releases the copy
+        c::update_pair_channel(channel, name.c_str());
         url = channel->url;
-        const auto rest = received.payload().substr(name.size());
-        if (opts.pipelined && !pipelined && !rest.empty() && rest.substr(1) == pipelined_offer) {
-            append_request({}, mark{'=', 0});
+        payload.remove_prefix(name.size());
+        if (opts.pipelined && !pipelined && payload == pipelined_offer) {
+            append_request({}, {'=', 0});
             pipelined = true;
             send_held();
         }
-        run_all(server->logouts); // one of the same name may be among them
+        server->report_logouts(); // one of the same name may be among them
         if (id == current)
-            server->on.login(peer(shared_from_this()));
+            on->connected(peer(shared_from_this()));
     }
     void end(reason why, std::string) override
     {
@@ -1598,27 +1538,21 @@ struct pair final : link {
         if (id == -1)
             return;
         server->pairs.erase(id);
-        if (why == reason::closed || why == reason::replaced) {
-            server->closing++;
-            close_when_sent([owner = server] {
-                owner->closing--;
-                owner->resume();
-            });
-        } else {
+        if (why == reason::closed || why == reason::replaced)
+            close_when_sent();
+        else
             close_now();
-        }
-        server->resume();
         fail_calls(false);
         server->logouts.push_back([self, this, why] {
             announce(why);
-            data = nullptr; // it may hold handles and requests of this link
+            data.reset(); // it may hold handles and requests of this link
         });
-        loop::post([owner = server] { run_all(owner->logouts); });
+        loop::post([owner = server] { owner->report_logouts(); });
     }
     void announce(reason why)
     {
-        if (*alive && !url.empty() && !std::exchange(announced, true))
-            server->on.logout(peer(shared_from_this()), why);
+        if (!url.empty() && !std::exchange(announced, true))
+            on->logout(peer(shared_from_this()), why);
     }
     bool announced = false;
     const std::shared_ptr<server_state> server;
@@ -1632,9 +1566,11 @@ inline bool server_state::add(int accepted)
     const auto *newest = reinterpret_cast<const tv_channel_node *>(tv_service_server.pairList.prev);
     const auto added = std::make_shared<pair>(shared_from_this());
     added->open(newest->channel, accepted);
+    added->place = take_place();
+    added->established = true;
     added->supervise(opts.heartbeat);
     pairs[added->id] = added;
-    if (added->watch())
+    if (added->watch(EPOLLIN))
         return true;
     added->end(reason::lost, {});
     return false;
@@ -1655,10 +1591,10 @@ public:
      * run. */
     ~server()
     {
-        *state->alive = false;
         stop();
-        detail::run_all(state->logouts);                    // which release the data only
-        const auto released = std::exchange(state->on, {}); // may hold handles of this server
+        const auto released = std::exchange(*state->on, {}); // may hold handles of this server
+        state->on->alive = false;
+        state->report_logouts(); // nobody; this releases the data
     }
     server(server &&) = delete;
 
@@ -1667,13 +1603,13 @@ public:
      * in this process already, on the C interface or on this one. */
     status listen(const std::string &address, std::uint16_t at)
     {
-        if (!detail::is_address(address))
+        if (detail::socket_address({address, at}).sin_family != AF_INET)
             return {std::errc::invalid_argument, "the address is no dotted IPv4 text"};
         if (tv_service_server.serverChannel != nullptr)
             return {std::errc::device_or_resource_busy, "a server is running in this process"};
         errno = EADDRNOTAVAIL; // unless the system says otherwise
         if (tv_start_server(address.c_str(), at) == -1)
-            return detail::system_refusal("the address cannot be listened on");
+            return detail::system_refusal();
         state->fd = tv_get_server_polling_fd();
         fcntl(state->fd, F_SETFL,
               fcntl(state->fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
@@ -1700,7 +1636,8 @@ public:
     /** The client that logged in with a URL, or an empty handle. */
     peer find(const std::string &url) const
     {
-        return peer(url.empty() ? nullptr : state->find(url.c_str()));
+        const auto found = url.empty() ? nullptr : state->find(url.c_str());
+        return found != nullptr ? peer(found) : peer();
     }
     /** All clients that have logged in, in the order in which they connected. */
     std::vector<peer> peers() const
@@ -1717,25 +1654,24 @@ public:
     std::size_t broadcast(std::string_view text)
     {
         std::size_t count = 0;
-        for (auto &one : peers())
-            count += one.tell(text) ? 1 : 0;
+        for (const peer &one : peers()) {
+            if (one.tell(text))
+                count++;
+        }
         return count;
     }
     /** Set what runs when a client has logged in, or has taken another name. */
-    void on_login(callback<void(peer)> handler) { state->on.login = std::move(handler); }
+    void on_login(callback<void(peer)> run) { state->on->connected = std::move(run); }
     /** Set what runs when a client that had logged in is gone, for any reason. Its handle is false
      * by then; url() and data() still work. After reason::replaced the handle is true until the
      * handler returns, and a last message to the older client is still sent. */
-    void on_logout(callback<void(peer, reason)> handler) { state->on.logout = std::move(handler); }
+    void on_logout(callback<void(peer, reason)> run) { state->on->logout = std::move(run); }
     /** Set what runs when a peer's queue is empty again, after it was full or the system had not
      * taken all of it at once. */
-    void on_drained(callback<void(peer)> handler) { state->on.drained = std::move(handler); }
+    void on_drained(callback<void(peer)> run) { state->on->drained = std::move(run); }
     /** Set what runs with each request of a client, one that has not logged in included. Without
      * one, requests are declined. */
-    void on_request(callback<void(tolvane::request)> handler)
-    {
-        state->on.request = std::move(handler);
-    }
+    void on_request(callback<void(tolvane::request)> run) { state->on->request = std::move(run); }
 
 private:
     std::shared_ptr<detail::server_state> state;

@@ -199,12 +199,6 @@ constexpr std::string_view reserved_text =
     "velun_tolvane_"; // what the type of a message begins with
 constexpr std::string_view pipelined_offer{"\0pipelined\0", 11}; // follows the URL of a login
 
-// A refusal with the system's reason, errno.
-inline status system_refusal()
-{
-    return {std::errc(errno), std::strerror(errno)};
-}
-
 inline bool try_later(int error)
 {
     return error == EAGAIN || error == EINTR || error == ENOBUFS || error == ENOMEM;
@@ -218,12 +212,6 @@ inline sockaddr_in socket_address(const endpoint &of)
     if (inet_pton(AF_INET, of.host.c_str(), &address.sin_addr) == 1)
         address.sin_family = AF_INET;
     return address;
-}
-
-inline void send_at_once(int fd)
-{
-    const int yes = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
 }
 
 // The own or the other address of a socket, from getsockname or getpeername.
@@ -278,8 +266,16 @@ public:
      * at once, and watch() says why. */
     loop()
     {
-        if (objects++ == 0)
-            open();
+        if (objects++ > 0)
+            return;
+        stopped = nested = false;
+        alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+        wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        epoll = epoll_create1(EPOLL_CLOEXEC);
+        for (const int counter : {wakeup, alarm}) {
+            if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
+                close();
+        }
     }
     ~loop()
     {
@@ -310,8 +306,15 @@ public:
         const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
         const bool waited = count >= 0 || errno == EINTR;
         waiting = false;
-        if (waited)
-            serve_all(count);
+        // A callback may run a round of its own and serve what was reported to this one, which then
+        // drops the rest: what is still ready is reported again.
+        const unsigned mine = ++round;
+        now = detail::clock::now();
+        for (int i = 0; i < count && round == mine; i++)
+            serve(events[std::size_t(i)].data.u64);
+        run_posted();
+        ruvo_fire_timer();
+        run_posted();
         if (nested)
             nest();
         return waited;
@@ -324,13 +327,14 @@ public:
     {
         if (watched.count(fd) != 0)
             return {std::errc::file_exists, "the descriptor is watched already"};
-        const std::uint64_t key = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
-        const bool refused = control(EPOLL_CTL_ADD, key, wanted) != 0;
+        epoll_event event{wanted, {}};
+        event.data.u64 = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
+        const bool refused = epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0;
         if (refused && errno != EPERM)
-            return detail::system_refusal();
-        watched[fd] = {key, std::move(ready)};
+            return {std::errc(errno), std::strerror(errno)};
+        watched[fd] = {event, std::move(ready)};
         if (refused) // a file
-            post([key] { serve_file(key); });
+            post([event] { serve_file(event.data.u64); });
         return {};
     }
     /** Stop watching a descriptor, effective immediately; before it is closed. Does nothing when it
@@ -367,21 +371,10 @@ private:
     friend struct detail::closing_socket;
     friend struct detail::link;
     struct watched_fd {
-        std::uint64_t key; // the descriptor, and a number that no other registration has
+        epoll_event event; // with the descriptor and a number that no other registration has
         callback<void()> handler;
     };
 
-    static void open()
-    {
-        stopped = nested = false;
-        alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-        wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        epoll = epoll_create1(EPOLL_CLOEXEC);
-        for (const int counter : {wakeup, alarm}) {
-            if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
-                return close();
-        }
-    }
     static void close()
     {
         std::unique_lock<std::mutex> lock(guard);
@@ -392,18 +385,13 @@ private:
         const auto released = std::exchange(watched, {});
         round++;
     }
-    static int control(int operation, std::uint64_t key, unsigned wanted)
-    {
-        epoll_event event{};
-        event.events = wanted;
-        event.data.u64 = key;
-        return epoll_ctl(epoll, operation, int(key), &event);
-    }
     static void change(int fd, unsigned wanted)
     {
         const auto found = watched.find(fd);
-        if (found != watched.end())
-            control(EPOLL_CTL_MOD, found->second.key, wanted);
+        if (found == watched.end())
+            return;
+        found->second.event.events = wanted;
+        epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &found->second.event);
     }
     // Something became due while the loop, or a loop around it, waits.
     static void wake()
@@ -411,34 +399,18 @@ private:
         if (waiting.exchange(false))
             eventfd_write(wakeup, 1);
     }
-    static bool busy()
-    {
-        const std::lock_guard<std::mutex> lock(guard);
-        return !posted.empty();
-    }
     static int wait_time(milliseconds limit)
     {
         const auto longest = std::clamp<milliseconds::rep>(limit.count(), -1, INT_MAX);
         const int due = ruvo_timer_get_expected_interval();
-        return busy() ? 0 : int(std::min(unsigned(longest), unsigned(due))); // -1 is the largest
-    }
-    // Serve a round's events, work and timers. A callback may run a round of its own and serve what
-    // was reported to this one, which then drops the rest: what is still ready is reported again.
-    static void serve_all(int count)
-    {
-        const unsigned mine = ++round;
-        now = detail::clock::now();
-        for (int i = 0; i < count && round == mine; i++)
-            serve(events[std::size_t(i)].data.u64);
-        run_posted();
-        ruvo_fire_timer();
-        run_posted();
+        const std::lock_guard<std::mutex> lock(guard);
+        return posted.empty() ? int(std::min(unsigned(longest), unsigned(due))) : 0; // -1: largest
     }
     // False: the registration has ended, even if its descriptor's number is in use again.
     static bool serve(std::uint64_t key)
     {
         const auto found = watched.find(int(key));
-        if (found == watched.end() || found->second.key != key)
+        if (found == watched.end() || found->second.event.data.u64 != key)
             return false;
         found->second.handler();
         return true;
@@ -453,25 +425,23 @@ private:
     {
         std::unique_lock<std::mutex> lock(guard);
         for (std::size_t left = posted.size(); left > 0 && !posted.empty(); left--) {
-            const auto task = std::move(posted.front());
+            auto task = std::move(posted.front());
             posted.pop_front();
             lock.unlock();
             task();
+            task = nullptr; // its destructor may post
             lock.lock();
         }
     }
     // Make the descriptor ready when run_once(0) has work, or will have.
     static void nest()
     {
-        nested = true;
-        const int due = ruvo_timer_get_expected_interval();
+        nested = waiting = true;
+        const int due = wait_time(milliseconds(-1));
         itimerspec when{};
         when.it_value.tv_sec = std::max(due, 0) / 1000;
         when.it_value.tv_nsec = due < 0 ? 0 : std::max(due % 1000 * 1000000L, 1L);
         timerfd_settime(alarm, 0, &when, nullptr);
-        waiting = true;
-        if (busy())
-            wake();
     }
 
     static inline int objects = 0, epoll = -1, wakeup = -1, alarm = -1;
@@ -659,7 +629,7 @@ struct connection {
     buffer backlog;                // and the frames of others wait behind it
     timer heartbeat, overdue;
     clock::time_point heard = clock::now();
-    std::shared_ptr<void> place; // a server's link: released, it makes room for another client
+    std::shared_ptr<void> place; // a server's link: one of max_clients
 };
 
 // One end of a connection, and the requests under way on it. A client's outlives its connections.
@@ -694,17 +664,17 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     // ---- the connection
 
-    void open(tv_channel *record, int descriptor)
+    status open(tv_channel *record, int descriptor, unsigned wanted)
     {
+        const int yes = 1;
         channel = record;
         id = record->channelId;
         fd = descriptor;
         heard = clock::now();
-    }
-    status watch(unsigned wanted)
-    {
-        const auto served = [self = shared_from_this()] { self->ready(); };
-        return loop::watch(fd, served, wanted);
+        if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes)) != 0)
+            return {std::errc(errno), std::strerror(errno)};
+        return loop::watch(
+            fd, [self = shared_from_this()] { self->ready(); }, wanted);
     }
     void close_now()
     {
@@ -769,17 +739,14 @@ struct link : connection, std::enable_shared_from_this<link> {
     // Have the loop give this link a turn before it waits.
     void turn_later()
     {
-        if (std::exchange(turn_due, true))
-            return;
-        loop::post([self = shared_from_this()] {
-            self->turn_due = false;
-            self->turn(false);
-        });
+        if (!std::exchange(turn_due, true))
+            loop::post([self = shared_from_this()] { self->turn(false); });
     }
     // Serve what is readable or waits, as much as others can wait for, and send.
     void turn(bool readable)
     {
         const int current = id;
+        turn_due = false;
         if (readable && !pending())
             receive();
         for (int count = 0; id == current && count < served_per_turn && pending(); count++)
@@ -857,34 +824,20 @@ struct link : connection, std::enable_shared_from_this<link> {
             write_out();
         turn_later();
     }
-    void append_request(std::string_view text, mark with)
-    {
-        append(c::pack_outgoing_rqst(channel, "", 0), text, with);
-    }
     void append_heartbeat(int (*build)(tv_channel *, char *, int))
     {
         if (!choked()) // else it would not be seen, and only fill the memory
             append(build(channel, channel->msgBuf, TV_MSG_BUF_SIZE), {});
     }
-    // Messages have numbers, in order. On a pipelined link a request's lower 32 bits are its
-    // correlation ID, which is never 0.
-    std::uint64_t next_number()
-    {
-        if (std::uint32_t(++last_number) == 0)
-            last_number++;
-        return last_number;
-    }
-    bool may_send(bool asks) const
-    {
-        return established && (pipelined || !asks || waiting_for == 0);
-    }
+    bool may_send(bool asks) const { return established && (pipelined || !asks || !waiting_for); }
     void transmit(std::uint64_t number, std::string_view text, bool asks)
     {
+        mark with;
         if (pipelined)
-            return append_request(text, {asks ? '?' : '!', asks ? std::uint32_t(number) : 0});
-        if (asks)
+            with = {asks ? '?' : '!', asks ? std::uint32_t(number) : 0};
+        else if (asks)
             waiting_for = number;
-        append_request(text, {});
+        append(c::pack_outgoing_rqst(channel, "", 0), text, with);
     }
     void submit(std::uint64_t number, std::string_view text, bool asks)
     {
@@ -902,24 +855,20 @@ struct link : connection, std::enable_shared_from_this<link> {
             if (!may_send(asks))
                 return;
             transmit(next->first, next->second, asks);
-            release(next);
+            held_size -= next->second.size();
+            held.erase(next);
         }
-    }
-    void release(std::map<std::uint64_t, std::string>::iterator message)
-    {
-        held_size -= message->second.size();
-        held.erase(message);
     }
     status tell(std::string_view text)
     {
         const status result = check(text, !pipelined);
         if (result)
-            submit(next_number(), text, false);
+            submit(last_number += 2, text, false);
         return result;
     }
     void ask(std::string_view text, milliseconds timeout, callback<void(response)> handler)
     {
-        const auto number = next_number();
+        const auto number = last_number += 2;
         status result = check(text, !pipelined);
         timer limit = timer::once(timeout, [this, number] { timed_out(number); });
         if (result && !limit)
@@ -941,7 +890,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (plain && replies)
             append(c::pack_outgoing_resp(channel, "", 0), text);
         else if (!plain && (replies || !choked()))
-            append_request(text, {kind, to.id});
+            append(c::pack_outgoing_rqst(channel, "", 0), text, {kind, to.id});
         serving = serving && !plain;
         turn_later(); // the next one may be served
         return result;
@@ -969,10 +918,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
         if (got > 0)
             in.bytes.append(loop::received, std::size_t(got));
-        else if (got == 0)
-            end(reason::lost, "the other end closed the link");
-        else if (!try_later(errno))
-            end(reason::lost, std::strerror(errno));
+        else if (got == 0 || !try_later(errno))
+            end(reason::lost, got == 0 ? "the other end closed the link" : std::strerror(errno));
     }
     void serve_one()
     {
@@ -1052,7 +999,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     void timed_out(std::uint64_t number)
     {
         if (const auto found = held.find(number); found != held.end()) {
-            release(found);
+            held_size -= found->second.size();
+            held.erase(found);
             turn_later();
         }
         if (number == waiting_for)
@@ -1069,7 +1017,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     std::map<std::uint64_t, call> calls; // by number, as all messages
     std::map<std::uint64_t, std::string> held; // until the connection, or a plain link's turn
     std::size_t held_size = 0;
-    std::uint64_t last_number = 0;
+    // Of messages in order. The lower 32 bits are a correlation ID; as they are odd, it is not 0.
+    std::uint64_t last_number = 1;
     std::string url; // a server's link: the client's name, empty before its login
     std::any data;   // the application's: a shared_ptr
 };
@@ -1226,8 +1175,8 @@ namespace detail
 
 struct client_state final : link {
     client_state(const options &settings, const endpoint &to, const endpoint &self)
-        : link(settings, std::make_shared<handlers>(), true), host(to.host),
-          server(socket_address(to)), name(self.url())
+        : link(settings, std::make_shared<handlers>(), true), server(socket_address(to)),
+          name(self.url())
     {
     }
     void attempt_after(milliseconds time)
@@ -1240,18 +1189,17 @@ struct client_state final : link {
         step = timer::once(opts.connect_timeout,
                            [this] { end(reason::lost, "the server did not answer in time"); });
         tv_client_addr address{};
-        host.copy(address.serverIp, sizeof(address.serverIp) - 1);
+        inet_ntop(AF_INET, &server.sin_addr, address.serverIp, sizeof(address.serverIp));
         address.serverPort = ntohs(server.sin_port);
         tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
         errno = ENOMEM;
         if (record == nullptr)
             return connecting_failed();
         std::snprintf(record->url, TV_URL_SIZE, "%s", name.c_str()); // any length that fits
-        open(record, socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-        record->clientSocket->fd = fd;
-        if (fd < 0 || !watch(EPOLLIN | EPOLLOUT))
+        const int made = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        record->clientSocket->fd = made;
+        if (!open(record, made, EPOLLIN | EPOLLOUT))
             return connecting_failed();
-        send_at_once(fd);
         writing = true; // which ends when the login is sent
         go_on_connecting();
     }
@@ -1275,28 +1223,18 @@ struct client_state final : link {
         const bool connected = ::connect(fd, to, sizeof(server)) == 0;
         if (!connected && (errno == EINPROGRESS || errno == EALREADY))
             return;
-        if (!connected || connected_to_itself())
+        if (!connected)
             return connecting_failed();
         logged_in = true;
         const int length = c::build_login_msg(channel, channel->url);
         append(length, opts.pipelined ? pipelined_offer.substr(1) : std::string_view());
         append_heartbeat(c::build_heartbeat_msg);
     }
-    // While no server listens, a client on the same host that keeps trying may get the server's
-    // port as its own one day. TCP connects it to itself then.
-    bool connected_to_itself() const
-    {
-        const auto own = address_of(fd, getsockname), other = address_of(fd, getpeername);
-        const linger reset{1, 0}; // an orderly close would keep the server's port in use
-        if (own.sin_port != other.sin_port || own.sin_addr.s_addr != other.sin_addr.s_addr)
-            return false;
-        setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-        errno = ECONNREFUSED;
-        return true;
-    }
     // The server has read the login: it has answered the heartbeat behind it, or the offer in it.
     void handle_other(int type, const buffer &) override
     {
+        if (type == TV_MSG_LOGIN)
+            return hears_itself();
         if (type != TV_MSG_HEARTBEAT_ACK || std::exchange(established, true))
             return;
         backoff = shortest;
@@ -1304,6 +1242,14 @@ struct client_state final : link {
         supervise(opts.heartbeat);
         send_held();
         on->connected(peer(shared_from_this()));
+    }
+    // While no server listens, a client on the same host that keeps trying may get the server's
+    // port as its own one day. TCP connects it to itself then.
+    void hears_itself()
+    {
+        const linger reset{1, 0}; // an orderly close would keep the server's port in use
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+        end(reason::lost, "connecting failed: connected to itself");
     }
     // A link was lost, or an attempt failed.
     void end(reason why, std::string text) override
@@ -1340,7 +1286,6 @@ struct client_state final : link {
     }
 
     static constexpr milliseconds shortest{200}, longest{5000};
-    const std::string host;
     const sockaddr_in server;
     const std::string name; // as a URL
     bool active = false;
@@ -1432,14 +1377,10 @@ namespace detail
 
 struct server_state : std::enable_shared_from_this<server_state> {
     explicit server_state(const options &settings) : opts(settings) {}
-    bool full() const { return places >= opts.max_clients; }
-    // Accept clients while there is room. A full server leaves them in the system's backlog.
+    bool full() const { return std::size_t(place.use_count()) > opts.max_clients; }
     void resume()
     {
-        if (fd == -1 || retry || full())
-            return;
-        const status watched = loop::watch(fd, [self = shared_from_this()] { self->ready(); });
-        if (!watched && watched.error() != std::errc::file_exists)
+        if (!loop::watch(fd, [self = shared_from_this()] { self->ready(); }))
             pause();
     }
     void ready()
@@ -1452,23 +1393,16 @@ struct server_state : std::enable_shared_from_this<server_state> {
                 return pause();
         }
         if (full())
-            loop::unwatch(fd);
+            pause();
     }
-    // Without descriptors or memory, try again after a while.
+    // Leave clients in the system's backlog for a while: the server is full, or without descriptors
+    // or memory.
     void pause()
     {
         loop::unwatch(fd);
         retry = timer::once(milliseconds(100), [this] { resume(); });
     }
     bool add(int accepted);
-    std::shared_ptr<void> take_place()
-    {
-        places++;
-        return {nullptr, [self = shared_from_this()](void *) {
-                    self->places--;
-                    self->resume();
-                }};
-    }
     std::shared_ptr<link> find(const char *url) const
     {
         const tv_channel *found = c::get_channel_by_ip(&tv_service_server.pairList, url);
@@ -1487,9 +1421,10 @@ struct server_state : std::enable_shared_from_this<server_state> {
     const std::shared_ptr<handlers> on = std::make_shared<handlers>();
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
     std::deque<callback<void()>> logouts;       // of links that have ended, in order
-    std::size_t places = 0; // taken by clients, also by closed ones that still get their last bytes
+    // Shared by all connections, also by closed ones that still get their last bytes.
+    const std::shared_ptr<void> place = std::make_shared<int>();
     int fd = -1;
-    timer retry; // accepting is paused until it fires
+    timer retry;
     std::uint16_t port = 0;
 };
 
@@ -1522,7 +1457,7 @@ struct pair final : link {
         url = channel->url;
         payload.remove_prefix(name.size());
         if (opts.pipelined && !pipelined && payload == pipelined_offer) {
-            append_request({}, {'=', 0});
+            append(c::pack_outgoing_rqst(channel, "", 0), {}, {'=', 0});
             pipelined = true;
             send_held();
         }
@@ -1560,17 +1495,15 @@ struct pair final : link {
 
 inline bool server_state::add(int accepted)
 {
-    send_at_once(accepted);
     if (c::create_pair_channel(accepted) != 0)
         return false; // and closed
     const auto *newest = reinterpret_cast<const tv_channel_node *>(tv_service_server.pairList.prev);
     const auto added = std::make_shared<pair>(shared_from_this());
-    added->open(newest->channel, accepted);
-    added->place = take_place();
+    added->place = place;
     added->established = true;
     added->supervise(opts.heartbeat);
-    pairs[added->id] = added;
-    if (added->watch(EPOLLIN))
+    pairs[newest->channel->channelId] = added;
+    if (added->open(newest->channel, accepted, EPOLLIN))
         return true;
     added->end(reason::lost, {});
     return false;
@@ -1609,7 +1542,7 @@ public:
             return {std::errc::device_or_resource_busy, "a server is running in this process"};
         errno = EADDRNOTAVAIL; // unless the system says otherwise
         if (tv_start_server(address.c_str(), at) == -1)
-            return detail::system_refusal();
+            return {std::errc(errno), std::strerror(errno)};
         state->fd = tv_get_server_polling_fd();
         fcntl(state->fd, F_SETFL,
               fcntl(state->fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted

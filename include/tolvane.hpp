@@ -214,15 +214,6 @@ inline sockaddr_in socket_address(const endpoint &of)
     return address;
 }
 
-// The own or the other address of a socket, from getsockname or getpeername.
-inline sockaddr_in address_of(int fd, decltype(getsockname) *get)
-{
-    sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    get(fd, reinterpret_cast<sockaddr *>(&address), &size);
-    return address;
-}
-
 inline int to_ms(milliseconds time)
 {
     return static_cast<int>(std::clamp<milliseconds::rep>(time.count(), 1, INT_MAX));
@@ -304,8 +295,9 @@ public:
         events.resize(watched.size() + 1); // one round reports all, so it reads before timers fire
         waiting = true;
         const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
-        const bool waited = count >= 0 || errno == EINTR;
         waiting = false;
+        if (count < 0 && errno != EINTR)
+            return false;
         // A callback may run a round of its own and serve what was reported to this one, which then
         // drops the rest: what is still ready is reported again.
         const unsigned mine = ++round;
@@ -317,7 +309,7 @@ public:
         run_posted();
         if (nested)
             nest();
-        return waited;
+        return true;
     }
     /** Run a callback whenever a descriptor of the program's is readable, or ready for other events
      * of epoll, until unwatch(). The descriptor stays the program's. A file, which is always ready,
@@ -489,22 +481,21 @@ private:
                 ruvo_stop_timer(id);
         }
         callback<void()> task;
-        bool periodic;
         int id = -1;
     };
 
     timer(milliseconds time, callback<void()> task, bool periodic)
-        : state(new started{std::move(task), periodic})
+        : state(new started{std::move(task)})
     {
         const auto start = periodic ? ruvo_start_periodic_timer : ruvo_start_timer;
-        state->id =
-            start(detail::to_ms(time), fire, reinterpret_cast<std::intptr_t>(state.get()), 0);
+        const auto object = reinterpret_cast<std::intptr_t>(state.get());
+        state->id = start(detail::to_ms(time), fire, object, periodic);
         loop::wake();
     }
-    static void fire(std::intptr_t object, std::intptr_t)
+    static void fire(std::intptr_t object, std::intptr_t periodic)
     {
         auto *fired = reinterpret_cast<started *>(object);
-        if (!fired->periodic)
+        if (periodic == 0)
             fired->id = -1;
         fired->task(); // may destroy the timer
     }
@@ -564,24 +555,20 @@ struct mark {
     std::uint32_t id = 0;
 };
 
-// Send what the system takes at once. False: the connection is broken.
-inline bool send_some(int fd, buffer &out)
+// Send what the system takes at once. Returns its size, or -1: the connection is broken.
+inline ssize_t send_some(int fd, buffer &out)
 {
     const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent > 0)
-        out.consume(std::size_t(sent));
-    return sent >= 0 || try_later(errno);
+    if (sent < 0 && try_later(errno))
+        return 0;
+    out.consume(sent < 0 ? out.size() : std::size_t(sent));
+    return sent;
 }
 
 // Sends what a closed link still had queued, waits for the other end to close, and closes the
 // descriptor. Closing it at once would reset the connection if anything arrived meanwhile, and the
 // other end could lose what it has not read.
 struct closing_socket {
-    closing_socket(int descriptor, buffer unsent, std::shared_ptr<void> slot, milliseconds time)
-        : place(std::move(slot)), fd(descriptor), out(std::move(unsent)),
-          limit(timer::once(time, [this] { loop::unwatch(fd); }))
-    {
-    }
     ~closing_socket()
     {
         read(); // what is unread would reset the connection
@@ -590,8 +577,7 @@ struct closing_socket {
     ssize_t read() const { return recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT); }
     void ready()
     {
-        if (!send_some(fd, out))
-            out = buffer();
+        send_some(fd, out);
         if (out.size() == 0)
             shutdown(fd, SHUT_WR);
         const auto got = read();
@@ -600,8 +586,8 @@ struct closing_socket {
         else
             loop::change(fd, out.size() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
     }
-    const std::shared_ptr<void> place; // see connection
-    const int fd;
+    std::shared_ptr<void> place; // see connection
+    int fd = -1;
     buffer out;
     timer limit;
 };
@@ -620,7 +606,6 @@ struct connection {
     tv_channel *channel = nullptr;
     int id = -1; // the channel's, which no other connection has; -1: closed
     int fd = -1;
-    bool logged_in = false;                      // a client only: its login is sent
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // the system would not take all of the output
     buffer in, out;
@@ -651,7 +636,6 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     // What clients and servers do differently. end() closes the connection and posts the report.
     virtual void end(reason, std::string) {}
-    virtual void ready() { turn(true); }
     virtual void handle_other(int, const buffer &) {} // login and what belongs to it
 
     // What an empty handle has: a link that is closed. It outlives all static objects.
@@ -671,10 +655,10 @@ struct link : connection, std::enable_shared_from_this<link> {
         id = record->channelId;
         fd = descriptor;
         heard = clock::now();
-        if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes)) != 0)
+        if (fd < 0 || setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes)) != 0)
             return {std::errc(errno), std::strerror(errno)};
         return loop::watch(
-            fd, [self = shared_from_this()] { self->ready(); }, wanted);
+            fd, [self = shared_from_this()] { self->turn(true); }, wanted);
     }
     void close_now()
     {
@@ -685,13 +669,13 @@ struct link : connection, std::enable_shared_from_this<link> {
     void close_when_sent()
     {
         write_out();
-        const auto last = std::make_shared<closing_socket>(
-            fcntl(fd, F_DUPFD_CLOEXEC, 0), // the channel closes its own
-            std::move(out), std::move(place), opts.connect_timeout);
+        const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
+        const std::shared_ptr<closing_socket> last(
+            new closing_socket{std::move(place), copy, std::move(out),
+                               timer::once(opts.connect_timeout, [copy] { loop::unwatch(copy); })});
         close_now();
         const auto served = [last] { last->ready(); };
-        (void)loop::watch(last->fd, served,
-                          EPOLLIN | EPOLLOUT); // refused: nothing is sent any more
+        (void)loop::watch(copy, served, EPOLLIN | EPOLLOUT); // refused: the rest is not sent
     }
     // Report a request's outcome in the loop, never from inside the application's call.
     void post_result(callback<void(response)> handler, outcome what, status why)
@@ -796,16 +780,12 @@ struct link : connection, std::enable_shared_from_this<link> {
     void drained();
     void write_out()
     {
-        const std::size_t before = out.size();
         const bool was_choked = choked();
-        if (before == 0)
-            return;
-        if (!send_some(fd, out)) { // the link ends when what has arrived is read
-            out = buffer();
-            shutdown(fd, SHUT_RDWR);
-        } else if (was_choked && out.size() < before) {
+        const auto sent = out.size() > 0 ? send_some(fd, out) : 0;
+        if (sent < 0)
+            shutdown(fd, SHUT_RDWR); // the link ends when what has arrived is read
+        else if (sent > 0 && was_choked)
             hear();
-        }
     }
     // Queue one frame: a message in msgBuf without its payload, a mark, and the payload.
     void append(int head_size, std::string_view text, mark with = {})
@@ -924,6 +904,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     void serve_one()
     {
         const bool again = backlog_due();
+        const int current = id;
         buffer &from = again ? backlog : in;
         const auto size = std::size_t(next_frame(from));
         buffer next{std::string(from.data(), size), frame_header};
@@ -932,23 +913,22 @@ struct link : connection, std::enable_shared_from_this<link> {
             return;
         if (!again && !choked())
             hear(); // a peer that sends, but does not read its replies, is not alive
-        handle(std::move(next));
-    }
-    void handle(buffer &&received)
-    {
-        const int type = c::get_msg_type(received.data());
+        const int type = c::get_msg_type(next.data());
         int length = 0;
-        const bool complete =
-            c::get_msg_payload(received.data(), int(received.size()), &length) != nullptr;
-        received.start = received.bytes.size() - std::size_t(length);
-        if (type == TV_MSG_REQUEST && complete)
-            request_received(std::move(received));
-        else if (type == TV_MSG_REPLY)
-            reply_received(std::move(received));
-        else if (type == TV_MSG_HEARTBEAT)
+        const char *payload = c::get_msg_payload(next.data(), int(next.size()), &length);
+        next.start = size - std::size_t(length);
+        if (type == TV_MSG_REQUEST && payload != nullptr) {
+            request_received(std::move(next));
+        } else if (type == TV_MSG_REPLY && waiting_for != 0) { // also one too late ends the wait
+            overdue.stop();
+            finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(next)});
+            if (id == current)
+                send_held();
+        } else if (type == TV_MSG_HEARTBEAT) {
             append_heartbeat(c::build_heartbeat_ack_msg);
-        else
-            handle_other(type, received);
+        } else {
+            handle_other(type, next);
+        }
     }
     void request_received(buffer &&received)
     {
@@ -974,17 +954,6 @@ struct link : connection, std::enable_shared_from_this<link> {
         }
     }
     void deliver(mark with, buffer &&received);
-    // A reply, also one too late, ends a plain link's wait.
-    void reply_received(buffer &&received)
-    {
-        if (waiting_for == 0)
-            return;
-        const int current = id;
-        overdue.stop();
-        finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(received)});
-        if (id == current)
-            send_held();
-    }
     // The newest number with these lower bits.
     std::uint64_t number_of(std::uint32_t correlation_id) const
     {
@@ -1119,28 +1088,26 @@ public:
      * refusal it may still be answered. */
     status reply(std::string_view text)
     {
-        if (!wants_reply())
-            return {std::errc::invalid_argument, "no reply is awaited"};
+        if (state == nullptr)
+            return {std::errc::invalid_argument, "an empty request"};
         return state->answer('=', text);
     }
     /** Let the other end know that there will be no reply. On a plain link it finds out when its
      * timeout has passed. */
     void decline()
     {
-        if (wants_reply())
+        if (state != nullptr)
             (void)state->answer('-', {});
     }
 
 private:
     friend struct detail::link;
     struct received {
-        ~received()
-        {
-            if (open)
-                (void)answer('-', {});
-        }
+        ~received() { (void)answer('-', {}); }
         status answer(char kind, std::string_view text)
         {
+            if (!open)
+                return {std::errc::invalid_argument, "no reply is awaited"};
             const status result = link->answer(connection, with, kind, text);
             open = !result && kind == '=';
             return result;
@@ -1183,7 +1150,10 @@ struct client_state final : link {
     {
         step = timer::once(time, [this] { attempt(); });
     }
-    // Begin a connection on a fresh channel: an old one would go on counting messages.
+    // Begin a connection on a fresh channel: an old one would go on counting messages. The login
+    // waits for TCP to connect. A heartbeat follows: a server of this layer answers the login
+    // first, any other one answers the heartbeat only. Requests wait for that, so none is sent to a
+    // server that has not accepted the connection.
     void attempt()
     {
         step = timer::once(opts.connect_timeout,
@@ -1192,40 +1162,17 @@ struct client_state final : link {
         inet_ntop(AF_INET, &server.sin_addr, address.serverIp, sizeof(address.serverIp));
         address.serverPort = ntohs(server.sin_port);
         tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
-        errno = ENOMEM;
         if (record == nullptr)
-            return connecting_failed();
+            return end(reason::lost, std::strerror(ENOMEM));
         std::snprintf(record->url, TV_URL_SIZE, "%s", name.c_str()); // any length that fits
         const int made = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         record->clientSocket->fd = made;
-        if (!open(record, made, EPOLLIN | EPOLLOUT))
-            return connecting_failed();
-        writing = true; // which ends when the login is sent
-        go_on_connecting();
-    }
-    void connecting_failed()
-    {
-        end(reason::lost, std::string("connecting failed: ") + std::strerror(errno));
-    }
-    void ready() override
-    {
-        if (logged_in)
-            turn(true);
-        else
-            go_on_connecting();
-    }
-    // Once TCP has connected, log in, and send a heartbeat behind the login: a server of this layer
-    // answers the login first, any other one answers the heartbeat only. Requests wait for that, so
-    // none is sent to a server that has not accepted the connection.
-    void go_on_connecting()
-    {
+        if (const status opened = open(record, made, EPOLLIN | EPOLLOUT); !opened)
+            return end(reason::lost, opened.what());
         const auto *to = reinterpret_cast<const sockaddr *>(&server);
-        const bool connected = ::connect(fd, to, sizeof(server)) == 0;
-        if (!connected && (errno == EINPROGRESS || errno == EALREADY))
-            return;
-        if (!connected)
-            return connecting_failed();
-        logged_in = true;
+        if (::connect(fd, to, sizeof(server)) != 0 && errno != EINPROGRESS)
+            return end(reason::lost, std::strerror(errno));
+        writing = true;
         const int length = c::build_login_msg(channel, channel->url);
         append(length, opts.pipelined ? pipelined_offer.substr(1) : std::string_view());
         append_heartbeat(c::build_heartbeat_msg);
@@ -1249,7 +1196,7 @@ struct client_state final : link {
     {
         const linger reset{1, 0}; // an orderly close would keep the server's port in use
         setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-        end(reason::lost, "connecting failed: connected to itself");
+        end(reason::lost, "connected to itself");
     }
     // A link was lost, or an attempt failed.
     void end(reason why, std::string text) override
@@ -1276,7 +1223,7 @@ struct client_state final : link {
         step.stop();
         active = false;
         lost_by.clear();
-        if (logged_in) {
+        if (established) {
             append(c::build_logout_msg(channel, channel->url), {});
             close_when_sent();
         } else if (id != -1) {
@@ -1377,7 +1324,6 @@ namespace detail
 
 struct server_state : std::enable_shared_from_this<server_state> {
     explicit server_state(const options &settings) : opts(settings) {}
-    bool full() const { return std::size_t(place.use_count()) > opts.max_clients; }
     void resume()
     {
         if (!loop::watch(fd, [self = shared_from_this()] { self->ready(); }))
@@ -1385,15 +1331,16 @@ struct server_state : std::enable_shared_from_this<server_state> {
     }
     void ready()
     {
-        for (int count = 0; count < served_per_turn && !full(); count++) {
-            const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-            if (accepted < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
+        for (int count = 0; count < served_per_turn; count++) {
+            const bool full = std::size_t(place.use_count()) > opts.max_clients;
+            const int accepted =
+                full ? -1 : accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            if (!full && accepted < 0 &&
+                (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
                 return;
             if (accepted < 0 || !add(accepted))
                 return pause();
         }
-        if (full())
-            pause();
     }
     // Leave clients in the system's backlog for a while: the server is full, or without descriptors
     // or memory.
@@ -1547,7 +1494,10 @@ public:
         fcntl(state->fd, F_SETFL,
               fcntl(state->fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
         ::listen(state->fd, SOMAXCONN);                // again, with a longer backlog
-        state->port = ntohs(detail::address_of(state->fd, getsockname).sin_port);
+        sockaddr_in own{};
+        socklen_t size = sizeof(own);
+        getsockname(state->fd, reinterpret_cast<sockaddr *>(&own), &size);
+        state->port = ntohs(own.sin_port);
         state->resume();
         return {};
     }
@@ -1612,46 +1562,34 @@ private:
 
 // ---- log -----------------------------------------------------------------------------------
 
-namespace detail
-{
-
-// The library writes an entry in pieces, the last of which ends in two line feeds.
-struct log_sink {
-    static ssize_t write(void *self, const char *piece, std::size_t size)
-    {
-        auto *sink = static_cast<log_sink *>(self);
-        sink->entry.append(piece, size);
-        const std::size_t length = sink->entry.size();
-        if (length >= 2 && sink->entry.compare(length - 2, 2, "\n\n") == 0) {
-            const std::string complete = std::exchange(sink->entry, {});
-            tv_set_log_fd(nullptr); // what the handler causes is not logged
-            sink->handler(std::string_view(complete).substr(0, length - 2));
-            if (sink->handler)
-                tv_set_log_fd(sink->stream);
-        }
-        return static_cast<ssize_t>(size);
-    }
-    callback<void(std::string_view)> handler;
-    std::string entry;
-    FILE *stream = nullptr; // stays open: the library may be writing to it
-};
-
-}
-
 /** Hand every entry of the library's log to a handler, for example for spdlog or journald: one
  * entry a call, without the line feeds at its end, valid until the handler returns. It runs inside
  * whatever logs, so it must not destroy or close anything; what it causes to be logged itself is
  * not. An empty handler ends that. */
 inline void log_to(callback<void(std::string_view entry)> handler)
 {
-    static detail::log_sink sink;
-    sink.handler = std::move(handler);
-    if (sink.stream == nullptr) {
-        sink.stream = fopencookie(&sink, "w", {nullptr, detail::log_sink::write, nullptr, nullptr});
-        if (sink.stream != nullptr)
-            setvbuf(sink.stream, nullptr, _IONBF, 0);
+    static callback<void(std::string_view)> sink;
+    static FILE *stream = nullptr; // stays open: the library may be writing to it
+    // The library writes an entry in pieces, the last of which ends in two line feeds.
+    const auto write = [](void *, const char *piece, std::size_t size) {
+        static std::string entry;
+        entry.append(piece, size);
+        const std::size_t length = entry.size();
+        if (length >= 2 && entry.compare(length - 2, 2, "\n\n") == 0) {
+            const std::string complete = std::exchange(entry, {});
+            tv_set_log_fd(nullptr); // what the handler causes is not logged
+            sink(std::string_view(complete).substr(0, length - 2));
+            tv_set_log_fd(sink ? stream : nullptr);
+        }
+        return ssize_t(size);
+    };
+    sink = std::move(handler);
+    if (stream == nullptr) {
+        stream = fopencookie(nullptr, "w", {nullptr, write, nullptr, nullptr});
+        if (stream != nullptr)
+            setvbuf(stream, nullptr, _IONBF, 0);
     }
-    tv_set_log_fd(sink.handler ? sink.stream : nullptr);
+    tv_set_log_fd(sink ? stream : nullptr);
 }
 
 }

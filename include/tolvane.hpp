@@ -55,7 +55,6 @@
 #include <memory>
 #include <mutex>
 #include <netinet/tcp.h>
-#include <random>
 #include <string>
 #include <string_view>
 #include <sys/epoll.h>
@@ -195,8 +194,7 @@ constexpr int served_per_turn = 64;       // messages, or accepted clients, befo
 constexpr std::size_t flush_size = 65536; // unsent bytes that are sent without waiting for more
 constexpr std::size_t frame_header = 36;  // watermark and length
 constexpr std::string_view watermark{"TCP_WATER_MARK\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32};
-constexpr std::string_view reserved_text =
-    "velun_tolvane_"; // what the type of a message begins with
+constexpr std::string_view reserved_text = "velun_tolvane_";     // begins the type of a message
 constexpr std::string_view pipelined_offer{"\0pipelined\0", 11}; // follows the URL of a login
 
 inline bool try_later(int error)
@@ -239,9 +237,6 @@ struct buffer {
 
 struct closing_socket;
 struct link;
-struct pair;
-struct client_state;
-struct server_state;
 
 }
 
@@ -278,11 +273,10 @@ public:
     /** Serve until stop(). Returns true, or false when the loop is closed or waiting failed. */
     bool run()
     {
-        while (!std::exchange(stopped, false)) {
-            if (!run_once(milliseconds(-1)))
-                return false;
-        }
-        return true;
+        bool open = true;
+        while (open && !std::exchange(stopped, false))
+            open = run_once(milliseconds(-1));
+        return open;
     }
     /** Make run() return once the round in progress is complete; of nested ones, the innermost.
      * Without a run() in progress, the next one returns at once. */
@@ -475,11 +469,7 @@ public:
 
 private:
     struct started {
-        ~started()
-        {
-            if (id != -1)
-                ruvo_stop_timer(id);
-        }
+        ~started() { ruvo_stop_timer(id); }
         callback<void()> task;
         int id = -1;
     };
@@ -662,6 +652,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void close_now()
     {
+        if (id == -1)
+            return;
         loop::unwatch(fd);
         tv_close_channel(id);
         static_cast<connection &>(*this) = connection();
@@ -699,26 +691,26 @@ struct link : connection, std::enable_shared_from_this<link> {
             post_result(std::move(entry.second.handler), outcome::lost,
                         {std::errc::connection_reset, "the link was lost"});
     }
-    void supervise(milliseconds wait)
-    {
-        if (opts.heartbeat.count() > 0)
-            heartbeat = timer::once(wait, [this] { heartbeat_due(); });
-    }
     void hear()
     {
         heard = loop::now;
         channel->hbSequence = 0; // the heartbeats without an answer
     }
-    void heartbeat_due()
+    // Send a heartbeat whenever nothing was heard for another period.
+    void supervise()
     {
-        const auto due = heard + milliseconds(to_ms(opts.heartbeat)) * (channel->hbSequence + 1);
-        const auto early = std::chrono::ceil<milliseconds>(due - clock::now());
-        if (early.count() > 0)
-            return supervise(early); // something has been received meanwhile
-        if (channel->hbSequence++ >= opts.missed_heartbeats)
-            return end(reason::silent, "heartbeats were not answered");
-        append_heartbeat(c::build_heartbeat_msg);
-        supervise(opts.heartbeat);
+        const milliseconds period(to_ms(opts.heartbeat));
+        const auto due = heard + period * (channel->hbSequence + 1);
+        auto wait = std::chrono::ceil<milliseconds>(due - clock::now());
+        if (opts.heartbeat.count() <= 0)
+            return;
+        if (wait.count() <= 0) {
+            if (channel->hbSequence++ >= opts.missed_heartbeats)
+                return end(reason::silent, "heartbeats were not answered");
+            append_heartbeat(c::build_heartbeat_msg);
+            wait = period;
+        }
+        heartbeat = timer::once(wait, [this] { supervise(); });
     }
     // Have the loop give this link a turn before it waits.
     void turn_later()
@@ -764,20 +756,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         turn_later();
         return {std::errc::no_buffer_space, "the queue is full, try again later"};
     }
-    void flush()
-    {
-        write_out();
-        if (writing != (out.size() > 0)) {
-            writing = !writing;
-            loop::change(fd, writing ? EPOLLIN | EPOLLOUT : EPOLLIN);
-        }
-        stalled = stalled || writing;
-        if (stalled && queued() == 0) {
-            stalled = false;
-            drained();
-        }
-    }
-    void drained();
+    void flush();
     void write_out()
     {
         const bool was_choked = choked();
@@ -809,41 +788,42 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (!choked()) // else it would not be seen, and only fill the memory
             append(build(channel, channel->msgBuf, TV_MSG_BUF_SIZE), {});
     }
-    bool may_send(bool asks) const { return established && (pipelined || !asks || !waiting_for); }
-    void transmit(std::uint64_t number, std::string_view text, bool asks)
+    bool asks(std::uint64_t number) const { return calls.count(number) != 0; }
+    bool may_send(std::uint64_t number) const
     {
+        return established && (pipelined || waiting_for == 0 || !asks(number));
+    }
+    void transmit(std::uint64_t number, std::string_view text)
+    {
+        const bool asked = asks(number);
         mark with;
         if (pipelined)
-            with = {asks ? '?' : '!', asks ? std::uint32_t(number) : 0};
-        else if (asks)
+            with = {asked ? '?' : '!', asked ? std::uint32_t(number) : 0};
+        else if (asked)
             waiting_for = number;
         append(c::pack_outgoing_rqst(channel, "", 0), text, with);
     }
-    void submit(std::uint64_t number, std::string_view text, bool asks)
+    void submit(std::uint64_t number, std::string_view text)
     {
-        if (held.empty() && may_send(asks))
-            return transmit(number, text, asks);
+        if (held.empty() && may_send(number))
+            return transmit(number, text);
         held.emplace(number, text);
         held_size += text.size();
     }
     // Send what was held and may go now.
     void send_held()
     {
-        while (!held.empty()) {
-            const auto next = held.begin();
-            const bool asks = calls.count(next->first) != 0;
-            if (!may_send(asks))
-                return;
-            transmit(next->first, next->second, asks);
-            held_size -= next->second.size();
-            held.erase(next);
+        while (!held.empty() && may_send(held.begin()->first)) {
+            const auto next = held.extract(held.begin());
+            held_size -= next.mapped().size();
+            transmit(next.key(), next.mapped());
         }
     }
     status tell(std::string_view text)
     {
         const status result = check(text, !pipelined);
         if (result)
-            submit(last_number += 2, text, false);
+            submit(last_number += 2, text);
         return result;
     }
     void ask(std::string_view text, milliseconds timeout, callback<void(response)> handler)
@@ -856,7 +836,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (!result)
             return post_result(std::move(handler), outcome::refused, result);
         calls[number] = {std::move(handler), std::move(limit)};
-        submit(number, text, true);
+        submit(number, text);
     }
     // Reply to a request ('='), or decline it ('-').
     status answer(int connection_id, mark to, char kind, std::string_view text)
@@ -921,7 +901,8 @@ struct link : connection, std::enable_shared_from_this<link> {
             request_received(std::move(next));
         } else if (type == TV_MSG_REPLY && waiting_for != 0) { // also one too late ends the wait
             overdue.stop();
-            finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(next)});
+            const auto id_of_call = std::uint32_t(std::exchange(waiting_for, 0));
+            finish(id_of_call, {outcome::replied, {}, std::move(next)});
             if (id == current)
                 send_held();
         } else if (type == TV_MSG_HEARTBEAT) {
@@ -930,38 +911,11 @@ struct link : connection, std::enable_shared_from_this<link> {
             handle_other(type, next);
         }
     }
-    void request_received(buffer &&received)
-    {
-        mark with;
-        if (pipelined || (opts.pipelined && !established))
-            with = mark::read(received.view());
-        if (with.kind == '\0' && serving) {
-            backlog.bytes += received.bytes;
-            return;
-        }
-        received.start += with.kind != '\0' ? mark::size : 0;
-        if (with.kind == '-') {
-            finish(number_of(with.id),
-                   {outcome::declined,
-                    {std::errc::operation_canceled, "the other end declined to reply"}});
-        } else if (with.kind == '=' && with.id == 0) { // accepts the offer in a login
-            pipelined = true;
-            handle_other(TV_MSG_HEARTBEAT_ACK, received);
-        } else if (with.kind == '=') {
-            finish(number_of(with.id), {outcome::replied, {}, std::move(received)});
-        } else {
-            deliver(with, std::move(received));
-        }
-    }
-    void deliver(mark with, buffer &&received);
-    // The newest number with these lower bits.
-    std::uint64_t number_of(std::uint32_t correlation_id) const
-    {
-        return last_number - (std::uint32_t(last_number) - correlation_id);
-    }
+    void request_received(buffer &&received);
     // Call the handler of a request, unless it has been called.
-    void finish(std::uint64_t number, response &&result)
+    void finish(std::uint32_t correlation_id, response &&result)
     {
+        const auto number = last_number - (std::uint32_t(last_number) - correlation_id);
         if (const auto ended = calls.extract(number))
             ended.mapped().handler(std::move(result));
     }
@@ -975,7 +929,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (number == waiting_for)
             overdue =
                 timer::once(opts.late_reply, [this] { end(reason::lost, "a reply is overdue"); });
-        finish(number, {outcome::timed_out, {std::errc::timed_out, "no reply in time"}});
+        finish(std::uint32_t(number),
+               {outcome::timed_out, {std::errc::timed_out, "no reply in time"}});
     }
 
     const options opts;
@@ -1121,18 +1076,46 @@ private:
     std::unique_ptr<received> state;
 };
 
-inline void detail::link::deliver(mark with, buffer &&received)
+inline void detail::link::request_received(buffer &&received)
 {
-    request incoming;
-    serving = serving || with.kind == '\0';
-    incoming.state.reset(
-        new request::received{shared_from_this(), id, with, with.kind != '!', std::move(received)});
-    on->request(std::move(incoming));
+    mark with;
+    if (pipelined || (opts.pipelined && !established))
+        with = mark::read(received.view());
+    if (with.kind == '\0' && serving) {
+        backlog.bytes += received.bytes;
+        return;
+    }
+    received.start += with.kind != '\0' ? mark::size : 0;
+    if (with.kind == '-') {
+        const status why{std::errc::operation_canceled, "the other end declined to reply"};
+        finish(with.id, {outcome::declined, why});
+    } else if (with.kind == '=' && with.id == 0) { // accepts the offer in a login
+        pipelined = true;
+        handle_other(TV_MSG_HEARTBEAT_ACK, received);
+    } else if (with.kind == '=') {
+        finish(with.id, {outcome::replied, {}, std::move(received)});
+    } else {
+        request incoming;
+        serving = serving || with.kind == '\0';
+        incoming.state.reset(new request::received{shared_from_this(), id, with, with.kind != '!',
+                                                   std::move(received)});
+        on->request(std::move(incoming));
+    }
 }
 
-inline void detail::link::drained()
+inline void detail::link::flush()
 {
-    on->drained(peer(shared_from_this()));
+    write_out();
+    if (writing != (out.size() > 0)) {
+        writing = !writing;
+        loop::change(fd, writing ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    }
+    stalled = stalled || writing;
+    if (stalled && queued() == 0) {
+        stalled = false;
+        if (id != -1 || reconnects)
+            on->drained(peer(shared_from_this()));
+    }
 }
 
 // ---- client --------------------------------------------------------------------------------
@@ -1145,10 +1128,6 @@ struct client_state final : link {
         : link(settings, std::make_shared<handlers>(), true), server(socket_address(to)),
           name(self.url())
     {
-    }
-    void attempt_after(milliseconds time)
-    {
-        step = timer::once(time, [this] { attempt(); });
     }
     // Begin a connection on a fresh channel: an old one would go on counting messages. The login
     // waits for TCP to connect. A heartbeat follows: a server of this layer answers the login
@@ -1180,35 +1159,35 @@ struct client_state final : link {
     // The server has read the login: it has answered the heartbeat behind it, or the offer in it.
     void handle_other(int type, const buffer &) override
     {
-        if (type == TV_MSG_LOGIN)
-            return hears_itself();
+        if (type == TV_MSG_LOGIN) {
+            // While no server listens, a client on the same host that keeps trying may get the
+            // server's port as its own one day. TCP connects it to itself then, and an orderly
+            // close would keep the port in use.
+            const linger reset{1, 0};
+            setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+            return end(reason::lost, "connected to itself");
+        }
         if (type != TV_MSG_HEARTBEAT_ACK || std::exchange(established, true))
             return;
         backoff = shortest;
         step.stop();
-        supervise(opts.heartbeat);
+        supervise();
         send_held();
         on->connected(peer(shared_from_this()));
     }
-    // While no server listens, a client on the same host that keeps trying may get the server's
-    // port as its own one day. TCP connects it to itself then.
-    void hears_itself()
-    {
-        const linger reset{1, 0}; // an orderly close would keep the server's port in use
-        setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-        end(reason::lost, "connected to itself");
-    }
-    // A link was lost, or an attempt failed.
     void end(reason why, std::string text) override
     {
-        if (why == reason::closed)
-            return disconnect();
+        if (why == reason::closed && established) {
+            append(c::build_logout_msg(channel, channel->url), {});
+            close_when_sent();
+        }
         close_now();
         step.stop();
-        active = opts.reconnect;
+        active = why != reason::closed && opts.reconnect;
         if (active) { // after a random half to whole of the back-off: 100 ms to 5 s
             const auto half = backoff.count() / 2;
-            attempt_after(milliseconds(half + milliseconds::rep(random()) % (half + 1)));
+            const auto wait = half + clock::now().time_since_epoch().count() % (half + 1);
+            step = timer::once(milliseconds(wait), [this] { attempt(); });
             backoff = std::min(backoff * 2, longest);
         }
         fail_calls(active);
@@ -1218,28 +1197,14 @@ struct client_state final : link {
                 on->lost(std::exchange(lost_by, {}));
         });
     }
-    void disconnect()
-    {
-        step.stop();
-        active = false;
-        lost_by.clear();
-        if (established) {
-            append(c::build_logout_msg(channel, channel->url), {});
-            close_when_sent();
-        } else if (id != -1) {
-            close_now();
-        }
-        fail_calls(false);
-    }
 
     static constexpr milliseconds shortest{200}, longest{5000};
     const sockaddr_in server;
     const std::string name; // as a URL
     bool active = false;
-    std::string lost_by; // the reason that on_lost has yet to get
+    std::string lost_by; // what on_lost has yet to get; empty after disconnect()
     timer step;          // to the next attempt, or to the end of the one under way
     milliseconds backoff = shortest;
-    std::minstd_rand random{std::uint32_t(clock::now().time_since_epoch().count() ^ getpid())};
 };
 
 }
@@ -1285,13 +1250,13 @@ public:
             std::any_of(own.begin(), own.end(), control))
             return {std::errc::invalid_argument, "the client's name does not fit a URL"};
         if (!std::exchange(state->active, true))
-            state->attempt_after(milliseconds(1));
+            state->step = timer::once(milliseconds(1), [to = state] { to->attempt(); });
         return {};
     }
     /** Log out and end the connection once what is queued is sent, at most connect_timeout later.
      * Requests under way or not sent yet get outcome::lost; on_lost is not called. What is queued is
      * sent only while the loop runs. */
-    void disconnect() { state->disconnect(); }
+    void disconnect() { state->end(reason::closed, {}); }
     /** True while connected: from on_connected until the link is lost or closed. */
     explicit operator bool() const { return state->established; }
     /** Set what runs when the server has read the login. A full server does not read it. */
@@ -1332,11 +1297,10 @@ struct server_state : std::enable_shared_from_this<server_state> {
     void ready()
     {
         for (int count = 0; count < served_per_turn; count++) {
-            const bool full = std::size_t(place.use_count()) > opts.max_clients;
-            const int accepted =
-                full ? -1 : accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-            if (!full && accepted < 0 &&
-                (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
+            if (std::size_t(place.use_count()) > opts.max_clients)
+                return pause();
+            const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            if (accepted < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
                 return;
             if (accepted < 0 || !add(accepted))
                 return pause();
@@ -1448,9 +1412,10 @@ inline bool server_state::add(int accepted)
     const auto added = std::make_shared<pair>(shared_from_this());
     added->place = place;
     added->established = true;
-    added->supervise(opts.heartbeat);
     pairs[newest->channel->channelId] = added;
-    if (added->open(newest->channel, accepted, EPOLLIN))
+    const status watched = added->open(newest->channel, accepted, EPOLLIN);
+    added->supervise();
+    if (watched)
         return true;
     added->end(reason::lost, {});
     return false;
@@ -1491,9 +1456,8 @@ public:
         if (tv_start_server(address.c_str(), at) == -1)
             return {std::errc(errno), std::strerror(errno)};
         state->fd = tv_get_server_polling_fd();
-        fcntl(state->fd, F_SETFL,
-              fcntl(state->fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
-        ::listen(state->fd, SOMAXCONN);                // again, with a longer backlog
+        fcntl(state->fd, F_SETFL, O_NONBLOCK); // a client may be gone when accepted
+        ::listen(state->fd, SOMAXCONN);        // again, with a longer backlog
         sockaddr_in own{};
         socklen_t size = sizeof(own);
         getsockname(state->fd, reinterpret_cast<sockaddr *>(&own), &size);
@@ -1536,12 +1500,9 @@ public:
      * those that are full, or cannot take this payload, are left out. */
     std::size_t broadcast(std::string_view text)
     {
-        std::size_t count = 0;
-        for (const peer &one : peers()) {
-            if (one.tell(text))
-                count++;
-        }
-        return count;
+        const auto all = peers();
+        const auto told = [&](const peer &one) { return bool(one.tell(text)); };
+        return std::size_t(std::count_if(all.begin(), all.end(), told));
     }
     /** Set what runs when a client has logged in, or has taken another name. */
     void on_login(callback<void(peer)> run) { state->on->connected = std::move(run); }

@@ -582,12 +582,16 @@ struct closing_socket {
     timer limit;
 };
 
-// A client's or a server's handlers, which its links share. They are emptied when it is destroyed.
+// What a client or a server shares with its links. Destroying the client or server empties it.
 struct handlers {
-    bool alive = true;
-    callback<void(peer)> connected, drained;
-    callback<void(peer, reason)> logout;
+    handlers() = default;
+    explicit handlers(const options &settings) : opts(settings), alive(true) {}
+    options opts;
+    bool alive = false;
+    callback<void()> connected, drained; // a client's
     callback<void(std::string_view)> lost;
+    callback<void(peer)> login, peer_drained; // a server's
+    callback<void(peer, reason)> logout;
     callback<void(request)> request;
 };
 
@@ -599,7 +603,7 @@ struct connection {
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // the system would not take all of the output
     buffer in, out;
-    std::uint64_t waiting_for = 0; // plain link: the request that was sent, perhaps timed out
+    std::uint32_t waiting_for = 0; // plain link: the request that was sent, perhaps timed out
     bool serving = false;          // plain link: a received request is not answered yet
     buffer backlog;                // and the frames of others wait behind it
     timer heartbeat, overdue;
@@ -618,10 +622,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         timer limit;
     };
 
-    link(const options &settings, std::shared_ptr<handlers> callbacks, bool many_connections)
-        : opts(settings), on(std::move(callbacks)), reconnects(many_connections)
-    {
-    }
+    link(std::shared_ptr<handlers> by, bool many) : on(std::move(by)), reconnects(many) {}
     virtual ~link() = default;
 
     // What clients and servers do differently. end() closes the connection and posts the report.
@@ -632,7 +633,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     static std::shared_ptr<link> none()
     {
         static const auto &closed =
-            *new auto(std::make_shared<link>(options(), std::make_shared<handlers>(), false));
+            *new auto(std::make_shared<link>(std::make_shared<handlers>(options()), false));
         return closed;
     }
 
@@ -662,9 +663,9 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         write_out();
         const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
-        const std::shared_ptr<closing_socket> last(
-            new closing_socket{std::move(place), copy, std::move(out),
-                               timer::once(opts.connect_timeout, [copy] { loop::unwatch(copy); })});
+        const std::shared_ptr<closing_socket> last(new closing_socket{
+            std::move(place), copy, std::move(out),
+            timer::once(on->opts.connect_timeout, [copy] { loop::unwatch(copy); })});
         close_now();
         const auto served = [last] { last->ready(); };
         (void)loop::watch(copy, served, EPOLLIN | EPOLLOUT); // refused: the rest is not sent
@@ -677,7 +678,7 @@ struct link : connection, std::enable_shared_from_this<link> {
                 handler({what, why});
         });
     }
-    // Report the requests under way as lost, in their order; with keep_held, only those sent.
+    // Report the requests under way as lost; with keep_held, only those sent.
     void fail_calls(bool keep_held)
     {
         auto lost = std::exchange(calls, {});
@@ -686,7 +687,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             held_size = 0;
         }
         for (const auto &kept : held)
-            calls.insert(lost.extract(kept.first));
+            calls.insert(lost.extract(std::uint32_t(kept.first)));
         for (auto &entry : lost)
             post_result(std::move(entry.second.handler), outcome::lost,
                         {std::errc::connection_reset, "the link was lost"});
@@ -699,13 +700,13 @@ struct link : connection, std::enable_shared_from_this<link> {
     // Send a heartbeat whenever nothing was heard for another period.
     void supervise()
     {
-        const milliseconds period(to_ms(opts.heartbeat));
+        const milliseconds period(to_ms(on->opts.heartbeat));
         const auto due = heard + period * (channel->hbSequence + 1);
         auto wait = std::chrono::ceil<milliseconds>(due - clock::now());
-        if (opts.heartbeat.count() <= 0)
+        if (on->opts.heartbeat.count() <= 0)
             return;
         if (wait.count() <= 0) {
-            if (channel->hbSequence++ >= opts.missed_heartbeats)
+            if (channel->hbSequence++ >= on->opts.missed_heartbeats)
                 return end(reason::silent, "heartbeats were not answered");
             append_heartbeat(c::build_heartbeat_msg);
             wait = period;
@@ -731,7 +732,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             return;
         if (pending())
             turn_later();
-        else if (next_frame(in) < 0 || backlog.size() > opts.max_queued)
+        else if (next_frame(in) < 0 || backlog.size() > on->opts.max_queued)
             return end(reason::lost, "the other end broke the protocol");
         flush();
     }
@@ -740,7 +741,7 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     std::size_t queued() const { return out.size() + held_size; }
     // The other end does not read what is sent. Requests held for their turn do not count.
-    bool choked() const { return out.size() >= opts.max_queued; }
+    bool choked() const { return out.size() >= on->opts.max_queued; }
     status check(std::string_view text, bool plain)
     {
         if (id == -1 && !(reconnects && on->alive))
@@ -750,7 +751,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (plain && text.find(reserved_text) != std::string_view::npos)
             return {std::errc::invalid_argument, "the payload contains \"velun_tolvane_\", which "
                                                  "only a pipelined link can carry"};
-        if (queued() < opts.max_queued)
+        if (queued() < on->opts.max_queued)
             return {};
         stalled = true;
         turn_later();
@@ -788,7 +789,16 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (!choked()) // else it would not be seen, and only fill the memory
             append(build(channel, channel->msgBuf, TV_MSG_BUF_SIZE), {});
     }
-    bool asks(std::uint64_t number) const { return calls.count(number) != 0; }
+    // Messages have numbers, in order. The lower 32 bits are a correlation ID, which is never 0, as
+    // numbers are odd, nor that of another request under way.
+    std::uint64_t next_number()
+    {
+        do
+            last_number += 2;
+        while (asks(last_number));
+        return last_number;
+    }
+    bool asks(std::uint64_t number) const { return calls.count(std::uint32_t(number)) != 0; }
     bool may_send(std::uint64_t number) const
     {
         return established && (pipelined || waiting_for == 0 || !asks(number));
@@ -800,7 +810,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (pipelined)
             with = {asked ? '?' : '!', asked ? std::uint32_t(number) : 0};
         else if (asked)
-            waiting_for = number;
+            waiting_for = std::uint32_t(number);
         append(c::pack_outgoing_rqst(channel, "", 0), text, with);
     }
     void submit(std::uint64_t number, std::string_view text)
@@ -823,19 +833,19 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         const status result = check(text, !pipelined);
         if (result)
-            submit(last_number += 2, text);
+            submit(next_number(), text);
         return result;
     }
     void ask(std::string_view text, milliseconds timeout, callback<void(response)> handler)
     {
-        const auto number = last_number += 2;
+        const auto number = next_number();
         status result = check(text, !pipelined);
         timer limit = timer::once(timeout, [this, number] { timed_out(number); });
         if (result && !limit)
             result = {std::errc::not_enough_memory, "no memory for the timeout"};
         if (!result)
             return post_result(std::move(handler), outcome::refused, result);
-        calls[number] = {std::move(handler), std::move(limit)};
+        calls[std::uint32_t(number)] = {std::move(handler), std::move(limit)};
         submit(number, text);
     }
     // Reply to a request ('='), or decline it ('-').
@@ -901,8 +911,7 @@ struct link : connection, std::enable_shared_from_this<link> {
             request_received(std::move(next));
         } else if (type == TV_MSG_REPLY && waiting_for != 0) { // also one too late ends the wait
             overdue.stop();
-            const auto id_of_call = std::uint32_t(std::exchange(waiting_for, 0));
-            finish(id_of_call, {outcome::replied, {}, std::move(next)});
+            finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(next)});
             if (id == current)
                 send_held();
         } else if (type == TV_MSG_HEARTBEAT) {
@@ -915,8 +924,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     // Call the handler of a request, unless it has been called.
     void finish(std::uint32_t correlation_id, response &&result)
     {
-        const auto number = last_number - (std::uint32_t(last_number) - correlation_id);
-        if (const auto ended = calls.extract(number))
+        if (const auto ended = calls.extract(correlation_id))
             ended.mapped().handler(std::move(result));
     }
     void timed_out(std::uint64_t number)
@@ -926,22 +934,21 @@ struct link : connection, std::enable_shared_from_this<link> {
             held.erase(found);
             turn_later();
         }
-        if (number == waiting_for)
-            overdue =
-                timer::once(opts.late_reply, [this] { end(reason::lost, "a reply is overdue"); });
+        if (std::uint32_t(number) == waiting_for)
+            overdue = timer::once(on->opts.late_reply,
+                                  [this] { end(reason::lost, "a reply is overdue"); });
         finish(std::uint32_t(number),
                {outcome::timed_out, {std::errc::timed_out, "no reply in time"}});
     }
 
-    const options opts;
     const std::shared_ptr<handlers> on;
     const bool reconnects;               // a client's: what is sent without a connection is held
     bool turn_due = false;               // the loop has a task for it
-    bool stalled = false;                // drained() is due
-    std::map<std::uint64_t, call> calls; // by number, as all messages
-    std::map<std::uint64_t, std::string> held; // until the connection, or a plain link's turn
+    bool stalled = false;                // on_drained is due
+    std::map<std::uint32_t, call> calls; // by correlation ID
+    std::map<std::uint64_t, std::string>
+        held; // by number, until the connection, or a plain link's turn
     std::size_t held_size = 0;
-    // Of messages in order. The lower 32 bits are a correlation ID; as they are odd, it is not 0.
     std::uint64_t last_number = 1;
     std::string url; // a server's link: the client's name, empty before its login
     std::any data;   // the application's: a shared_ptr
@@ -979,9 +986,12 @@ public:
 
     /** For the layer itself. */
     explicit other_end(std::shared_ptr<detail::link> to) : link(std::move(to)) {}
+    // Moves copy: a handle never lacks a link.
+    other_end(const other_end &) = default;
+    other_end &operator=(const other_end &) = default;
 
 protected:
-    std::shared_ptr<detail::link> link; // never null
+    std::shared_ptr<detail::link> link;
 };
 
 /** One client of a server: a handle to copy and keep. It turns false when the client's connection
@@ -1079,7 +1089,7 @@ private:
 inline void detail::link::request_received(buffer &&received)
 {
     mark with;
-    if (pipelined || (opts.pipelined && !established))
+    if (pipelined || (on->opts.pipelined && !established))
         with = mark::read(received.view());
     if (with.kind == '\0' && serving) {
         backlog.bytes += received.bytes;
@@ -1113,8 +1123,9 @@ inline void detail::link::flush()
     stalled = stalled || writing;
     if (stalled && queued() == 0) {
         stalled = false;
-        if (id != -1 || reconnects)
-            on->drained(peer(shared_from_this()));
+        on->drained();
+        if (id != -1)
+            on->peer_drained(peer(shared_from_this()));
     }
 }
 
@@ -1125,7 +1136,7 @@ namespace detail
 
 struct client_state final : link {
     client_state(const options &settings, const endpoint &to, const endpoint &self)
-        : link(settings, std::make_shared<handlers>(), true), server(socket_address(to)),
+        : link(std::make_shared<handlers>(settings), true), server(socket_address(to)),
           name(self.url())
     {
     }
@@ -1135,7 +1146,7 @@ struct client_state final : link {
     // server that has not accepted the connection.
     void attempt()
     {
-        step = timer::once(opts.connect_timeout,
+        step = timer::once(on->opts.connect_timeout,
                            [this] { end(reason::lost, "the server did not answer in time"); });
         tv_client_addr address{};
         inet_ntop(AF_INET, &server.sin_addr, address.serverIp, sizeof(address.serverIp));
@@ -1153,7 +1164,7 @@ struct client_state final : link {
             return end(reason::lost, std::strerror(errno));
         writing = true;
         const int length = c::build_login_msg(channel, channel->url);
-        append(length, opts.pipelined ? pipelined_offer.substr(1) : std::string_view());
+        append(length, on->opts.pipelined ? pipelined_offer.substr(1) : std::string_view());
         append_heartbeat(c::build_heartbeat_msg);
     }
     // The server has read the login: it has answered the heartbeat behind it, or the offer in it.
@@ -1173,7 +1184,7 @@ struct client_state final : link {
         step.stop();
         supervise();
         send_held();
-        on->connected(peer(shared_from_this()));
+        on->connected();
     }
     void end(reason why, std::string text) override
     {
@@ -1183,7 +1194,7 @@ struct client_state final : link {
         }
         close_now();
         step.stop();
-        active = why != reason::closed && opts.reconnect;
+        active = why != reason::closed && on->opts.reconnect;
         if (active) { // after a random half to whole of the back-off: 100 ms to 5 s
             const auto half = backoff.count() / 2;
             const auto wait = half + clock::now().time_since_epoch().count() % (half + 1);
@@ -1230,7 +1241,6 @@ public:
     {
         disconnect();
         const auto released = std::exchange(*state->on, {}); // may hold handles of this client
-        state->on->alive = false;
         const auto data = std::exchange(state->data, {});
     }
     client(client &&) = delete;
@@ -1243,8 +1253,7 @@ public:
         const std::string &own = state->name;
         const auto control = [](unsigned char letter) { return letter < ' '; };
         if (state->server.sin_family != AF_INET || state->server.sin_port == 0)
-            return {std::errc::invalid_argument,
-                    "the server's address is no dotted IPv4 text, or its port is 0"};
+            return {std::errc::invalid_argument, "the server's address or port is not valid"};
         if (own.find("//:") != own.npos || own.size() >= TV_URL_SIZE ||
             own.find(detail::reserved_text) != own.npos ||
             std::any_of(own.begin(), own.end(), control))
@@ -1260,10 +1269,7 @@ public:
     /** True while connected: from on_connected until the link is lost or closed. */
     explicit operator bool() const { return state->established; }
     /** Set what runs when the server has read the login. A full server does not read it. */
-    void on_connected(callback<void()> run)
-    {
-        state->on->connected = [run = std::move(run)](const peer &) { run(); };
-    }
+    void on_connected(callback<void()> run) { state->on->connected = std::move(run); }
     /** Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
      * a text that is valid until the handler returns. The next attempt follows by itself, unless
      * options::reconnect is off. Requests not sent yet wait for it; those sent have got
@@ -1271,10 +1277,7 @@ public:
     void on_lost(callback<void(std::string_view why)> run) { state->on->lost = std::move(run); }
     /** Set what runs when the queue is empty again, after it was full or the system had not taken
      * all of it at once. */
-    void on_drained(callback<void()> run)
-    {
-        state->on->drained = [run = std::move(run)](const peer &) { run(); };
-    }
+    void on_drained(callback<void()> run) { state->on->drained = std::move(run); }
     /** Set what runs with each request of the server. Without one, requests are declined. */
     void on_request(callback<void(tolvane::request)> run) { state->on->request = std::move(run); }
 
@@ -1287,8 +1290,8 @@ private:
 namespace detail
 {
 
-struct server_state : std::enable_shared_from_this<server_state> {
-    explicit server_state(const options &settings) : opts(settings) {}
+struct listener : std::enable_shared_from_this<listener> {
+    explicit listener(const options &settings) : on(std::make_shared<handlers>(settings)) {}
     void resume()
     {
         if (!loop::watch(fd, [self = shared_from_this()] { self->ready(); }))
@@ -1297,7 +1300,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
     void ready()
     {
         for (int count = 0; count < served_per_turn; count++) {
-            if (std::size_t(place.use_count()) > opts.max_clients)
+            if (std::size_t(place.use_count()) > on->opts.max_clients)
                 return pause();
             const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (accepted < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
@@ -1317,8 +1320,8 @@ struct server_state : std::enable_shared_from_this<server_state> {
     std::shared_ptr<link> find(const char *url) const
     {
         const tv_channel *found = c::get_channel_by_ip(&tv_service_server.pairList, url);
-        const auto entry = pairs.find(found != nullptr ? found->channelId : -1);
-        return entry != pairs.end() ? entry->second : nullptr;
+        const auto entry = pairs.find(found != nullptr && *url != '\0' ? found->channelId : -1);
+        return entry != pairs.end() ? entry->second : link::none();
     }
     void report_logouts()
     {
@@ -1328,8 +1331,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
             next();
         }
     }
-    const options opts;
-    const std::shared_ptr<handlers> on = std::make_shared<handlers>();
+    const std::shared_ptr<handlers> on;
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
     std::deque<callback<void()>> logouts;       // of links that have ended, in order
     // Shared by all connections, also by closed ones that still get their last bytes.
@@ -1341,10 +1343,7 @@ struct server_state : std::enable_shared_from_this<server_state> {
 
 // The server's end of one connection.
 struct pair final : link {
-    explicit pair(std::shared_ptr<server_state> owner)
-        : link(owner->opts, owner->on, false), server(std::move(owner))
-    {
-    }
+    explicit pair(std::shared_ptr<listener> by) : link(by->on, false), server(std::move(by)) {}
     void handle_other(int type, const buffer &received) override
     {
         if (type == TV_MSG_LOGOUT)
@@ -1359,7 +1358,7 @@ struct pair final : link {
         const int current = id;
         const std::string name = payload.data(); // up to its 0x00
         for (auto older = server->find(name.c_str());
-             id == current && older != nullptr && older.get() != this;
+             id == current && older->id != -1 && older.get() != this;
              older = server->find(name.c_str()))
             older->end(reason::replaced, {}); // its handler may let others log in
         if (id != current)
@@ -1367,14 +1366,14 @@ struct pair final : link {
         c::update_pair_channel(channel, name.c_str());
         url = channel->url;
         payload.remove_prefix(name.size());
-        if (opts.pipelined && !pipelined && payload == pipelined_offer) {
+        if (on->opts.pipelined && !pipelined && payload == pipelined_offer) {
             append(c::pack_outgoing_rqst(channel, "", 0), {}, {'=', 0});
             pipelined = true;
             send_held();
         }
         server->report_logouts(); // one of the same name may be among them
         if (id == current)
-            on->connected(peer(shared_from_this()));
+            on->login(peer(shared_from_this()));
     }
     void end(reason why, std::string) override
     {
@@ -1401,10 +1400,10 @@ struct pair final : link {
             on->logout(peer(shared_from_this()), why);
     }
     bool announced = false;
-    const std::shared_ptr<server_state> server;
+    const std::shared_ptr<listener> server;
 };
 
-inline bool server_state::add(int accepted)
+inline bool listener::add(int accepted)
 {
     if (c::create_pair_channel(accepted) != 0)
         return false; // and closed
@@ -1428,18 +1427,14 @@ class server
 {
 public:
     /** Set a server up; listen() starts it. The loop is the process's. */
-    explicit server(loop &, options options = {})
-        : state(std::make_shared<detail::server_state>(options))
-    {
-    }
+    explicit server(loop &, options opts = {}) : state(std::make_shared<detail::listener>(opts)) {}
     /** Stop. Handlers of requests under way are destroyed without a call, and on_logout does not
      * run. */
     ~server()
     {
         stop();
         const auto released = std::exchange(*state->on, {}); // may hold handles of this server
-        state->on->alive = false;
-        state->report_logouts(); // nobody; this releases the data
+        state->report_logouts();                             // nobody; this releases the data
     }
     server(server &&) = delete;
 
@@ -1481,11 +1476,7 @@ public:
         tv_stop_server();
     }
     /** The client that logged in with a URL, or an empty handle. */
-    peer find(const std::string &url) const
-    {
-        const auto found = url.empty() ? nullptr : state->find(url.c_str());
-        return found != nullptr ? peer(found) : peer();
-    }
+    peer find(const std::string &url) const { return peer(state->find(url.c_str())); }
     /** All clients that have logged in, in the order in which they connected. */
     std::vector<peer> peers() const
     {
@@ -1505,20 +1496,20 @@ public:
         return std::size_t(std::count_if(all.begin(), all.end(), told));
     }
     /** Set what runs when a client has logged in, or has taken another name. */
-    void on_login(callback<void(peer)> run) { state->on->connected = std::move(run); }
+    void on_login(callback<void(peer)> run) { state->on->login = std::move(run); }
     /** Set what runs when a client that had logged in is gone, for any reason. Its handle is false
      * by then; url() and data() still work. After reason::replaced the handle is true until the
      * handler returns, and a last message to the older client is still sent. */
     void on_logout(callback<void(peer, reason)> run) { state->on->logout = std::move(run); }
     /** Set what runs when a peer's queue is empty again, after it was full or the system had not
      * taken all of it at once. */
-    void on_drained(callback<void(peer)> run) { state->on->drained = std::move(run); }
+    void on_drained(callback<void(peer)> run) { state->on->peer_drained = std::move(run); }
     /** Set what runs with each request of a client, one that has not logged in included. Without
      * one, requests are declined. */
     void on_request(callback<void(tolvane::request)> run) { state->on->request = std::move(run); }
 
 private:
-    std::shared_ptr<detail::server_state> state;
+    std::shared_ptr<detail::listener> state;
 };
 
 // ---- log -----------------------------------------------------------------------------------

@@ -192,7 +192,8 @@ using clock = std::chrono::steady_clock;
 
 constexpr int served_per_turn = 64;       // messages, or accepted clients, before others' turn
 constexpr std::size_t flush_size = 65536; // unsent bytes that are sent without waiting for more
-constexpr std::size_t frame_header = 36;  // watermark and length
+constexpr std::size_t dropped_at_most = 8 << 20; // bytes that a closed link still takes
+constexpr std::size_t frame_header = 36;         // watermark and length
 constexpr std::string_view watermark{"TCP_WATER_MARK\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32};
 constexpr std::string_view reserved_text = "velun_tolvane_";     // begins the type of a message
 constexpr std::string_view pipelined_offer{"\0pipelined\0", 11}; // follows the URL of a login
@@ -545,14 +546,15 @@ struct mark {
     std::uint32_t id = 0;
 };
 
-// Send what the system takes at once. Returns its size, or -1: the connection is broken.
+// Send what the system takes at once. Returns its size, or a negative error number.
 inline ssize_t send_some(int fd, buffer &out)
 {
     const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent < 0 && try_later(errno))
         return 0;
+    const ssize_t result = sent < 0 ? -errno : sent;
     out.consume(sent < 0 ? out.size() : std::size_t(sent));
-    return sent;
+    return result;
 }
 
 // Sends what a closed link still had queued, waits for the other end to close, and closes the
@@ -571,7 +573,8 @@ struct closing_socket {
         if (out.size() == 0)
             shutdown(fd, SHUT_WR);
         const auto got = read();
-        if (got == 0 || (got < 0 && !try_later(errno)))
+        dropped += std::size_t(std::max<ssize_t>(got, 0));
+        if (got == 0 || dropped > dropped_at_most || (got < 0 && !try_later(errno)))
             loop::unwatch(fd); // and this object with it
         else
             loop::change(fd, out.size() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
@@ -580,6 +583,7 @@ struct closing_socket {
     int fd = -1;
     buffer out;
     timer limit;
+    std::size_t dropped = 0; // bytes from a peer that goes on sending
 };
 
 // What a client or a server shares with its links. Destroying the client or server empties it.
@@ -603,6 +607,7 @@ struct connection {
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // the system would not take all of the output
     buffer in, out;
+    int send_error = 0;
     std::uint32_t waiting_for = 0; // plain link: the request that was sent, perhaps timed out
     bool serving = false;          // plain link: a received request is not answered yet
     buffer backlog;                // and the frames of others wait behind it
@@ -762,9 +767,11 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         const bool was_choked = choked();
         const auto sent = out.size() > 0 ? send_some(fd, out) : 0;
-        if (sent < 0)
-            shutdown(fd, SHUT_RDWR); // the link ends when what has arrived is read
-        else if (sent > 0 && was_choked)
+        if (sent < 0) { // the link ends when what has arrived is read
+            send_error = send_error != 0 ? send_error : int(-sent);
+            shutdown(fd, SHUT_RDWR);
+        }
+        if (sent > 0 && was_choked)
             hear();
     }
     // Queue one frame: a message in msgBuf without its payload, a mark, and the payload.
@@ -886,10 +893,11 @@ struct link : connection, std::enable_shared_from_this<link> {
     void receive()
     {
         const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
+        const int error = got == 0 || send_error != 0 ? send_error : errno;
         if (got > 0)
             in.bytes.append(loop::received, std::size_t(got));
-        else if (got == 0 || !try_later(errno))
-            end(reason::lost, got == 0 ? "the other end closed the link" : std::strerror(errno));
+        else if (got == 0 || !try_later(error))
+            end(reason::lost, error == 0 ? "the other end closed the link" : std::strerror(error));
     }
     void serve_one()
     {
@@ -1253,7 +1261,8 @@ public:
         const std::string &own = state->name;
         const auto control = [](unsigned char letter) { return letter < ' '; };
         if (state->server.sin_family != AF_INET || state->server.sin_port == 0)
-            return {std::errc::invalid_argument, "the server's address or port is not valid"};
+            return {std::errc::invalid_argument,
+                    "the server's address is no dotted IPv4 text, or its port is 0"};
         if (own.find("//:") != own.npos || own.size() >= TV_URL_SIZE ||
             own.find(detail::reserved_text) != own.npos ||
             std::any_of(own.begin(), own.end(), control))

@@ -319,6 +319,11 @@ struct application {
             },
             [&] { strangers.clear(); },
             [&] { kept.clear(); },
+            [&] { // declined while the loop drops the task
+                if (!kept.empty())
+                    loop.post([dropped = std::move(kept.back())] {});
+                kept.resize(kept.size() - !kept.empty());
+            },
             [&] { kept.empty() ? void() : void(kept.back().reply(payload())); },
             [&] { timers.push_back(tolvane::timer::once(milliseconds(draw(5)), acting())); },
             [&] { timers.clear(); },

@@ -40,7 +40,9 @@
 #include "tolvane.h"
 
 #include <algorithm>
+#include <any>
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -49,14 +51,10 @@
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <netinet/tcp.h>
-#include <optional>
-#include <random>
-#include <set>
 #include <string>
 #include <string_view>
 #include <sys/epoll.h>
@@ -92,8 +90,7 @@ public:
     {
         auto made = std::make_shared<Target>(std::forward<F>(function));
         // A pointer, a std::function and another callback may be empty.
-        if constexpr (std::is_pointer_v<Target> || (std::is_constructible_v<bool, Target &> &&
-                                                    !std::is_convertible_v<Target &, bool>)) {
+        if constexpr (std::is_assignable_v<Target &, std::nullptr_t>) {
             if (!*made)
                 return;
         }
@@ -164,6 +161,7 @@ enum class outcome { replied, timed_out, lost, declined, refused };
  * answer heartbeats any more, or the server closed it. */
 enum class reason { logged_out, replaced, lost, silent, closed };
 
+class peer;
 class request;
 
 // The library's lower functions that the layer is built on. They are declared here because
@@ -182,7 +180,7 @@ int get_msg_sequence(const char *msg);
 const char *get_msg_payload(const char *msg, int len, int *payloadLen);
 int tv_msg_received(tv_channel *channel, int seq);
 int create_pair_channel(int fd);
-int login_msg_received(tv_channel *channel, char *msg);
+int update_pair_channel(tv_channel *channel, const char *url);
 tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url);
 }
 }
@@ -194,49 +192,25 @@ using clock = std::chrono::steady_clock;
 
 constexpr int served_per_turn = 64;       // messages, or accepted clients, before others' turn
 constexpr std::size_t flush_size = 65536; // unsent bytes that are sent without waiting for more
-constexpr std::size_t frame_header = 36;  // watermark and length
+constexpr std::size_t dropped_at_most = 8 << 20; // bytes that a closed link still takes
+constexpr std::size_t frame_header = 36;         // watermark and length
 constexpr std::string_view watermark{"TCP_WATER_MARK\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32};
-constexpr std::string_view reserved_text =
-    "velun_tolvane_"; // what the type of a message begins with
-constexpr std::string_view pipelined_offer{"pipelined\0", 10};
-
-// A refusal with the system's reason, errno; the text stays valid.
-inline status system_refusal(const char *what)
-{
-    static auto &texts = *new std::set<std::string>; // outlives all static objects
-    const int error = errno;
-    const auto text = texts.insert(what + std::string(": ") + std::strerror(error)).first;
-    return {std::errc(error), text->c_str()};
-}
+constexpr std::string_view reserved_text = "velun_tolvane_";     // begins the type of a message
+constexpr std::string_view pipelined_offer{"\0pipelined\0", 11}; // follows the URL of a login
 
 inline bool try_later(int error)
 {
     return error == EAGAIN || error == EINTR || error == ENOBUFS || error == ENOMEM;
 }
 
-inline void send_at_once(int fd)
-{
-    const int yes = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
-}
-
-// The own or the other address of a socket, from getsockname or getpeername.
-inline sockaddr_in address_of(int fd, decltype(getsockname) *get)
+// The address of an endpoint; without a family when its host is not a dotted IPv4 text.
+inline sockaddr_in socket_address(const endpoint &of)
 {
     sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    get(fd, reinterpret_cast<sockaddr *>(&address), &size);
+    address.sin_port = htons(of.port);
+    if (inet_pton(AF_INET, of.host.c_str(), &address.sin_addr) == 1)
+        address.sin_family = AF_INET;
     return address;
-}
-
-// Run tasks in order, also those that are added meanwhile.
-inline void run_all(std::deque<callback<void()>> &tasks)
-{
-    while (!tasks.empty()) {
-        const auto task = std::move(tasks.front());
-        tasks.pop_front();
-        task();
-    }
 }
 
 inline int to_ms(milliseconds time)
@@ -244,19 +218,26 @@ inline int to_ms(milliseconds time)
     return static_cast<int>(std::clamp<milliseconds::rep>(time.count(), 1, INT_MAX));
 }
 
-// A received message, whose payload is at its end.
-struct message {
+// Bytes in order, behind others that are done with. An empty one holds no memory, so an idle link
+// costs little.
+struct buffer {
+    std::size_t size() const { return bytes.size() - start; }
+    const char *data() const { return bytes.data() + start; }
+    std::string_view view() const { return {data(), size()}; }
+    void consume(std::size_t count)
+    {
+        start += count;
+        if (start == bytes.size())
+            *this = buffer();
+        else if (start > bytes.size() / 2)
+            bytes.erase(0, std::exchange(start, 0));
+    }
     std::string bytes;
     std::size_t start = 0;
-
-    std::string_view payload() const { return {bytes.data() + start, bytes.size() - start}; }
 };
 
 struct closing_socket;
 struct link;
-struct pair;
-struct client_state;
-struct server_state;
 
 }
 
@@ -272,8 +253,16 @@ public:
      * at once, and watch() says why. */
     loop()
     {
-        if (objects++ == 0)
-            open();
+        if (objects++ > 0)
+            return;
+        stopped = nested = false;
+        alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+        wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        epoll = epoll_create1(EPOLL_CLOEXEC);
+        for (const int counter : {wakeup, alarm}) {
+            if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
+                close();
+        }
     }
     ~loop()
     {
@@ -285,11 +274,10 @@ public:
     /** Serve until stop(). Returns true, or false when the loop is closed or waiting failed. */
     bool run()
     {
-        while (!std::exchange(stopped, false)) {
-            if (!run_once(milliseconds(-1)))
-                return false;
-        }
-        return true;
+        bool open = true;
+        while (open && !std::exchange(stopped, false))
+            open = run_once(milliseconds(-1));
+        return open;
     }
     /** Make run() return once the round in progress is complete; of nested ones, the innermost.
      * Without a run() in progress, the next one returns at once. */
@@ -299,15 +287,24 @@ public:
      * Returns false when the loop is closed or waiting failed. */
     bool run_once(milliseconds limit)
     {
-        depth++;
-        detail::run_all(to_flush);
+        events.resize(watched.size() + 1); // one round reports all, so it reads before timers fire
+        waiting = true;
         const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
-        const bool waited = count >= 0 || errno == EINTR;
-        if (waited)
-            serve_all(count);
-        if (--depth == 0 && nested)
+        waiting = false;
+        if (count < 0 && errno != EINTR)
+            return false;
+        // A callback may run a round of its own and serve what was reported to this one, which then
+        // drops the rest: what is still ready is reported again.
+        const unsigned mine = ++round;
+        now = detail::clock::now();
+        for (int i = 0; i < count && round == mine; i++)
+            serve(events[std::size_t(i)].data.u64);
+        run_posted();
+        ruvo_fire_timer();
+        run_posted();
+        if (nested)
             nest();
-        return waited;
+        return true;
     }
     /** Run a callback whenever a descriptor of the program's is readable, or ready for other events
      * of epoll, until unwatch(). The descriptor stays the program's. A file, which is always ready,
@@ -317,18 +314,14 @@ public:
     {
         if (watched.count(fd) != 0)
             return {std::errc::file_exists, "the descriptor is watched already"};
-        epoll_event event{};
-        event.events = wanted;
+        epoll_event event{wanted, {}};
         event.data.u64 = std::uint64_t(++generation) << 32 | std::uint32_t(fd);
         const bool refused = epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0;
         if (refused && errno != EPERM)
-            return detail::system_refusal("the descriptor cannot be watched");
-        if (refused)
-            always.push_back(event);
+            return {std::errc(errno), std::strerror(errno)};
         watched[fd] = {event, std::move(ready)};
-        if (events.size() < watched.size()) // one round reports all, so it reads before timers fire
-            events.resize(2 * watched.size());
-        work_added();
+        if (refused) // a file
+            post([event] { serve_file(event.data.u64); });
         return {};
     }
     /** Stop watching a descriptor, effective immediately; before it is closed. Does nothing when it
@@ -341,8 +334,6 @@ public:
         const auto released = std::move(found->second); // its destructor may call back
         watched.erase(found);
         epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr);
-        const auto same = [&](auto &event) { return event.data.u64 == released.event.data.u64; };
-        always.erase(std::remove_if(always.begin(), always.end(), same), always.end());
     }
     /** Run a callback in the loop's next round. Any thread may call this while there is a loop. */
     static void post(callback<void()> task)
@@ -350,8 +341,7 @@ public:
         const std::lock_guard<std::mutex> lock(guard);
         if (epoll >= 0)
             posted.push_back(std::move(task));
-        if (posted.size() == 1)
-            eventfd_write(wakeup, 1);
+        wake();
     }
     /** Return a descriptor that is readable when run_once(0) has work, for nesting this loop in
      * another one: watch it there, and call run_once(0) when it is readable. It stays the loop's.
@@ -372,20 +362,6 @@ private:
         callback<void()> handler;
     };
 
-    static void open()
-    {
-        stopped = nested = false;
-        alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-        {
-            const std::lock_guard<std::mutex> lock(guard);
-            wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-            epoll = epoll_create1(EPOLL_CLOEXEC);
-        }
-        for (const int counter : {wakeup, alarm}) {
-            if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
-                return close();
-        }
-    }
     static void close()
     {
         std::unique_lock<std::mutex> lock(guard);
@@ -394,8 +370,6 @@ private:
         const auto dropped = std::exchange(posted, {}); // destructors may call back
         lock.unlock();
         const auto released = std::exchange(watched, {});
-        const auto unflushed = std::exchange(to_flush, {});
-        always.clear();
         round++;
     }
     static void change(int fd, unsigned wanted)
@@ -406,83 +380,67 @@ private:
         found->second.event.events = wanted;
         epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &found->second.event);
     }
-    // Something became due outside run_once(): a loop around this one has to call it.
-    static void work_added()
+    // Something became due while the loop, or a loop around it, waits.
+    static void wake()
     {
-        if (nested && depth == 0)
+        if (waiting.exchange(false))
             eventfd_write(wakeup, 1);
-    }
-    static bool busy()
-    {
-        const std::lock_guard<std::mutex> lock(guard);
-        return !posted.empty() || !always.empty();
     }
     static int wait_time(milliseconds limit)
     {
+        const auto longest = std::clamp<milliseconds::rep>(limit.count(), -1, INT_MAX);
         const int due = ruvo_timer_get_expected_interval();
-        if (limit.count() == 0 || due == 0 || busy())
-            return 0;
-        if (limit.count() < 0)
-            return due;
-        return due < 0 ? detail::to_ms(limit) : std::min(due, detail::to_ms(limit));
+        const std::lock_guard<std::mutex> lock(guard);
+        return posted.empty() ? int(std::min(unsigned(longest), unsigned(due))) : 0; // -1: largest
     }
-    // Serve a round's events, work and timers. A callback may run a round of its own and serve what
-    // was reported to this one, which then drops the rest: what is still ready is reported again.
-    static void serve_all(int count)
+    // False: the registration has ended, even if its descriptor's number is in use again.
+    static bool serve(std::uint64_t key)
     {
-        const unsigned mine = ++round;
-        const auto also = always;
-        now = detail::clock::now();
-        for (int i = 0; i < count && round == mine; i++)
-            serve(events[std::size_t(i)]);
-        for (auto event = also.begin(); event != also.end() && round == mine; ++event)
-            serve(*event);
-        run_posted();
-        ruvo_fire_timer();
-        detail::run_all(to_flush);
+        const auto found = watched.find(int(key));
+        if (found == watched.end() || found->second.event.data.u64 != key)
+            return false;
+        found->second.handler();
+        return true;
     }
-    // A descriptor whose registration has ended since its event was reported is not found, also
-    // when its number is in use again.
-    static void serve(epoll_event event)
+    // Files, which epoll refuses, are ready in every round.
+    static void serve_file(std::uint64_t key)
     {
-        const auto found = watched.find(int(event.data.u64));
-        if (found != watched.end() && found->second.event.data.u64 == event.data.u64)
-            found->second.handler();
+        if (serve(key))
+            post([key] { serve_file(key); });
     }
     static void run_posted()
     {
         std::unique_lock<std::mutex> lock(guard);
         for (std::size_t left = posted.size(); left > 0 && !posted.empty(); left--) {
-            const auto task = std::move(posted.front());
+            auto task = std::move(posted.front());
             posted.pop_front();
             lock.unlock();
             task();
+            task = nullptr; // its destructor may post
             lock.lock();
         }
     }
     // Make the descriptor ready when run_once(0) has work, or will have.
     static void nest()
     {
-        nested = true;
-        const int due = ruvo_timer_get_expected_interval();
+        nested = waiting = true;
+        const int due = wait_time(milliseconds(-1));
         itimerspec when{};
         when.it_value.tv_sec = std::max(due, 0) / 1000;
         when.it_value.tv_nsec = due < 0 ? 0 : std::max(due % 1000 * 1000000L, 1L);
         timerfd_settime(alarm, 0, &when, nullptr);
-        if (busy() || !to_flush.empty())
-            eventfd_write(wakeup, 1);
     }
 
     static inline int objects = 0, epoll = -1, wakeup = -1, alarm = -1;
     static inline bool stopped = false, nested = false; // nested: another loop waits for fd()
-    static inline unsigned depth = 0, round = 0, generation = 0;
+    static inline unsigned round = 0, generation = 0;
     static inline detail::clock::time_point now;
     static inline std::unordered_map<int, watched_fd> watched;
-    static inline std::vector<epoll_event> events;               // of the round in progress
-    static inline std::vector<epoll_event> always;               // files, which epoll refuses
-    static inline std::deque<callback<void()>> to_flush, posted; // to_flush: links
-    static inline std::mutex guard;                              // of posted, epoll and wakeup
-    static inline char received[detail::flush_size];             // what a link has just read
+    static inline std::vector<epoll_event> events; // of the round in progress
+    static inline std::deque<callback<void()>> posted;
+    static inline std::mutex guard; // of posted
+    static inline std::atomic<bool> waiting = false;
+    static inline char received[detail::flush_size]; // what a link has just read
 };
 
 // ---- timer ---------------------------------------------------------------------------------
@@ -512,28 +470,23 @@ public:
 
 private:
     struct started {
-        ~started()
-        {
-            if (id != -1)
-                ruvo_stop_timer(id);
-        }
+        ~started() { ruvo_stop_timer(id); }
         callback<void()> task;
-        bool periodic;
         int id = -1;
     };
 
     timer(milliseconds time, callback<void()> task, bool periodic)
-        : state(new started{std::move(task), periodic})
+        : state(new started{std::move(task)})
     {
         const auto start = periodic ? ruvo_start_periodic_timer : ruvo_start_timer;
-        state->id =
-            start(detail::to_ms(time), fire, reinterpret_cast<std::intptr_t>(state.get()), 0);
-        loop::work_added();
+        const auto object = reinterpret_cast<std::intptr_t>(state.get());
+        state->id = start(detail::to_ms(time), fire, object, periodic);
+        loop::wake();
     }
-    static void fire(std::intptr_t object, std::intptr_t)
+    static void fire(std::intptr_t object, std::intptr_t periodic)
     {
         auto *fired = reinterpret_cast<started *>(object);
-        if (!fired->periodic)
+        if (periodic == 0)
             fired->id = -1;
         fired->task(); // may destroy the timer
     }
@@ -547,7 +500,7 @@ class response
 {
 public:
     /** For the layer itself, and for tests of handlers. */
-    response(tolvane::outcome what, tolvane::status why, detail::message reply = {})
+    response(tolvane::outcome what, tolvane::status why, detail::buffer reply = {})
         : result(what), cause(why), body(std::move(reply))
     {
     }
@@ -556,48 +509,30 @@ public:
     /** Success after a reply; else why there is none, above all why a request was refused. */
     tolvane::status status() const { return cause; }
     /** The reply, or nothing; never null, followed by a 0x00, valid as long as the response. */
-    std::string_view payload() const { return body.payload(); }
+    std::string_view payload() const { return body.view(); }
     explicit operator bool() const { return result == tolvane::outcome::replied; }
 
 private:
     tolvane::outcome result;
     tolvane::status cause;
-    detail::message body;
+    detail::buffer body;
 };
 
 namespace detail
 {
 
-// Bytes in order. An empty buffer holds no memory, so an idle link costs little.
-struct buffer {
-    std::size_t size() const { return bytes.size() - start; }
-    char *data() { return bytes.data() + start; }
-    void consume(std::size_t count)
-    {
-        start += count;
-        if (start == bytes.size())
-            *this = buffer();
-        else if (start > bytes.size() / 2)
-            bytes.erase(0, std::exchange(start, 0));
-    }
-    std::string bytes;
-    std::size_t start = 0;
-};
-
 // What begins a one-way request on a pipelined link: a kind, a correlation ID in hexadecimal, 0x00.
 struct mark {
     static constexpr std::size_t size = 10;
+    static constexpr std::string_view kinds = "?=!-"; // request, reply, one-way, declined
 
-    static std::optional<mark> read(std::string_view payload)
+    static mark read(std::string_view payload)
     {
         mark found;
-        if (payload.size() < size || payload[size - 1] != '\0')
-            return std::nullopt;
-        found.kind = payload[0];
         const char *end = payload.data() + size - 1;
-        if (std::from_chars(payload.data() + 1, end, found.id, 16).ptr != end ||
-            std::string_view("?=!-").find(found.kind) == std::string_view::npos)
-            return std::nullopt;
+        if (payload.size() >= size && *end == '\0' && kinds.find(payload[0]) != kinds.npos &&
+            std::from_chars(payload.data() + 1, end, found.id, 16).ptr == end)
+            found.kind = payload[0];
         return found;
     }
     void append_to(std::string &out) const
@@ -607,49 +542,61 @@ struct mark {
             out += "0123456789abcdef"[id >> shift & 15];
         out += '\0';
     }
-    char kind = '?'; // '?' request, '=' reply, '!' one-way, '-' declined
+    char kind = '\0'; // '\0': no mark, as on a plain link
     std::uint32_t id = 0;
 };
+
+// Send what the system takes at once. Returns its size, or a negative error number.
+inline ssize_t send_some(int fd, buffer &out)
+{
+    const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0 && try_later(errno))
+        return 0;
+    const ssize_t result = sent < 0 ? -errno : sent;
+    out.consume(sent < 0 ? out.size() : std::size_t(sent));
+    return result;
+}
 
 // Sends what a closed link still had queued, waits for the other end to close, and closes the
 // descriptor. Closing it at once would reset the connection if anything arrived meanwhile, and the
 // other end could lose what it has not read.
 struct closing_socket {
-    closing_socket(int descriptor, buffer unsent, const options &opts, callback<void()> when_closed)
-        : fd(descriptor), out(std::move(unsent)), still_read(opts.max_queued),
-          closed(std::move(when_closed)),
-          limit(timer::once(opts.connect_timeout, [this] { loop::unwatch(fd); }))
-    {
-    }
     ~closing_socket()
     {
         read(); // what is unread would reset the connection
         close(fd);
-        closed();
     }
     ssize_t read() const { return recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT); }
     void ready()
     {
-        const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent > 0)
-            out.consume(std::size_t(sent));
-        else if (sent < 0 && !try_later(errno))
-            out = buffer();
+        send_some(fd, out);
         if (out.size() == 0)
             shutdown(fd, SHUT_WR);
         const auto got = read();
-        const bool broken = got < 0 && !try_later(errno);
-        still_read -= std::min(still_read, std::size_t(std::max<ssize_t>(got, 0)));
-        if (broken || still_read == 0 || (got == 0 && out.size() == 0))
+        dropped += std::size_t(std::max<ssize_t>(got, 0));
+        if (got == 0 || dropped > dropped_at_most || (got < 0 && !try_later(errno)))
             loop::unwatch(fd); // and this object with it
         else
-            loop::change(fd, (got != 0 ? EPOLLIN : 0u) | (out.size() > 0 ? EPOLLOUT : 0u));
+            loop::change(fd, out.size() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
     }
-    int fd;
+    std::shared_ptr<void> place; // see connection
+    int fd = -1;
     buffer out;
-    std::size_t still_read; // bytes to take from a peer that goes on sending
-    callback<void()> closed;
     timer limit;
+    std::size_t dropped = 0; // bytes from a peer that goes on sending
+};
+
+// What a client or a server shares with its links. Destroying the client or server empties it.
+struct handlers {
+    handlers() = default;
+    explicit handlers(const options &settings) : opts(settings), alive(true) {}
+    options opts;
+    bool alive = false;
+    callback<void()> connected, drained; // a client's
+    callback<void(std::string_view)> lost;
+    callback<void(peer)> login, peer_drained; // a server's
+    callback<void(peer, reason)> logout;
+    callback<void(request)> request;
 };
 
 // What ends with a connection.
@@ -659,18 +606,14 @@ struct connection {
     int fd = -1;
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // the system would not take all of the output
-    bool flush_due = false;                      // the loop has a task that flushes
-    bool service_due = false;                    // the loop has a task that serves
     buffer in, out;
-    int send_error = 0;            // nothing is sent any more
-    std::string failure;           // why it ends, once what was received before is served
+    int send_error = 0;
     std::uint32_t waiting_for = 0; // plain link: the request that was sent, perhaps timed out
     bool serving = false;          // plain link: a received request is not answered yet
-    std::list<message> backlog;    // and these wait behind it
-    std::size_t backlog_size = 0;
+    buffer backlog;                // and the frames of others wait behind it
     timer heartbeat, overdue;
-    int missed = 0; // heartbeats without an answer
     clock::time_point heard = clock::now();
+    std::shared_ptr<void> place; // a server's link: one of max_clients
 };
 
 // One end of a connection, and the requests under way on it. A client's outlives its connections.
@@ -683,64 +626,64 @@ struct link : connection, std::enable_shared_from_this<link> {
         callback<void(response)> handler;
         timer limit;
     };
-    struct held_request {
-        std::uint32_t id; // 0: one-way
-        std::string text;
-    };
 
-    link(const options &settings, bool many_connections)
-        : opts(settings), reconnects(many_connections)
-    {
-        opts.heartbeat = std::min(opts.heartbeat, milliseconds(INT_MAX)); // can be added to a time
-    }
+    link(std::shared_ptr<handlers> by, bool many) : on(std::move(by)), reconnects(many) {}
     virtual ~link() = default;
 
     // What clients and servers do differently. end() closes the connection and posts the report.
-    virtual void end(reason why, std::string text) = 0;
-    virtual void arrived(request received) = 0;
-    virtual void drained() = 0;
-    virtual void handle_other(int type,
-                              const message &received) = 0; // login and what belongs to it
-    virtual void accepted_pipelined() {}                    // a server accepts a client's offer
+    virtual void end(reason, std::string) {}
+    virtual void handle_other(int, const buffer &) {} // login and what belongs to it
+
+    // What an empty handle has: a link that is closed. It outlives all static objects.
+    static std::shared_ptr<link> none()
+    {
+        static const auto &closed =
+            *new auto(std::make_shared<link>(std::make_shared<handlers>(options()), false));
+        return closed;
+    }
 
     // ---- the connection
 
-    void open(tv_channel *record, int descriptor)
+    status open(tv_channel *record, int descriptor, unsigned wanted)
     {
+        const int yes = 1;
         channel = record;
         id = record->channelId;
         fd = descriptor;
         heard = clock::now();
-    }
-    status watch()
-    {
-        return loop::watch(fd, [self = shared_from_this()] { self->ready(); });
+        if (fd < 0 || setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes)) != 0)
+            return {std::errc(errno), std::strerror(errno)};
+        return loop::watch(
+            fd, [self = shared_from_this()] { self->turn(true); }, wanted);
     }
     void close_now()
     {
+        if (id == -1)
+            return;
         loop::unwatch(fd);
         tv_close_channel(id);
         static_cast<connection &>(*this) = connection();
     }
-    void close_when_sent(callback<void()> closed = nullptr)
+    void close_when_sent()
     {
         write_out();
         const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
-        const auto last =
-            std::make_shared<closing_socket>(copy, std::move(out), opts, std::move(closed));
+        const std::shared_ptr<closing_socket> last(new closing_socket{
+            std::move(place), copy, std::move(out),
+            timer::once(on->opts.connect_timeout, [copy] { loop::unwatch(copy); })});
         close_now();
-        const auto ready = [last] { last->ready(); };
-        (void)loop::watch(copy, ready, EPOLLIN | EPOLLOUT); // refused: nothing is sent any more
+        const auto served = [last] { last->ready(); };
+        (void)loop::watch(copy, served, EPOLLIN | EPOLLOUT); // refused: the rest is not sent
     }
     // Report a request's outcome in the loop, never from inside the application's call.
     void post_result(callback<void(response)> handler, outcome what, status why)
     {
-        loop::post([exists = alive, handler = std::move(handler), what, why] {
-            if (*exists)
+        loop::post([on = on, handler = std::move(handler), what, why] {
+            if (on->alive)
                 handler({what, why});
         });
     }
-    // Report the requests under way as lost, in their order; with keep_held, only those sent.
+    // Report the requests under way as lost; with keep_held, only those sent.
     void fail_calls(bool keep_held)
     {
         auto lost = std::exchange(calls, {});
@@ -749,351 +692,275 @@ struct link : connection, std::enable_shared_from_this<link> {
             held_size = 0;
         }
         for (const auto &kept : held)
-            calls.insert(lost.extract(kept.id));
+            calls.insert(lost.extract(std::uint32_t(kept.first)));
         for (auto &entry : lost)
             post_result(std::move(entry.second.handler), outcome::lost,
                         {std::errc::connection_reset, "the link was lost"});
     }
-    void supervise(milliseconds wait)
-    {
-        if (opts.heartbeat.count() > 0)
-            heartbeat = timer::once(wait, [this] { heartbeat_due(); });
-    }
     void hear()
     {
         heard = loop::now;
-        missed = channel->hbSequence = 0;
+        channel->hbSequence = 0; // the heartbeats without an answer
     }
-    void heartbeat_due()
+    // Send a heartbeat whenever nothing was heard for another period.
+    void supervise()
     {
-        const auto due = heard + opts.heartbeat * (missed + 1);
-        const auto early = std::chrono::ceil<milliseconds>(due - clock::now());
-        if (early.count() > 0)
-            return supervise(early); // something has been received meanwhile
-        if (++missed > opts.missed_heartbeats)
-            return end(reason::silent, "heartbeats were not answered");
-        channel->hbSequence++;
-        append_heartbeat(c::build_heartbeat_msg);
-        supervise(opts.heartbeat);
-    }
-
-    // ---- output
-
-    std::size_t queued() const { return out.size() + held_size; }
-    // The other end does not read what is sent. Requests held for their turn do not count.
-    bool choked() const { return out.size() >= opts.max_queued; }
-    status check(std::string_view text, bool plain)
-    {
-        if (id == -1 && !(reconnects && *alive))
-            return {std::errc::not_connected, "the link is closed"};
-        if (text.size() > max_payload)
-            return {std::errc::message_size, "the payload is too long"};
-        if (plain && text.find(reserved_text) != std::string_view::npos)
-            return {std::errc::invalid_argument, "the payload contains \"velun_tolvane_\", which "
-                                                 "only a pipelined link can carry"};
-        if (queued() < opts.max_queued)
-            return {};
-        stalled = true;
-        flush_later();
-        return {std::errc::no_buffer_space, "the queue is full, try again later"};
-    }
-    // Have the loop flush this link before it waits.
-    void flush_later()
-    {
-        if (flush_due || loop::epoll < 0)
+        const milliseconds period(to_ms(on->opts.heartbeat));
+        const auto due = heard + period * (channel->hbSequence + 1);
+        auto wait = std::chrono::ceil<milliseconds>(due - clock::now());
+        if (on->opts.heartbeat.count() <= 0)
             return;
-        flush_due = true;
-        loop::to_flush.push_back([self = shared_from_this()] { self->flush(); });
-        loop::work_added();
-    }
-    void flush()
-    {
-        flush_due = false;
-        write_out();
-        if (writing != (out.size() > 0)) {
-            writing = !writing;
-            loop::change(fd, writing ? EPOLLIN | EPOLLOUT : EPOLLIN);
+        if (wait.count() <= 0) {
+            if (channel->hbSequence++ >= on->opts.missed_heartbeats)
+                return end(reason::silent, "heartbeats were not answered");
+            append_heartbeat(c::build_heartbeat_msg);
+            wait = period;
         }
-        stalled = stalled || writing;
-        if (stalled && queued() == 0) {
-            stalled = false;
-            drained();
-        }
+        heartbeat = timer::once(wait, [this] { supervise(); });
     }
-    void write_out()
+    // Have the loop give this link a turn before it waits.
+    void turn_later()
     {
-        if (send_error != 0)
-            out = buffer();
-        if (out.size() == 0)
-            return;
-        const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent > 0 && choked())
-            hear();
-        if (sent > 0)
-            out.consume(std::size_t(sent));
-        if (sent >= 0 || try_later(errno))
-            return;
-        // The link ends when what has arrived is read: receive() finds the end behind it.
-        send_error = errno;
-        out = buffer();
-        shutdown(fd, SHUT_RDWR);
+        if (!std::exchange(turn_due, true))
+            loop::post([self = shared_from_this()] { self->turn(false); });
     }
-    // Queue one frame: a message without its payload, a mark, and the payload.
-    void append(const char *head, int head_size, std::string_view text,
-                std::optional<mark> with = std::nullopt)
-    {
-        const std::size_t length = std::size_t(head_size) + (with ? mark::size : 0) + text.size();
-        const std::uint32_t size = htonl(std::uint32_t(length));
-        if (out.bytes.empty())
-            out.bytes.reserve(256 + text.size());
-        out.bytes.append(watermark);
-        out.bytes.append(reinterpret_cast<const char *>(&size), sizeof(size));
-        out.bytes.append(head, std::size_t(head_size));
-        if (with)
-            with->append_to(out.bytes);
-        out.bytes.append(text);
-        if (out.size() >= flush_size && !writing)
-            write_out();
-        flush_later();
-    }
-    void append_request(std::string_view text, std::optional<mark> with)
-    {
-        append(channel->msgBuf, c::pack_outgoing_rqst(channel, "", 0), text, with);
-    }
-    void append_heartbeat(int (*build)(tv_channel *, char *, int))
-    {
-        char head[512];
-        if (!choked()) // else it would not be seen, and only fill the memory
-            append(head, build(channel, head, sizeof(head)), {});
-    }
-    bool may_send(std::uint32_t call_id) const
-    {
-        return established && (pipelined || call_id == 0 || waiting_for == 0);
-    }
-    void transmit(std::uint32_t call_id, std::string_view text)
-    {
-        if (pipelined)
-            return append_request(text, mark{call_id != 0 ? '?' : '!', call_id});
-        if (call_id != 0)
-            waiting_for = call_id;
-        append_request(text, std::nullopt);
-    }
-    void submit(std::uint32_t call_id, std::string_view text)
-    {
-        if (held.empty() && may_send(call_id))
-            return transmit(call_id, text);
-        held.push_back({call_id, std::string(text)});
-        held_size += text.size();
-    }
-    // Send what was held and may go now.
-    void send_held()
-    {
-        while (!held.empty() && may_send(held.front().id)) {
-            const auto next = std::move(held.front());
-            held.pop_front();
-            held_size -= next.text.size();
-            transmit(next.id, next.text);
-        }
-    }
-    status tell(std::string_view text)
-    {
-        const status result = check(text, !pipelined);
-        if (result)
-            submit(0, text);
-        return result;
-    }
-    void ask(std::string_view text, milliseconds timeout, callback<void(response)> handler)
-    {
-        do
-            last_id++;
-        while (last_id == 0 || calls.count(last_id) != 0);
-        status result = check(text, !pipelined);
-        timer limit = timer::once(timeout, [this, number = last_id] { timed_out(number); });
-        if (result && !limit)
-            result = {std::errc::not_enough_memory, "no memory for the timeout"};
-        if (!result)
-            return post_result(std::move(handler), outcome::refused, result);
-        calls[last_id] = {std::move(handler), std::move(limit)};
-        submit(last_id, text);
-    }
-    // Reply to a request ('='), or decline it ('-').
-    status answer(int connection_id, std::optional<mark> to, char kind, std::string_view text)
-    {
-        if (connection_id != id || id == -1)
-            return {std::errc::not_connected, "the link of the request is closed"};
-        const status result = kind == '=' ? check(text, !to) : status();
-        if (!result)
-            return result;
-        if (to && (kind == '=' || !choked()))
-            append_request(text, mark{kind, to->id});
-        else if (kind == '=')
-            append(channel->msgBuf, c::pack_outgoing_resp(channel, "", 0), text);
-        serving = serving && to;
-        if (!backlog.empty())
-            serve_later();
-        return result;
-    }
-
-    // ---- input
-
-    // The length of the next message: 0 if it is incomplete, -1 if it is not valid.
-    long next_frame()
-    {
-        if (in.size() < frame_header)
-            return 0;
-        std::uint32_t size;
-        std::memcpy(&size, in.data() + frame_header - sizeof(size), sizeof(size));
-        size = ntohl(size);
-        if (std::memcmp(in.data(), watermark.data(), 15) != 0 || size == 0 ||
-            size > TV_MSG_BUF_SIZE)
-            return -1;
-        return in.size() - frame_header < size ? 0 : long(size);
-    }
-    bool pending() { return (!serving && !backlog.empty()) || next_frame() > 0; }
-    void receive()
-    {
-        const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
-        if (got > 0)
-            in.bytes.append(loop::received, std::size_t(got));
-        else if (got == 0)
-            failure = send_error == 0 ? "the other end closed the link" : std::strerror(send_error);
-        else if (!try_later(errno))
-            failure = std::strerror(errno);
-    }
-    void ready()
+    // Serve what is readable or waits, as much as others can wait for, and send.
+    void turn(bool readable)
     {
         const int current = id;
-        if (writing)
-            flush();
-        if (id == current && !pending())
+        turn_due = false;
+        if (readable && !pending())
             receive();
         for (int count = 0; id == current && count < served_per_turn && pending(); count++)
             serve_one();
         if (id != current)
             return;
         if (pending())
-            serve_later();
-        else if (next_frame() < 0 || backlog_size > opts.max_queued)
-            end(reason::lost, "the other end broke the protocol");
-        else if (!failure.empty())
-            end(reason::lost, failure);
+            turn_later();
+        else if (next_frame(in) < 0 || backlog.size() > on->opts.max_queued)
+            return end(reason::lost, "the other end broke the protocol");
+        flush();
     }
-    void serve_later()
+
+    // ---- output
+
+    std::size_t queued() const { return out.size() + held_size; }
+    // The other end does not read what is sent. Requests held for their turn do not count.
+    bool choked() const { return out.size() >= on->opts.max_queued; }
+    status check(std::string_view text, bool plain)
     {
-        if (std::exchange(service_due, true))
-            return;
-        loop::post([self = shared_from_this(), current = id] {
-            if (self->id != current || current == -1)
-                return;
-            self->service_due = false;
-            self->ready();
-        });
+        if (id == -1 && !(reconnects && on->alive))
+            return {std::errc::not_connected, "the link is closed"};
+        if (text.size() > max_payload)
+            return {std::errc::message_size, "the payload is too long"};
+        if (plain && text.find(reserved_text) != std::string_view::npos)
+            return {std::errc::invalid_argument, "the payload contains \"velun_tolvane_\", which "
+                                                 "only a pipelined link can carry"};
+        if (queued() < on->opts.max_queued)
+            return {};
+        stalled = true;
+        turn_later();
+        return {std::errc::no_buffer_space, "the queue is full, try again later"};
+    }
+    void flush();
+    void write_out()
+    {
+        const bool was_choked = choked();
+        const auto sent = out.size() > 0 ? send_some(fd, out) : 0;
+        if (sent < 0) { // the link ends when what has arrived is read
+            send_error = send_error != 0 ? send_error : int(-sent);
+            shutdown(fd, SHUT_RDWR);
+        }
+        if (sent > 0 && was_choked)
+            hear();
+    }
+    // Queue one frame: a message in msgBuf without its payload, a mark, and the payload.
+    void append(int head_size, std::string_view text, mark with = {})
+    {
+        const std::size_t marked = with.kind != '\0' ? mark::size : 0;
+        const auto size = htonl(std::uint32_t(std::size_t(head_size) + marked + text.size()));
+        if (out.bytes.empty())
+            out.bytes.reserve(256 + text.size());
+        out.bytes.append(watermark);
+        out.bytes.append(reinterpret_cast<const char *>(&size), sizeof(size));
+        out.bytes.append(channel->msgBuf, std::size_t(head_size));
+        if (marked != 0)
+            with.append_to(out.bytes);
+        out.bytes.append(text);
+        if (out.size() >= flush_size && !writing)
+            write_out();
+        turn_later();
+    }
+    void append_heartbeat(int (*build)(tv_channel *, char *, int))
+    {
+        if (!choked()) // else it would not be seen, and only fill the memory
+            append(build(channel, channel->msgBuf, TV_MSG_BUF_SIZE), {});
+    }
+    // Messages have numbers, in order. The lower 32 bits are a correlation ID, which is never 0, as
+    // numbers are odd, nor that of another request under way.
+    std::uint64_t next_number()
+    {
+        do
+            last_number += 2;
+        while (asks(last_number));
+        return last_number;
+    }
+    bool asks(std::uint64_t number) const { return calls.count(std::uint32_t(number)) != 0; }
+    bool may_send(std::uint64_t number) const
+    {
+        return established && (pipelined || waiting_for == 0 || !asks(number));
+    }
+    void transmit(std::uint64_t number, std::string_view text)
+    {
+        const bool asked = asks(number);
+        mark with;
+        if (pipelined)
+            with = {asked ? '?' : '!', asked ? std::uint32_t(number) : 0};
+        else if (asked)
+            waiting_for = std::uint32_t(number);
+        append(c::pack_outgoing_rqst(channel, "", 0), text, with);
+    }
+    void submit(std::uint64_t number, std::string_view text)
+    {
+        if (held.empty() && may_send(number))
+            return transmit(number, text);
+        held.emplace(number, text);
+        held_size += text.size();
+    }
+    // Send what was held and may go now.
+    void send_held()
+    {
+        while (!held.empty() && may_send(held.begin()->first)) {
+            const auto next = held.extract(held.begin());
+            held_size -= next.mapped().size();
+            transmit(next.key(), next.mapped());
+        }
+    }
+    status tell(std::string_view text)
+    {
+        const status result = check(text, !pipelined);
+        if (result)
+            submit(next_number(), text);
+        return result;
+    }
+    void ask(std::string_view text, milliseconds timeout, callback<void(response)> handler)
+    {
+        const auto number = next_number();
+        status result = check(text, !pipelined);
+        timer limit = timer::once(timeout, [this, number] { timed_out(number); });
+        if (result && !limit)
+            result = {std::errc::not_enough_memory, "no memory for the timeout"};
+        if (!result)
+            return post_result(std::move(handler), outcome::refused, result);
+        calls[std::uint32_t(number)] = {std::move(handler), std::move(limit)};
+        submit(number, text);
+    }
+    // Reply to a request ('='), or decline it ('-').
+    status answer(int connection_id, mark to, char kind, std::string_view text)
+    {
+        const bool plain = to.kind == '\0', replies = kind == '=';
+        if (connection_id != id || id == -1)
+            return {std::errc::not_connected, "the link of the request is closed"};
+        const status result = replies ? check(text, plain) : status();
+        if (!result)
+            return result;
+        if (plain && replies)
+            append(c::pack_outgoing_resp(channel, "", 0), text);
+        else if (!plain && (replies || !choked()))
+            append(c::pack_outgoing_rqst(channel, "", 0), text, {kind, to.id});
+        serving = serving && !plain;
+        turn_later(); // the next one may be served
+        return result;
+    }
+
+    // ---- input
+
+    // The size of the frame at the front: 0 if it is incomplete, -1 if it is not valid.
+    static long next_frame(const buffer &from)
+    {
+        std::uint32_t size;
+        if (from.size() < frame_header)
+            return 0;
+        std::memcpy(&size, from.data() + frame_header - sizeof(size), sizeof(size));
+        size = ntohl(size);
+        if (std::memcmp(from.data(), watermark.data(), 15) != 0 || size == 0 ||
+            size > TV_MSG_BUF_SIZE)
+            return -1;
+        return from.size() - frame_header < size ? 0 : long(frame_header + size);
+    }
+    bool backlog_due() const { return !serving && backlog.size() > 0; }
+    bool pending() const { return backlog_due() || next_frame(in) > 0; }
+    void receive()
+    {
+        const auto got = recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT);
+        const int error = got == 0 || send_error != 0 ? send_error : errno;
+        if (got > 0)
+            in.bytes.append(loop::received, std::size_t(got));
+        else if (got == 0 || !try_later(error))
+            end(reason::lost, error == 0 ? "the other end closed the link" : std::strerror(error));
     }
     void serve_one()
     {
-        if (!serving && !backlog.empty()) {
-            auto next = std::move(backlog.front());
-            backlog.pop_front();
-            backlog_size -= next.bytes.size();
-            return deliver(std::nullopt, std::move(next));
-        }
-        const auto size = std::size_t(next_frame());
-        message next{std::string(in.data() + frame_header, size)};
-        in.consume(frame_header + size);
-        if (c::tv_msg_received(channel, c::get_msg_sequence(next.bytes.data())) != 0)
-            return;
-        if (!choked())
-            hear(); // a peer that sends, but does not read its replies, is not alive
-        handle(std::move(next));
-    }
-    void handle(message &&received)
-    {
-        const int type = c::get_msg_type(received.bytes.data());
-        const int size = int(received.bytes.size());
-        int length = 0;
-        const bool complete = c::get_msg_payload(received.bytes.data(), size, &length) != nullptr;
-        received.start = std::size_t(size - length);
-        if (type == TV_MSG_REQUEST && complete)
-            request_received(std::move(received));
-        else if (type == TV_MSG_REPLY)
-            reply_received(std::move(received));
-        else if (type == TV_MSG_HEARTBEAT)
-            append_heartbeat(c::build_heartbeat_ack_msg);
-        else
-            handle_other(type, received);
-    }
-    void request_received(message &&received)
-    {
-        std::optional<mark> with;
-        if (pipelined || (opts.pipelined && !established))
-            with = mark::read(received.payload());
-        if (with)
-            received.start += mark::size;
-        if (!with && serving) {
-            backlog_size += received.bytes.size();
-            backlog.push_back(std::move(received));
-        } else if (!with || with->kind == '?' || with->kind == '!') {
-            deliver(with, std::move(received));
-        } else if (with->kind == '-') {
-            finish(with->id, {outcome::declined,
-                              {std::errc::operation_canceled, "the other end declined to reply"}});
-        } else if (with->id == 0) {
-            accepted_pipelined();
-        } else {
-            finish(with->id, {outcome::replied, {}, std::move(received)});
-        }
-    }
-    void deliver(std::optional<mark> with, message &&received);
-    // A reply, also one too late, ends a plain link's wait.
-    void reply_received(message &&received)
-    {
-        if (waiting_for == 0)
-            return;
+        const bool again = backlog_due();
         const int current = id;
-        overdue.stop();
-        finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(received)});
-        if (id == current)
-            send_held();
-    }
-    // Call the handler of a request, unless it has been called.
-    void finish(std::uint32_t call_id, response &&result)
-    {
-        const auto found = calls.find(call_id);
-        if (found == calls.end())
+        buffer &from = again ? backlog : in;
+        const auto size = std::size_t(next_frame(from));
+        buffer next{std::string(from.data(), size), frame_header};
+        from.consume(size);
+        if (!again && c::tv_msg_received(channel, c::get_msg_sequence(next.data())) != 0)
             return;
-        const auto ended = std::move(found->second);
-        calls.erase(found);
-        ended.handler(std::move(result));
-    }
-    void timed_out(std::uint32_t call_id)
-    {
-        const auto found = std::find_if(held.begin(), held.end(),
-                                        [&](auto &entry) { return entry.id == call_id; });
-        if (found != held.end()) {
-            held_size -= found->text.size();
-            held.erase(found);
-            flush_later();
+        if (!again && !choked())
+            hear(); // a peer that sends, but does not read its replies, is not alive
+        const int type = c::get_msg_type(next.data());
+        int length = 0;
+        const char *payload = c::get_msg_payload(next.data(), int(next.size()), &length);
+        next.start = size - std::size_t(length);
+        if (type == TV_MSG_REQUEST && payload != nullptr) {
+            request_received(std::move(next));
+        } else if (type == TV_MSG_REPLY && waiting_for != 0) { // also one too late ends the wait
+            overdue.stop();
+            finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(next)});
+            if (id == current)
+                send_held();
+        } else if (type == TV_MSG_HEARTBEAT) {
+            append_heartbeat(c::build_heartbeat_ack_msg);
+        } else {
+            handle_other(type, next);
         }
-        if (call_id == waiting_for)
-            overdue =
-                timer::once(opts.late_reply, [this] { end(reason::lost, "a reply is overdue"); });
-        finish(call_id, {outcome::timed_out, {std::errc::timed_out, "no reply in time"}});
+    }
+    void request_received(buffer &&received);
+    // Call the handler of a request, unless it has been called.
+    void finish(std::uint32_t correlation_id, response &&result)
+    {
+        if (const auto ended = calls.extract(correlation_id))
+            ended.mapped().handler(std::move(result));
+    }
+    void timed_out(std::uint64_t number)
+    {
+        if (const auto found = held.find(number); found != held.end()) {
+            held_size -= found->second.size();
+            held.erase(found);
+            turn_later();
+        }
+        if (std::uint32_t(number) == waiting_for)
+            overdue = timer::once(on->opts.late_reply,
+                                  [this] { end(reason::lost, "a reply is overdue"); });
+        finish(std::uint32_t(number),
+               {outcome::timed_out, {std::errc::timed_out, "no reply in time"}});
     }
 
-    options opts;
-    std::shared_ptr<bool> alive = std::make_shared<bool>(true); // the client or server exists
-    const bool reconnects; // a client's: what is sent without a connection is held
-    bool stalled = false;  // drained() is due
-    std::map<std::uint32_t, call> calls;
-    std::list<held_request> held; // until the connection, or a plain link's turn
+    const std::shared_ptr<handlers> on;
+    const bool reconnects;               // a client's: what is sent without a connection is held
+    bool turn_due = false;               // the loop has a task for it
+    bool stalled = false;                // on_drained is due
+    std::map<std::uint32_t, call> calls; // by correlation ID
+    std::map<std::uint64_t, std::string>
+        held; // by number, until the connection, or a plain link's turn
     std::size_t held_size = 0;
-    std::uint32_t last_id = 0;
-    std::string url;            // a server's link: the client's name, empty before its login
-    std::shared_ptr<void> data; // the application's
-    const void *data_type = nullptr;
+    std::uint64_t last_number = 1;
+    std::string url; // a server's link: the client's name, empty before its login
+    std::any data;   // the application's: a shared_ptr
 };
-
-template <class T> constexpr char type_tag = 0; // its address stands for the type
 
 }
 
@@ -1116,25 +983,22 @@ public:
     void request(std::string_view text, milliseconds timeout,
                  callback<void(response)> handler) const
     {
-        if (link != nullptr)
-            return link->ask(text, timeout, std::move(handler));
-        loop::post([handler = std::move(handler)] { handler({outcome::refused, nobody()}); });
+        link->ask(text, timeout, std::move(handler));
     }
     /** Send a one-way request, which gets no reply. Success means that it is queued: a link that is
      * lost loses what it had queued. Refused: a text that request() would refuse. A program on the
      * C interface must not answer it. */
-    status tell(std::string_view text) const
-    {
-        return link != nullptr ? link->tell(text) : nobody();
-    }
+    status tell(std::string_view text) const { return link->tell(text); }
     /** The bytes that wait to be sent. */
-    std::size_t queued() const { return link != nullptr ? link->queued() : 0; }
+    std::size_t queued() const { return link->queued(); }
 
-    /** For the layer itself: the end of a link, or of none. */
-    explicit other_end(std::shared_ptr<detail::link> to = nullptr) : link(std::move(to)) {}
+    /** For the layer itself. */
+    explicit other_end(std::shared_ptr<detail::link> to) : link(std::move(to)) {}
+    // Moves copy: a handle never lacks a link.
+    other_end(const other_end &) = default;
+    other_end &operator=(const other_end &) = default;
 
 protected:
-    static status nobody() { return {std::errc::not_connected, "an empty handle"}; }
     std::shared_ptr<detail::link> link;
 };
 
@@ -1144,39 +1008,31 @@ protected:
 class peer : public other_end
 {
 public:
+    /** An empty handle. */
+    peer() : other_end(detail::link::none()) {}
     /** True while the client is connected. Then request() and tell() reach it; after that they are
      * refused. */
-    explicit operator bool() const { return link != nullptr && link->id != -1; }
+    explicit operator bool() const { return link->id != -1; }
     /** The name that the client logged in with; empty before. Valid as long as a handle. */
-    const std::string &url() const
-    {
-        static const std::string none;
-        return link != nullptr ? link->url : none;
-    }
+    const std::string &url() const { return link->url; }
     /** End the connection once what is queued is sent, at most connect_timeout later; the handle
      * turns false now. Requests under way get outcome::lost, and on_logout gets reason::closed. The
      * client may connect again. What is queued is sent only while the loop runs. */
-    void close()
-    {
-        if (*this)
-            link->end(reason::closed, {});
-    }
+    void close() { link->end(reason::closed, {}); }
     /** The application's own data of this client, made by T() on first use and destroyed after
      * on_logout has returned. Null then, for an empty handle, and for a type other than the
      * first one. */
     template <class T> T *data()
     {
-        if (*this && link->data == nullptr) {
+        if (*this && !link->data.has_value())
             link->data = std::make_shared<T>();
-            link->data_type = &detail::type_tag<T>;
-        }
-        const bool same = link != nullptr && link->data_type == &detail::type_tag<T>;
-        return same ? static_cast<T *>(link->data.get()) : nullptr;
+        const auto *made = std::any_cast<std::shared_ptr<T>>(&link->data);
+        return made != nullptr ? made->get() : nullptr;
     }
     friend bool operator==(const peer &a, const peer &b) { return a.link == b.link; }
     friend bool operator!=(const peer &a, const peer &b) { return a.link != b.link; }
 
-    using other_end::other_end; // for the layer itself; without an argument, an empty handle
+    using other_end::other_end; // for the layer itself
 };
 
 // ---- request -------------------------------------------------------------------------------
@@ -1191,11 +1047,11 @@ public:
     request() = default;
 
     /** What the other end sent; never null, followed by a 0x00, valid as long as the request. */
-    std::string_view payload() const { return state != nullptr ? state->body.payload() : ""; }
+    std::string_view payload() const { return state != nullptr ? state->body.view() : ""; }
     /** The client that sent it. In a client, a handle of its server, with an empty URL: it is true
      * while the client is connected, and true again after a reconnect. Meanwhile tell() and
      * request() queue. Once the client is destroyed they refuse. */
-    peer from() const { return peer(state != nullptr ? state->link : nullptr); }
+    peer from() const { return state != nullptr ? peer(state->link) : peer(); }
     /** True until it is answered or declined; false from the start for a one-way request on a
      * pipelined link. A plain link does not carry that: a peer that awaits no reply takes one
      * for the reply to its next request, so do not answer what is one-way in your protocol. */
@@ -1205,54 +1061,80 @@ public:
      * refusal it may still be answered. */
     status reply(std::string_view text)
     {
-        if (!wants_reply())
-            return {std::errc::invalid_argument, "no reply is awaited"};
-        const status result = state->answer('=', text);
-        state->open = !result;
-        return result;
+        if (state == nullptr)
+            return {std::errc::invalid_argument, "an empty request"};
+        return state->answer('=', text);
     }
     /** Let the other end know that there will be no reply. On a plain link it finds out when its
      * timeout has passed. */
     void decline()
     {
-        if (wants_reply())
-            state->decline();
+        if (state != nullptr)
+            (void)state->answer('-', {});
     }
 
 private:
     friend struct detail::link;
     struct received {
-        ~received()
+        ~received() { (void)answer('-', {}); }
+        status answer(char kind, std::string_view text)
         {
-            if (open)
-                decline();
-        }
-        void decline()
-        {
-            open = false;
-            (void)answer('-', {});
-        }
-        status answer(char kind, std::string_view text) const
-        {
-            return link->answer(connection, with, kind, text);
+            if (!open)
+                return {std::errc::invalid_argument, "no reply is awaited"};
+            const status result = link->answer(connection, with, kind, text);
+            open = !result && kind == '=';
+            return result;
         }
         std::shared_ptr<detail::link> link;
         int connection;
-        std::optional<detail::mark> with;
+        detail::mark with;
         bool open; // to an answer
-        detail::message body;
+        detail::buffer body;
     };
     std::unique_ptr<received> state;
 };
 
-inline void detail::link::deliver(std::optional<mark> with, message &&received)
+inline void detail::link::request_received(buffer &&received)
 {
-    request incoming;
-    serving = serving || !with;
-    const bool open = !with || with->kind != '!';
-    incoming.state.reset(
-        new request::received{shared_from_this(), id, with, open, std::move(received)});
-    arrived(std::move(incoming));
+    mark with;
+    if (pipelined || (on->opts.pipelined && !established))
+        with = mark::read(received.view());
+    if (with.kind == '\0' && serving) {
+        backlog.bytes += received.bytes;
+        return;
+    }
+    received.start += with.kind != '\0' ? mark::size : 0;
+    if (with.kind == '-') {
+        const status why{std::errc::operation_canceled, "the other end declined to reply"};
+        finish(with.id, {outcome::declined, why});
+    } else if (with.kind == '=' && with.id == 0) { // accepts the offer in a login
+        pipelined = true;
+        handle_other(TV_MSG_HEARTBEAT_ACK, received);
+    } else if (with.kind == '=') {
+        finish(with.id, {outcome::replied, {}, std::move(received)});
+    } else {
+        request incoming;
+        serving = serving || with.kind == '\0';
+        incoming.state.reset(new request::received{shared_from_this(), id, with, with.kind != '!',
+                                                   std::move(received)});
+        on->request(std::move(incoming));
+    }
+}
+
+inline void detail::link::flush()
+{
+    write_out();
+    if (writing != (out.size() > 0)) {
+        writing = !writing;
+        loop::change(fd, writing ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    }
+    stalled = stalled || writing;
+    if (stalled && queued() == 0) {
+        stalled = false;
+        on->drained();
+        if (id != -1)
+            on->peer_drained(peer(shared_from_this()));
+    }
 }
 
 // ---- client --------------------------------------------------------------------------------
@@ -1260,154 +1142,88 @@ inline void detail::link::deliver(std::optional<mark> with, message &&received)
 namespace detail
 {
 
-inline bool is_address(const std::string &text)
-{
-    in_addr address;
-    return text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), &address) == 1;
-}
-
 struct client_state final : link {
-    client_state(const options &settings, endpoint to, endpoint self)
-        : link(settings, true), server(std::move(to)), name(std::move(self))
+    client_state(const options &settings, const endpoint &to, const endpoint &self)
+        : link(std::make_shared<handlers>(settings), true), server(socket_address(to)),
+          name(self.url())
     {
     }
-    void arrived(request received) override { on.request(std::move(received)); }
-    void drained() override { on.drained(); }
-    void attempt_after(milliseconds time)
-    {
-        step = timer::once(time, [this] { attempt(); });
-    }
-    // Begin a connection on a fresh channel: an old one would go on counting messages.
+    // Begin a connection on a fresh channel: an old one would go on counting messages. The login
+    // waits for TCP to connect. A heartbeat follows: a server of this layer answers the login
+    // first, any other one answers the heartbeat only. Requests wait for that, so none is sent to a
+    // server that has not accepted the connection.
     void attempt()
     {
-        step = timer::once(opts.connect_timeout,
+        step = timer::once(on->opts.connect_timeout,
                            [this] { end(reason::lost, "the server did not answer in time"); });
-        connecting_ended(start_connecting());
-    }
-    void connecting_ended(int error)
-    {
-        if (error != 0)
-            end(reason::lost, std::string("connecting failed: ") + std::strerror(error));
-    }
-    // Return 0 or an error number.
-    int start_connecting()
-    {
         tv_client_addr address{};
-        server.host.copy(address.serverIp, sizeof(address.serverIp) - 1);
-        address.serverPort = server.port;
+        inet_ntop(AF_INET, &server.sin_addr, address.serverIp, sizeof(address.serverIp));
+        address.serverPort = ntohs(server.sin_port);
         tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
         if (record == nullptr)
-            return ENOMEM;
-        std::snprintf(record->url, TV_URL_SIZE, "%s", name.url().c_str()); // any length that fits
-        open(record, socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-        record->clientSocket->fd = fd;
-        if (fd < 0)
-            return errno;
-        send_at_once(fd);
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(server.port);
-        inet_pton(AF_INET, server.host.c_str(), &to.sin_addr);
-        if (::connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof(to)) != 0 &&
-            errno != EINPROGRESS)
-            return errno;
-        const auto connected = [self = shared_from_this(), this] { finish_connecting(); };
-        return int(loop::watch(fd, connected, EPOLLOUT).error());
-    }
-    // TCP has connected, or has failed to. Log in, and send a heartbeat behind the login: a server
-    // of this layer answers the login first, any other one answers the heartbeat only. Requests
-    // wait for that, so none is sent to a server that has not accepted the connection.
-    void finish_connecting()
-    {
-        int error = 0;
-        socklen_t size = sizeof(error);
-        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
-            error = errno;
-        if (error == 0 && connected_to_itself()) {
-            const linger reset{1, 0}; // an orderly close would keep the server's port in use
-            setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-            error = ECONNREFUSED;
-        }
-        loop::unwatch(fd);
-        if (error == 0)
-            error = int(watch().error());
-        if (error != 0)
-            return connecting_ended(error);
+            return end(reason::lost, std::strerror(ENOMEM));
+        std::snprintf(record->url, TV_URL_SIZE, "%s", name.c_str()); // any length that fits
+        const int made = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        record->clientSocket->fd = made;
+        if (const status opened = open(record, made, EPOLLIN | EPOLLOUT); !opened)
+            return end(reason::lost, opened.what());
+        const auto *to = reinterpret_cast<const sockaddr *>(&server);
+        if (::connect(fd, to, sizeof(server)) != 0 && errno != EINPROGRESS)
+            return end(reason::lost, std::strerror(errno));
+        writing = true;
         const int length = c::build_login_msg(channel, channel->url);
-        append(channel->msgBuf, length, opts.pipelined ? pipelined_offer : std::string_view());
+        append(length, on->opts.pipelined ? pipelined_offer.substr(1) : std::string_view());
         append_heartbeat(c::build_heartbeat_msg);
     }
-    // While no server listens, a client on the same host that keeps trying may get the server's
-    // port as its own one day. TCP connects it to itself then.
-    bool connected_to_itself() const
-    {
-        const auto own = address_of(fd, getsockname), other = address_of(fd, getpeername);
-        return own.sin_port == other.sin_port && own.sin_addr.s_addr == other.sin_addr.s_addr;
-    }
-    void handle_other(int type, const message &) override
-    {
-        if (type == TV_MSG_HEARTBEAT_ACK)
-            establish(false);
-    }
-    void accepted_pipelined() override { establish(true); }
     // The server has read the login: it has answered the heartbeat behind it, or the offer in it.
-    void establish(bool both_layers)
+    void handle_other(int type, const buffer &) override
     {
-        if (std::exchange(established, true))
+        if (type == TV_MSG_LOGIN) {
+            // While no server listens, a client on the same host that keeps trying may get the
+            // server's port as its own one day. TCP connects it to itself then, and an orderly
+            // close would keep the port in use.
+            const linger reset{1, 0};
+            setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+            return end(reason::lost, "connected to itself");
+        }
+        if (type != TV_MSG_HEARTBEAT_ACK || std::exchange(established, true))
             return;
-        pipelined = both_layers;
         backoff = shortest;
         step.stop();
-        supervise(opts.heartbeat);
+        supervise();
         send_held();
-        on.connected();
+        on->connected();
     }
-    // A link was lost, or an attempt failed.
     void end(reason why, std::string text) override
     {
-        if (why == reason::closed)
-            return disconnect();
+        if (why == reason::closed && established) {
+            append(c::build_logout_msg(channel, channel->url), {});
+            close_when_sent();
+        }
         close_now();
         step.stop();
-        active = opts.reconnect;
+        active = why != reason::closed && on->opts.reconnect;
         if (active) { // after a random half to whole of the back-off: 100 ms to 5 s
             const auto half = backoff.count() / 2;
-            attempt_after(milliseconds(half + milliseconds::rep(random()) % (half + 1)));
+            const auto wait = half + clock::now().time_since_epoch().count() % (half + 1);
+            step = timer::once(milliseconds(wait), [this] { attempt(); });
             backoff = std::min(backoff * 2, longest);
         }
         fail_calls(active);
         lost_by = std::move(text);
         loop::post([self = shared_from_this(), this] {
             if (!lost_by.empty())
-                on.lost(std::exchange(lost_by, {}));
+                on->lost(std::exchange(lost_by, {}));
         });
-    }
-    void disconnect()
-    {
-        step.stop();
-        active = false;
-        lost_by.clear();
-        if (id != -1 && channel->msgSequence > 0) { // has logged in
-            append(channel->msgBuf, c::build_logout_msg(channel, channel->url), {});
-            close_when_sent();
-        } else if (id != -1) {
-            close_now();
-        }
-        fail_calls(false);
     }
 
     static constexpr milliseconds shortest{200}, longest{5000};
-    const endpoint server, name;
+    const sockaddr_in server;
+    const std::string name; // as a URL
     bool active = false;
-    std::string lost_by; // the reason that on_lost has yet to get
+    std::string lost_by; // what on_lost has yet to get; empty after disconnect()
     timer step;          // to the next attempt, or to the end of the one under way
     milliseconds backoff = shortest;
-    std::minstd_rand random{std::uint32_t(clock::now().time_since_epoch().count() ^ getpid())};
-    struct {
-        callback<void()> connected, drained;
-        callback<void(std::string_view)> lost;
-        callback<void(tolvane::request)> request;
-    } on; // cleared by ~client
 };
 
 }
@@ -1424,18 +1240,16 @@ public:
      *   name    what this client logs in as; a newer client of the same name replaces an older one
      */
     client(loop &, endpoint server, endpoint name, options options = {})
-        : other_end(
-              std::make_shared<detail::client_state>(options, std::move(server), std::move(name))),
+        : other_end(std::make_shared<detail::client_state>(options, server, name)),
           state(static_cast<detail::client_state *>(link.get()))
     {
     }
     /** Disconnect. Handlers of requests under way are destroyed without a call. */
     ~client()
     {
-        *state->alive = false;
         disconnect();
-        const auto released = std::exchange(state->on, {}); // may hold handles of this client
-        const auto data = std::exchange(state->data, nullptr);
+        const auto released = std::exchange(*state->on, {}); // may hold handles of this client
+        const auto data = std::exchange(state->data, {});
     }
     client(client &&) = delete;
 
@@ -1444,43 +1258,37 @@ public:
      * else. Does nothing while it is under way. */
     status connect()
     {
-        const std::string own = state->name.url();
+        const std::string &own = state->name;
         const auto control = [](unsigned char letter) { return letter < ' '; };
-        if (!detail::is_address(state->server.host) || state->server.port == 0)
+        if (state->server.sin_family != AF_INET || state->server.sin_port == 0)
             return {std::errc::invalid_argument,
                     "the server's address is no dotted IPv4 text, or its port is 0"};
-        if (state->name.host.empty() || own.size() >= TV_URL_SIZE ||
-            own.find(detail::reserved_text) != std::string::npos ||
+        if (own.find("//:") != own.npos || own.size() >= TV_URL_SIZE ||
+            own.find(detail::reserved_text) != own.npos ||
             std::any_of(own.begin(), own.end(), control))
             return {std::errc::invalid_argument, "the client's name does not fit a URL"};
         if (!std::exchange(state->active, true))
-            state->attempt_after(milliseconds(1));
+            state->step = timer::once(milliseconds(1), [to = state] { to->attempt(); });
         return {};
     }
     /** Log out and end the connection once what is queued is sent, at most connect_timeout later.
      * Requests under way or not sent yet get outcome::lost; on_lost is not called. What is queued is
      * sent only while the loop runs. */
-    void disconnect() { state->disconnect(); }
+    void disconnect() { state->end(reason::closed, {}); }
     /** True while connected: from on_connected until the link is lost or closed. */
     explicit operator bool() const { return state->established; }
     /** Set what runs when the server has read the login. A full server does not read it. */
-    void on_connected(callback<void()> handler) { state->on.connected = std::move(handler); }
+    void on_connected(callback<void()> run) { state->on->connected = std::move(run); }
     /** Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
      * a text that is valid until the handler returns. The next attempt follows by itself, unless
      * options::reconnect is off. Requests not sent yet wait for it; those sent have got
      * outcome::lost. */
-    void on_lost(callback<void(std::string_view why)> handler)
-    {
-        state->on.lost = std::move(handler);
-    }
+    void on_lost(callback<void(std::string_view why)> run) { state->on->lost = std::move(run); }
     /** Set what runs when the queue is empty again, after it was full or the system had not taken
      * all of it at once. */
-    void on_drained(callback<void()> handler) { state->on.drained = std::move(handler); }
+    void on_drained(callback<void()> run) { state->on->drained = std::move(run); }
     /** Set what runs with each request of the server. Without one, requests are declined. */
-    void on_request(callback<void(tolvane::request)> handler)
-    {
-        state->on.request = std::move(handler);
-    }
+    void on_request(callback<void(tolvane::request)> run) { state->on->request = std::move(run); }
 
 private:
     detail::client_state *const state; // the link
@@ -1491,31 +1299,27 @@ private:
 namespace detail
 {
 
-struct server_state : std::enable_shared_from_this<server_state> {
-    explicit server_state(const options &settings) : opts(settings) {}
-    bool full() const { return pairs.size() + closing >= opts.max_clients; }
-    // Accept clients while there is room. A full server leaves them in the system's backlog.
+struct listener : std::enable_shared_from_this<listener> {
+    explicit listener(const options &settings) : on(std::make_shared<handlers>(settings)) {}
     void resume()
     {
-        if (fd == -1 || retry || full())
-            return;
-        const status watched = loop::watch(fd, [self = shared_from_this()] { self->ready(); });
-        if (!watched && watched.error() != std::errc::file_exists)
+        if (!loop::watch(fd, [self = shared_from_this()] { self->ready(); }))
             pause();
     }
     void ready()
     {
-        for (int count = 0; count < served_per_turn && !full(); count++) {
+        for (int count = 0; count < served_per_turn; count++) {
+            if (std::size_t(place.use_count()) > on->opts.max_clients)
+                return pause();
             const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (accepted < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
                 return;
             if (accepted < 0 || !add(accepted))
                 return pause();
         }
-        if (full())
-            loop::unwatch(fd);
     }
-    // Without descriptors or memory, try again after a while.
+    // Leave clients in the system's backlog for a while: the server is full, or without descriptors
+    // or memory.
     void pause()
     {
         loop::unwatch(fd);
@@ -1524,71 +1328,61 @@ struct server_state : std::enable_shared_from_this<server_state> {
     bool add(int accepted);
     std::shared_ptr<link> find(const char *url) const
     {
-        if (fd == -1)
-            return nullptr;
         const tv_channel *found = c::get_channel_by_ip(&tv_service_server.pairList, url);
-        const auto entry = pairs.find(found != nullptr ? found->channelId : -1);
-        return entry != pairs.end() ? entry->second : nullptr;
+        const auto entry = pairs.find(found != nullptr && *url != '\0' ? found->channelId : -1);
+        return entry != pairs.end() ? entry->second : link::none();
     }
-    const options opts;
-    const std::shared_ptr<bool> alive = std::make_shared<bool>(true);
+    void report_logouts()
+    {
+        while (!logouts.empty()) {
+            const auto next = std::move(logouts.front());
+            logouts.pop_front();
+            next();
+        }
+    }
+    const std::shared_ptr<handlers> on;
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
     std::deque<callback<void()>> logouts;       // of links that have ended, in order
-    std::size_t closing = 0;                    // connections that still send their last bytes
+    // Shared by all connections, also by closed ones that still get their last bytes.
+    const std::shared_ptr<void> place = std::make_shared<int>();
     int fd = -1;
-    timer retry; // accepting is paused until it fires
+    timer retry;
     std::uint16_t port = 0;
-    struct {
-        callback<void(peer)> login, drained;
-        callback<void(peer, reason)> logout;
-        callback<void(tolvane::request)> request;
-    } on; // cleared by ~server
 };
 
 // The server's end of one connection.
 struct pair final : link {
-    explicit pair(std::shared_ptr<server_state> owner)
-        : link(owner->opts, false), server(std::move(owner))
-    {
-        alive = server->alive;
-        established = true;
-    }
-    void arrived(request received) override { server->on.request(std::move(received)); }
-    void drained() override
-    {
-        if (id != -1)
-            server->on.drained(peer(shared_from_this()));
-    }
-    void handle_other(int type, const message &received) override
+    explicit pair(std::shared_ptr<listener> by) : link(by->on, false), server(std::move(by)) {}
+    void handle_other(int type, const buffer &received) override
     {
         if (type == TV_MSG_LOGOUT)
             end(reason::logged_out, {});
-        else if (type == TV_MSG_LOGIN && received.payload()[0] != '\0')
-            login(received);
+        else if (type == TV_MSG_LOGIN && received.view()[0] != '\0')
+            login(received.view());
     }
     // As the library does, but with the handlers of the layer: an older link of the same name ends
     // first.
-    void login(const message &received)
+    void login(std::string_view payload)
     {
-        const std::string_view name = received.payload().data(); // up to its 0x00
         const int current = id;
-        const auto older = [&] { return id == current ? server->find(name.data()) : nullptr; };
-        for (auto found = older(); found != nullptr && found.get() != this; found = older())
-            found->end(reason::replaced, {}); // its handler may let others log in
-        char *copy = id == current ? strdup(received.bytes.c_str()) : nullptr;
-        if (copy == nullptr)
+        const std::string name = payload.data(); // up to its 0x00
+        for (auto older = server->find(name.c_str());
+             id == current && older->id != -1 && older.get() != this;
+             older = server->find(name.c_str()))
+            older->end(reason::replaced, {}); // its handler may let others log in
+        if (id != current)
             return;
-        c::login_msg_received(channel, copy); // names the channel, and releases the copy
+        c::update_pair_channel(channel, name.c_str());
         url = channel->url;
-        const auto rest = received.payload().substr(name.size());
-        if (opts.pipelined && !pipelined && !rest.empty() && rest.substr(1) == pipelined_offer) {
-            append_request({}, mark{'=', 0});
+        payload.remove_prefix(name.size());
+        if (on->opts.pipelined && !pipelined && payload == pipelined_offer) {
+            append(c::pack_outgoing_rqst(channel, "", 0), {}, {'=', 0});
             pipelined = true;
             send_held();
         }
-        run_all(server->logouts); // one of the same name may be among them
+        server->report_logouts(); // one of the same name may be among them
         if (id == current)
-            server->on.login(peer(shared_from_this()));
+            on->login(peer(shared_from_this()));
     }
     void end(reason why, std::string) override
     {
@@ -1598,43 +1392,38 @@ struct pair final : link {
         if (id == -1)
             return;
         server->pairs.erase(id);
-        if (why == reason::closed || why == reason::replaced) {
-            server->closing++;
-            close_when_sent([owner = server] {
-                owner->closing--;
-                owner->resume();
-            });
-        } else {
+        if (why == reason::closed || why == reason::replaced)
+            close_when_sent();
+        else
             close_now();
-        }
-        server->resume();
         fail_calls(false);
         server->logouts.push_back([self, this, why] {
             announce(why);
-            data = nullptr; // it may hold handles and requests of this link
+            data.reset(); // it may hold handles and requests of this link
         });
-        loop::post([owner = server] { run_all(owner->logouts); });
+        loop::post([owner = server] { owner->report_logouts(); });
     }
     void announce(reason why)
     {
-        if (*alive && !url.empty() && !std::exchange(announced, true))
-            server->on.logout(peer(shared_from_this()), why);
+        if (!url.empty() && !std::exchange(announced, true))
+            on->logout(peer(shared_from_this()), why);
     }
     bool announced = false;
-    const std::shared_ptr<server_state> server;
+    const std::shared_ptr<listener> server;
 };
 
-inline bool server_state::add(int accepted)
+inline bool listener::add(int accepted)
 {
-    send_at_once(accepted);
     if (c::create_pair_channel(accepted) != 0)
         return false; // and closed
     const auto *newest = reinterpret_cast<const tv_channel_node *>(tv_service_server.pairList.prev);
     const auto added = std::make_shared<pair>(shared_from_this());
-    added->open(newest->channel, accepted);
-    added->supervise(opts.heartbeat);
-    pairs[added->id] = added;
-    if (added->watch())
+    added->place = place;
+    added->established = true;
+    pairs[newest->channel->channelId] = added;
+    const status watched = added->open(newest->channel, accepted, EPOLLIN);
+    added->supervise();
+    if (watched)
         return true;
     added->end(reason::lost, {});
     return false;
@@ -1647,18 +1436,14 @@ class server
 {
 public:
     /** Set a server up; listen() starts it. The loop is the process's. */
-    explicit server(loop &, options options = {})
-        : state(std::make_shared<detail::server_state>(options))
-    {
-    }
+    explicit server(loop &, options opts = {}) : state(std::make_shared<detail::listener>(opts)) {}
     /** Stop. Handlers of requests under way are destroyed without a call, and on_logout does not
      * run. */
     ~server()
     {
-        *state->alive = false;
         stop();
-        detail::run_all(state->logouts);                    // which release the data only
-        const auto released = std::exchange(state->on, {}); // may hold handles of this server
+        const auto released = std::exchange(*state->on, {}); // may hold handles of this server
+        state->report_logouts();                             // nobody; this releases the data
     }
     server(server &&) = delete;
 
@@ -1667,18 +1452,20 @@ public:
      * in this process already, on the C interface or on this one. */
     status listen(const std::string &address, std::uint16_t at)
     {
-        if (!detail::is_address(address))
+        if (detail::socket_address({address, at}).sin_family != AF_INET)
             return {std::errc::invalid_argument, "the address is no dotted IPv4 text"};
         if (tv_service_server.serverChannel != nullptr)
             return {std::errc::device_or_resource_busy, "a server is running in this process"};
         errno = EADDRNOTAVAIL; // unless the system says otherwise
         if (tv_start_server(address.c_str(), at) == -1)
-            return detail::system_refusal("the address cannot be listened on");
+            return {std::errc(errno), std::strerror(errno)};
         state->fd = tv_get_server_polling_fd();
-        fcntl(state->fd, F_SETFL,
-              fcntl(state->fd, F_GETFL) | O_NONBLOCK); // a client may be gone when accepted
-        ::listen(state->fd, SOMAXCONN);                // again, with a longer backlog
-        state->port = ntohs(detail::address_of(state->fd, getsockname).sin_port);
+        fcntl(state->fd, F_SETFL, O_NONBLOCK); // a client may be gone when accepted
+        ::listen(state->fd, SOMAXCONN);        // again, with a longer backlog
+        sockaddr_in own{};
+        socklen_t size = sizeof(own);
+        getsockname(state->fd, reinterpret_cast<sockaddr *>(&own), &size);
+        state->port = ntohs(own.sin_port);
         state->resume();
         return {};
     }
@@ -1698,10 +1485,7 @@ public:
         tv_stop_server();
     }
     /** The client that logged in with a URL, or an empty handle. */
-    peer find(const std::string &url) const
-    {
-        return peer(url.empty() ? nullptr : state->find(url.c_str()));
-    }
+    peer find(const std::string &url) const { return peer(state->find(url.c_str())); }
     /** All clients that have logged in, in the order in which they connected. */
     std::vector<peer> peers() const
     {
@@ -1716,58 +1500,28 @@ public:
      * those that are full, or cannot take this payload, are left out. */
     std::size_t broadcast(std::string_view text)
     {
-        std::size_t count = 0;
-        for (auto &one : peers())
-            count += one.tell(text) ? 1 : 0;
-        return count;
+        const auto all = peers();
+        const auto told = [&](const peer &one) { return bool(one.tell(text)); };
+        return std::size_t(std::count_if(all.begin(), all.end(), told));
     }
     /** Set what runs when a client has logged in, or has taken another name. */
-    void on_login(callback<void(peer)> handler) { state->on.login = std::move(handler); }
+    void on_login(callback<void(peer)> run) { state->on->login = std::move(run); }
     /** Set what runs when a client that had logged in is gone, for any reason. Its handle is false
      * by then; url() and data() still work. After reason::replaced the handle is true until the
      * handler returns, and a last message to the older client is still sent. */
-    void on_logout(callback<void(peer, reason)> handler) { state->on.logout = std::move(handler); }
+    void on_logout(callback<void(peer, reason)> run) { state->on->logout = std::move(run); }
     /** Set what runs when a peer's queue is empty again, after it was full or the system had not
      * taken all of it at once. */
-    void on_drained(callback<void(peer)> handler) { state->on.drained = std::move(handler); }
+    void on_drained(callback<void(peer)> run) { state->on->peer_drained = std::move(run); }
     /** Set what runs with each request of a client, one that has not logged in included. Without
      * one, requests are declined. */
-    void on_request(callback<void(tolvane::request)> handler)
-    {
-        state->on.request = std::move(handler);
-    }
+    void on_request(callback<void(tolvane::request)> run) { state->on->request = std::move(run); }
 
 private:
-    std::shared_ptr<detail::server_state> state;
+    std::shared_ptr<detail::listener> state;
 };
 
 // ---- log -----------------------------------------------------------------------------------
-
-namespace detail
-{
-
-// The library writes an entry in pieces, the last of which ends in two line feeds.
-struct log_sink {
-    static ssize_t write(void *self, const char *piece, std::size_t size)
-    {
-        auto *sink = static_cast<log_sink *>(self);
-        sink->entry.append(piece, size);
-        const std::size_t length = sink->entry.size();
-        if (length >= 2 && sink->entry.compare(length - 2, 2, "\n\n") == 0) {
-            const std::string complete = std::exchange(sink->entry, {});
-            tv_set_log_fd(nullptr); // what the handler causes is not logged
-            sink->handler(std::string_view(complete).substr(0, length - 2));
-            if (sink->handler)
-                tv_set_log_fd(sink->stream);
-        }
-        return static_cast<ssize_t>(size);
-    }
-    callback<void(std::string_view)> handler;
-    std::string entry;
-    FILE *stream = nullptr; // stays open: the library may be writing to it
-};
-
-}
 
 /** Hand every entry of the library's log to a handler, for example for spdlog or journald: one
  * entry a call, without the line feeds at its end, valid until the handler returns. It runs inside
@@ -1775,14 +1529,28 @@ struct log_sink {
  * not. An empty handler ends that. */
 inline void log_to(callback<void(std::string_view entry)> handler)
 {
-    static detail::log_sink sink;
-    sink.handler = std::move(handler);
-    if (sink.stream == nullptr) {
-        sink.stream = fopencookie(&sink, "w", {nullptr, detail::log_sink::write, nullptr, nullptr});
-        if (sink.stream != nullptr)
-            setvbuf(sink.stream, nullptr, _IONBF, 0);
+    static callback<void(std::string_view)> sink;
+    static FILE *stream = nullptr; // stays open: the library may be writing to it
+    // The library writes an entry in pieces, the last of which ends in two line feeds.
+    const auto write = [](void *, const char *piece, std::size_t size) {
+        static std::string entry;
+        entry.append(piece, size);
+        const std::size_t length = entry.size();
+        if (length >= 2 && entry.compare(length - 2, 2, "\n\n") == 0) {
+            const std::string complete = std::exchange(entry, {});
+            tv_set_log_fd(nullptr); // what the handler causes is not logged
+            sink(std::string_view(complete).substr(0, length - 2));
+            tv_set_log_fd(sink ? stream : nullptr);
+        }
+        return ssize_t(size);
+    };
+    sink = std::move(handler);
+    if (stream == nullptr) {
+        stream = fopencookie(nullptr, "w", {nullptr, write, nullptr, nullptr});
+        if (stream != nullptr)
+            setvbuf(stream, nullptr, _IONBF, 0);
     }
-    tv_set_log_fd(sink.handler ? sink.stream : nullptr);
+    tv_set_log_fd(sink ? stream : nullptr);
 }
 
 }

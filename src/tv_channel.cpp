@@ -122,8 +122,8 @@ static int finish_rqst(tv_channel *channel, char *msg, int result, const char *r
         tv_impl_free_msg(msg);
         return 0;
     }
-    // Another request can be pending only if an actor called the channel's descriptor handler, or ran
-    // a loop, and a request was deferred in there. It is dropped.
+    // If an actor called the channel's descriptor handler, or ran a loop, a request served in there
+    // may still be pending. It is dropped.
     tv_impl_free_msg(channel->pendingRqst);
     channel->pendingRqst = msg;
     return result == TV_ACTOR_DEFERRED ? 0 : send_resp(channel, reply, replyLen);
@@ -256,7 +256,7 @@ int process_channel_resp(tv_channel *channel, char *msg, int len)
     if (channel->rqstTimerId != -1)
         ruvo_stop_timer(channel->rqstTimerId);
     channel->waitingResp = 0;
-    note_reply(channel);
+    mark_guards(channel, &channel_guard::replyReceived);
 
     int payloadLen = 0;
     const char *payload = get_msg_payload(msg, len, &payloadLen);

@@ -51,13 +51,8 @@ static tv_channel_node *entry_after(const tv_channel_list *link, const tv_channe
     return (tv_channel_node *)link->next;
 }
 
-// A search of an indexed list first walks a few entries, which is cheaper when there are few
-// channels, and then asks the index. If the index has no match, the walk continues up to a limit, so
-// that short lists work even if an application has edited them behind the index's back.
-enum { WALK_FIRST = 3, WALK_LIMIT = 32 };
-
-// Return the oldest entry whose channel matches, or null. Always inlined, because every message
-// takes several searches.
+// Return the oldest entry whose channel matches, or null. `indexed` says whether ask_index() knows
+// the list. Always inlined, because every message takes several searches.
 template <typename Match, typename AskIndex>
 static inline __attribute__((always_inline)) tv_channel_node *
 search(const tv_channel_list *head, bool indexed, const char *caller, Match matches,
@@ -127,19 +122,6 @@ tv_channel *get_channel_by_ip(tv_channel_list *head, const char *url)
         head, indexed, __func__,
         [=](const tv_channel *channel) { return strcmp(channel->url, url) == 0; },
         [=] { return index_find_url(url); });
-    return entry == nullptr ? nullptr : entry->channel;
-}
-
-tv_channel *find_pair_by_fd(int fd, const char *caller)
-{
-    const tv_channel_node *entry = search(
-        &tv_service_server.pairList, true, caller,
-        [=](const tv_channel *pair) {
-            if (pair->pairSocket == nullptr)
-                TV_LOG_AT(caller, __LINE__, "internal list error, should never reach here");
-            return pair->pairSocket != nullptr && pair->pairSocket->fd == fd;
-        },
-        [=] { return index_find_fd(fd); });
     return entry == nullptr ? nullptr : entry->channel;
 }
 

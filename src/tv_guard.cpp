@@ -40,8 +40,7 @@ bool is_closing(const tv_channel *channel)
     return find_guard(channel, &channel_guard::closing) != nullptr;
 }
 
-// Set the flag on all guards of the channel. Returns whether there are any.
-static bool mark_guards(const tv_channel *channel, bool channel_guard::*flag)
+bool mark_guards(const tv_channel *channel, bool channel_guard::*flag)
 {
     bool guarded = false;
     for (channel_guard *guard = guards; guard != nullptr; guard = guard->outer) {
@@ -51,11 +50,6 @@ static bool mark_guards(const tv_channel *channel, bool channel_guard::*flag)
         }
     }
     return guarded;
-}
-
-void note_reply(const tv_channel *channel)
-{
-    mark_guards(channel, &channel_guard::replyReceived);
 }
 
 void release_channel(tv_channel *channel)

@@ -53,8 +53,8 @@ static index_node **chain_of(index_key key, uint32_t hash)
     return &tables[key][hash % CHAINS];
 }
 
-// Chains are in order of age, the newest first. Only a pair whose URL has changed may belong further
-// down.
+// Chains are in order of age, newest first. A new node goes to the front; a pair whose URL has
+// changed may belong further back.
 static void link_node(index_key key, index_node *node, uint32_t hash)
 {
     index_node **link = chain_of(key, hash);
@@ -121,7 +121,7 @@ void index_update_url(const tv_channel *pair)
 
 // ---- finding
 
-// Return the oldest matching entry in a chain, or null.
+// Return the oldest matching entry in a chain, which is the last one, or null.
 template <typename Match> static tv_channel_node *find(index_key key, uint32_t hash, Match matches)
 {
     tv_channel_node *oldest = nullptr;

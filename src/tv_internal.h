@@ -61,12 +61,14 @@ tv_channel_node *index_find_url(const char *url);
 
 // ---- tv_channel_repo.cpp
 
+// A search of an indexed list first walks WALK_FIRST entries, which is cheaper when there are few
+// channels, and then asks the index. If the index has no match, the walk continues up to WALK_LIMIT
+// entries, so that short lists work even if an application has edited them behind the index's back.
+enum { WALK_FIRST = 3, WALK_LIMIT = 32 };
+
 // Remove every entry for this very record; other records with the same id stay. Returns 0, or 1 if
 // there was no entry.
 int unlist_channel(tv_channel_list *head, const tv_channel *channel);
-
-// Return the oldest of the server's pairs with this descriptor, or null. Logs in the caller's name.
-tv_channel *find_pair_by_fd(int fd, const char *caller);
 
 // ---- tv_guard.cpp
 
@@ -95,8 +97,8 @@ struct channel_guard {
 // Whether a call of end_channel() on the channel is in progress further up the stack.
 bool is_closing(const tv_channel *channel);
 
-// Set replyReceived on all guards of a channel.
-void note_reply(const tv_channel *channel);
+// Set the flag on all guards of the channel. Returns whether there are any.
+bool mark_guards(const tv_channel *channel, bool channel_guard::*flag);
 
 // Call the channel's link-down callback, unless there is none or it is running already: a send that
 // fails inside it must not call it again. With repeatIfRunning, one that is already running is

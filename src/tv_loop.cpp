@@ -111,12 +111,6 @@ void note_input_taken(int fd)
     servedFd = -1; // a report covers only one message or connection
 }
 
-static bool is_readable(int fd)
-{
-    struct pollfd entry = {fd, POLLIN, 0};
-    return poll(&entry, 1, 0) > 0;
-}
-
 static void handle_polling_socket(int fd)
 {
     const fd_handler_slot *slot = find_slot(fd);
@@ -124,7 +118,8 @@ static void handle_polling_socket(int fd)
         TV_LOG("unknown socket[%d], not registerd", fd);
         return;
     }
-    if (reportsStale && !is_readable(fd))
+    struct pollfd entry = {fd, POLLIN, 0};
+    if (reportsStale && poll(&entry, 1, 0) <= 0)
         return;
     servedFd = fd;
     slot->handler(fd, slot->arg1, slot->arg2);

@@ -153,7 +153,7 @@ struct pair_table {
     struct {
         char pair[2];
         uint8_t distance;
-    } slots[64] = {}; // no two pairs of the prefix share a slot
+    } slots[64] = {}; // no two pairs of the prefix share one
 
     static constexpr int slot_of(char first, char second) { return (first * 4 + second) & 63; }
     constexpr pair_table()
@@ -245,7 +245,7 @@ int get_msg_url(const char *msg, char *dst, int size)
 {
     const char *url = nullptr;
     if (find_tag(msg, &url) == TV_MSG_UNKNOWN) {
-        TV_LOG("get_url_pos, unexpected tolvane received");
+        TV_LOG_AT("get_url_pos", __LINE__, "get_url_pos, unexpected tolvane received");
         return -1;
     }
     const char *marker = strstr(msg, PAYLOAD_MARKER);

@@ -230,6 +230,27 @@ int server_remove_channel(tv_channel *channel)
 
 // ---- what arrives on a pair
 
+static tv_channel *get_pair_by_fd(int fd)
+{
+    const tv_channel_list *head = &tv_service_server.pairList;
+    const tv_channel_list *link = head->next;
+    for (int steps = 1; link != nullptr && link != head && steps <= WALK_LIMIT; steps++) {
+        tv_channel *pair = ((const tv_channel_node *)link)->channel;
+        if (pair == nullptr || pair->pairSocket == nullptr)
+            TV_LOG("internal list error, should never reach here");
+        else if (pair->pairSocket->fd == fd)
+            return pair;
+        const tv_channel_node *found = steps == WALK_FIRST ? index_find_fd(fd) : nullptr;
+        if (found != nullptr)
+            return found->channel;
+        link = link->next;
+    }
+    if (link == nullptr)
+        TV_LOG("channel list is null");
+    TV_LOG("could not find channel with fd[%d]", fd);
+    return nullptr;
+}
+
 // Return the URL in a login or logout, of any length, or null after logging. The NUL that ends the
 // message's text ends the URL too, so the message's length is not needed.
 static const char *get_url_payload(const char *msg)
@@ -299,11 +320,9 @@ static int handle_login_or_logout(tv_channel *pair, int type, char *msg)
 
 int tv_pair_fd_handler(int fd, intptr_t, intptr_t)
 {
-    tv_channel *pair = find_pair_by_fd(fd, __func__);
+    tv_channel *pair = get_pair_by_fd(fd);
     if (pair != nullptr)
         serve_channel(pair, handle_login_or_logout);
-    else
-        TV_LOG("could not find channel with fd[%d]", fd);
     return 0;
 }
 
@@ -321,17 +340,17 @@ int tv_broadcast_rqst_to_client(const void *data, int length)
 int tv_service_enable_heartbeat(int interval, int count, tv_linkdown_cb linkdownCallback)
 {
     tv_channel *server = tv_service_server.serverChannel;
+    list_walk walk(&tv_service_server.pairList);
     if (server != nullptr) {
         server->linkdownCallback = linkdownCallback;
         server->hbInterval = interval;
         server->hbCount = count;
         server->hbMode = TV_HEARTBEAT_ON;
-    }
-    list_walk walk(&tv_service_server.pairList);
-    while (tv_channel *pair = server != nullptr ? walk.next_channel() : nullptr) {
-        inherit_heartbeat(pair, server);
-        enable_heartbeat(pair);
-        pair->linkdownCallback = linkdownCallback;
+        while (tv_channel *pair = walk.next_channel()) {
+            inherit_heartbeat(pair, server);
+            enable_heartbeat(pair);
+            pair->linkdownCallback = linkdownCallback;
+        }
     }
     if (walk.next == nullptr)
         TV_LOG("channel list is null");
@@ -342,7 +361,10 @@ int tv_get_all_client_fds(int *fds, int maxsize)
 {
     list_walk walk(&tv_service_server.pairList);
     int count = 0;
-    while (const tv_channel *pair = count < maxsize ? walk.next_channel() : nullptr) {
+    while (count < maxsize) {
+        const tv_channel *pair = walk.next_channel();
+        if (pair == nullptr)
+            break;
         if (pair->pairSocket != nullptr)
             fds[count++] = pair->pairSocket->fd;
         else

@@ -309,6 +309,7 @@ struct application {
             [&] { kept.clear(); },
             [&] { kept.empty() ? void() : echo(std::move(kept.back())); },
             [&] { kept.empty() ? void() : kept.back().decline(); },
+            [&] { kept.empty() ? void() : loop.post([dropped = std::move(kept.back())] {}); },
             [&] { timers.push_back(tolvane::timer::once(milliseconds(draw(5)), acting(self))); },
             [&] { timers.clear(); },
             [&] { loop.post(acting(self)); },

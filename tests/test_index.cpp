@@ -76,7 +76,8 @@ static void compare_searches()
     REQUIRE(get_channel(&ownList, id) == walk(&ownList, hasId));
     REQUIRE(get_channel_by_ip(pairs, url.c_str()) == walk(pairs, hasUrl));
     REQUIRE(get_channel_by_ip(&ownList, url.c_str()) == walk(&ownList, hasUrl));
-    REQUIRE(find_pair_by_fd(fd, "") == walk(pairs, hasFd));
+    const tv_channel_node *const found = index_find_fd(fd);
+    REQUIRE((found == nullptr ? nullptr : found->channel) == walk(pairs, hasFd));
 }
 
 // ---- changes

@@ -189,8 +189,9 @@ def compile_pieces(folder, libraries, compilers):
                 compile_code(compilers, language, code, "-o", f"{folder}/{language}-{name}", *link)
             elif language == "c":
                 compile_code(compilers, language, INCLUDES[language] + code, *check)
-            else:
-                together += f"namespace at_{piece.start()} {{\n{code}}}\n"
+            else:  # the headers come first
+                headers = "\n".join(re.findall(r"^#include.*", code, re.M))
+                together = f"{headers}\n{together}namespace at_{piece.start()} {{\n{code}}}\n"
     compile_code(compilers, "cpp", together, *check)
 
 

@@ -69,8 +69,7 @@
 //                               for a single pass
 //
 // VERBS of test_channels.cpp only, so not for faults*.txt
-//   logged ENTRY, ENTRY         the previous line logged exactly these entries; [*] stands for any
-//                               number in brackets
+//   logged ENTRY, ENTRY         the previous line logged exactly these entries; * stands for any text
 //   last_logged ENTRY           the previous line logged this entry last
 //   remove_handlers             for responses, timeouts and lost links
 //   fail CALL                   from now on this system call fails with ECONNREFUSED ("nothing": none)

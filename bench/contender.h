@@ -1,4 +1,9 @@
 // contender.h - what a contender of the speed comparison is, and what it shares with the driver.
+//
+// A contender is one way to move messages between two processes: a name and a function that opens
+// either end of a connection. The driver starts the server's process, opens both ends, and calls
+// send() and receive() on them; it alone takes times and prints. To add a contender, write its open
+// function and list it in peers.cpp.
 #ifndef CONTENDER_H
 #define CONTENDER_H
 
@@ -7,25 +12,30 @@
 #include <functional>
 #include <vector>
 
-// One end of a connection, which moves payloads of theTask.len bytes.
+// One end of a connection, which moves payloads of theTask.len bytes. Only send and receive are
+// required; close is for the library's clients, flush for contenders that queue what they send.
 struct link_end {
     std::function<void(const char *payload)> send;
     std::function<const char *()> receive; // valid until the next call
-    std::function<void()> close;           // the library only
+    std::function<void()> close;
+    std::function<void()> flush; // sends some of the queue
 };
 
 struct contender {
     const char *name;
-    // Client: connect to a server. Serving, in a process of its own: accept one client and return the
-    // end on which the driver answers. A contender that answers by itself never returns.
+    // A client connects and returns. A server has its own process: it accepts one client and returns
+    // the end on which the driver answers, or never returns and answers itself.
     link_end (*open)(int port, bool serving);
+    int outstanding = 1; // requests that the client sends before it receives their replies
 };
-extern const std::vector<contender> contenders; // peers.cpp
+extern const std::vector<contender> contenders;  // peers.cpp
+extern const std::vector<contender> outstanding; // with many requests outstanding
 
 struct task {
     const char *payload; // text without a 0x00
     int len;
-    bool oneWay; // messages from client to server without replies
+    bool oneWay;     // messages from client to server without replies
+    bool broadcasts; // the layer's server sends 60 kB to all its clients every 50 ms
 };
 extern task theTask;
 
@@ -41,11 +51,22 @@ inline void copy(char *dst, const char *src, int len)
         memcpy(dst + done, src + done, std::min(piece, len - done));
 }
 
-// For servers. The first: connections are accepted from now on; the second counts one-way messages.
+// Servers call these: when they accept connections, and for each one-way message.
 void server_is_ready();
 void message_received();
 
 link_end open_library(int port, bool serving);
 void library_serve_many(int port); // from an event loop of its own
+
+link_end open_layer(int port, bool serving);
+link_end open_layer_both_ask(int port, bool serving); // the server sends a request for each request
+void layer_serve(int port);
+
+struct crowd {
+    int readers; // log in and read
+    int stopped; // log in and read nothing
+    int halves;  // send half a frame
+};
+void join_crowd(int port, const crowd &who); // until the server is gone
 
 #endif

@@ -1,8 +1,10 @@
 // driver.cpp - measures the contenders against each other and prints the tables of RESULTS.md.
 //
-//   driver roundtrip|oneway BYTES CORES ROUNDS MILLISECONDS   CORES: 1 or 2, for client and server
-//   driver growth CLIENTS       one line: what CLIENTS clients cost the library's server
-//   driver count NAME NUMBER    NUMBER round trips of 5 bytes, for strace and callgrind
+//   driver roundtrip|oneway|outstanding BYTES CORES ROUNDS MILLISECONDS
+//                                        a table; CORES: 1 or 2, for client and server
+//   driver growth library|layer CLIENTS  a row: what CLIENTS clients cost that server
+//   driver load READERS STOPPED HALVES   a row: a client's waits beside such a crowd
+//   driver count NAME NUMBER             NUMBER round trips of 5 bytes, for strace and callgrind
 //
 // Every server has a process of its own; this process is the client of all. In each round they take
 // turns, so that a disturbance of the machine affects all of them. Ratios are taken within a round;
@@ -146,6 +148,7 @@ static server start_server(const std::function<void(int port)> &serve, int cpu)
 
 struct running : server {
     link_end client;
+    int outstanding;
     long sent;
     std::vector<double> samples;  // us, of all rounds
     std::vector<double> perRound; // us: the median; one way: a message
@@ -158,82 +161,81 @@ static std::vector<running> start(const std::vector<contender> &list, int server
     std::vector<running> pairs;
     for (const contender &who : list) {
         const auto serve = [&](int port) { serve_one(who, port); };
-        pairs.push_back({start_server(serve, serverCpu), {}, 0, {}, {}});
+        pairs.push_back({start_server(serve, serverCpu), {}, who.outstanding, 0, {}, {}});
     }
     for (size_t i = 0; i < list.size(); i++)
         pairs[i].client = list[i].open(pairs[i].port, false);
     return pairs;
 }
 
-static void exchange(const link_end &client)
+static void exchange(const link_end &client, int outstanding = 1)
 {
-    client.send(theTask.payload);
-    if (!theTask.oneWay)
+    for (int i = 0; i < outstanding; i++)
+        client.send(theTask.payload);
+    for (int i = 0; i < outstanding && !theTask.oneWay; i++)
         client.receive();
 }
 
-static void take_turn(running &pair, double duration)
+static void take_turn(running &pair, double duration, bool rates)
 {
     std::vector<double> samples;
     shift_heap();
     const double begin = now_us();
     for (double last = begin, now; last < begin + duration; last = now) {
-        exchange(pair.client);
+        exchange(pair.client, pair.outstanding);
         now = now_us();
         samples.push_back(now - last);
     }
     pair.sent += (long)samples.size();
-    while (theTask.oneWay && pair.shared->received < pair.sent)
-        usleep(100); // the last messages are on their way
-    const double each = (now_us() - begin) / samples.size();
+    while (theTask.oneWay && pair.shared->received < pair.sent) // the last are on their way
+        pair.client.flush ? pair.client.flush() : (void)usleep(100);
+    const double each = (now_us() - begin) / samples.size() / pair.outstanding;
     pair.samples.insert(pair.samples.end(), samples.begin(), samples.end());
-    pair.perRound.push_back(theTask.oneWay ? each : median(samples));
+    pair.perRound.push_back(rates ? each : median(samples));
 }
 
-static void compare(int cores, int rounds, double duration)
+static void compare(const std::string &what, int cores, int rounds, double duration)
 {
-    std::vector<running> pairs = start(contenders, cores - 1);
+    const std::vector<contender> &list = what == "outstanding" ? outstanding : contenders;
+    const bool rates = what != "roundtrip";
+    std::vector<running> pairs = start(list, cores - 1);
     const size_t n = pairs.size();
     for (size_t turn = 0; turn < n * (rounds + 1); turn++) {
         running &next = pairs[(turn + turn / n) % n];
-        take_turn(next, duration);
+        take_turn(next, duration, rates);
         if (turn < n) { // the first round warms up
             next.samples.clear();
             next.perRound.clear();
         }
     }
-    printf("\n### %s, %d B, %s\n\n", theTask.oneWay ? "One way" : "Round trip", theTask.len,
-           cores == 1 ? "both processes on one core" : "a core for each process");
-    puts(theTask.oneWay
-             ? "| | messages/s | rate to raw TCP | to the bare calls | to the library |\n"
-               "|---|--:|--:|--:|--:|"
-             : "| | p50 to raw TCP | to the bare calls | to the library "
-               "| p50 µs | p90 | p99 | p99.9 |\n|---|--:|--:|--:|--:|--:|--:|--:|");
+    printf("|");
+    for (int other : {0, 1, 2})
+        printf(" | %s to %s", rates ? "rate" : "p50", list[other].name);
+    puts(rates ? " | messages/s |\n|---|--:|--:|--:|--:|"
+               : " | p50 µs | p90 | p99 | p99.9 |\n|---|--:|--:|--:|--:|--:|--:|--:|");
     for (size_t i = 0; i < n; i++) {
         const std::vector<double> &own = pairs[i].perRound;
-        printf("| %s |", contenders[i].name);
-        if (theTask.oneWay)
-            printf(" %.0f |", 1e6 / median(own));
+        printf("| %s |", list[i].name);
         for (int other : {0, 1, 2})
-            printf(" %.2f |", theTask.oneWay ? median_ratio(pairs[other].perRound, own)
-                                             : median_ratio(own, pairs[other].perRound));
-        for (double q : {0.5, 0.9, 0.99, 0.999}) {
-            if (!theTask.oneWay)
+            printf(" %.2f |", rates ? median_ratio(pairs[other].perRound, own)
+                                    : median_ratio(own, pairs[other].perRound));
+        if (rates)
+            printf(" %.0f |", 1e6 / median(own));
+        else
+            for (double q : {0.5, 0.9, 0.99, 0.999})
                 printf(" %.1f |", quantile(pairs[i].samples, q));
-        }
         puts("");
     }
 }
 
 static void count_round_trips(const std::string &name, long number)
 {
-    for (const contender &who : contenders) {
-        if (who.name != name)
-            continue;
-        const link_end client = start({who}, 0)[0].client;
-        while (number-- > 0)
-            exchange(client);
-    }
+    const auto named = [&](const contender &who) { return who.name == name; };
+    const auto found = std::find_if(contenders.begin(), contenders.end(), named);
+    check(found != contenders.end(), "name");
+    const link_end client = start({*found}, 0)[0].client;
+    while (number-- > 0)
+        exchange(client);
 }
 
 // ---- many clients
@@ -256,10 +258,10 @@ static double timed(const std::function<void()> &run)
 }
 
 // Clients act one at a time, each on its own connection, so only the server's part can grow.
-static void print_growth(size_t count)
+static void print_growth(bool layer, size_t count)
 {
     const size_t samples = std::min(count / 2, (size_t)300);
-    const server started = start_server(library_serve_many, 0);
+    const server started = start_server(layer ? layer_serve : library_serve_many, 0);
     const double before = resident_kib(started.pid);
     std::vector<link_end> clients;
     std::vector<double> logins, roundTrips;
@@ -279,25 +281,45 @@ static void print_growth(size_t count)
             clients[i].close();
         exchange(clients[samples]); // the server has closed the others before
     });
-    printf("| %zu | %.1f | %.1f | %.1f | %.2f |\n", count, median(logins), median(roundTrips),
-           leaving / samples, memory);
+    printf("| %s | %zu | %.1f | %.1f | %.1f | %.2f |\n", layer ? "C++ layer" : "library", count,
+           median(logins), median(roundTrips), leaving / samples, memory);
     for (size_t i = samples; i < count; i++)
         clients[i].close();
     kill(started.pid, SIGKILL);
+}
+
+// A client of the C++ layer asks for three seconds. Its longest wait is taken within each 50 ms.
+static void print_load(const crowd &who)
+{
+    theTask.broadcasts = who.readers > 0;
+    const server started = start_server(layer_serve, 0);
+    start_server([&](int) { join_crowd(started.port, who); }, 0);
+    const link_end client = open_layer(started.port, false);
+    std::vector<double> waits, longest;
+    for (int slice = 0; slice < 60; slice++) {
+        const size_t first = waits.size();
+        for (const double end = now_us() + 50e3; now_us() < end;)
+            waits.push_back(timed([&] { exchange(client); }));
+        longest.push_back(*std::max_element(waits.begin() + (long)first, waits.end()));
+    }
+    printf("| %d | %d | %d | %.1f | %.1f |\n", who.readers, who.stopped, who.halves, median(waits),
+           median(longest));
 }
 
 int main(int argc, char **argv)
 {
     const std::string what = argc > 1 ? argv[1] : "";
     static const std::string payload(1 << 16, 'x');
-    theTask = {payload.c_str(), 5, what == "oneway"};
+    theTask = {payload.c_str(), 5, what == "oneway", false};
     run_on(0);
-    if (argc == 3 && what == "growth")
-        print_growth(atol(argv[2]));
+    if (argc == 4 && what == "growth")
+        print_growth(argv[2] == std::string("layer"), atol(argv[3]));
+    else if (argc == 5 && what == "load")
+        print_load({atoi(argv[2]), atoi(argv[3]), atoi(argv[4])});
     else if (argc == 4 && what == "count")
         count_round_trips(argv[2], atol(argv[3]));
     else if (argc == 6 && (theTask.len = atoi(argv[2])) > 0)
-        compare(atoi(argv[3]), atoi(argv[4]), atoi(argv[5]) * 1e3);
+        compare(what, atoi(argv[3]), atoi(argv[4]), atoi(argv[5]) * 1e3);
     else
         return EXIT_FAILURE;
     return EXIT_SUCCESS;

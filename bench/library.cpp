@@ -24,30 +24,16 @@ static int echo(int, const char *payload, int len, char **reply, int *replyLen)
     return TV_ACTOR_HANDLED;
 }
 
-static void close_pair(int id, const char *)
-{
-    tv_close_client_connection(id);
-}
-
 static void start(int port, tv_client_fd_cb opened)
 {
     const int id = tv_start_server("127.0.0.1", port);
     check(id != -1, "tv_start_server");
     tv_register_actor(id, echo);
     tv_register_client_fd_open_callback(opened);
-    tv_register_linkdown_callback(id, close_pair);
+    tv_register_linkdown_callback(id,
+                                  [](int pair, const char *) { tv_close_client_connection(pair); });
     tv_set_poll_timeout(id, timeout);
     server_is_ready();
-}
-
-static void register_pair(int fd)
-{
-    check(tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0) == 0, "register");
-}
-
-static void read_record(int id, const char *)
-{
-    check(tv_get_channel(id)->pairSocket != nullptr, "record");
 }
 
 static int epollFd;
@@ -64,7 +50,9 @@ void library_serve_many(int port)
 {
     epollFd = epoll_create1(0);
     start(port, watch);
-    tv_register_connected_callback(0, read_record);
+    tv_register_connected_callback(0, [](int id, const char *) {
+        check(tv_get_channel(id)->pairSocket != nullptr, "record");
+    });
     watch(tv_get_server_polling_fd());
     for (;;) {
         epoll_event event;
@@ -81,22 +69,17 @@ void library_serve_many(int port)
 
 static const char *lastReply;
 
-static void on_reply(int, const char *payload, int)
-{
-    lastReply = payload;
-}
-
 link_end open_library(int port, bool serving)
 {
     if (serving) {
-        start(port, register_pair);
+        start(port, [](int fd) { tv_register_polling_fd(fd, tv_pair_fd_handler, 0, 0); });
         tv_register_polling_fd(tv_get_server_polling_fd(), tv_server_fd_handler, 0, 0);
         tv_main_loop();
     }
     static uint16_t number = 0; // names the client
     const tv_client_addr address = {"127.0.0.1", "127.0.0.1", (uint16_t)port, ++number};
     const int id = tv_create_client_channel(&address);
-    tv_register_resp_handler(id, on_reply);
+    tv_register_resp_handler(id, [](int, const char *payload, int) { lastReply = payload; });
     tv_set_poll_timeout(id, timeout);
     check(tv_connect_server(id) == 0, "tv_connect_server");
     const int fd = tv_get_polling_fd(id);
@@ -117,5 +100,5 @@ link_end open_library(int port, bool serving)
         tv_disconnect_server(id);
         tv_close_channel(id);
     };
-    return {send, receive, close};
+    return {send, receive, close, {}};
 }

@@ -6,7 +6,8 @@
 //             (header and body), one block and one copy. Nothing is printed, searched, looked up or
 //             checked.
 // libzmq, nng used as documented: REQ and REP sockets for the round trip, PUSH and PULL
-//             sockets one way, which may put many messages into one transfer.
+//             sockets one way, which may put many messages into one transfer; libzmq's DEALER and
+//             ROUTER sockets for many requests outstanding.
 
 #include "contender.h"
 
@@ -59,7 +60,7 @@ static link_end open_raw(int port, bool serving)
         receive_all(fd, buffer, theTask.len);
         return buffer;
     };
-    return {[=](const char *payload) { send_all(fd, payload, theTask.len, 0); }, receive, {}};
+    return {[=](const char *payload) { send_all(fd, payload, theTask.len, 0); }, receive, {}, {}};
 }
 
 // ---- bare calls
@@ -107,7 +108,7 @@ static link_end open_bare(int port, bool serving)
         clock_gettime(CLOCK_MONOTONIC, &now);
         return bare_receive(fd);
     };
-    return {[=](const char *payload) { bare_send(fd, payload); }, receive, {}};
+    return {[=](const char *payload) { bare_send(fd, payload); }, receive, {}, {}};
 }
 
 // ---- other libraries
@@ -117,22 +118,38 @@ static std::string address_of(int port)
     return "tcp://127.0.0.1:" + std::to_string(port);
 }
 
-static link_end open_zmq(int port, bool serving)
+static link_end open_zmq_types(int port, bool serving, int type)
 {
-    static const int types[2][2] = {{ZMQ_REQ, ZMQ_REP}, {ZMQ_PUSH, ZMQ_PULL}};
-    void *socket = zmq_socket(zmq_ctx_new(), types[theTask.oneWay][serving]);
+    void *socket = zmq_socket(zmq_ctx_new(), type);
     const auto open = serving ? zmq_bind : zmq_connect;
     check(open(socket, address_of(port).c_str()) == 0, "zmq");
     if (serving)
         server_is_ready();
+    static char name[256]; // a ROUTER's messages start with the client's name
+    static int nameLen;
     const auto send = [=](const char *payload) {
+        if (type == ZMQ_ROUTER)
+            zmq_send(socket, name, nameLen, ZMQ_SNDMORE);
         check(zmq_send(socket, payload, theTask.len, 0) == theTask.len, "zmq_send");
     };
     const auto receive = [=] {
+        if (type == ZMQ_ROUTER)
+            nameLen = zmq_recv(socket, name, sizeof(name), 0);
         check(zmq_recv(socket, buffer, theTask.len, 0) == theTask.len, "zmq_recv");
         return buffer;
     };
-    return {send, receive, {}};
+    return {send, receive, {}, {}};
+}
+
+static link_end open_zmq(int port, bool serving)
+{
+    static const int types[2][2] = {{ZMQ_REQ, ZMQ_REP}, {ZMQ_PUSH, ZMQ_PULL}};
+    return open_zmq_types(port, serving, types[theTask.oneWay][serving]);
+}
+
+static link_end open_zmq_dealer(int port, bool serving)
+{
+    return open_zmq_types(port, serving, serving ? ZMQ_ROUTER : ZMQ_DEALER);
 }
 
 static link_end open_nng(int port, bool serving)
@@ -155,11 +172,16 @@ static link_end open_nng(int port, bool serving)
         check(nng_recv(socket, buffer, &len, 0) == 0, "nng_recv");
         return buffer;
     };
-    return {send, receive, {}};
+    return {send, receive, {}, {}};
 }
 
-const std::vector<contender> contenders = {{"raw TCP", open_raw},
-                                           {"bare calls", open_bare},
-                                           {"library", open_library},
-                                           {"libzmq", open_zmq},
-                                           {"nng", open_nng}};
+const std::vector<contender> contenders = {{"raw TCP", open_raw},     {"bare calls", open_bare},
+                                           {"library", open_library}, {"C++ layer", open_layer},
+                                           {"libzmq", open_zmq},      {"nng", open_nng}};
+
+const std::vector<contender> outstanding = {
+    {"library, 1 outstanding", open_library},
+    {"C++ layer, 1 outstanding", open_layer},
+    {"C++ layer, 64 outstanding", open_layer, 64},
+    {"C++ layer, 64 outstanding in each direction", open_layer_both_ask, 64},
+    {"libzmq DEALER and ROUTER, 64 outstanding", open_zmq_dealer, 64}};

@@ -22,8 +22,7 @@ endif()
 file(CONFIGURE OUTPUT debian/copyright CONTENT
 "Copyright: the tolvane developers
 
-The source is the project's own. It comes without any warranty. No licence has been
-chosen yet by the owner: ask before you use, copy, change or pass it on.
+There is no licence yet: all rights reserved. There is no warranty.
 " @ONLY)
 foreach(package ${packages})
     install(FILES ${PROJECT_BINARY_DIR}/debian/changelog.gz ${PROJECT_BINARY_DIR}/debian/copyright

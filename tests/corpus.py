@@ -1,12 +1,11 @@
 #!/usr/bin/env -S python3 -B
-"""corpus.py - fuzz inputs: from a text file to a folder for libFuzzer, and back.
-
-    corpus.py unpack corpus/channels.txt FOLDER
-    corpus.py pack FOLDER corpus/channels.txt
-
-A text file has one input a line, sorted; "\\n" is a line feed, and "\\x" begins any other byte that
-is not printable ASCII, the backslash included.
-"""
+# corpus.py - fuzz inputs: from a text file to a folder for libFuzzer, and back.
+#
+#     corpus.py unpack corpus/channels.txt FOLDER
+#     corpus.py pack FOLDER corpus/channels.txt
+#
+# A text file has one input a line, sorted; "\n" is a line feed, and "\x" begins any other byte that
+# is not printable ASCII, the backslash included.
 import os, re, sys
 
 

@@ -1,154 +1,101 @@
-// layer_ends.h - who talks to tolvane.hpp in its tests: raw connections, byte by byte, and servers
-// and clients of the layer that write down in `notes` what they hear and answer "x" with "<who>:x".
-// All of them live in one process, on one loop and on loopback.
+// layer_ends.h - who talks to tolvane.hpp in its tests: sockets, byte by byte, and a client and a
+// server of the layer. All of them live in one process, on one loop and on loopback.
 #ifndef LAYER_ENDS_H
 #define LAYER_ENDS_H
 
+#include "require.h"
 #include "tolvane.h" // all of it: the tests use its sockets
 
 #include "tolvane.hpp"
 
-#include <algorithm>
 #include <fcntl.h>
 
-#define REQUIRE(condition)                                                                         \
-    ((condition) ? (void)0                                                                         \
-                 : (fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition), abort()))
-
-using namespace std::chrono_literals;
+using namespace std::literals;
 using text = std::string;
 using tolvane::milliseconds;
-
-inline std::vector<text> notes;
-
-inline long noted(const text &note)
-{
-    return std::count(notes.begin(), notes.end(), note);
-}
 
 // Run the loop until something holds, for 20 seconds at most; false if it does not hold then.
 template <class Condition> bool until(tolvane::loop &loop, Condition holds)
 {
     const auto end = std::chrono::steady_clock::now() + 20s;
-    while (std::chrono::steady_clock::now() < end) {
-        if (holds())
-            return true;
+    bool held = holds();
+    for (; !held && std::chrono::steady_clock::now() < end; held = holds())
         loop.run_once(10ms);
-    }
-    return false;
+    return held;
 }
 
-// ---- a connection, byte by byte
+// ---- a socket, byte by byte
 
-inline text frame(const text &body)
+// A message of the client raw.
+inline text message(const text &tag, const text &payload)
 {
+    const text body =
+        "0\nvelun_tolvane_" + tag + "\ntcp://raw:1\nvelun_tolvane_payload\n" + payload;
     const uint32_t size = htonl(static_cast<uint32_t>(body.size()));
-    text header("TCP_WATER_MARK");
-    header.resize(32);
-    return header.append(reinterpret_cast<const char *>(&size), sizeof(size)) + body;
+    const text length(reinterpret_cast<const char *>(&size), sizeof(size));
+    return "TCP_WATER_MARK" + text(18, '\0') + length + body;
 }
 
-// A message of the client raw; ~ stands for 0x00.
-inline text message(int number, const text &tag, text payload)
-{
-    std::replace(payload.begin(), payload.end(), '~', '\0');
-    return frame(std::to_string(number) + "\nvelun_tolvane_" + tag +
-                 "\ntcp://raw:1\nvelun_tolvane_payload\n" + payload);
-}
-
-inline const text login = message(0, "login", "tcp://raw:1~");
-inline const text pipelined_login = message(0, "login", "tcp://raw:1~pipelined~");
-inline const text acknowledgement = message(0, "heartbeatack", "{sequence:0}~");
+inline const text login = message("login", "tcp://raw:1\0"s);
+inline const text pipelined_login = message("login", "tcp://raw:1\0pipelined\0"s);
+inline const text acknowledgement = message("heartbeatack", "{sequence:0}\0"s);
 
 struct raw {
     int fd;
-    text heard = {};
+
+    static int listening()
+    {
+        const int fd = impl_create_server_socket("127.0.0.1", 0);
+        fcntl(fd, F_SETFL, O_NONBLOCK);
+        return fd;
+    }
+    static int connected(int port) { return impl_create_client_socket("127.0.0.1", port, 10000); }
 
     explicit raw(int fd) : fd(fd) {}
-    ~raw() // with something unread it is a reset
+    ~raw() { close(fd); } // with something unread it is a reset
+    uint16_t port() const
     {
-        close(fd);
+        sockaddr_in address = {};
+        socklen_t size = sizeof(address);
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size);
+        return ntohs(address.sin_port);
     }
-    bool send(const text &bytes) // false if the other end does not take all of it now
-    {
-        return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == ssize_t(bytes.size());
-    }
-    bool ended()
+    int next_client() const { return tcp_impl_accept_socket(fd); } // negative: there is none
+    void send(const text &bytes) const { ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    bool ended() const
     {
         char bytes[65536];
-        ssize_t got;
-        while ((got = recv(fd, bytes, sizeof(bytes), 0)) > 0)
-            heard.append(bytes, static_cast<size_t>(got));
+        ssize_t got = 1;
+        while (got > 0)
+            got = recv(fd, bytes, sizeof(bytes), 0);
         return got == 0 || errno != EAGAIN;
     }
-    bool hears(const text &bytes) { return (ended(), heard.find(bytes) != text::npos); }
 };
 
-inline int connect_to(int port)
+// ---- a client and a server that answer each request with its own payload
+
+inline void echo(tolvane::request request)
 {
-    return impl_create_client_socket("127.0.0.1", port, 10000);
+    const std::string_view payload = request.payload();
+    REQUIRE(payload.data()[payload.size()] == '\0');
+    (void)request.reply(payload);
 }
 
-// A server of raw connections; tcp_impl_accept_socket() returns the next one, or a negative number.
-inline int listen_here()
-{
-    const int fd = impl_create_server_socket("127.0.0.1", 0);
-    fcntl(fd, F_SETFL, O_NONBLOCK);
-    return fd;
-}
-
-inline uint16_t port_of(int fd)
-{
-    sockaddr_in address = {};
-    socklen_t size = sizeof(address);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size);
-    return ntohs(address.sin_port);
-}
-
-// ---- ends of the layer
-
-inline void note(const tolvane::response &response)
-{
-    static const char *const outcomes[] = {"replied ", "timed out", "lost", "declined", "refused"};
-    notes.push_back(outcomes[static_cast<int>(response.outcome())] + text(response.payload()));
-}
-
-inline auto answering(const text &who)
-{
-    return [who](tolvane::request request) {
-        notes.push_back(who + " hears " + text(request.payload()));
-        REQUIRE(request.payload().data()[request.payload().size()] == '\0');
-        if (request.wants_reply())
-            (void)request.reply(who + ":" + text(request.payload()));
-    };
-}
-
-inline tolvane::options quick(bool pipelined = true)
-{
-    tolvane::options options{200ms};
-    options.pipelined = pipelined;
-    return options;
-}
-
-struct noting_server : tolvane::server {
-    explicit noting_server(tolvane::loop &loop, tolvane::options options = quick())
+struct echo_server : tolvane::server {
+    explicit echo_server(tolvane::loop &loop, const tolvane::options &options = {})
         : server(loop, options)
     {
-        on_request(answering("server"));
-        on_login([](tolvane::peer peer) { notes.push_back(peer.url()); });
-        REQUIRE(listen("127.0.0.1", 0));
+        on_request(echo);
+        REQUIRE(bool(listen("127.0.0.1", 0)));
     }
 };
 
-struct noting_client : tolvane::client {
-    noting_client(tolvane::loop &loop, uint16_t port, const text &name,
-                  tolvane::options options = quick())
-        : client(loop, {"127.0.0.1", port}, {name, 1}, options)
+struct echo_client : tolvane::client {
+    echo_client(tolvane::loop &loop, uint16_t port, const tolvane::options &options = {})
+        : client(loop, {"127.0.0.1", port}, {"client", 1}, options)
     {
-        on_request(answering(name));
-        on_connected([name] { notes.push_back(name + " connected"); });
-        on_lost([name](std::string_view) { notes.push_back(name + " lost"); });
-        REQUIRE(connect());
+        on_request(echo);
+        REQUIRE(bool(connect()));
     }
 };
 

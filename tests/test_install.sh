@@ -15,26 +15,24 @@ fail() { # <why>
     exit 1
 }
 
-expect_name() { # <program>
-    printed=$(timeout 30 "$1") || fail "$1 ends with $?"
-    [ "$printed" = tcp://consumer:7 ] || fail "$1 prints '$printed'"
+expect_name() { # <program>...
+    for program; do
+        printed=$(timeout 30 "$program") || fail "$program ends with $?"
+        [ "$printed" = tcp://consumer:7 ] || fail "$program prints '$printed'"
+    done
 }
 
-check_by_cmake() { # <folder to build in> <option...>: as C and as C++
-    folder=$1
-    shift
-    "$cmake" -S "$consumer" -B "$folder" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" "$@"
-    "$cmake" --build "$folder"
-    expect_name "$folder/consumer_c"
-    expect_name "$folder/consumer_cpp"
+use_by_cmake() { # <folder to build in> <option...>
+    "$cmake" -S "$consumer" -B "$@" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx"
+    "$cmake" --build "$1"
+    expect_name "$1/consumer_c" "$1/consumer_cpp"
 }
 
 check_installation() { # <what> <build folder>
     "$cmake" --install "$2" --prefix "$work/first"
     mv "$work/first" "$work/$1"
-    ! grep -rlIF -e "$work/first" -e "$2" -e "$source" "$work/$1" ||
-        fail "these files contain build paths"
-    check_by_cmake "$work/build-$1" "-DCMAKE_PREFIX_PATH=$work/$1"
+    ! grep -rlIF -e "$work/first" -e "$2" -e "$source" "$work/$1" || fail "these contain build paths"
+    use_by_cmake "$work/build-$1" "-DCMAKE_PREFIX_PATH=$work/$1"
     # The C compiler is enough, even for linking.
     folder=$(dirname "$(find "$work/$1" -name tolvane.pc)")
     # shellcheck disable=SC2046,SC2086 # words on purpose
@@ -49,7 +47,7 @@ for file in libtolvane.so tvcat; do
         fail "$file does not find the timer library beside it"
 done
 
-check_by_cmake "$work/inside" "-DTOLVANE_SOURCE=$source" -DTOLVANE_INSTALL=ON \
+use_by_cmake "$work/inside" "-DTOLVANE_SOURCE=$source" -DTOLVANE_INSTALL=ON \
     -DCMAKE_CXX_STANDARD=20 -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
 grep -q -- "-std=\(c\|gnu\)++2[0a].*tv_loop" "$work/inside/compile_commands.json" ||
     fail "the standard of the project around it is not honoured"

@@ -2,67 +2,55 @@
 # test_peers.py - the Python peers of examples/peer.py against programs of the library. Times are in
 # seconds.
 #
-# usage: test_peers.py peer <examples/server> <examples/client>       every kind of message both ways
-#        test_peers.py own_loop <server that echoes>...              many clients at once
-#        test_peers.py hostile <examples/server>     what bad peers cost the server and a healthy one
-import contextlib, itertools, multiprocessing, os, select, signal, socket, sys, time
+# usage: test_peers.py peer <examples/server> <examples/client>      every kind of message both ways
+#        test_peers.py mixed <tvcat> <folder of the examples>       each echo server with all clients
+#        test_peers.py hostile <examples/server>      what bad peers cost the server and a good one
+import contextlib, glob, itertools, multiprocessing, os, select, signal, socket, subprocess, sys, time
 
-from programs import PATIENCE, Program, Server, peer, programs, read_until_closed, run
-
-
-def body(number, url, payload=b""):
-    return b"\n".join((number, peer.REQUEST, url, peer.MARKER, payload))
+from programs import PATIENCE, Program, Server, peer, read_until_closed, run
 
 
 # ---- peer
 
 
-def clients_at(program):
-    server = Server(program)
-    asked, kinds = [], []  # since the login
-
-    def answer(payload):
-        asked.append(payload)
+# What a client is asked, and how it answers.
+class Questions(list):
+    def answer(self, payload):
+        self.append(payload)
         return b"well\0\1" if payload.startswith(b"ask ") else None
 
-    for round, number, interval, beat in (  # who is silent for longer gets heartbeats only
-            (1, 0, 0.2, peer.ACKNOWLEDGEMENT),
-            (2, peer.LAST_NUMBER - 3, 60, peer.HEARTBEAT),
-            (3, peer.LAST_NUMBER, 60, peer.HEARTBEAT)):
-        link = peer.Link(socket.create_connection(server.address), b"tcp://py:1", answer,
-                         interval=interval)
-        link.number = number  # any first number is accepted; then it must wrap around
-        link.send(peer.LOGIN, link.url + b"\0")
-        largest = peer.LARGEST - len(body(b"0000000000", link.url))
-        for request, reply in ((b"say hello", b"HELLO"), (b"say \0a\xff", b"\0A\xff"), (b"say", b""),
-                               (b"later on", b"ON"), (b"say".ljust(largest), None)):
-            got = link.request(request)
-            assert got == reply if reply is not None else got is not None, (number, request, got)
-        server.say(b"all news")
+    def ask(self, server, link):
         server.say(b"ask py 1 how are you")
-        until = time.monotonic() + 10
-        while asked[-2:] != [b"all news", b"ask how are you"]:
-            assert link.step(1)[0] != peer.REPLY and time.monotonic() < until
-        server.wait_for(b"reply from tcp://py:1: well", times=round)
-        assert link.request(b"lose it", 0.1) is None  # its reply comes while nobody waits for one
-        while peer.REPLY not in kinds or kinds.count(beat) <= round:  # one unanswered: silent
-            kinds.append(link.step(5)[0])
+        server.say(b"all news")
+        while len(self) < 2:
+            assert link.step(1)[0] != peer.REPLY
+        assert sorted(self) == [b"all news", b"ask how are you"]
+        server.expect(b"reply from tcp://py:1: well")
         link.logout()
-        server.wait_for(b"tcp://py:1 has logged out", times=round)
-        asked.clear()
-        kinds.clear()
-    for text in (b"lost its link", b"fallen silent"):
-        assert text not in server.printed()
+        server.expect(b"tcp://py:1 has logged out")
 
 
-def pipelined_at(program):
-    server, asked = Server(program), []
+# A link may start at any message number; after the last one comes 0. With a short interval this peer
+# sends the heartbeats, otherwise the server does.
+def plain_link(server):
+    for number, interval, beat in ((0, 0.2, peer.ACKNOWLEDGEMENT),
+                                   (peer.LAST_NUMBER - 3, 60, peer.HEARTBEAT)):
+        questions, kinds = Questions(), []
+        connection = socket.create_connection(server.address)
+        link = peer.Link(connection, b"tcp://py:1", questions.answer, interval=interval)
+        link.number = number
+        link.send(peer.LOGIN, link.url + b"\0")
+        for text in b"hello", b"\0a\xff", b"", b"x" * 65394:
+            assert link.request(b"say " + text) == text.upper()
+        assert link.request(b"lose it", 0.1) is None  # its reply comes while nobody waits for one
+        while peer.REPLY not in kinds or kinds.count(beat) < 3:
+            kinds.append(link.step(5)[0])
+        questions.ask(server, link)
 
-    def answer(payload):
-        asked.append(payload)
-        return b"well\0\1" if payload.startswith(b"ask ") else None
 
-    link = server.connect("py", serve=answer, pipelined=True)
+def pipelined_link(server):
+    questions = Questions()
+    link = server.connect("py", serve=questions.answer, pipelined=True)
     slow, quick = link.ask(b"later slow"), [link.ask(b"say %d" % i) for i in range(50)]
     assert [link.wait_for(each, PATIENCE) for each in quick] == [b"%d" % i for i in range(50)]
     assert slow not in link.answers and link.wait_for(slow, PATIENCE) == b"SLOW"
@@ -71,55 +59,51 @@ def pipelined_at(program):
     while declined not in link.answers:
         link.step(1)
     assert link.answers.pop(declined) is None
-    server.say(b"ask py 1 how are you")
-    server.say(b"all news")
-    while asked != [b"ask how are you", b"all news"]:
-        link.step(1)
-    server.wait_for(b"reply from tcp://py:1: well")
-    link.logout()
-    server.wait_for(b"tcp://py:1 has logged out")
+    questions.ask(server, link)
 
 
 def server_for(program):
     server = peer.Server("127.0.0.1", 0, serve=lambda payload: payload[::-1], interval=60)
-    port = str(server.listener.getsockname()[1])
+    address = server.listener.getsockname()
 
     def step():
         known = server.links
         server.step(0.05)
         for link in server.links:
-            if link not in known:  # any first number is accepted; then it must wrap around
-                link.number = peer.LAST_NUMBER - 1
+            if link not in known:
+                link.number = peer.LAST_NUMBER - 1  # soon wraps around
 
-    for stays in False, True:  # the second one takes the name, and the first one's link is closed
-        client = Program(program, "127.0.0.1", port, "cc", "7")
-        client.wait_for(b"logging in", step)
-        line = b"say " + (b"o" * 65394 if stays else b"hello")
+    client = Program(program, *address, "cc", 7)
+    for line in b"say hello", b"say ".ljust(65398, b"o"):
         client.say(line)
-        client.wait_for(b"reply: " + line[::-1], step)
-        if not stays:
-            server.links[0].send(peer.REQUEST, b"replaced")
-    programs[-2].wait_for(b"replaced by a newer login", step)
+        client.expect(b"reply: " + line[::-1], step=step)
+    rival = peer.connect(*address, "cc", 7)  # takes the name until the client logs in again
+    client.expect(b"no link", step=step)
+    while not select.select([rival.connection], [], [], 0)[0]:
+        step()
     link, = server.links
     for question in b"ask me", b"ask \0again", b"all news", b"ask once more":
         awaited = question.startswith(b"ask")
         assert link.request(question, 5 if awaited else 0) == (b"cc is well" if awaited else None)
-    link.interval = 0.2
-    while link.accepted < 6:  # acknowledgements, and the client's heartbeats
-        step()
+    for link.interval, beat in (0.2, peer.ACKNOWLEDGEMENT), (60, peer.HEARTBEAT):
+        while link.step(1)[0] != beat:
+            pass
     client.say(b"logout")
     while server.links:
         step()
-    assert link.url == b"tcp://cc:7" and b"no link" not in client.printed()
+    assert link.url == b"tcp://cc:7"
 
 
-def talk(server, client):
-    clients_at(server)
-    pipelined_at(server)
-    server_for(client)
+def talk(server_program, client_program):
+    server = Server(server_program)
+    plain_link(server)
+    pipelined_link(server)
+    for text in b"lost its link", b"fallen silent":
+        assert server.never_printed(text)
+    server_for(client_program)
 
 
-# ---- own_loop
+# ---- mixed: every echo server, each on its own kind of loop, with all clients, and many at once
 
 
 def ask(links):
@@ -145,9 +129,18 @@ def send_stale_event(server):
     assert not select.select([newcomer], [], [], 0)[0], "the newcomer's connection was closed"
 
 
-def serve_many(*programs):
-    for program in programs:
-        server = Server(*program.split())
+def mix(tvcat, folder):
+    minimal = f"{folder}/minimal"
+    shouter = Server("sh", "-c", 'exec "$0" server "$2"', minimal)
+    servers = [Server(tvcat, "-l")]
+    servers += [Server(program) for program in glob.glob(f"{folder}/*_server")]
+    for server in [shouter, *servers]:
+        link, reply = server.connect("plain"), b"HELLO" if server == shouter else b"hello"
+        for client in [minimal, "client"], [tvcat, "127.0.0.1"]:
+            command = [*client, str(server.address[1])]
+            assert subprocess.check_output(command, input=b"hello", timeout=60) == reply + b"\n"
+        assert link.request(b"hello", PATIENCE) == reply
+    for server in servers:
         send_stale_event(server)
         links = [server.connect("many", i) for i in range(300)]
         for link in links[::2]:
@@ -178,26 +171,25 @@ def is_closed(*pieces):
 
 
 def newer_logins(server):
-    link = server.connect("same")
     for _ in range(300):
-        older, link = link, server.connect("same")
+        older = server.connect("same")
+        server.connect("same")
         read_until_closed(older.connection)
-    assert link.request(b"say served", PATIENCE) == b"SERVED"
 
 
+LARGEST = frame(2 ** 31 - 1)
+SAY = b"\n".join((b"0", peer.REQUEST, b"", peer.MARKER, b"say ")).ljust(60000, b"x")
 ATTACKS = {
-    "half a header": is_closed([frame(4)[:20]]),
+    "half a header": is_closed([LARGEST[:20]]),
     "half a body": is_closed([frame(4, b"ab")]),
-    "a byte a millisecond": is_closed(
-        [frame(2 ** 31 - 1)], (time.sleep(0.001) or b"x" for _ in itertools.count())),
-    "2 GiB announced, 1 MB sent": is_closed([frame(2 ** 31 - 1, bytes(1000000))]),
+    "a byte a millisecond": is_closed([LARGEST], (time.sleep(0.001) or b"x" for _ in itertools.count())),
+    "2 GiB announced, 1 MB sent": is_closed([LARGEST, bytes(1000000)]),
     "a length above 2147483647": is_closed([frame(2 ** 31)]),
     "an empty frame": is_closed([frame(0)]),
     "garbage": is_closed([b"x" * 100000]),
     "300 connections under one name": newer_logins,
-    "2 GiB without a pause": is_closed([frame(2 ** 31 - 1)], itertools.repeat(bytes(1000000))),
-    "replies never read": is_closed(
-        itertools.repeat(frame(60000, body(b"0", b"", b"say ").ljust(60000, b"x")))),
+    "2 GiB without a pause": is_closed([LARGEST], itertools.repeat(bytes(1000000))),
+    "replies never read": is_closed(itertools.repeat(frame(len(SAY), SAY))),
 }
 
 
@@ -215,20 +207,17 @@ def endure(program):
     # The address sanitizer keeps freed memory; it reports leaks at the end.
     bound = 4096 if server.kilobytes("VmSize") < 2 ** 33 else float("inf")
     for what, attack in ATTACKS.items():
-        print(what, end=": ", flush=True)
         attacker = multiprocessing.get_context("fork").Process(target=attack, args=(server,))
         attacker.start()
         worst = delay()
-        while attacker.is_alive() or (
-                attacker.exitcode == 0 and server.descriptors() != descriptors):
+        while attacker.is_alive() or not attacker.exitcode and server.descriptors() != descriptors:
             worst = max(worst, delay())
-        most, more = (server.kilobytes(which) - memory for which in ("VmHWM", "VmRSS"))
-        print("%.0f ms, at most %d KiB more, now %d" % (worst * 1000, most, more))
+        most, more = server.kilobytes("VmHWM") - memory, server.kilobytes("VmRSS") - memory
+        print("%s: %.0f ms, at most %d KiB more, now %d" % (what, worst * 1000, most, more))
         assert attacker.exitcode == 0 and more < bound / 4
         assert most < bound or what == "replies never read" and most < 24 * 1024  # a queue
-        assert b"fallen silent" not in server.printed()  # closed for the attack, not for silence
-    server.say(b"stop")
-    assert server.process.wait(PATIENCE) == 0
+        assert server.never_printed(b"fallen silent")  # closed for the attack, not for silence
+    server.stop()
 
 
-run(dict(peer=talk, own_loop=serve_many, hostile=endure)[sys.argv[1]], *sys.argv[2:])
+run(dict(peer=talk, mixed=mix, hostile=endure)[sys.argv[1]], *sys.argv[2:])

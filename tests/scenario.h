@@ -592,6 +592,9 @@ static void end()
     clean_channel_repo(&tv_service_server.pairList); // stopping only closes channels
     awaited.clear();
     injecting = false;
+    struct pollfd list[2];
+    while (build_polling_fd_list(list, 2) == 2) // loopFd, and a descriptor closed while registered
+        unwatch(list[1].fd);
     advance(INT_MAX); // timers of closed channels
     tv_unregister_polling_fd(loopFd);
     REQUIRE(openPairs == 0);

@@ -69,8 +69,7 @@
 //                               for a single pass
 //
 // VERBS of test_channels.cpp only, so not for faults*.txt
-//   logged ENTRY, ENTRY         the previous line logged exactly these entries; [*] stands for any
-//                               number in brackets
+//   logged ENTRY, ENTRY         the previous line logged exactly these entries; * stands for any text
 //   last_logged ENTRY           the previous line logged this entry last
 //   remove_handlers             for responses, timeouts and lost links
 //   fail CALL                   from now on this system call fails with ECONNREFUSED ("nothing": none)
@@ -593,6 +592,9 @@ static void end()
     clean_channel_repo(&tv_service_server.pairList); // stopping only closes channels
     awaited.clear();
     injecting = false;
+    struct pollfd list[2];
+    while (build_polling_fd_list(list, 2) == 2) // loopFd, and a descriptor closed while registered
+        unwatch(list[1].fd);
     advance(INT_MAX); // timers of closed channels
     tv_unregister_polling_fd(loopFd);
     REQUIRE(openPairs == 0);

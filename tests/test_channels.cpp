@@ -4,16 +4,16 @@
 #include "log_capture.h"
 #include "scenario.h"
 
-#include <regex>
+#include <fnmatch.h>
 
-// Joins all words with single blanks and replaces a NUL by "~".
+// Joins all words but arrows with single blanks and replaces a NUL by "~".
 static std::string one_line(std::string text)
 {
     std::replace(text.begin(), text.end(), '\0', '~');
     std::istringstream words(text);
     std::string line;
     for (std::string word; words >> word;)
-        line += (line.empty() ? "" : " ") + word;
+        line += word == "=>" ? "" : (line.empty() ? "" : " ") + word;
     return line;
 }
 
@@ -30,11 +30,11 @@ static std::string joined(const Texts &texts)
 static Texts logged; // by the previous line
 static Fault chosenFault = {{}, {ECONNREFUSED}, ANY, ""};
 
-static void expect_logged(Text log, Text wanted)
+static void expect_logged(Text log, Text words)
 {
-    static const std::regex number("\\[-?[0-9]+\\]");
-    const bool any = wanted.find("[*]") != std::string::npos;
-    EXPECT_EQ(any ? std::regex_replace(log, number, "[*]") : log, one_line(wanted));
+    const std::string wanted = one_line(words);
+    const bool matches = fnmatch(wanted.c_str(), log.c_str(), 0) == 0;
+    EXPECT_EQ(matches ? wanted : log, wanted);
 }
 
 static void remove_handlers(int id)
@@ -143,11 +143,12 @@ struct ChannelTest : testing::Test {
     }
     void play(Text scenario)
     {
-        static const std::regex continuation("\n *=>"), arrows("=>");
-        std::istringstream lines(std::regex_replace(scenario, continuation, "=>"));
-        for (std::string line; std::getline(lines, line);) {
+        std::istringstream lines(scenario);
+        for (std::string line, more; std::getline(lines, line);) {
+            while ((lines >> std::ws).peek() == '=' && std::getline(lines, more))
+                line += " " + more;
             const size_t arrow = std::min(line.find("=>"), line.size());
-            const std::string wanted = one_line(std::regex_replace(line.substr(arrow), arrows, ""));
+            const std::string wanted = one_line(line.substr(arrow));
             run(line.substr(0, arrow));
             logged = log.take();
             const std::string notes = happened();

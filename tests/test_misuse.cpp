@@ -108,7 +108,7 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     channel.pollTimeout = 1;
     EXPECT_EQ(tv_impl_recv(&channel, &len), nullptr);
     EXPECT_EQ(tv_impl_send_rqst(&channel, "", -1), -1);
-    log.take();
+    EXPECT_EQ(log.take().back(), "tv_impl_send_rqst, negative length[-1]");
     EXPECT_EQ(tcp_impl_send_with_timeout(ends[0], "lost", 4, 0), -1);
     EXPECT_EQ(tcp_impl_send_with_timeout(ends[0], "lost", -1, 1000), -1);
     EXPECT_LOG({"time out:0", "tcp_impl_send, failed on send header",

@@ -154,6 +154,9 @@ struct running : server {
     std::vector<double> perRound; // us: the median; one way: a message
 };
 
+// One-way messages are sent in bursts; the next one begins when all have arrived.
+static const int burst = 1000;
+
 // All servers are started before the first client: other libraries start threads, and these do
 // not survive a fork().
 static std::vector<running> start(const std::vector<contender> &list, int serverCpu)
@@ -161,7 +164,8 @@ static std::vector<running> start(const std::vector<contender> &list, int server
     std::vector<running> pairs;
     for (const contender &who : list) {
         const auto serve = [&](int port) { serve_one(who, port); };
-        pairs.push_back({start_server(serve, serverCpu), {}, who.outstanding, 0, {}, {}});
+        const int outstanding = theTask.oneWay ? burst : who.outstanding;
+        pairs.push_back({start_server(serve, serverCpu), {}, outstanding, 0, {}, {}});
     }
     for (size_t i = 0; i < list.size(); i++)
         pairs[i].client = list[i].open(pairs[i].port, false);
@@ -183,12 +187,15 @@ static void take_turn(running &pair, double duration, bool rates)
     const double begin = now_us();
     for (double last = begin, now; last < begin + duration; last = now) {
         exchange(pair.client, pair.outstanding);
+        pair.sent += pair.outstanding;
+        while (theTask.oneWay && pair.shared->received < pair.sent) {
+            if (pair.client.flush)
+                pair.client.flush();
+            sched_yield();
+        }
         now = now_us();
         samples.push_back(now - last);
     }
-    pair.sent += (long)samples.size();
-    while (theTask.oneWay && pair.shared->received < pair.sent) // the last are on their way
-        pair.client.flush ? pair.client.flush() : (void)usleep(100);
     const double each = (now_us() - begin) / samples.size() / pair.outstanding;
     pair.samples.insert(pair.samples.end(), samples.begin(), samples.end());
     pair.perRound.push_back(rates ? each : median(samples));

@@ -18,7 +18,7 @@ struct link_end {
     std::function<void(const char *payload)> send;
     std::function<const char *()> receive; // valid until the next call
     std::function<void()> close;
-    std::function<void()> flush; // sends some of the queue
+    std::function<void()> flush = [] {}; // sends some of the queue
 };
 
 struct contender {

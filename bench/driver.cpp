@@ -154,9 +154,6 @@ struct running : server {
     std::vector<double> perRound; // us: the median; one way: a message
 };
 
-// One-way messages are sent in bursts; the next one begins when all have arrived.
-static const int burst = 1000;
-
 // All servers are started before the first client: other libraries start threads, and these do
 // not survive a fork().
 static std::vector<running> start(const std::vector<contender> &list, int serverCpu)
@@ -164,7 +161,8 @@ static std::vector<running> start(const std::vector<contender> &list, int server
     std::vector<running> pairs;
     for (const contender &who : list) {
         const auto serve = [&](int port) { serve_one(who, port); };
-        const int outstanding = theTask.oneWay ? burst : who.outstanding;
+        // One-way messages are sent in bursts; the next one begins when all have arrived.
+        const int outstanding = theTask.oneWay ? 1000 : who.outstanding;
         pairs.push_back({start_server(serve, serverCpu), {}, outstanding, 0, {}, {}});
     }
     for (size_t i = 0; i < list.size(); i++)
@@ -189,8 +187,7 @@ static void take_turn(running &pair, double duration, bool rates)
         exchange(pair.client, pair.outstanding);
         pair.sent += pair.outstanding;
         while (theTask.oneWay && pair.shared->received < pair.sent) {
-            if (pair.client.flush)
-                pair.client.flush();
+            pair.client.flush();
             sched_yield();
         }
         now = now_us();

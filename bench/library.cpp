@@ -100,5 +100,5 @@ link_end open_library(int port, bool serving)
         tv_disconnect_server(id);
         tv_close_channel(id);
     };
-    return {send, receive, close, {}};
+    return {send, receive, close};
 }

@@ -60,7 +60,7 @@ static link_end open_raw(int port, bool serving)
         receive_all(fd, buffer, theTask.len);
         return buffer;
     };
-    return {[=](const char *payload) { send_all(fd, payload, theTask.len, 0); }, receive, {}, {}};
+    return {[=](const char *payload) { send_all(fd, payload, theTask.len, 0); }, receive, {}};
 }
 
 // ---- bare calls
@@ -108,7 +108,7 @@ static link_end open_bare(int port, bool serving)
         clock_gettime(CLOCK_MONOTONIC, &now);
         return bare_receive(fd);
     };
-    return {[=](const char *payload) { bare_send(fd, payload); }, receive, {}, {}};
+    return {[=](const char *payload) { bare_send(fd, payload); }, receive, {}};
 }
 
 // ---- other libraries
@@ -138,7 +138,7 @@ static link_end open_zmq_types(int port, bool serving, int type)
         check(zmq_recv(socket, buffer, theTask.len, 0) == theTask.len, "zmq_recv");
         return buffer;
     };
-    return {send, receive, {}, {}};
+    return {send, receive, {}};
 }
 
 static link_end open_zmq(int port, bool serving)
@@ -172,7 +172,7 @@ static link_end open_nng(int port, bool serving)
         check(nng_recv(socket, buffer, &len, 0) == 0, "nng_recv");
         return buffer;
     };
-    return {send, receive, {}, {}};
+    return {send, receive, {}};
 }
 
 const std::vector<contender> contenders = {{"raw TCP", open_raw},     {"bare calls", open_bare},

@@ -654,7 +654,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     virtual ~link() = default;
 
-    // What clients and servers do differently.
+    // ---- what clients and servers do differently
+
     // Closes the connection and posts the report.
     virtual void end(reason, std::string) {}
     // Every message but requests, awaited replies and heartbeats.
@@ -1381,8 +1382,8 @@ struct listener : std::enable_shared_from_this<listener> {
     const std::shared_ptr<handlers> on;
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
     std::deque<callback<void()>> logouts;       // reports of links that have ended, in order
-    // Every connection holds a copy, also a closed one that still sends its last bytes. Their number
-    // is use_count() - 1.
+    // Every connection holds a copy, also a closed one that still sends its last bytes. Their
+    // number is use_count() - 1.
     const std::shared_ptr<void> slot = std::make_shared<int>();
     int fd = -1;
     timer retry;

@@ -17,10 +17,10 @@
 //
 // CONVENTIONS, true of every entry below unless it says otherwise
 //
-// Callbacks  run only inside run() and run_once(), except the handler of log_to(). They may call
-//            anything, and may destroy or close any object, including the one that they belong
-//            to. An exception that leaves a callback ends the program. A link or a request is
-//            reported as ended from the loop, never from inside the call that ended it.
+// Callbacks  run only inside run() and run_once(). They may call anything, and may destroy or close
+//            any object, including the one that they belong to. Neither applies to the handler of
+//            log_to(). An exception that leaves a callback ends the program. A link or a request
+//            is reported as ended from the loop, never from inside the call that ended it.
 // Results    operations that can be refused return a status. Nothing throws but std::bad_alloc.
 // Blocking   nothing blocks but run() and run_once(). What the system does not take at once waits
 //            in the link's queue, which is full at options::max_queued bytes.
@@ -453,7 +453,7 @@ private:
     static inline std::deque<callback<void()>> posted;
     static inline std::mutex guard; // of posted
     static inline std::atomic<bool> waiting = false;
-    static inline char received[detail::flush_size]; // what a link has just read
+    static inline char received[detail::flush_size]; // receive buffer of all links
 };
 
 // ---- timer ---------------------------------------------------------------------------------
@@ -512,7 +512,7 @@ private:
 class response
 {
 public:
-    /** For the layer itself, and for tests of handlers. */
+    /** For the layer itself, and for testing handlers. */
     response(tolvane::outcome what, tolvane::status why, detail::buffer reply = {})
         : result(what), cause(why), body(std::move(reply))
     {
@@ -521,8 +521,7 @@ public:
     tolvane::outcome outcome() const { return result; }
     /** Success if there is a reply; otherwise the reason why there is none. */
     tolvane::status status() const { return cause; }
-    /** The reply, or an empty text. Never null; followed by a 0x00; valid as long as the response.
-     * */
+    /** The reply, or nothing. Never null; followed by a 0x00; valid as long as the response. */
     std::string_view payload() const { return body.view(); }
     explicit operator bool() const { return result == tolvane::outcome::replied; }
 
@@ -620,7 +619,7 @@ struct handlers {
 // The state that is reset when a connection ends.
 struct connection {
     tv_channel *channel = nullptr;
-    int id = -1; // the channel's, which no other connection has; -1: closed
+    int id = -1; // the channel's id, unique to this connection; -1: closed
     int fd = -1;
     bool established = false, pipelined = false; // established: requests may be sent
     bool writing = false;                        // output is left, so EPOLLOUT is watched
@@ -694,7 +693,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     void close_when_sent()
     {
         write_out();
-        const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
+        const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // because close_now() closes fd
         const std::shared_ptr<closing_socket> last(new closing_socket{
             std::move(slot), copy, std::move(out),
             timer::once(on->opts.connect_timeout, [copy] { loop::unwatch(copy); })});
@@ -729,7 +728,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         heard = loop::now;
         channel->hbSequence = 0; // unanswered heartbeats
     }
-    // Sends a heartbeat after each period of silence.
+    // Sends a heartbeat after each period of silence. Ends the link if too many are unanswered.
     void supervise()
     {
         const milliseconds period(to_ms(on->opts.heartbeat));
@@ -1094,7 +1093,7 @@ public:
     bool wants_reply() const { return state != nullptr && state->open; }
     /** Answers the request. Refused: it has been answered or declined already, or wants no reply;
      * its connection has ended; the payload is too long, or not allowed on a plain link; or the
-     * queue is full. After the last three, the request may still be answered. */
+     * queue is full. If the payload or the queue is the reason, it may still be answered. */
     status reply(std::string_view text)
     {
         if (state == nullptr)
@@ -1212,7 +1211,7 @@ struct client_state final : link {
         append(length, on->opts.pipelined ? pipelined_offer.substr(1) : std::string_view());
         append_heartbeat(c::build_heartbeat_msg);
     }
-    // An acknowledgement, or an accepted offer: the server has read the login.
+    // Once the server acknowledges the heartbeat or accepts the offer, it has read the login.
     void handle_other(int type, const buffer &) override
     {
         if (type == TV_MSG_LOGIN) {
@@ -1265,7 +1264,7 @@ struct client_state final : link {
 
 }
 
-/** A client: one link to a server, which reconnects until disconnect() is called. While there is no
+/** A client: one link to a server. It reconnects until disconnect() is called. While there is no
  * connection, requests and one-way requests wait for one. */
 class client : public other_end
 {
@@ -1321,7 +1320,8 @@ public:
     /** Sets what runs when the link is lost or an attempt to connect has failed. It gets the reason
      * as a text, which is valid until the handler returns. Requests that were sent get
      * outcome::lost; those not sent yet wait for the next attempt, which follows automatically.
-     * With options::reconnect off there is none, and all outstanding requests get outcome::lost. */
+     * With options::reconnect off there is no next attempt, and all outstanding requests get
+     * outcome::lost. */
     void on_lost(callback<void(std::string_view why)> run) { state->on->lost = std::move(run); }
     /** Sets what runs when the queue is empty again, after it was full or the system did not take
      * all of it at once. */

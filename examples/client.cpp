@@ -11,7 +11,7 @@
 //   logout       log out and end; so does the end of the input
 //   quit         end without a logout: the server sees a lost link
 //
-// The layer replaces a lost link and retries until the server is back.
+// After a lost link, the layer tries to reconnect until the server is back.
 
 #include <tolvane.hpp>
 
@@ -25,7 +25,8 @@ using text = std::string;
 
 static const auto rqstTimeout = 1000ms; // for the reply to a request
 
-// A heartbeat a second: a server that misses three of them is lost. A connect takes a second, too.
+// One heartbeat per second; a server that leaves two unanswered is lost. An attempt to connect may
+// take 1 s.
 static const tolvane::options settings{1000ms, 1000ms};
 
 class talker

@@ -34,7 +34,8 @@ using namespace std::chrono_literals;
 using text = std::string;
 
 static const char *const host = "127.0.0.1";
-static const tolvane::options settings{100ms}; // between heartbeats: a peer that misses 3 is lost
+// The heartbeat interval; a peer that leaves two unanswered is lost.
+static const tolvane::options settings{100ms};
 
 // ---- dispatcher
 
@@ -118,7 +119,8 @@ static int work(uint16_t port, uint16_t number)
 
 // ---- supervisor
 
-// Submits count jobs, and another for each one done while watch() of its report returns true.
+// Submits count jobs. After each finished job it submits another one, as long as watch(report)
+// returns true.
 static int supervise(uint16_t port, int count, const std::function<bool(const text &)> &watch)
 {
     int submitted = 0, done = 0, wrong = 0;

@@ -43,7 +43,8 @@ class Link:
         self.connection, self.url, self.serve = connection, url, serve
         self.io_timeout, self.interval, self.count = io_timeout, interval, count
         self.number, self.accepted = 0, 0  # of the next message, and of the last one accepted
-        self.unanswered, self.heard = 0, time.monotonic()  # heartbeats since then, and its time
+        # heartbeats sent since the last accepted message, and when that arrived
+        self.unanswered, self.heard = 0, time.monotonic()
 
     def send(self, kind, payload=b""):
         if PREFIX in payload.split(b"\0", 1)[0]:
@@ -129,8 +130,8 @@ class Link:
 class PipelinedLink(Link):
     """A client's end of a pipelined link: any number of requests may be outstanding, both ways.
 
-    ask(payload) sends a request and returns its correlation ID. Its reply arrives in answers under
-    this ID, None if the server declines it; step() receives.
+    ask(payload) sends a request and returns its correlation ID. The reply is stored in answers
+    under this ID, or None if the server declines; call step() to receive it.
     """
 
     def __init__(self, connection, url, serve=lambda payload: None, **settings):
@@ -181,7 +182,7 @@ def connect(address, port, name, name_port, timeout=5.0, pipelined=False, **sett
 class Server:
     def __init__(self, address, port, **settings):
         self.listener = socket.create_server((address, port), backlog=16)
-        self.settings, self.links = settings, []  # of each Link
+        self.settings, self.links = settings, []  # settings for every Link
 
     def step(self, timeout):
         """Serve a message of each client that sends one in time."""

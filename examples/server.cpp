@@ -28,7 +28,8 @@ static const auto askTimeout = 1000ms; // for a client's reply
 static const auto laterDelay = 400ms;  // before the reply to "later"
 static const auto loseDelay = 1500ms;  // before the reply to "lose": longer than the client waits
 
-// A heartbeat a second: a client that misses three of them is lost.
+// One heartbeat per second; a client that leaves two unanswered is lost, 3 s after its last
+// message.
 static const tolvane::options settings{1000ms};
 
 // Print a whole line at once, so that lines of several processes do not mix.

@@ -7,9 +7,9 @@
  * 11 channel transport, 12 sockets and frames. Most programs need sections 1 to 6 only.
  *
  * Define TOLVANE_APPLICATION_ONLY before you include this header to see only what applications
- * need: all types, get_channel_type(), and the functions of sections 2 to 6 whose names begin with
- * tv_, without the obsolete tv_set_polling_interval(). Names such as log_file, get_channel or
- * send_rqst then stay free for the program. The first inclusion in a source file decides.
+ * need: all types, tv_service_server, get_channel_type(), and the functions of sections 2 to 6
+ * whose names begin with tv_, without the obsolete tv_set_polling_interval(). Names such as
+ * log_file, get_channel or send_rqst then stay free for the program. The first inclusion in a source file decides.
  *
  * Terms: a channel is one end of a connection; a pair is the channel that a server creates for an
  * accepted connection; an actor is a callback that serves received requests; the repository is the

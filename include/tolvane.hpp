@@ -1,12 +1,12 @@
 // tolvane.hpp - clients and servers that never block: the C++17 layer over tolvane.h.
 //
-// A program needs one loop, and one or more clients or one server on it. Callbacks are lambdas;
-// objects end with their destructors. Header-only and optional; links with libtolvane.so and
-// libruvo_timer.so, and talks to programs on the C interface as well as to programs on this one.
+// A program needs one loop, and on it any number of clients and at most one server. Callbacks are
+// lambdas; destroying an object ends its work. The layer is header-only and optional. Link with
+// libtolvane.so and libruvo_timer.so. The other end may use this layer or the C interface.
 //
 //   loop      waits for descriptors, timers and posted work, and runs every callback
 //   timer     runs a callback once or periodically
-//   link      (internal) one connection: buffers, frames, heartbeats, requests under way
+//   link      (internal) one connection: buffers, frames, heartbeats, outstanding requests
 //   peer      a server's handle of one client; other_end is what it shares with a client
 //   request   one received request, answered now or later
 //   client    a link that connects, logs in and reconnects
@@ -17,24 +17,24 @@
 //
 // CONVENTIONS, true of every entry below unless it says otherwise
 //
-// Callbacks  run inside run() and run_once() only, log_to's excepted. A callback may call
-//            anything, and may destroy or close any object, also the one that called it. An
-//            exception that leaves a callback ends the program. The loop reports the end of a
-//            link or a request; the call that caused it never does.
+// Callbacks  run only inside run() and run_once(). They may call anything, and may destroy or close
+//            any object, including the one that they belong to. Neither applies to the handler of
+//            log_to(). An exception that leaves a callback ends the program. A link or a request
+//            is reported as ended from the loop, never from inside the call that ended it.
 // Results    operations that can be refused return a status. Nothing throws but std::bad_alloc.
 // Blocking   nothing blocks but run() and run_once(). What the system does not take at once waits
-//            in the link's queue, at most options::max_queued bytes.
+//            in the link's queue, which is full at options::max_queued bytes.
 // Time       milliseconds on the monotonic clock. A time below 1 ms counts as 1 ms, one above
 //            24 days as 24 days.
-// Threads    one thread makes all calls, but loop::post, which any thread may call.
-// Links      two ends of this layer agree on a pipelined link: any number of requests may be under
-//            way, in both directions. With any other peer the link is plain: one request at a time
-//            awaits its reply in each direction, and further ones queue.
+// Threads    all calls come from one thread, except loop::post(), which any thread may call.
+// Links      if both ends use this layer, the link is pipelined: any number of requests may be
+//            outstanding in both directions. With any other peer the link is plain: one request
+//            at a time awaits its reply in each direction, and further ones queue.
 #ifndef TOLVANE_HPP
 #define TOLVANE_HPP
 
 #if !defined(TOLVANE_H) && !defined(TOLVANE_APPLICATION_ONLY)
-#define TOLVANE_APPLICATION_ONLY // no get_channel, log_file ... in the program's namespace
+#define TOLVANE_APPLICATION_ONLY // leaves names such as get_channel and log_file free
 #endif
 #include "ruvo_timer.h"
 #include "tolvane.h"
@@ -72,7 +72,7 @@ namespace tolvane
 
 using std::chrono::milliseconds;
 
-/** The longest request or reply in bytes. It fits one message whatever the link and the URL. */
+/** The longest request or reply in bytes. It fits into one message on every link, with any URL. */
 constexpr std::size_t max_payload = 65398;
 
 /** A callable of any kind; copies share it. An empty one does nothing. The callable may be
@@ -111,10 +111,10 @@ private:
     void (*invoke)(void *, Args...) = nullptr;
 };
 
-/** How an operation went: true, or a code and a text that say why it was refused. A refused
- * operation has changed nothing. full() is true when the queue has no room now: try again after
- * on_drained. Any other refusal is final. what() is valid for ever. A refused message is lost
- * without a trace, so check every status; cast it to void where the loss does not matter. */
+/** The result of an operation: true, or a code and a text that say why it was refused. A refused
+ * operation has changed nothing. full() is true if the queue has no room now: try again after
+ * on_drained. Any other refusal is final. what() is always valid. Nothing else reports a refused
+ * message, so check every status; cast it to void where the loss does not matter. */
 class [[nodiscard]] status
 {
 public:
@@ -130,8 +130,8 @@ private:
     const char *text = "success";
 };
 
-/** An address and a port. A server's host is a dotted IPv4 text; names are not resolved. A client's
- * own endpoint is the name that it logs in with, and need not be a real address. Its URL,
+/** An address and a port. A server's host is a dotted IPv4 address; names are not resolved. A
+ * client's own endpoint is the name that it logs in with, and need not be a real address. Its URL,
  * "tcp://host:port", has at most 63 characters, no control characters and no "velun_tolvane_". */
 struct endpoint {
     std::string host;
@@ -142,30 +142,38 @@ struct endpoint {
 
 /** Settings of a client, or of a server and all its clients' links. */
 struct options {
-    milliseconds heartbeat{5000};       ///< silence after which a heartbeat is sent; 0: never
-    milliseconds connect_timeout{5000}; ///< for connecting with login, and for the last bytes
-    milliseconds late_reply{1000};      ///< on a plain link, how long a reply may be overdue
-    int missed_heartbeats = 2;          ///< unanswered ones before a link counts as lost
-    bool pipelined = true;              ///< offer, or accept, a pipelined link
-    bool reconnect = true;              ///< a client only: after a lost link, 100 ms to 5 s later
-    std::size_t max_queued = 8 << 20;   ///< unsent bytes of a link that make it full
-    std::size_t max_clients = 1000;     ///< a server only: further clients wait in the backlog
+    /// silence after which a heartbeat is sent; 0: never
+    milliseconds heartbeat{5000};
+    /// limit for one attempt, including the login; and for sending queued output on close
+    milliseconds connect_timeout{5000};
+    /// on a plain link, how long a reply may be overdue
+    milliseconds late_reply{1000};
+    /// unanswered heartbeats after which a link counts as lost
+    int missed_heartbeats = 2;
+    /// offer pipelined links as a client, accept them as a server
+    bool pipelined = true;
+    /// client only: connect again 100 ms to 5 s after a lost link
+    bool reconnect = true;
+    /// unsent bytes at which a link's queue is full
+    std::size_t max_queued = 8 << 20;
+    /// server only: connections; further clients wait in the backlog
+    std::size_t max_clients = 1000;
 };
 
-/** What became of a request: the other end replied, or it did not in time, the link was lost or
- * closed meanwhile, the other end declined to reply (pipelined links only), or the request was
- * refused here and not sent. */
+/** What became of a request: the other end replied; no reply arrived in time; the link was lost or
+ * closed before the reply; the other end declined to reply (pipelined links only); or the request
+ * was refused at this end and not sent. */
 enum class outcome { replied, timed_out, lost, declined, refused };
 
-/** Why a client has gone: it logged out, a newer login took its name, its link was lost, it did not
- * answer heartbeats any more, or the server closed it. */
+/** Why a client has gone: it logged out; a newer client logged in with its name; its link was lost;
+ * it stopped answering heartbeats; or the server closed it. */
 enum class reason { logged_out, replaced, lost, silent, closed };
 
 class peer;
 class request;
 
-// The library's lower functions that the layer is built on. They are declared here because
-// tolvane.h hides them from application programs; a second declaration does no harm.
+// Functions of the library's lower layers. They are declared here because tolvane.h hides them from
+// application programs; a second declaration does no harm.
 namespace detail::c
 {
 extern "C" {
@@ -190,12 +198,15 @@ namespace detail
 
 using clock = std::chrono::steady_clock;
 
-constexpr int served_per_turn = 64;       // messages, or accepted clients, before others' turn
-constexpr std::size_t flush_size = 65536; // unsent bytes that are sent without waiting for more
-constexpr std::size_t dropped_at_most = 8 << 20; // bytes that a closed link still takes
-constexpr std::size_t frame_header = 36;         // watermark and length
+// Messages served, or clients accepted, before others get their turn.
+constexpr int served_per_turn = 64;
+// Unsent bytes that are sent without waiting for more.
+constexpr std::size_t flush_size = 65536;
+// Bytes that a closing link reads and discards before it gives up.
+constexpr std::size_t max_discarded = 8 << 20;
+constexpr std::size_t frame_header = 36; // watermark and length
 constexpr std::string_view watermark{"TCP_WATER_MARK\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32};
-constexpr std::string_view reserved_text = "velun_tolvane_";     // begins the type of a message
+constexpr std::string_view reserved_text = "velun_tolvane_";     // begins every tag
 constexpr std::string_view pipelined_offer{"\0pipelined\0", 11}; // follows the URL of a login
 
 inline bool try_later(int error)
@@ -203,7 +214,7 @@ inline bool try_later(int error)
     return error == EAGAIN || error == EINTR || error == ENOBUFS || error == ENOMEM;
 }
 
-// The address of an endpoint; without a family when its host is not a dotted IPv4 text.
+// The address of an endpoint. Its family is not set if the host is not a dotted IPv4 address.
 inline sockaddr_in socket_address(const endpoint &of)
 {
     sockaddr_in address{};
@@ -218,8 +229,8 @@ inline int to_ms(milliseconds time)
     return static_cast<int>(std::clamp<milliseconds::rep>(time.count(), 1, INT_MAX));
 }
 
-// Bytes in order, behind others that are done with. An empty one holds no memory, so an idle link
-// costs little.
+// A byte queue. Consumed bytes stay in front until they are more than half of it. An empty queue
+// holds no memory, so an idle link costs little.
 struct buffer {
     std::size_t size() const { return bytes.size() - start; }
     const char *data() const { return bytes.data() + start; }
@@ -243,14 +254,14 @@ struct link;
 
 // ---- loop ----------------------------------------------------------------------------------
 
-/** The event loop, which runs the callbacks of all timers, clients and servers. A process has one:
- * every loop object stands for it, and it closes when the last one is destroyed. Clients, servers,
- * timers and requests may outlive it; without it they do nothing. */
+/** The event loop, which runs the callbacks of all timers, clients and servers. A process has one
+ * loop: all loop objects refer to it, and it closes when the last of them is destroyed. Clients,
+ * servers, timers and requests may outlive it, but do nothing without it. */
 class loop
 {
 public:
-    /** Open the loop. When the system has no descriptor left it stays closed: run() returns false
-     * at once, and watch() says why. */
+    /** Opens the loop. If the system has no descriptor left, the loop stays closed: run() returns
+     * false at once, and watch() is refused. */
     loop()
     {
         if (objects++ > 0)
@@ -259,8 +270,8 @@ public:
         alarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
         wakeup = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         epoll = epoll_create1(EPOLL_CLOEXEC);
-        for (const int counter : {wakeup, alarm}) {
-            if (!watch(counter, nullptr, EPOLLIN | EPOLLET)) // edges need no reading
+        for (const int counter : {wakeup, alarm}) { // edge-triggered, so neither is ever read
+            if (!watch(counter, nullptr, EPOLLIN | EPOLLET))
                 close();
         }
     }
@@ -271,7 +282,8 @@ public:
     }
     loop(loop &&) = delete;
 
-    /** Serve until stop(). Returns true, or false when the loop is closed or waiting failed. */
+    /** Serves until stop() is called, and returns true then. Returns false if the loop is closed or
+     * waiting fails. */
     bool run()
     {
         bool open = true;
@@ -279,22 +291,22 @@ public:
             open = run_once(milliseconds(-1));
         return open;
     }
-    /** Make run() return once the round in progress is complete; of nested ones, the innermost.
-     * Without a run() in progress, the next one returns at once. */
+    /** Makes run() return when the round in progress is complete. If calls of run() are nested, the
+     * innermost returns. If run() is not in progress, its next call returns at once. */
     void stop() { stopped = true; }
-    /** Wait for work for at most limit, 0: not at all, below 0: until there is some. Do it: read
-     * what has arrived, run posted work, fire timers, send. May be called inside a callback.
-     * Returns false when the loop is closed or waiting failed. */
+    /** Runs one round: waits for work for at most `limit` (0: does not wait; negative: waits
+     * without limit), then reads what has arrived, runs posted work, fires timers and sends. May be
+     * called inside a callback. Returns false if the loop is closed or waiting fails. */
     bool run_once(milliseconds limit)
     {
-        events.resize(watched.size() + 1); // one round reports all, so it reads before timers fire
+        events.resize(watched.size() + 1); // room for all: each is read before timers fire
         waiting = true;
         const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
         waiting = false;
         if (count < 0 && errno != EINTR)
             return false;
-        // A callback may run a round of its own and serve what was reported to this one, which then
-        // drops the rest: what is still ready is reported again.
+        // A callback may run a nested round, which serves what was reported to this one. This round
+        // then drops its remaining events: a descriptor that is still ready is reported again.
         const unsigned mine = ++round;
         now = detail::clock::now();
         for (int i = 0; i < count && round == mine; i++)
@@ -306,10 +318,10 @@ public:
             nest();
         return true;
     }
-    /** Run a callback whenever a descriptor of the program's is readable, or ready for other events
-     * of epoll, until unwatch(). The descriptor stays the program's. A file, which is always ready,
-     * has its callback run in every round. Refused: a descriptor that is watched already, or that
-     * is not open. */
+    /** Runs a callback whenever a descriptor is readable, or ready for the epoll events `wanted`,
+     * until unwatch() is called. The program still owns the descriptor and closes it. A regular
+     * file is always ready, so its callback runs in every round. Refused: a descriptor that is
+     * watched already or is not open. */
     static status watch(int fd, callback<void()> ready, unsigned wanted = EPOLLIN)
     {
         if (watched.count(fd) != 0)
@@ -324,8 +336,8 @@ public:
             post([event] { serve_file(event.data.u64); });
         return {};
     }
-    /** Stop watching a descriptor, effective immediately; before it is closed. Does nothing when it
-     * is not watched. */
+    /** Stops watching a descriptor, effective immediately. Call it before you close the descriptor.
+     * Does nothing if the descriptor is not watched. */
     static void unwatch(int fd)
     {
         const auto found = watched.find(fd);
@@ -335,7 +347,7 @@ public:
         watched.erase(found);
         epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr);
     }
-    /** Run a callback in the loop's next round. Any thread may call this while there is a loop. */
+    /** Runs a callback in the loop's next round. Any thread may call this while there is a loop. */
     static void post(callback<void()> task)
     {
         const std::lock_guard<std::mutex> lock(guard);
@@ -343,9 +355,9 @@ public:
             posted.push_back(std::move(task));
         wake();
     }
-    /** Return a descriptor that is readable when run_once(0) has work, for nesting this loop in
-     * another one: watch it there, and call run_once(0) when it is readable. It stays the loop's.
-     * -1: the loop is closed. */
+    /** Returns a descriptor for nesting this loop in another one, or -1 if the loop is closed.
+     * Watch it in the other loop, and call run_once(0) whenever it is readable. This loop closes
+     * it. */
     int fd() const
     {
         if (!nested)
@@ -358,7 +370,7 @@ private:
     friend struct detail::closing_socket;
     friend struct detail::link;
     struct watched_fd {
-        epoll_event event; // with the descriptor and a number that no other registration has
+        epoll_event event; // its data: the descriptor, and a number unique to this registration
         callback<void()> handler;
     };
 
@@ -380,7 +392,7 @@ private:
         found->second.event.events = wanted;
         epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &found->second.event);
     }
-    // Something became due while the loop, or a loop around it, waits.
+    // Wakes the loop, or the loop around it, if it is waiting: work has been added.
     static void wake()
     {
         if (waiting.exchange(false))
@@ -391,9 +403,10 @@ private:
         const auto longest = std::clamp<milliseconds::rep>(limit.count(), -1, INT_MAX);
         const int due = ruvo_timer_get_expected_interval();
         const std::lock_guard<std::mutex> lock(guard);
-        return posted.empty() ? int(std::min(unsigned(longest), unsigned(due))) : 0; // -1: largest
+        // As unsigned, -1 (no limit) is the largest.
+        return posted.empty() ? int(std::min(unsigned(longest), unsigned(due))) : 0;
     }
-    // False: the registration has ended, even if its descriptor's number is in use again.
+    // Returns false if the registration has ended, even if its descriptor's number is in use again.
     static bool serve(std::uint64_t key)
     {
         const auto found = watched.find(int(key));
@@ -402,7 +415,7 @@ private:
         found->second.handler();
         return true;
     }
-    // Files, which epoll refuses, are ready in every round.
+    // epoll refuses regular files; they count as ready in every round.
     static void serve_file(std::uint64_t key)
     {
         if (serve(key))
@@ -420,7 +433,7 @@ private:
             lock.lock();
         }
     }
-    // Make the descriptor ready when run_once(0) has work, or will have.
+    // Makes fd() readable as soon as run_once(0) has work.
     static void nest()
     {
         nested = waiting = true;
@@ -440,31 +453,31 @@ private:
     static inline std::deque<callback<void()>> posted;
     static inline std::mutex guard; // of posted
     static inline std::atomic<bool> waiting = false;
-    static inline char received[detail::flush_size]; // what a link has just read
+    static inline char received[detail::flush_size]; // receive buffer of all links
 };
 
 // ---- timer ---------------------------------------------------------------------------------
 
-/** Runs a callback later; move-only. The destructor stops it: keep the object. */
+/** Runs a callback later. Move-only. Keep the object: its destructor stops the timer. */
 class [[nodiscard]] timer
 {
 public:
     /** A timer that is not pending. */
     timer() = default;
-    /** Run a callback once, after a time. */
+    /** Runs a callback once, after a time. */
     static timer once(milliseconds after, callback<void()> task)
     {
         return timer(after, std::move(task), false);
     }
-    /** Run a callback after every period. One that is late by several periods runs once, and then
-     * at the next multiple of the period. */
+    /** Runs a callback after every period. If several periods have passed, it runs once and
+     * continues with the next one still to come. */
     static timer every(milliseconds period, callback<void()> task)
     {
         return timer(period, std::move(task), true);
     }
-    /** Cancel the next run. Does nothing when the timer is not pending. */
+    /** Cancels the next run. Does nothing if the timer is not pending. */
     void stop() { state.reset(); }
-    /** True while it is pending: false after stop(), once its only run has begun, and when the
+    /** True while the timer is pending: false after stop(), once its only run has begun, and if the
      * timer library had no memory for it. */
     explicit operator bool() const { return state != nullptr && state->id != -1; }
 
@@ -495,20 +508,20 @@ private:
 
 // ---- link ----------------------------------------------------------------------------------
 
-/** What a request's handler receives. True when there is a reply. */
+/** What a request's handler receives. True if there is a reply. */
 class response
 {
 public:
-    /** For the layer itself, and for tests of handlers. */
+    /** For the layer itself, and for testing handlers. */
     response(tolvane::outcome what, tolvane::status why, detail::buffer reply = {})
         : result(what), cause(why), body(std::move(reply))
     {
     }
     /** What became of the request. */
     tolvane::outcome outcome() const { return result; }
-    /** Success after a reply; else why there is none, above all why a request was refused. */
+    /** Success if there is a reply; otherwise the reason why there is none. */
     tolvane::status status() const { return cause; }
-    /** The reply, or nothing; never null, followed by a 0x00, valid as long as the response. */
+    /** The reply, or nothing. Never null; followed by a 0x00; valid as long as the response. */
     std::string_view payload() const { return body.view(); }
     explicit operator bool() const { return result == tolvane::outcome::replied; }
 
@@ -521,14 +534,16 @@ private:
 namespace detail
 {
 
-// What begins a one-way request on a pipelined link: a kind, a correlation ID in hexadecimal, 0x00.
-struct mark {
+// The ten bytes before the payload of every message on a pipelined link: kind, correlation ID in
+// hexadecimal, and 0x00. On the wire each such message is a request without a reply; see
+// docs/protocol.md.
+struct pipeline_header {
     static constexpr std::size_t size = 10;
     static constexpr std::string_view kinds = "?=!-"; // request, reply, one-way, declined
 
-    static mark read(std::string_view payload)
+    static pipeline_header read(std::string_view payload)
     {
-        mark found;
+        pipeline_header found;
         const char *end = payload.data() + size - 1;
         if (payload.size() >= size && *end == '\0' && kinds.find(payload[0]) != kinds.npos &&
             std::from_chars(payload.data() + 1, end, found.id, 16).ptr == end)
@@ -542,11 +557,12 @@ struct mark {
             out += "0123456789abcdef"[id >> shift & 15];
         out += '\0';
     }
-    char kind = '\0'; // '\0': no mark, as on a plain link
+    char kind = '\0'; // '\0': no such header, as on a plain link
     std::uint32_t id = 0;
 };
 
-// Send what the system takes at once. Returns its size, or a negative error number.
+// Sends what the system takes at once. Returns the number of bytes sent, or a negative error
+// number.
 inline ssize_t send_some(int fd, buffer &out)
 {
     const auto sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -558,12 +574,12 @@ inline ssize_t send_some(int fd, buffer &out)
 }
 
 // Sends what a closed link still had queued, waits for the other end to close, and closes the
-// descriptor. Closing it at once would reset the connection if anything arrived meanwhile, and the
-// other end could lose what it has not read.
+// descriptor. If it were closed at once, later input would reset the connection, and the other end
+// could lose what it has not read.
 struct closing_socket {
     ~closing_socket()
     {
-        read(); // what is unread would reset the connection
+        read(); // closing with unread input would reset the connection
         close(fd);
     }
     ssize_t read() const { return recv(fd, loop::received, sizeof(loop::received), MSG_DONTWAIT); }
@@ -573,20 +589,21 @@ struct closing_socket {
         if (out.size() == 0)
             shutdown(fd, SHUT_WR);
         const auto got = read();
-        dropped += std::size_t(std::max<ssize_t>(got, 0));
-        if (got == 0 || dropped > dropped_at_most || (got < 0 && !try_later(errno)))
+        discarded += std::size_t(std::max<ssize_t>(got, 0));
+        if (got == 0 || discarded > max_discarded || (got < 0 && !try_later(errno)))
             loop::unwatch(fd); // and this object with it
         else
             loop::change(fd, out.size() > 0 ? EPOLLIN | EPOLLOUT : EPOLLIN);
     }
-    std::shared_ptr<void> place; // see connection
+    std::shared_ptr<void> slot; // see listener
     int fd = -1;
     buffer out;
     timer limit;
-    std::size_t dropped = 0; // bytes from a peer that goes on sending
+    std::size_t discarded = 0; // bytes from a peer that continues to send
 };
 
-// What a client or a server shares with its links. Destroying the client or server empties it.
+// What a client or a server shares with its links: options and callbacks. Destroying the client or
+// server empties it.
 struct handlers {
     handlers() = default;
     explicit handlers(const options &settings) : opts(settings), alive(true) {}
@@ -599,42 +616,51 @@ struct handlers {
     callback<void(request)> request;
 };
 
-// What ends with a connection.
+// The state that is reset when a connection ends.
 struct connection {
     tv_channel *channel = nullptr;
-    int id = -1; // the channel's, which no other connection has; -1: closed
+    int id = -1; // the channel's id, unique to this connection; -1: closed
     int fd = -1;
     bool established = false, pipelined = false; // established: requests may be sent
-    bool writing = false;                        // the system would not take all of the output
+    bool writing = false;                        // output is left, so EPOLLOUT is watched
     buffer in, out;
     int send_error = 0;
-    std::uint32_t waiting_for = 0; // plain link: the request that was sent, perhaps timed out
-    bool serving = false;          // plain link: a received request is not answered yet
-    buffer backlog;                // and the frames of others wait behind it
+    // plain link: correlation ID of the request that was sent, which may have timed out
+    std::uint32_t waiting_for = 0;
+    bool serving = false; // plain link: a received request is not answered yet
+    buffer backlog; // plain link: frames of further requests, served when that one is answered
     timer heartbeat, overdue;
     clock::time_point heard = clock::now();
-    std::shared_ptr<void> place; // a server's link: one of max_clients
+    std::shared_ptr<void> slot; // a server's link: see listener
 };
 
-// One end of a connection, and the requests under way on it. A client's outlives its connections.
+// One end of a connection, and the outstanding requests on it. A client keeps one link for all its
+// connections.
 //
-// A plain link has one request under way, and serves one received request at a time. When the
-// request times out, waiting_for stays: the next one is not sent before the late reply has come, so
-// that this reply is not taken for the next one's. A pipelined link has no such limits.
+// A plain link has one outstanding request, and serves one received request at a time. When the
+// request times out, waiting_for stays set: the next request is not sent until the late reply has
+// arrived, which could otherwise be mistaken for the reply to it. A pipelined link has no such
+// limits.
 struct link : connection, std::enable_shared_from_this<link> {
     struct call {
         callback<void(response)> handler;
         timer limit;
     };
 
-    link(std::shared_ptr<handlers> by, bool many) : on(std::move(by)), reconnects(many) {}
+    link(std::shared_ptr<handlers> by, bool reconnecting)
+        : on(std::move(by)), reconnects(reconnecting)
+    {
+    }
     virtual ~link() = default;
 
-    // What clients and servers do differently. end() closes the connection and posts the report.
-    virtual void end(reason, std::string) {}
-    virtual void handle_other(int, const buffer &) {} // login and what belongs to it
+    // ---- what clients and servers do differently
 
-    // What an empty handle has: a link that is closed. It outlives all static objects.
+    // Closes the connection and posts the report.
+    virtual void end(reason, std::string) {}
+    // Every message but requests, awaited replies and heartbeats.
+    virtual void handle_other(int, const buffer &) {}
+
+    // The closed link of an empty handle. It outlives all static objects.
     static std::shared_ptr<link> none()
     {
         static const auto &closed =
@@ -667,15 +693,15 @@ struct link : connection, std::enable_shared_from_this<link> {
     void close_when_sent()
     {
         write_out();
-        const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // the channel closes its own
+        const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0); // because close_now() closes fd
         const std::shared_ptr<closing_socket> last(new closing_socket{
-            std::move(place), copy, std::move(out),
+            std::move(slot), copy, std::move(out),
             timer::once(on->opts.connect_timeout, [copy] { loop::unwatch(copy); })});
         close_now();
         const auto served = [last] { last->ready(); };
-        (void)loop::watch(copy, served, EPOLLIN | EPOLLOUT); // refused: the rest is not sent
+        (void)loop::watch(copy, served, EPOLLIN | EPOLLOUT); // if refused, the rest is not sent
     }
-    // Report a request's outcome in the loop, never from inside the application's call.
+    // Reports a request's outcome from the loop, never from inside the application's call.
     void post_result(callback<void(response)> handler, outcome what, status why)
     {
         loop::post([on = on, handler = std::move(handler), what, why] {
@@ -683,7 +709,7 @@ struct link : connection, std::enable_shared_from_this<link> {
                 handler({what, why});
         });
     }
-    // Report the requests under way as lost; with keep_held, only those sent.
+    // Reports the outstanding requests as lost; with keep_held, only those that were sent.
     void fail_calls(bool keep_held)
     {
         auto lost = std::exchange(calls, {});
@@ -700,9 +726,9 @@ struct link : connection, std::enable_shared_from_this<link> {
     void hear()
     {
         heard = loop::now;
-        channel->hbSequence = 0; // the heartbeats without an answer
+        channel->hbSequence = 0; // unanswered heartbeats
     }
-    // Send a heartbeat whenever nothing was heard for another period.
+    // Sends a heartbeat after each period of silence. Ends the link if too many are unanswered.
     void supervise()
     {
         const milliseconds period(to_ms(on->opts.heartbeat));
@@ -718,13 +744,14 @@ struct link : connection, std::enable_shared_from_this<link> {
         }
         heartbeat = timer::once(wait, [this] { supervise(); });
     }
-    // Have the loop give this link a turn before it waits.
+    // Gives this link a turn before the loop waits again.
     void turn_later()
     {
         if (!std::exchange(turn_due, true))
             loop::post([self = shared_from_this()] { self->turn(false); });
     }
-    // Serve what is readable or waits, as much as others can wait for, and send.
+    // Receives, serves at most served_per_turn messages so that other links get their turn, and
+    // sends.
     void turn(bool readable)
     {
         const int current = id;
@@ -745,7 +772,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     // ---- output
 
     std::size_t queued() const { return out.size() + held_size; }
-    // The other end does not read what is sent. Requests held for their turn do not count.
+    // Whether the output queue is full because the other end does not read. Held requests do not
+    // count.
     bool choked() const { return out.size() >= on->opts.max_queued; }
     status check(std::string_view text, bool plain)
     {
@@ -767,24 +795,25 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         const bool was_choked = choked();
         const auto sent = out.size() > 0 ? send_some(fd, out) : 0;
-        if (sent < 0) { // the link ends when what has arrived is read
+        if (sent < 0) { // the link ends after what has arrived is read
             send_error = send_error != 0 ? send_error : int(-sent);
             shutdown(fd, SHUT_RDWR);
         }
         if (sent > 0 && was_choked)
             hear();
     }
-    // Queue one frame: a message in msgBuf without its payload, a mark, and the payload.
-    void append(int head_size, std::string_view text, mark with = {})
+    // Queues one frame: the head of a message in msgBuf, a pipeline header if `with` is one, and
+    // the payload.
+    void append(int head_size, std::string_view text, pipeline_header with = {})
     {
-        const std::size_t marked = with.kind != '\0' ? mark::size : 0;
-        const auto size = htonl(std::uint32_t(std::size_t(head_size) + marked + text.size()));
+        const std::size_t extra = with.kind != '\0' ? pipeline_header::size : 0;
+        const auto size = htonl(std::uint32_t(std::size_t(head_size) + extra + text.size()));
         if (out.bytes.empty())
             out.bytes.reserve(256 + text.size());
         out.bytes.append(watermark);
         out.bytes.append(reinterpret_cast<const char *>(&size), sizeof(size));
         out.bytes.append(channel->msgBuf, std::size_t(head_size));
-        if (marked != 0)
+        if (extra != 0)
             with.append_to(out.bytes);
         out.bytes.append(text);
         if (out.size() >= flush_size && !writing)
@@ -793,30 +822,34 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
     void append_heartbeat(int (*build)(tv_channel *, char *, int))
     {
-        if (!choked()) // else it would not be seen, and only fill the memory
+        if (!choked()) // otherwise it could not be sent now, and would only use memory
             append(build(channel, channel->msgBuf, TV_MSG_BUF_SIZE), {});
     }
-    // Messages have numbers, in order. The lower 32 bits are a correlation ID, which is never 0, as
-    // numbers are odd, nor that of another request under way.
+    // Numbers order the messages. The lower 32 bits are the correlation ID: numbers are odd, so it
+    // is never 0, and numbers whose ID an outstanding request has are skipped.
     std::uint64_t next_number()
     {
         do
             last_number += 2;
-        while (asks(last_number));
+        while (is_outstanding(last_number));
         return last_number;
     }
-    bool asks(std::uint64_t number) const { return calls.count(std::uint32_t(number)) != 0; }
+    // False for the number of a one-way message.
+    bool is_outstanding(std::uint64_t number) const
+    {
+        return calls.count(std::uint32_t(number)) != 0;
+    }
     bool may_send(std::uint64_t number) const
     {
-        return established && (pipelined || waiting_for == 0 || !asks(number));
+        return established && (pipelined || waiting_for == 0 || !is_outstanding(number));
     }
     void transmit(std::uint64_t number, std::string_view text)
     {
-        const bool asked = asks(number);
-        mark with;
+        const bool awaits_reply = is_outstanding(number);
+        pipeline_header with;
         if (pipelined)
-            with = {asked ? '?' : '!', asked ? std::uint32_t(number) : 0};
-        else if (asked)
+            with = {awaits_reply ? '?' : '!', awaits_reply ? std::uint32_t(number) : 0};
+        else if (awaits_reply)
             waiting_for = std::uint32_t(number);
         append(c::pack_outgoing_rqst(channel, "", 0), text, with);
     }
@@ -827,7 +860,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         held.emplace(number, text);
         held_size += text.size();
     }
-    // Send what was held and may go now.
+    // Sends the held messages that may be sent now.
     void send_held()
     {
         while (!held.empty() && may_send(held.begin()->first)) {
@@ -855,8 +888,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         calls[std::uint32_t(number)] = {std::move(handler), std::move(limit)};
         submit(number, text);
     }
-    // Reply to a request ('='), or decline it ('-').
-    status answer(int connection_id, mark to, char kind, std::string_view text)
+    // Replies to a request ('='), or declines it ('-').
+    status answer(int connection_id, pipeline_header to, char kind, std::string_view text)
     {
         const bool plain = to.kind == '\0', replies = kind == '=';
         if (connection_id != id || id == -1)
@@ -875,7 +908,7 @@ struct link : connection, std::enable_shared_from_this<link> {
 
     // ---- input
 
-    // The size of the frame at the front: 0 if it is incomplete, -1 if it is not valid.
+    // Returns the size of the first frame: 0 if it is incomplete, -1 if it is not valid.
     static long next_frame(const buffer &from)
     {
         std::uint32_t size;
@@ -910,14 +943,14 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (!again && c::tv_msg_received(channel, c::get_msg_sequence(next.data())) != 0)
             return;
         if (!again && !choked())
-            hear(); // a peer that sends, but does not read its replies, is not alive
+            hear(); // a peer that sends but does not read its replies does not count as alive
         const int type = c::get_msg_type(next.data());
         int length = 0;
         const char *payload = c::get_msg_payload(next.data(), int(next.size()), &length);
         next.start = size - std::size_t(length);
         if (type == TV_MSG_REQUEST && payload != nullptr) {
             request_received(std::move(next));
-        } else if (type == TV_MSG_REPLY && waiting_for != 0) { // also one too late ends the wait
+        } else if (type == TV_MSG_REPLY && waiting_for != 0) { // a late reply ends the wait, too
             overdue.stop();
             finish(std::exchange(waiting_for, 0), {outcome::replied, {}, std::move(next)});
             if (id == current)
@@ -929,7 +962,7 @@ struct link : connection, std::enable_shared_from_this<link> {
         }
     }
     void request_received(buffer &&received);
-    // Call the handler of a request, unless it has been called.
+    // Calls the handler of a request, unless it has been called already.
     void finish(std::uint32_t correlation_id, response &&result)
     {
         if (const auto ended = calls.extract(correlation_id))
@@ -950,51 +983,52 @@ struct link : connection, std::enable_shared_from_this<link> {
     }
 
     const std::shared_ptr<handlers> on;
-    const bool reconnects;               // a client's: what is sent without a connection is held
-    bool turn_due = false;               // the loop has a task for it
+    const bool reconnects;               // a client's: without a connection, messages are held
+    bool turn_due = false;               // turn() is posted
     bool stalled = false;                // on_drained is due
-    std::map<std::uint32_t, call> calls; // by correlation ID
-    std::map<std::uint64_t, std::string>
-        held; // by number, until the connection, or a plain link's turn
+    std::map<std::uint32_t, call> calls; // outstanding requests, by correlation ID
+    // Messages that wait for a connection, or on a plain link for a reply; by number.
+    std::map<std::uint64_t, std::string> held;
     std::size_t held_size = 0;
     std::uint64_t last_number = 1;
     std::string url; // a server's link: the client's name, empty before its login
-    std::any data;   // the application's: a shared_ptr
+    std::any data;   // the shared_ptr of peer::data()
 };
 
 }
 
 // ---- peer ----------------------------------------------------------------------------------
 
-/** What a server's peer and a client have in common: messages to the other end of a link. */
+/** What a server's peer and a client have in common: sending to the other end of a link. */
 class other_end
 {
 public:
-    /** Send a request.
+    /** Sends a request.
      *
      *   text     at most max_payload bytes of any kind; copied. On a plain link, and while there is
      *            no connection, it must not contain "velun_tolvane_"
-     *   timeout  for the reply, from now on, waiting included
-     *   handler  runs exactly once, unless the client or server is destroyed before
+     *   timeout  for the reply, counted from this call, including time in the queue
+     *   handler  runs exactly once, unless the client or server is destroyed first
      *
-     * The handler of a refused request gets outcome::refused, and response::status() says why. On
-     * a plain link the next request after a timeout waits until the late reply has come; when it
-     * has not come options::late_reply later, the link is closed. */
+     * If the request is refused, the handler gets outcome::refused, and response::status() says
+     * why. On a plain link, the request after a timed-out one waits for the late reply. If that
+     * does not arrive within options::late_reply, the link is closed. */
     void request(std::string_view text, milliseconds timeout,
                  callback<void(response)> handler) const
     {
         link->ask(text, timeout, std::move(handler));
     }
-    /** Send a one-way request, which gets no reply. Success means that it is queued: a link that is
-     * lost loses what it had queued. Refused: a text that request() would refuse. A program on the
-     * C interface must not answer it. */
+    /** Sends a one-way request, which gets no reply. Success means that it is queued. While a
+     * client has no connection, it waits for one. Once handed to a connection, it is lost if that
+     * connection is lost. Refused: a text that request() would refuse. A program on the C interface
+     * must not answer it. */
     status tell(std::string_view text) const { return link->tell(text); }
-    /** The bytes that wait to be sent. */
+    /** Returns the number of bytes that wait to be sent. */
     std::size_t queued() const { return link->queued(); }
 
     /** For the layer itself. */
     explicit other_end(std::shared_ptr<detail::link> to) : link(std::move(to)) {}
-    // Moves copy: a handle never lacks a link.
+    // A move copies, so that every handle always has a link.
     other_end(const other_end &) = default;
     other_end &operator=(const other_end &) = default;
 
@@ -1002,26 +1036,26 @@ protected:
     std::shared_ptr<detail::link> link;
 };
 
-/** One client of a server: a handle to copy and keep. It turns false when the client's connection
- * ends, and stays false: a client that connects again is another peer. Handles of the same
- * connection compare equal. */
+/** A handle of one client of a server, which may be copied and kept. It becomes false when the
+ * client's connection ends, and stays false: a client that connects again is another peer. Handles
+ * of the same connection compare equal. */
 class peer : public other_end
 {
 public:
     /** An empty handle. */
     peer() : other_end(detail::link::none()) {}
-    /** True while the client is connected. Then request() and tell() reach it; after that they are
-     * refused. */
+    /** True while the client is connected. Afterwards request() and tell() are refused. */
     explicit operator bool() const { return link->id != -1; }
-    /** The name that the client logged in with; empty before. Valid as long as a handle. */
+    /** The URL that the client logged in with; empty before. Valid as long as a handle exists. */
     const std::string &url() const { return link->url; }
-    /** End the connection once what is queued is sent, at most connect_timeout later; the handle
-     * turns false now. Requests under way get outcome::lost, and on_logout gets reason::closed. The
-     * client may connect again. What is queued is sent only while the loop runs. */
+    /** Closes the connection. The handle becomes false at once, outstanding requests get
+     * outcome::lost, and on_logout gets reason::closed. Queued output is still sent while the loop
+     * runs, for at most connect_timeout. The client may connect again. */
     void close() { link->end(reason::closed, {}); }
-    /** The application's own data of this client, made by T() on first use and destroyed after
-     * on_logout has returned. Null then, for an empty handle, and for a type other than the
-     * first one. */
+    /** The application's own data for this client: made by T() when it is first asked for, and
+     * destroyed after on_logout has returned. Null for an empty handle, for a type other than the
+     * first one, after the data was destroyed, and if it is first asked for after the connection
+     * has ended. */
     template <class T> T *data()
     {
         if (*this && !link->data.has_value())
@@ -1037,8 +1071,8 @@ public:
 
 // ---- request -------------------------------------------------------------------------------
 
-/** One received request; move-only. Answer it now, or keep it and answer later: it may outlive its
- * link, the client or server, and the loop. Destroyed without an answer it counts as declined. On a
+/** One received request. Move-only. Answer it now, or keep it and answer later: it may outlive its
+ * link, the client or server, and the loop. If it is destroyed unanswered, it is declined. On a
  * plain link, the next request of the same peer is served when this one is answered or declined. */
 class request
 {
@@ -1046,27 +1080,28 @@ public:
     /** No request. */
     request() = default;
 
-    /** What the other end sent; never null, followed by a 0x00, valid as long as the request. */
+    /** What the other end sent. Never null; followed by a 0x00; valid as long as the request. */
     std::string_view payload() const { return state != nullptr ? state->body.view() : ""; }
-    /** The client that sent it. In a client, a handle of its server, with an empty URL: it is true
-     * while the client is connected, and true again after a reconnect. Meanwhile tell() and
-     * request() queue. Once the client is destroyed they refuse. */
+    /** The client that sent it. In a client, a handle of its server, with an empty URL. It is true
+     * while a connection is open or being opened, and may become true again after a reconnect.
+     * Meanwhile tell() and request() queue. Once the client is destroyed they are refused. */
     peer from() const { return state != nullptr ? peer(state->link) : peer(); }
     /** True until it is answered or declined; false from the start for a one-way request on a
-     * pipelined link. A plain link does not carry that: a peer that awaits no reply takes one
-     * for the reply to its next request, so do not answer what is one-way in your protocol. */
+     * pipelined link. A plain link does not say whether a reply is awaited, so this is true for
+     * every request there. Do not answer requests that your protocol defines as one-way: the peer
+     * would mistake the reply for the reply to its next request. */
     bool wants_reply() const { return state != nullptr && state->open; }
-    /** Answer the request. Refused: it is answered already or wants no reply, the link has gone,
-     * the payload is too long or not allowed on a plain link, or the queue is full. After a
-     * refusal it may still be answered. */
+    /** Answers the request. Refused: it has been answered or declined already, or wants no reply;
+     * its connection has ended; the payload is too long, or not allowed on a plain link; or the
+     * queue is full. If the payload or the queue is the reason, it may still be answered. */
     status reply(std::string_view text)
     {
         if (state == nullptr)
             return {std::errc::invalid_argument, "an empty request"};
         return state->answer('=', text);
     }
-    /** Let the other end know that there will be no reply. On a plain link it finds out when its
-     * timeout has passed. */
+    /** Tells the other end that there will be no reply. On a plain link nothing is sent, and the
+     * other end times out. */
     void decline()
     {
         if (state != nullptr)
@@ -1087,8 +1122,8 @@ private:
         }
         std::shared_ptr<detail::link> link;
         int connection;
-        detail::mark with;
-        bool open; // to an answer
+        detail::pipeline_header with;
+        bool open; // an answer is awaited
         detail::buffer body;
     };
     std::unique_ptr<received> state;
@@ -1096,18 +1131,18 @@ private:
 
 inline void detail::link::request_received(buffer &&received)
 {
-    mark with;
+    pipeline_header with;
     if (pipelined || (on->opts.pipelined && !established))
-        with = mark::read(received.view());
+        with = pipeline_header::read(received.view());
     if (with.kind == '\0' && serving) {
         backlog.bytes += received.bytes;
         return;
     }
-    received.start += with.kind != '\0' ? mark::size : 0;
+    received.start += with.kind != '\0' ? pipeline_header::size : 0;
     if (with.kind == '-') {
         const status why{std::errc::operation_canceled, "the other end declined to reply"};
         finish(with.id, {outcome::declined, why});
-    } else if (with.kind == '=' && with.id == 0) { // accepts the offer in a login
+    } else if (with.kind == '=' && with.id == 0) { // accepts the offer in the login
         pipelined = true;
         handle_other(TV_MSG_HEARTBEAT_ACK, received);
     } else if (with.kind == '=') {
@@ -1148,10 +1183,10 @@ struct client_state final : link {
           name(self.url())
     {
     }
-    // Begin a connection on a fresh channel: an old one would go on counting messages. The login
-    // waits for TCP to connect. A heartbeat follows: a server of this layer answers the login
-    // first, any other one answers the heartbeat only. Requests wait for that, so none is sent to a
-    // server that has not accepted the connection.
+    // Begins a connection. It needs a new channel, because an old one would continue its sequence
+    // numbers. The login and a heartbeat are sent once TCP has connected. A server of this layer
+    // answers the login, any other server only the heartbeat. Requests wait for this answer, so
+    // none is sent to a server that has not accepted the connection.
     void attempt()
     {
         step = timer::once(on->opts.connect_timeout,
@@ -1162,7 +1197,8 @@ struct client_state final : link {
         tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
         if (record == nullptr)
             return end(reason::lost, std::strerror(ENOMEM));
-        std::snprintf(record->url, TV_URL_SIZE, "%s", name.c_str()); // any length that fits
+        // Unlike tv_client_addr, which limits the host to 15 characters.
+        std::snprintf(record->url, TV_URL_SIZE, "%s", name.c_str());
         const int made = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         record->clientSocket->fd = made;
         if (const status opened = open(record, made, EPOLLIN | EPOLLOUT); !opened)
@@ -1175,13 +1211,13 @@ struct client_state final : link {
         append(length, on->opts.pipelined ? pipelined_offer.substr(1) : std::string_view());
         append_heartbeat(c::build_heartbeat_msg);
     }
-    // The server has read the login: it has answered the heartbeat behind it, or the offer in it.
+    // Once the server acknowledges the heartbeat or accepts the offer, it has read the login.
     void handle_other(int type, const buffer &) override
     {
         if (type == TV_MSG_LOGIN) {
-            // While no server listens, a client on the same host that keeps trying may get the
-            // server's port as its own one day. TCP connects it to itself then, and an orderly
-            // close would keep the port in use.
+            // This is the client's own login: while no server listens, TCP may choose the server's
+            // port as the source port of a client on the same host, and connect it to itself. An
+            // orderly close would keep the port in use.
             const linger reset{1, 0};
             setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
             return end(reason::lost, "connected to itself");
@@ -1203,7 +1239,7 @@ struct client_state final : link {
         close_now();
         step.stop();
         active = why != reason::closed && on->opts.reconnect;
-        if (active) { // after a random half to whole of the back-off: 100 ms to 5 s
+        if (active) { // after a random time between half of the back-off and all of it
             const auto half = backoff.count() / 2;
             const auto wait = half + clock::now().time_since_epoch().count() % (half + 1);
             step = timer::once(milliseconds(wait), [this] { attempt(); });
@@ -1221,30 +1257,30 @@ struct client_state final : link {
     const sockaddr_in server;
     const std::string name; // as a URL
     bool active = false;
-    std::string lost_by; // what on_lost has yet to get; empty after disconnect()
-    timer step;          // to the next attempt, or to the end of the one under way
+    std::string lost_by; // the reason for a posted on_lost; empty after disconnect()
+    timer step;          // the pause before the next attempt, or the limit of the current one
     milliseconds backoff = shortest;
 };
 
 }
 
-/** A client: one link to a server, kept up until disconnect(). While there is no connection,
- * requests and one-way requests wait for one. */
+/** A client: one link to a server. It reconnects until disconnect() is called. While there is no
+ * connection, requests and one-way requests wait for one. */
 class client : public other_end
 {
 public:
-    /** Set a client up; connect() starts it.
+    /** Sets a client up; connect() starts it.
      *
      *   loop    the process's loop
      *   server  where the server listens
-     *   name    what this client logs in as; a newer client of the same name replaces an older one
+     *   name    the name for the login; a newer client of the same name replaces an older one
      */
     client(loop &, endpoint server, endpoint name, options options = {})
         : other_end(std::make_shared<detail::client_state>(options, server, name)),
           state(static_cast<detail::client_state *>(link.get()))
     {
     }
-    /** Disconnect. Handlers of requests under way are destroyed without a call. */
+    /** Disconnects. Handlers of outstanding requests are destroyed without being called. */
     ~client()
     {
         disconnect();
@@ -1253,16 +1289,17 @@ public:
     }
     client(client &&) = delete;
 
-    /** Start connecting, and keep connecting until disconnect(), or, with options::reconnect off,
-     * until on_lost. Refused on bad arguments only; on_connected and on_lost report everything
-     * else. Does nothing while it is under way. */
+    /** Starts connecting. From then on the client connects and reconnects until disconnect(); with
+     * options::reconnect off, until on_lost. Refused only if the server's address or the name is
+     * not valid; on_connected and on_lost report everything else. Does nothing if the client has
+     * been started already. */
     status connect()
     {
         const std::string &own = state->name;
         const auto control = [](unsigned char letter) { return letter < ' '; };
         if (state->server.sin_family != AF_INET || state->server.sin_port == 0)
             return {std::errc::invalid_argument,
-                    "the server's address is no dotted IPv4 text, or its port is 0"};
+                    "the server's address is not a dotted IPv4 address, or its port is 0"};
         if (own.find("//:") != own.npos || own.size() >= TV_URL_SIZE ||
             own.find(detail::reserved_text) != own.npos ||
             std::any_of(own.begin(), own.end(), control))
@@ -1271,23 +1308,25 @@ public:
             state->step = timer::once(milliseconds(1), [to = state] { to->attempt(); });
         return {};
     }
-    /** Log out and end the connection once what is queued is sent, at most connect_timeout later.
-     * Requests under way or not sent yet get outcome::lost; on_lost is not called. What is queued is
-     * sent only while the loop runs. */
+    /** Logs out and closes the connection. Outstanding requests, including those not sent yet, get
+     * outcome::lost; on_lost does not run. Output queued for the connection is still sent while the
+     * loop runs, for at most connect_timeout. */
     void disconnect() { state->end(reason::closed, {}); }
     /** True while connected: from on_connected until the link is lost or closed. */
     explicit operator bool() const { return state->established; }
-    /** Set what runs when the server has read the login. A full server does not read it. */
+    /** Sets what runs when the server has read the login. A full server leaves the connection in
+     * its backlog; if no client leaves in time, the attempt times out and on_lost runs. */
     void on_connected(callback<void()> run) { state->on->connected = std::move(run); }
-    /** Set what runs when the link is lost, or an attempt to connect has failed, with the reason as
-     * a text that is valid until the handler returns. The next attempt follows by itself, unless
-     * options::reconnect is off. Requests not sent yet wait for it; those sent have got
+    /** Sets what runs when the link is lost or an attempt to connect has failed. It gets the reason
+     * as a text, which is valid until the handler returns. Requests that were sent get
+     * outcome::lost; those not sent yet wait for the next attempt, which follows automatically.
+     * With options::reconnect off there is no next attempt, and all outstanding requests get
      * outcome::lost. */
     void on_lost(callback<void(std::string_view why)> run) { state->on->lost = std::move(run); }
-    /** Set what runs when the queue is empty again, after it was full or the system had not taken
+    /** Sets what runs when the queue is empty again, after it was full or the system did not take
      * all of it at once. */
     void on_drained(callback<void()> run) { state->on->drained = std::move(run); }
-    /** Set what runs with each request of the server. Without one, requests are declined. */
+    /** Sets what runs for each request of the server. Without a handler, requests are declined. */
     void on_request(callback<void(tolvane::request)> run) { state->on->request = std::move(run); }
 
 private:
@@ -1309,7 +1348,7 @@ struct listener : std::enable_shared_from_this<listener> {
     void ready()
     {
         for (int count = 0; count < served_per_turn; count++) {
-            if (std::size_t(place.use_count()) > on->opts.max_clients)
+            if (std::size_t(slot.use_count()) > on->opts.max_clients)
                 return pause();
             const int accepted = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
             if (accepted < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED))
@@ -1318,8 +1357,8 @@ struct listener : std::enable_shared_from_this<listener> {
                 return pause();
         }
     }
-    // Leave clients in the system's backlog for a while: the server is full, or without descriptors
-    // or memory.
+    // Stops accepting for a while, because the server is full or has no descriptors or memory left.
+    // Clients wait in the system's backlog.
     void pause()
     {
         loop::unwatch(fd);
@@ -1342,9 +1381,10 @@ struct listener : std::enable_shared_from_this<listener> {
     }
     const std::shared_ptr<handlers> on;
     std::map<int, std::shared_ptr<link>> pairs; // by channel id: in order of acceptance
-    std::deque<callback<void()>> logouts;       // of links that have ended, in order
-    // Shared by all connections, also by closed ones that still get their last bytes.
-    const std::shared_ptr<void> place = std::make_shared<int>();
+    std::deque<callback<void()>> logouts;       // reports of links that have ended, in order
+    // Every connection holds a copy, also a closed one that still sends its last bytes. Their
+    // number is use_count() - 1.
+    const std::shared_ptr<void> slot = std::make_shared<int>();
     int fd = -1;
     timer retry;
     std::uint16_t port = 0;
@@ -1360,8 +1400,8 @@ struct pair final : link {
         else if (type == TV_MSG_LOGIN && received.view()[0] != '\0')
             login(received.view());
     }
-    // As the library does, but with the handlers of the layer: an older link of the same name ends
-    // first.
+    // Does what the library does at a login, but calls the layer's handlers. An older link of the
+    // same name ends first.
     void login(std::string_view payload)
     {
         const int current = id;
@@ -1369,7 +1409,7 @@ struct pair final : link {
         for (auto older = server->find(name.c_str());
              id == current && older->id != -1 && older.get() != this;
              older = server->find(name.c_str()))
-            older->end(reason::replaced, {}); // its handler may let others log in
+            older->end(reason::replaced, {}); // its handler may run the loop, and others log in
         if (id != current)
             return;
         c::update_pair_channel(channel, name.c_str());
@@ -1380,7 +1420,7 @@ struct pair final : link {
             pipelined = true;
             send_held();
         }
-        server->report_logouts(); // one of the same name may be among them
+        server->report_logouts(); // one with this name may be among them
         if (id == current)
             on->login(peer(shared_from_this()));
     }
@@ -1388,7 +1428,7 @@ struct pair final : link {
     {
         const auto self = shared_from_this();
         if (why == reason::replaced)
-            announce(why); // what its handler tells the client is still sent
+            announce(why); // before the close, so that its handler can send a last message
         if (id == -1)
             return;
         server->pairs.erase(id);
@@ -1415,10 +1455,10 @@ struct pair final : link {
 inline bool listener::add(int accepted)
 {
     if (c::create_pair_channel(accepted) != 0)
-        return false; // and closed
+        return false; // it has closed the descriptor
     const auto *newest = reinterpret_cast<const tv_channel_node *>(tv_service_server.pairList.prev);
     const auto added = std::make_shared<pair>(shared_from_this());
-    added->place = place;
+    added->slot = slot;
     added->established = true;
     pairs[newest->channel->channelId] = added;
     const status watched = added->open(newest->channel, accepted, EPOLLIN);
@@ -1431,32 +1471,32 @@ inline bool listener::add(int accepted)
 
 }
 
-/** A server: listens, and has a peer for each client. One at a time per process. */
+/** A server: listens, and has a peer for each client. A process may run one at a time. */
 class server
 {
 public:
-    /** Set a server up; listen() starts it. The loop is the process's. */
+    /** Sets a server up on the process's loop; listen() starts it. */
     explicit server(loop &, options opts = {}) : state(std::make_shared<detail::listener>(opts)) {}
-    /** Stop. Handlers of requests under way are destroyed without a call, and on_logout does not
-     * run. */
+    /** Stops. Handlers of outstanding requests are destroyed without being called, and on_logout
+     * does not run. */
     ~server()
     {
         stop();
         const auto released = std::exchange(*state->on, {}); // may hold handles of this server
-        state->report_logouts();                             // nobody; this releases the data
+        state->report_logouts(); // calls no handler any more, but releases the peers' data
     }
     server(server &&) = delete;
 
-    /** Listen on a dotted IPv4 address, "0.0.0.0" for all, and a port, 0 for one that the system
-     * chooses. Refused: another text, an address that cannot be listened on, or a server that runs
-     * in this process already, on the C interface or on this one. */
+    /** Listens on a dotted IPv4 address ("0.0.0.0": all interfaces) and a port (0: the system
+     * chooses one). Refused: any other form of address; an address or port that the system refuses;
+     * or a server is already running in this process, on this or on the C interface. */
     status listen(const std::string &address, std::uint16_t at)
     {
         if (detail::socket_address({address, at}).sin_family != AF_INET)
-            return {std::errc::invalid_argument, "the address is no dotted IPv4 text"};
+            return {std::errc::invalid_argument, "the address is not a dotted IPv4 address"};
         if (tv_service_server.serverChannel != nullptr)
             return {std::errc::device_or_resource_busy, "a server is running in this process"};
-        errno = EADDRNOTAVAIL; // unless the system says otherwise
+        errno = EADDRNOTAVAIL; // unless a system call sets another one
         if (tv_start_server(address.c_str(), at) == -1)
             return {std::errc(errno), std::strerror(errno)};
         state->fd = tv_get_server_polling_fd();
@@ -1469,10 +1509,10 @@ public:
         state->resume();
         return {};
     }
-    /** The port it listens on, or 0. */
+    /** The port that the server listens on, or 0. */
     std::uint16_t port() const { return state->port; }
-    /** Stop listening and close all peers, as peer::close() does: let the loop run until they have
-     * got what is queued. listen() may follow. */
+    /** Stops listening and closes all peers as peer::close() does: their queued output is still
+     * sent while the loop runs. listen() may be called again. */
     void stop()
     {
         if (state->fd == -1)
@@ -1496,25 +1536,26 @@ public:
         }
         return all;
     }
-    /** Send all clients that have logged in a one-way request. Returns how many it was queued for;
-     * those that are full, or cannot take this payload, are left out. */
+    /** Sends a one-way request to all clients that have logged in. Returns the number of clients
+     * for which it was queued; the others' queues are full, or their links cannot carry this
+     * payload. */
     std::size_t broadcast(std::string_view text)
     {
         const auto all = peers();
         const auto told = [&](const peer &one) { return bool(one.tell(text)); };
         return std::size_t(std::count_if(all.begin(), all.end(), told));
     }
-    /** Set what runs when a client has logged in, or has taken another name. */
+    /** Sets what runs when a client has logged in, or has logged in again under another name. */
     void on_login(callback<void(peer)> run) { state->on->login = std::move(run); }
-    /** Set what runs when a client that had logged in is gone, for any reason. Its handle is false
-     * by then; url() and data() still work. After reason::replaced the handle is true until the
-     * handler returns, and a last message to the older client is still sent. */
+    /** Sets what runs when a client that had logged in has gone, for any reason. Its handle is
+     * false by then, but url() and data() still work. With reason::replaced the handle is true
+     * until the handler returns, so the handler can send a last message to the older client. */
     void on_logout(callback<void(peer, reason)> run) { state->on->logout = std::move(run); }
-    /** Set what runs when a peer's queue is empty again, after it was full or the system had not
-     * taken all of it at once. */
+    /** Sets what runs when a peer's queue is empty again, after it was full or the system did not
+     * take all of it at once. */
     void on_drained(callback<void(peer)> run) { state->on->peer_drained = std::move(run); }
-    /** Set what runs with each request of a client, one that has not logged in included. Without
-     * one, requests are declined. */
+    /** Sets what runs for each request of a client, even of one that has not logged in. Without a
+     * handler, requests are declined. */
     void on_request(callback<void(tolvane::request)> run) { state->on->request = std::move(run); }
 
 private:
@@ -1523,10 +1564,10 @@ private:
 
 // ---- log -----------------------------------------------------------------------------------
 
-/** Hand every entry of the library's log to a handler, for example for spdlog or journald: one
- * entry a call, without the line feeds at its end, valid until the handler returns. It runs inside
- * whatever logs, so it must not destroy or close anything; what it causes to be logged itself is
- * not. An empty handler ends that. */
+/** Passes every log entry to a handler, for example for spdlog or journald. An entry comes without
+ * its final line feeds and is valid until the handler returns. The handler runs inside the call
+ * that logs, so it must not destroy or close anything; nothing that it causes is logged. An empty
+ * handler switches this off. */
 inline void log_to(callback<void(std::string_view entry)> handler)
 {
     static callback<void(std::string_view)> sink;

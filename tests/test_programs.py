@@ -51,7 +51,7 @@ def cat(tvcat, example):
             (1, b"number", "127.0.0.1 http"),
             (1, b"number", "-t 9999999999 127.0.0.1 4711"),
             (1, b"server", "-l -t 500 127.0.0.1 0"),
-            (1, b"needs a server", "-a pong 127.0.0.1 4711"),
+            (1, b"only a server", "-a pong 127.0.0.1 4711"),
             (1, b"name", f"127.0.0.1 {port} " + 60 * "x"),
             (1, b"required", "127.0.0.1"),
             (1, b"argument", "127.0.0.1 4711 me you"),

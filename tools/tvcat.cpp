@@ -95,7 +95,7 @@ private:
         case tolvane::outcome::declined:
             fail("the server declines a line");
         case tolvane::outcome::refused:
-            fail("a line is too long to be sent");
+            fail(text("a line was not sent: ") + reply.status().what());
         case tolvane::outcome::lost:
             return; // on_lost says why
         }
@@ -172,7 +172,7 @@ int main(int argc, char **argv)
     if (listens && timeout != nullptr)
         fail(text("-t ") + timeout + ": a server does not wait for replies, see tvcat --help");
     if (!listens && answer != nullptr)
-        fail(text("-a ") + answer + ": an answer needs a server, -l, see tvcat --help");
+        fail(text("-a ") + answer + ": only a server (-l) gives answers, see tvcat --help");
     const int wait =
         timeout == nullptr ? 5000 : to_number(timeout, "a timeout in milliseconds", 1, INT_MAX);
     const int most = listens ? 2 : 3;

@@ -515,9 +515,7 @@ static bool anyVerb; // a word that is not a verb means the next verb in the alp
 // The rest of a stream without leading blanks.
 static std::string rest_of(std::istringstream &stream)
 {
-    std::string rest;
-    std::getline(stream >> std::ws, rest, '\0');
-    return rest;
+    return std::string(std::istreambuf_iterator<char>(stream >> std::ws), {});
 }
 
 static void run_step(Text word, std::istringstream &stream)

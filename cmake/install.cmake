@@ -1,4 +1,4 @@
-# What is installed: two libraries, three headers, and what CMake and pkg-config read to find them. No
+# Installs two libraries, three headers, and the files with which CMake and pkg-config find them. No
 # file contains the prefix, so the folder may be moved. The components are the Debian packages of
 # tools/package.
 
@@ -8,13 +8,14 @@ install(TARGETS tolvane EXPORT tolvane
 install(TARGETS ruvo_timer EXPORT tolvane
     LIBRARY COMPONENT libruvo-timer
     ARCHIVE COMPONENT libtolvane-dev)
-install(FILES include/tolvane.h include/tolvane.hpp timer/ruvo_timer.h TYPE INCLUDE COMPONENT libtolvane-dev)
+install(FILES include/tolvane.h include/tolvane.hpp timer/ruvo_timer.h
+    TYPE INCLUDE COMPONENT libtolvane-dev)
 
-# The loader looks for the timer library next to libtolvane.so, after LD_LIBRARY_PATH. It searches
-# system folders anyway: packages set CMAKE_SKIP_INSTALL_RPATH.
+# The loader looks for the timer library in LD_LIBRARY_PATH, then next to libtolvane.so. Debian
+# packages do not need this, so tools/package sets CMAKE_SKIP_INSTALL_RPATH.
 set_target_properties(tolvane PROPERTIES INSTALL_RPATH "$ORIGIN")
 
-# The targets depend on no other package, so their file is the whole CMake package.
+# The targets depend on no other CMake package, so the exported file is the whole package.
 include(CMakePackageConfigHelpers)
 set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tolvane)
 install(EXPORT tolvane NAMESPACE tolvane:: FILE tolvaneConfig.cmake

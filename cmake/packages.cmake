@@ -3,7 +3,7 @@
 set(packages libtolvane1 libruvo-timer libtolvane-dev tvcat)
 set(doc ${CMAKE_INSTALL_DATADIR}/doc)
 
-# Every Debian package contains these two. The change log for readers is CHANGELOG.md.
+# Every Debian package must contain these two files. Readers find the changes in CHANGELOG.md.
 find_program(GZIP gzip REQUIRED)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The tolvane developers <tolvane@tolvane.invalid>")
 string(TIMESTAMP changelog_date "%a, %d %b %Y %H:%M:%S +0000" UTC)

@@ -16,7 +16,7 @@
 
 #include <stdlib.h>
 
-// Room for a heartbeat or an acknowledgement: at most 192 bytes.
+// Buffer for a heartbeat or an acknowledgement, which take at most 192 bytes.
 static const int heartbeatBufSize = 512;
 
 // ---- the record
@@ -122,8 +122,8 @@ static int finish_rqst(tv_channel *channel, char *msg, int result, const char *r
         tv_impl_free_msg(msg);
         return 0;
     }
-    // If an actor called the channel's descriptor handler, or ran a loop, a request served in there
-    // may still be pending. It is dropped.
+    // An actor may itself have served the channel's descriptor, directly or through a loop. If a
+    // request that it served there is still pending, drop that one.
     tv_impl_free_msg(channel->pendingRqst);
     channel->pendingRqst = msg;
     return result == TV_ACTOR_DEFERRED ? 0 : send_resp(channel, reply, replyLen);

@@ -2,7 +2,8 @@
 //
 // Callers  every module that calls back into the application; see tv_internal.h.
 // Method   guards and walks are local variables of their operations, linked in two chains from the
-//          innermost out. Closing a channel marks its guards; removing an entry moves walks on.
+//          innermost out. Closing a channel marks its guards; removing an entry moves any walk that
+//          is about to visit it to the next one.
 // Failure  none: nothing is allocated.
 // State    the innermost guard and the innermost walk.
 

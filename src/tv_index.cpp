@@ -13,8 +13,8 @@
 #include <string.h>
 #include <sys/random.h>
 
-// Chains per key: one or two entries each with ten thousand channels. The tables take up memory
-// only as they are used.
+// Chains per key. With ten thousand channels, most chains in use have one or two entries. The
+// system backs the tables with memory only as they are used.
 enum { CHAINS = 16384 };
 
 static index_node *tables[INDEX_KEYS][CHAINS];
@@ -32,11 +32,10 @@ static uint32_t hash_number(int number)
 static uint32_t hash_url(const char *url)
 {
     static uint64_t secrets[2] = {0, 0x9e3779b97f4a7c15};
-    // getrandom() may fail soon after boot. Do not wait for it, and do not try again: once a URL is
-    // in a chain, its hash must not change.
-    static bool tried;
-    if (!tried)
-        tried = getrandom(secrets, sizeof(secrets), GRND_NONBLOCK) != 0;
+    // Runs once. If getrandom() fails, as it may soon after boot, the constants above stay. Do not
+    // try again: once a URL is in a chain, its hash must not change.
+    [[maybe_unused]] static const bool secret =
+        getrandom(secrets, sizeof(secrets), GRND_NONBLOCK) > 0;
     const uint64_t multiplier = secrets[1] | 1;
     uint64_t hash = secrets[0];
     for (int i = 0; i < TV_URL_SIZE && url[i] != '\0'; i++) {

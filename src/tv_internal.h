@@ -32,7 +32,7 @@ struct index_node {
     uint64_t rank;               // lower is older
     struct {
         index_node *next;
-        index_node **link; // what points here, or null: not in a chain
+        index_node **link; // the pointer to this node; null: not in a chain
     } chains[INDEX_KEYS];
 };
 
@@ -44,8 +44,8 @@ static inline bool index_covers(const tv_channel_list *head)
     return head == &tv_repository || head == &tv_service_server.pairList;
 }
 
-// Index an entry just appended to a list; drop one about to be removed from it. index_remove() does
-// not read the entry's record, which may have been freed.
+// Index an entry that has just been appended to its list, or drop one that is about to be removed
+// from it. index_remove() does not read the entry's record, which may have been freed.
 void index_add(index_node *node);
 void index_remove(index_node *node);
 
@@ -63,7 +63,7 @@ tv_channel_node *index_find_url(const char *url);
 
 // A search of an indexed list first walks WALK_FIRST entries, which is cheaper when there are few
 // channels, and then asks the index. If the index has no match, the walk continues up to WALK_LIMIT
-// entries, so that short lists work even if an application has edited them behind the index's back.
+// entries, so that searches of short lists work even if an application has edited the list itself.
 enum { WALK_FIRST = 3, WALK_LIMIT = 32 };
 
 // Remove every entry for this very record; other records with the same id stay. Returns 0, or 1 if
@@ -91,7 +91,7 @@ struct channel_guard {
     bool replyReceived = false;  // the awaited reply has arrived; read by rqst_timeout()
     bool inLinkdown = false;     // the channel's link-down callback is running
     bool repeatLinkdown = false; // and must run once more
-    channel_guard *outer;        // on any channel, or null
+    channel_guard *outer;        // the next guard out, on any channel, or null
 };
 
 // Whether a call of end_channel() on the channel is in progress further up the stack.
@@ -136,8 +136,8 @@ int serve_channel(tv_channel *channel, int (*handle_other)(tv_channel *, int typ
 
 // ---- tv_api.cpp
 
-// Add a new channel to the repository and return its id. Without memory, log that in the caller's
-// name, close and release the channel, and return -1.
+// Add a new channel to the repository and return its id. If memory runs out, log that in the
+// caller's name, close and release the channel, and return -1.
 int list_new_channel(tv_channel *channel, const char *caller);
 
 // Close a channel, remove its record from both lists and release it. Do not call it on a channel
@@ -146,7 +146,8 @@ void end_channel(tv_channel *channel);
 
 // ---- tv_loop.cpp
 
-// Call this before receiving a frame or accepting a connection on fd: it uses up poll()'s report.
+// Call this before receiving a frame or accepting a connection on fd: afterwards poll()'s report
+// that fd is readable may no longer hold.
 void note_input_taken(int fd);
 
 #endif

@@ -21,8 +21,8 @@ char log_file[TV_LOG_FILE_SIZE] = "";
 static void write_entry(FILE *stream, const char *sourcePath, const char *function, int line,
                         const char *format, va_list args)
 {
-    // This formats the time as ctime() does, which would overwrite a result of localtime() that the
-    // application still uses. localtime_r() need not notice a new time zone, so call tzset().
+    // Do not call ctime(): it would overwrite a result of localtime() that the application still
+    // uses. localtime_r() need not notice a new time zone, so call tzset().
     const time_t now = time(nullptr);
     struct tm local = {};
     char date[26] = "";

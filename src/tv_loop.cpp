@@ -1,13 +1,16 @@
 // tv_loop.cpp - the descriptor table and the main loop.
 //
-// Callers  the application only; the library itself registers no descriptor.
-// Method   poll() over a table of 16, in slot order; timers fire after every poll() that a signal
-//          did not interrupt, before any descriptor is served. Handlers may register, unregister and
-//          close descriptors, so the slot of a ready descriptor is looked up just before it is
-//          served.
-// Stale    by then poll()'s report may be out of date: the number may have been reused for another
-//          descriptor, or the input may already have been read. The handler would then block, so
-//          the loop polls the descriptor again whenever either may have happened.
+// Callers  the application; tcp_impl.cpp and tv_server_api.cpp call note_input_taken(). The library
+//          itself registers no descriptor.
+// Method   poll() over a table of 16. After each poll() that a signal did not interrupt, due timers
+//          fire, as tv_main_loop() documents; then ready descriptors are served in slot order.
+//          (Applications with their own loop should serve first, see ruvo_timer.h.) Handlers may
+//          register, unregister and close descriptors, so the slot of a ready descriptor is looked
+//          up just before it is served.
+// Stale    when a descriptor's turn comes, poll()'s report may be out of date: the number may have
+//          been reused for another descriptor, or the input may already have been read. The handler
+//          would then block, so the loop polls the descriptor again whenever either may have
+//          happened.
 // Failure  the loop ends when poll() fails with anything but EINTR.
 // State    the table.
 
@@ -19,7 +22,7 @@
 #include <errno.h>
 
 struct fd_handler_slot {
-    int fd = -1; // free
+    int fd = -1; // -1: free
     intptr_t arg1 = 0;
     intptr_t arg2 = 0;
     tv_fd_handler handler = nullptr;

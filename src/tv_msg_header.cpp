@@ -148,15 +148,15 @@ static int type_of_name(const char *name, int limit)
     return limit;
 }
 
-// Maps each pair of adjacent characters in the prefix to its distance from the prefix's end.
-struct pair_table {
+// Maps each two adjacent characters of the prefix to their distance from its end.
+struct bigram_table {
     struct {
-        char pair[2];
+        char bigram[2];
         uint8_t distance;
-    } slots[64] = {}; // no two pairs of the prefix share one
+    } slots[64] = {}; // no two bigrams of the prefix share one
 
     static constexpr int slot_of(char first, char second) { return (first * 4 + second) & 63; }
-    constexpr pair_table()
+    constexpr bigram_table()
     {
         for (int i = 1; i < prefixLen; i++) {
             const char first = PREFIX[i - 1];
@@ -164,20 +164,21 @@ struct pair_table {
             slots[slot_of(first, second)] = {{first, second}, (uint8_t)(prefixLen - 1 - i)};
         }
     }
-    // How far a search window that ends at last can advance; 0 if it may hold the prefix.
+    // How far a search window whose last character is *last can advance; 0: it may hold the prefix.
     int skip(const char *last) const
     {
         const auto &slot = slots[slot_of(last[-1], last[0])];
-        const bool known = slot.pair[0] == last[-1] && slot.pair[1] == last[0];
+        const bool known = slot.bigram[0] == last[-1] && slot.bigram[1] == last[0];
         return known ? slot.distance : prefixLen - 1;
     }
 };
-static constexpr pair_table prefixPairs;
+static constexpr bigram_table prefixBigrams;
 
-// Return the first prefix between text and end, or null. Most payloads have few underscores, so
-// memchr() passes over blocks without one. Elsewhere the window advances as far as its last two
-// characters allow, because a peer may send megabytes of hostile text. strstr() does the same, but
-// would rebuild its table after each prefix.
+// Return the first prefix between text and end, or null. A window of the prefix's length slides
+// over the text. The prefix ends with an underscore, and most payloads have few, so memchr() moves
+// the window to the first underscore of each block. From there to the end of the block it advances
+// as far as its last two characters allow, because a peer may send megabytes of hostile text.
+// strstr() does the same, but would rebuild its table after each prefix.
 static const char *find_prefix(const char *text, const char *end)
 {
     const long blockSize = 256;
@@ -187,7 +188,7 @@ static const char *find_prefix(const char *text, const char *end)
         const void *underscore = memchr(last, '_', blockEnd - last);
         last = underscore != nullptr ? (const char *)underscore : blockEnd;
         while (last < blockEnd) {
-            const int skip = prefixPairs.skip(last);
+            const int skip = prefixBigrams.skip(last);
             if (skip == 0 && memcmp(last - (prefixLen - 1), PREFIX, prefixLen) == 0)
                 return last - (prefixLen - 1);
             last += skip > 0 ? skip : 1;

@@ -1,6 +1,7 @@
 // tv_server_api.cpp - the server's role: the service server, its pairs, what arrives on them.
 //
-// Callers  the application and, through the two descriptor handlers, the loop.
+// Callers  the application, the loop through the two descriptor handlers, and tv_api.cpp when it
+//          ends a pair.
 // Pairs    every pair is in the repository and in pairList; it is added to the repository first and
 //          removed from pairList first. Neither list owns the records.
 // Failure  an accepted descriptor that cannot become a pair is closed.
@@ -60,7 +61,7 @@ int tv_start_service_server(const char *ip, int port, tv_resp_handler respHandle
     tv_channel *channel = (tv_channel *)malloc(sizeof(tv_channel));
     if (channel == nullptr)
         return -1;
-    if (ip != tv_service_server.listenIp) // a restart may hand back the stored address
+    if (ip != tv_service_server.listenIp) // a restart may pass the stored address
         snprintf(tv_service_server.listenIp, sizeof(tv_service_server.listenIp), "%s", ip);
     tv_service_server.connectedCallback = connectedCallback;
     empty_pair_list();
@@ -97,7 +98,7 @@ void tv_stop_server(void)
     if (server == nullptr)
         return;
 
-    // Closing a pair calls back, and the callback may close pairs, accept one, or stop the server.
+    // Closing a pair runs a callback, which may close pairs, accept one, or stop the server.
     channel_guard guard(server);
     for (tv_channel *pair = next_pair_to_stop(server); pair != nullptr;
          pair = next_pair_to_stop(server)) {
@@ -206,7 +207,8 @@ int tv_server_fd_handler(int fd, intptr_t, intptr_t)
 
 int update_pair_channel(tv_channel *channel, const char *url)
 {
-    // A URL from the network may be of any length; the precision stops snprintf() reading it all.
+    // A URL from the network may be of any length; the precision stops snprintf() from reading
+    // it all.
     if (url != channel->url)
         snprintf(channel->url, sizeof(channel->url), "%.*s", TV_URL_SIZE - 1, url);
     index_update_url(channel);
@@ -330,7 +332,7 @@ int tv_pair_fd_handler(int fd, intptr_t, intptr_t)
 
 int tv_broadcast_rqst_to_client(const void *data, int length)
 {
-    // A send that fails calls back, and the callback may close any pair.
+    // A failed send runs the link-down callback, which may close any pair.
     list_walk walk(&tv_service_server.pairList);
     while (tv_channel *pair = walk.next_channel())
         send_rqst(pair, (const char *)data, length, 0);

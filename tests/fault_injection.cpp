@@ -1,5 +1,5 @@
-// fault_injection.cpp - makes every allocation and every system call of the library fail in turn, in
-// each way that it can: once, and from then on.
+// fault_injection.cpp - makes every allocation and every system call of the library fail in turn,
+// in each way that it can: once, and from then on.
 //
 // Every run plays a scenario; simulated_os.h lists the faults, and what the application, its peers
 // and the log must show of each. The last lines of the output say what went wrong.
@@ -45,8 +45,7 @@ static void inject(const std::string &scenario, const std::string &undisturbed)
     const Fault &fault = *injection.fault;
     std::cout << scenario << "\n"
               << *fault.calls.begin() << " fails with " << injection.way
-              << (injection.lasting ? ", lasting" : "")
-              << std::endl; // in case the program ends here
+              << (injection.lasting ? ", lasting" : "") << std::endl; // flushed: a call may crash
     alarm(30);
     for (injection.first = 1;; injection.first++, injected++) {
         const std::string seen = play(scenario);

@@ -1,9 +1,9 @@
 // fuzz_channels.cpp - plays any text as a scenario, while calls of the library may fail.
 //
-// Input: a letter for the fault ('A' is the first one; other characters: none), then three digits: the
-// way it fails, the first call that fails, and a sum of options (1: all later calls fail, too; 2: close
-// a channel whose link is down; 4: write a log), then a scenario. A word that is not a verb means the
-// next verb in the alphabet.
+// Input: a letter for the fault ('A' is the first one; other characters: none), then three digits,
+// then a scenario. The digits are the way the call fails, the first call that fails, and a sum of
+// options (1: the next 300 calls fail, too; 2: close a channel whose link is down; 4: write a log).
+// A word that is not a verb means the next verb in the alphabet.
 
 #include "scenario.h"
 

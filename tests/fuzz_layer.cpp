@@ -1,11 +1,12 @@
-// fuzz_layer.cpp - the input side of the layer, given any bytes on a link. A server gets them behind
-// a login, and has two requests under way; a client gets them as the server's answer to its login,
-// with two requests waiting. Every handler runs once, the other links go on, and the link ends at the
-// end of the stream, or at the first bytes that are not a frame.
+// fuzz_layer.cpp - the input side of the layer, given any bytes on a link. A server receives them
+// after a login, while it awaits the replies to two requests. A client receives them as the
+// server's answer to its login, while two requests wait to be sent. Every handler runs once, the
+// other links go on, and the link ends at the end of the stream or at the first bytes that are not
+// a frame.
 //
-// Input: one byte that says who reads (1: the client), behind which login (2: a pipelined one, 4:
-// none), what follows the stream (8: bytes that are not a frame, instead of its end), and in how
-// many pieces; then the stream.
+// Input: one byte of flags, then the stream. 1: the client reads it, not the server. 2: the login
+// before it is pipelined. 4: no login. 8: garbage follows the stream, instead of its end. The upper
+// four bits plus 1: the number of pieces.
 
 #include "layer_ends.h"
 
@@ -19,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     text stream(reinterpret_cast<const char *>(data) + 1, size - 1);
     if ((data[0] & 4) == 0)
         stream = (toClient ? acknowledgement : data[0] & 2 ? pipelined_login : login) + stream;
-    for (int i = 0; (data[0] & 8) && i < 2000; i++) // more than a frame that was begun may lack
+    for (int i = 0; (data[0] & 8) && i < 2000; i++) // enough to complete any frame begun
         stream += text(32, 'x') + "\0\0\0\1x"s;
     const size_t piece = stream.size() / (1 + data[0] / 16) + 1;
 

@@ -1,5 +1,5 @@
-// fuzz_replay.cpp - main() of a fuzz target built without libFuzzer: runs each line of a corpus file
-// as one input. corpus.py describes the format.
+// fuzz_replay.cpp - main() of a fuzz target built without libFuzzer: runs each line of a corpus
+// file as one input. corpus.py describes the format.
 
 #include "require.h"
 

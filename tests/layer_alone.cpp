@@ -1,12 +1,12 @@
-// layer_alone.cpp - a program of two translation units, both of them this file, that includes
-// nothing but tolvane.hpp: with every warning, without exceptions and RTTI. Its own names are some
-// that the library exports and the layer hides.
+// layer_alone.cpp - a program that includes nothing but tolvane.hpp, compiled with every warning,
+// without exceptions and RTTI. It has two translation units, both of them this file. The library
+// exports the names of the variables below, but tolvane.hpp must hide them from programs.
 
 #include <tolvane.hpp>
 
 static int get_channel = 0, send_rqst = 0, add_channel = 0, log_file = 0;
 
-int main() // the second translation unit calls it otherwise
+int main() // the second translation unit renames it to second(), see CMakeLists.txt
 {
     tolvane::loop loop;
     tolvane::server server(loop);

@@ -1,10 +1,10 @@
-// layer_ends.h - who talks to tolvane.hpp in its tests: sockets, byte by byte, and a client and a
-// server of the layer. All of them live in one process, on one loop and on loopback.
+// layer_ends.h - the peers in the tests of tolvane.hpp: raw sockets, and a client and a server of
+// the layer that echo. All of them live in one process, on one loop and on loopback.
 #ifndef LAYER_ENDS_H
 #define LAYER_ENDS_H
 
 #include "require.h"
-#include "tolvane.h" // all of it: the tests use its sockets
+#include "tolvane.h" // before tolvane.hpp, which would hide its socket functions
 
 #include "tolvane.hpp"
 
@@ -14,7 +14,7 @@ using namespace std::literals;
 using text = std::string;
 using tolvane::milliseconds;
 
-// Run the loop until something holds, for 20 seconds at most; false if it does not hold then.
+// Runs the loop until the condition holds, for 20 seconds at most. Returns whether it holds.
 template <class Condition> bool until(tolvane::loop &loop, Condition holds)
 {
     const auto end = std::chrono::steady_clock::now() + 20s;
@@ -24,9 +24,9 @@ template <class Condition> bool until(tolvane::loop &loop, Condition holds)
     return held;
 }
 
-// ---- a socket, byte by byte
+// ---- a raw socket
 
-// A message of the client raw.
+// A message of a client whose URL is tcp://raw:1.
 inline text message(const text &tag, const text &payload)
 {
     const text body =
@@ -52,7 +52,7 @@ struct raw {
     static int connected(int port) { return impl_create_client_socket("127.0.0.1", port, 10000); }
 
     explicit raw(int fd) : fd(fd) {}
-    ~raw() { close(fd); } // with something unread it is a reset
+    ~raw() { close(fd); } // resets the connection if something is unread
     uint16_t port() const
     {
         sockaddr_in address = {};

@@ -2,9 +2,10 @@
 //
 //     LogCapture log;
 //     tv_unregister_polling_fd(7);
-//     EXPECT_LOG({"faield on tv_unregister_polling_fd, fd[7]"}); // every entry since the last take()
+//     EXPECT_LOG({"faield on tv_unregister_polling_fd, fd[7]"});
 //
-// take() also checks the frame of each entry: date, file, function, line, two line feeds.
+// EXPECT_LOG() compares all entries since the last take(). take() also checks the frame of each
+// entry: date, file, function, line, two line feeds.
 #ifndef LOG_CAPTURE_H
 #define LOG_CAPTURE_H
 

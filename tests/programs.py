@@ -48,7 +48,8 @@ class Program:
         assert self.process.wait(PATIENCE) == 0
 
 
-# One that takes an address and a port last, and prints the port that the system has chosen.
+# A Program whose last arguments are an address and port 0, and which prints the port that the
+# system has chosen.
 class Server(Program):
     def __init__(self, *command, address="127.0.0.1"):
         super().__init__(*command, address, 0)

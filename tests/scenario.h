@@ -1,9 +1,10 @@
-// scenario.h - a small language for test scenarios: what an application does with the library, what
-// its peers do at the other end of each connection, and what must happen as a result.
+// scenario.h - a small language for test scenarios: what an application does with the library,
+// what its peers do at the other end of each connection, and what must happen as a result.
 //
 // Everything runs in one process on simulated_os.h, whose clock moves only while something waits.
-// Each scenario in tests/scenarios is a test. This one could be in server.txt; "=>" is followed by
-// everything that must happen, in order:
+// Each scenario in tests/scenarios is a test, except those in faults*.txt, which
+// fault_injection.cpp plays. This one could be in server.txt; "=>" is followed by everything that
+// must happen, in order:
 //
 //     ## SendsWhatAResponseHandlerAsksFor
 //     a: peer_logs_in tcp://a:1      => a: fd_open, a: connected tcp://a:1
@@ -12,31 +13,37 @@
 //     peer_sends reply pong          => a: response pong, a: peer_got request more, a: fd_close,
 //                                    => a: peer_got EOF
 //
-// Peer `a` connects, is accepted as a pair and logs in. The application sends it a request and waits
-// 100 ms for the reply. When that comes, the response handler sends another request and closes the pair.
+// Peer `a` connects, is accepted as a pair and logs in. The application sends it a request, with a
+// timeout of 100 ms. When the reply comes, the response handler sends another request and closes
+// the pair.
 //
 // SYNTAX
 //   ## NAME                     begins a scenario
 //   VERB WORD WORD; VERB ...    steps, run in order
 //   NAME: VERB ...              from here on, steps use the link NAME: a channel and its peer
-//   on CALLBACK: VERB ...       runs the rest of the line inside the next CALLBACK
-//   ~                           a 0x00 byte in a payload
+//   on CALLBACK: VERB ...       runs the rest of the line inside the next CALLBACK of any link; a
+//                               second such line waits for the one after it. The current link stays
+//                               the one chosen last
+//   ~                           a 0x00 byte, in steps and in notes
 //   # text                      a comment; not allowed after "=>"
-//   STEPS => NOTE, NOTE         the steps cause exactly these notes, or none without "=>"; "=> ..."
-//                               allows any. A line that begins with "=>" continues the one before
+//   STEPS => NOTE, NOTE         the steps cause exactly these notes, in this order. A line without
+//                               "=>" must cause none; "=> ..." allows any. A line that begins with
+//                               "=>" continues the one before
 //
 // The server channel is also a link, named `server`.
 //
 // VERBS of the peer. It numbers its messages correctly and requires the same of the channel.
-//   peer_connects               a new peer connects and waits for the loop to accept it
+//   peer_connects               a new peer connects; when the loop accepts it, the pair becomes the
+//                               channel of the link chosen last
 //   accept                      a new peer connects; the server accepts it as a pair channel
 //   peer_logs_in URL            accept, then a login
-//   peer_sends KIND PAYLOAD     the channel receives a login, logout, request, reply, heartbeat ... ;
-//                               without a PAYLOAD the message has no payload marker
+//   peer_sends KIND PAYLOAD     the channel receives a login, logout, request, reply, heartbeat or
+//                               heartbeatack; without a PAYLOAD it has no payload marker
 //   peer_buffers KIND PAYLOAD   the same, but the message stays in the socket until `serve`
 //   peer_announces LENGTH       the channel receives the header of a frame of that length
 //   peer_sends_bytes TEXT       the channel receives TEXT, which is not a frame
-//   drop_frames N               as if N messages from the peer were lost (below 0: repeated)
+//   peer_skips N                as if N messages from the peer were lost: skips N numbers (below 0:
+//                               repeats them)
 //   peer_counts_from N          its next message has this number
 //   peer_misses N               as if N messages to the peer were lost
 //   peer_closes                 the peer closes its end of the connection
@@ -44,12 +51,14 @@
 // VERBS of the application
 //   start_server, stop_server   with all handlers and callbacks registered (one is already running)
 //   close_server                closes the server channel by its id
-//   create_client               the link's channel becomes a new client channel
+//   create_client               makes the link's channel a new client channel: URL tcp://link:7,
+//                               server 127.0.0.1:80, poll timeout 100 ms, no connect timeout
 //   set_connect_timeout MS, set_poll_timeout MS
 //   connect                     connects the client and logs it in
 //   disconnect                  logs the client out
-//   send_request TEXT MS        and waits up to MS milliseconds for the reply (0: expects none);
-//                               TEXT may be (null), or "!" for a negative length
+//   send_request TEXT MS        sends a request; the timeout handler runs if no reply comes within
+//                               MS milliseconds (0 or less: no reply is expected). TEXT may be
+//                               (null), or "!" for a negative length
 //   send_large_request MS       60,000 bytes: the third one that is not received blocks
 //   send_reply TEXT             answers the deferred request; "!" passes a negative length
 //   broadcast TEXT              a request to all clients
@@ -61,33 +70,44 @@
 //   actors FIRST SECOND         what the two actors return from now on: pass, handle, defer, or any
 //                               other word for an invalid result; ":TEXT" adds a reply
 //   enable_heartbeat MS COUNT   on the link's channel
-//   enable_all_heartbeats MS COUNT   on the server and its pairs
+//   enable_all_heartbeats MS COUNT
+//                               on the server and its pairs
 //   next_timer                  notes the milliseconds until the next timer
 //   elapsed                     notes the simulated time since the previous one
 //   be_busy MS                  lets MS simulated milliseconds pass outside the main loop
-//   advance MS                  runs the main loop for MS simulated milliseconds; inside a callback
-//                               for a single pass
+//   advance MS                  runs the main loop for MS simulated milliseconds. Inside a callback
+//                               MS is ignored: timers that are due fire, unless a descriptor is
+//                               ready; no descriptor is served
 //
 // VERBS of test_channels.cpp only, so not for faults*.txt
-//   logged ENTRY, ENTRY         the previous line logged exactly these entries; * stands for any text
+//   logged ENTRY, ENTRY         the previous line logged exactly these entries; * stands for any
+//                               text
 //   last_logged ENTRY           the previous line logged this entry last
 //   remove_handlers             for responses, timeouts and lost links
-//   fail CALL                   from now on this system call fails with ECONNREFUSED ("nothing": none)
-//   add_actors FIRST LAST       one for each number
+//   fail CALL                   from now on the library's calls of this function fail with
+//                               ECONNREFUSED ("nothing": none fail)
+//   add_actors FIRST LAST       one for each number; LAST defaults to FIRST
 //   peer_trickles KIND PAYLOAD  the channel receives a message in six pieces, one every 40 ms
-//   register FIRST LAST, unregister FIRST LAST   descriptors with these numbers
-//   list_descriptors SIZE       notes those from 500 on in a list of that size for poll()
+//   register FIRST LAST, unregister FIRST LAST
+//                               descriptors with these numbers; LAST defaults to FIRST
+//   list_descriptors SIZE       builds the list for poll() with room for SIZE entries and notes the
+//                               descriptors in it from 500 up
 //   list_clients ROOM           notes the clients whose descriptors fit an array of that size
 //   find_server                 notes whether there is a descriptor to accept from
-//   replace_record              removes the channel from the repository and adds another with its id
+//   replace_record              removes the channel from the repository and adds another with its
+//                               id
 //   add_empty_entry             adds an entry without a channel to the list of pairs
 //
-// NOTES, each preceded by the name of its link, if it has one
+// NOTES. The first three kinds begin with the name of their link, if it has one.
 //   CALLBACK TEXT               a callback ran: fd_open, fd_close, connected, disconnected, actor0,
 //                               actor1, response, timeout, link_down
 //   peer_got KIND PAYLOAD       the peer received a message, or EOF when the connection has ended
 //   VERB: RESULT                a call failed
-//   connecting to IP:PORT within MS, client NAME: or no client, next timer MS, MS ms
+//   connecting to IP:PORT within MS; client NAME: or no client; next timer MS (-1: none); MS ms;
+//   clients NAME: ...; descriptors N ...; server or no server; the loop ended early
+//
+// With peer_sends and `serve`, a message that the channel discards, such as a late reply, makes no
+// note; only `logged` shows it.
 //
 // Every scenario checks that a request gets at most one of reply and timeout, that callbacks get
 // readable texts and an open channel, that each descriptor is opened and closed once, and that no
@@ -129,7 +149,7 @@ static int firstId, descriptors;   // when the scenario began
 static long long before;           // the time at the last `elapsed`
 static int steps;                  // so far
 
-static void run(Text scenario);
+static void run(std::string scenario);
 
 // ---- the peers
 
@@ -138,11 +158,10 @@ static void send_bytes(const Link &link, Text bytes)
     __real_send(link.peerFd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
-static std::string next_frame(Link &link, Text kind, std::string payload)
+static std::string next_frame(Link &link, Text kind, Text payload)
 {
     if (kind == "login")
-        link.url = payload.substr(0, payload.find('~'));
-    std::replace(payload.begin(), payload.end(), '~', '\0');
+        link.url = payload.c_str();
     return frame(message(link.sent++, kind, link.url, payload.empty() ? "" : marker + payload));
 }
 
@@ -207,9 +226,9 @@ static void close_by_id(int id)
     tv_close_channel(id);
 }
 
-// Every callback ends up here: check and note the call, then run the steps planned for it. They must
-// not change the text that was passed, except for a link-down callback's URL, which belongs to the
-// channel's record.
+// Every callback ends up here: check and note the call, then run the steps planned for it. They
+// must not change the text that was passed, except for a link-down callback's URL, which belongs to
+// the channel's record.
 static void called(Text callback, int id, std::string_view text = "")
 {
     const std::string handed(text.data() == nullptr ? "(null)" : text);
@@ -425,7 +444,7 @@ struct Step {
     int id;                  // of the link's channel
     std::string verb, words; // the words after the verb, unsplit
     std::string a, b;        // the first two words
-    int m, n;                // the same as numbers
+    int m, n;                // the same two as numbers
 };
 
 using Act = std::function<void(const Step &)>;
@@ -448,7 +467,7 @@ static std::map<std::string, Act> verbs = {
     {"peer_announces",
      [](const Step &s) { serve_bytes(s.link, header(strtoul(s.a.c_str(), nullptr, 10))); }},
     {"peer_sends_bytes", [](const Step &s) { serve_bytes(s.link, s.a); }},
-    {"drop_frames", [](const Step &s) { s.link.sent += s.m; }},
+    {"peer_skips", [](const Step &s) { s.link.sent += s.m; }},
     {"peer_counts_from", [](const Step &s) { s.link.sent = s.m; }},
     {"peer_misses", [](const Step &s) { s.link.received += s.m; }},
     {"peer_closes", [](const Step &s) { close_peer(s.link); }},
@@ -496,9 +515,7 @@ static bool anyVerb; // a word that is not a verb means the next verb in the alp
 // The rest of a stream without leading blanks.
 static std::string rest_of(std::istringstream &stream)
 {
-    std::string rest;
-    std::getline(stream >> std::ws, rest, '\0');
-    return rest;
+    return std::string(std::istreambuf_iterator<char>(stream >> std::ws), {});
 }
 
 static void run_step(Text word, std::istringstream &stream)
@@ -532,13 +549,13 @@ static void run_line(Text line)
         }
         words >> word; // the callback, and a colon
         word.pop_back();
-        const std::string first = rest_of(words);
-        planned[word].push_back(first + ";" + rest_of(rest));
+        planned[word].push_back(rest_of(words) + ";" + rest_of(rest));
     }
 }
 
-static void run(Text scenario)
+static void run(std::string scenario)
 {
+    std::replace(scenario.begin(), scenario.end(), '~', '\0');
     std::istringstream lines(scenario);
     for (std::string line; std::getline(lines, line);)
         run_line(line);

@@ -1,11 +1,11 @@
-// simulated_os.h - the operating system as the library meets it in tests: a simulated clock, sockets
-// that deliver at once, and calls that can fail.
+// simulated_os.h - the operating system as the library meets it in tests: a simulated clock,
+// sockets that deliver at once, and calls that can fail.
 //
 // The linker redirects the library's calls (--wrap): its send() becomes __wrap_send(), while
-// __real_send() is the system's. Sockets are UNIX domain sockets in this process: they need no port,
-// and deliver what is sent at once. Only waiting moves the clock, so tests do not sleep.
+// __real_send() is the system's. Sockets are UNIX domain sockets in this process: they need no
+// port, and deliver what is sent at once. Only waiting moves the clock, so tests do not sleep.
 //
-// A test makes calls fail through `injection`, with one of the faults in the table below or its own.
+// A test makes calls fail through `injection`, with a fault of the table below or one of its own.
 #ifndef SIMULATED_OS_H
 #define SIMULATED_OS_H
 
@@ -90,7 +90,7 @@ struct Injection {
     const Fault *fault = nullptr; // null: no call fails
     int way = 0;                  // one of its ways
     int first = 1;                // the first of its calls that fails, counted from 1
-    bool lasting = false;         // all later calls fail, too
+    bool lasting = false;         // the next 300 calls fail, too
     int calls = 0, failed = 0;    // calls of the fault's functions so far
 };
 static Injection injection;

@@ -4,8 +4,9 @@
 # usage: soak.py <examples/server> <examples/client> [SECONDS [SEED]]
 #
 # Four clients are programs, stopped now and then until the server has declared them down. Four are
-# guests: links of examples/peer.py with up to eight outstanding requests, which leave in one of WAYS.
-# Each reply is compared with its request. At the end the server must have released all resources.
+# guests: links of examples/peer.py with up to eight outstanding requests, which leave in one of
+# WAYS. Each reply is compared with its request. At the end the server must have released all
+# resources.
 import collections, concurrent.futures, itertools, random, re, signal, string, sys, time
 
 from programs import PATIENCE, Program, Server, peer, read_until_closed, run

@@ -1,12 +1,12 @@
-// test_channels.cpp - plays the scenarios of tests/scenarios, each as a test of its own, and tests what
-// they cannot express: records and lists that an application has changed itself.
+// test_channels.cpp - plays the scenarios of tests/scenarios, each as a test of its own, and tests
+// what they cannot express: records and lists that an application has changed itself.
 
 #include "log_capture.h"
 #include "scenario.h"
 
 #include <fnmatch.h>
 
-// Joins all words but arrows with single blanks and replaces a NUL by "~".
+// Joins all words but arrows with single blanks, and shows a 0x00 as "~".
 static std::string one_line(std::string text)
 {
     std::replace(text.begin(), text.end(), '\0', '~');
@@ -167,7 +167,7 @@ static const struct Suite {
     const char *name, *file, *start; // the start precedes each scenario of the file
 } suites[] = {
     // A client's peer sends no login. It skips that number, so that both kinds of peer count alike.
-    {"OnAClient", "link.txt", "create_client; connect; drop_frames 1 => ...\n"},
+    {"OnAClient", "link.txt", "create_client; connect; peer_skips 1 => ...\n"},
     {"OnAPair", "link.txt", "peer_logs_in tcp://link:7 => ...\n"},
     {"Client", "client.txt", ""},
     {"Server", "server.txt", ""},

@@ -10,7 +10,7 @@
 #include "tv_internal.h"
 #include "wire.h"
 
-static const int usualPairs = 150; // far above the length up to which lists are walked
+static const int usualPairs = 150; // far more than are walked before the index is asked
 static const int keys = 100;       // number of different URLs
 static const int fds = 1000;       // number of different descriptors, some with the same hash
 static const int firstFd = 5000;   // above all descriptors of this process

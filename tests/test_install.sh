@@ -31,7 +31,7 @@ use_by_cmake() { # <folder to build in> <option...>
 check_installation() { # <what> <build folder>
     "$cmake" --install "$2" --prefix "$work/first"
     mv "$work/first" "$work/$1"
-    ! grep -rlIF -e "$work/first" -e "$2" -e "$source" "$work/$1" || fail "these contain build paths"
+    ! grep -rlIF -e "$work/first" -e "$2" -e "$source" "$work/$1" || fail "found build paths"
     use_by_cmake "$work/build-$1" "-DCMAKE_PREFIX_PATH=$work/$1"
     # The C compiler is enough, even for linking.
     folder=$(dirname "$(find "$work/$1" -name tolvane.pc)")

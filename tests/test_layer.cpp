@@ -54,7 +54,7 @@ TEST_F(Layer, RefusesWhatCannotWorkAndSaysWhy)
         echo(std::move(request));
     });
     tolvane::options options;
-    tolvane::peer stale;                         // a handle that a client's callback got
+    tolvane::peer stale;                         // a handle from a client's callback
     for (const bool pipelined : {false, true}) { // the tag fits a pipelined link only
         options.pipelined = pipelined;
         echo_client client(loop, server.port(), options);
@@ -77,8 +77,8 @@ TEST_F(Layer, RefusesWhatCannotWorkAndSaysWhy)
     EXPECT_EQ(server.listen("127.0.0.1", other.port()).error(), errc::address_in_use);
 }
 
-// A plain link holds requests back until a late reply is there, and may fill up with them. That
-// says nothing about the other end. It is given up when the reply does not come at all.
+// A plain link holds further requests until the late reply arrives, and they may fill its queue: a
+// full queue does not mean a dead peer. If the reply never comes, the link is closed.
 TEST_F(Layer, NeverTakesALateReplyForAnotherOneAndTellsFullFromLost)
 {
     tolvane::options plain{20ms};
@@ -144,8 +144,8 @@ TEST_F(Layer, RunsInsideAnotherLoopWithThreadsAndFiles)
     EXPECT_TRUE(loop.run());
 }
 
-// Two descriptors are ready in one round. Whoever is served first replaces the other one by a new
-// one of the same number, which is not ready.
+// Two descriptors are ready in one round. The handler that runs first replaces the other descriptor
+// with a new one of the same number, which is not ready.
 TEST_F(Layer, ServesNoEventOfADescriptorsFormerOwner)
 {
     const raw one(eventfd(1, EFD_NONBLOCK)), two(eventfd(1, EFD_NONBLOCK));
@@ -164,7 +164,7 @@ TEST_F(Layer, ServesNoEventOfADescriptorsFormerOwner)
 
 // ---- random applications, whose system calls fail now and then
 
-static text faulty;    // the system call of which every fourth one fails
+static text faulty;    // every fourth call of this system call fails
 static int failure;    // with this errno
 static unsigned calls; // of it so far
 
@@ -200,22 +200,22 @@ extern "C" int __wrap_epoll_ctl(int epoll, int what, int fd, epoll_event *event)
 
 using owner = std::weak_ptr<void>; // of a callback: a client, a server, or the application
 
-// A server, two clients of it, and one of a listening socket do anything at any time, in all
-// callbacks. A client or a server that is destroyed is replaced by a new one. No callback runs after
-// its owner; a request's handler runs once, or is dropped with its owner. In the end the server's
-// clients are served.
+// A server, two clients of it, and a client of a listening socket do anything at any time, in all
+// callbacks. A client or a server that is destroyed is replaced by a new one. No callback runs
+// after its owner is destroyed; a request's handler runs once, or is dropped with its owner. At the
+// end the server still serves its clients.
 struct application {
     static inline const uint16_t port = raw(raw::listening()).port(); // free now: the server's
     std::mt19937 random;
     tolvane::loop loop;
-    int budget = 1000, depth = 0;          // acts left; callbacks inside each other
-    int open = 0, number = 0, replies = 0; // handlers that exist; the last payload
+    int budget = 1000, depth = 0;          // acts left; nested callbacks
+    int open = 0, number = 0, replies = 0; // handlers that exist; the last payload's number
     const std::shared_ptr<int> self = std::make_shared<int>();
     std::shared_ptr<tolvane::client> clients[3];
     std::shared_ptr<tolvane::server> server;
     std::vector<tolvane::request> kept;
     std::list<tolvane::timer> timers;
-    std::list<raw> strangers; // of one name, which is also that of a client
+    std::list<raw> strangers; // all named raw, like a client
     const raw listener{raw::listening()};
 
     explicit application(unsigned seed) : random(seed) {}
@@ -257,10 +257,11 @@ struct application {
                 echo(std::move(request));
             else if (way == 2)
                 kept.push_back(std::move(request));
-            act(); // and a request that is left is destroyed
+            act(); // a request that is still here is then destroyed
         });
     }
-    tolvane::options settings(bool pipelined) // small limits, heartbeats, or none in time
+    // small limits; a heartbeat every 10 ms, or none during the test
+    tolvane::options settings(bool pipelined)
     {
         return {draw(2) ? 10ms : 30s, 30s, 20ms, 2, pipelined, true, 100000, 3};
     }
@@ -287,7 +288,7 @@ struct application {
         const size_t i = draw(3);
         const auto client = clients[i].get();
         std::vector<tolvane::peer> peers = server->peers();
-        peers.emplace_back(); // who has gone
+        peers.emplace_back(); // an empty handle
         tolvane::peer peer = peers[draw(peers.size())];
         const std::function<void()> acts[] = {
             [&] { ask(*client, clients[i]); },
@@ -315,7 +316,7 @@ struct application {
             [&] { loop.post(acting(self)); },
             [&] { loop.run_once(0ms); },
         };
-        acts[draw(4) ? draw(2) : draw(std::size(acts))](); // most of them are requests
+        acts[draw(4) ? draw(2) : draw(std::size(acts))](); // three in four are requests
         REQUIRE(server->peers().size() <= 3);
         REQUIRE(clients[i]->queued() < 300000 && peer.queued() < 300000);
     }
@@ -358,7 +359,7 @@ TEST(LayerApplication, RunsEveryHandlerOnceWhateverCallbacksDoAndCallsFail)
                           "connect",    "accept4", "epoll_ctl",     "epoll_create1",
                           "epoll_wait", "eventfd", "timerfd_create"};
     const int errors[] = {EAGAIN, EINTR, ECONNRESET, EMFILE, ENOMEM};
-    const int lowest = raw(dup(0)).fd; // free descriptor: it stays so if none is left open
+    const int lowest = raw(dup(0)).fd; // the lowest free descriptor: the same if nothing leaks
     for (unsigned seed = 0; seed < 110; seed++) {
         faulty = names[seed % 11], failure = errors[seed % 5], calls = seed;
         EXPECT_TRUE(application(seed).run()) << faulty << " seed " << seed;

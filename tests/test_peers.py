@@ -3,9 +3,10 @@
 # seconds.
 #
 # usage: test_peers.py peer <examples/server> <examples/client>      every kind of message both ways
-#        test_peers.py mixed <tvcat> <folder of the examples>       each echo server with all clients
+#        test_peers.py mixed <tvcat> <folder of the examples>      each echo server with all clients
 #        test_peers.py hostile <examples/server>      what bad peers cost the server and a good one
-import contextlib, glob, itertools, multiprocessing, os, select, signal, socket, subprocess, sys, time
+import contextlib, glob, itertools, multiprocessing, os, select, signal, socket, subprocess
+import sys, time
 
 from programs import PATIENCE, Program, Server, peer, read_until_closed, run
 
@@ -30,8 +31,8 @@ class Questions(list):
         server.expect(b"tcp://py:1 has logged out")
 
 
-# A link may start at any message number; after the last one comes 0. With a short interval this peer
-# sends the heartbeats, otherwise the server does.
+# A link may start at any message number; after the last one comes 0. With a short interval this
+# peer sends the heartbeats, otherwise the server does.
 def plain_link(server):
     for number, interval, beat in ((0, 0.2, peer.ACKNOWLEDGEMENT),
                                    (peer.LAST_NUMBER - 3, 60, peer.HEARTBEAT)):
@@ -114,8 +115,8 @@ def ask(links):
 
 
 # In one pass of the server's loop, a login closes an older client of that name that has just sent a
-# message, and a newcomer gets its descriptor number. The server must not wait for that message on the
-# newcomer's connection, and then close it.
+# message, and a newcomer gets its descriptor number. The server must not wait for that message on
+# the newcomer's connection, and then close it.
 def send_stale_event(server):
     older, other = server.connect("older"), server.connect("other")
     ask([older, other])
@@ -182,7 +183,7 @@ SAY = b"\n".join((b"0", peer.REQUEST, b"", peer.MARKER, b"say ")).ljust(60000, b
 ATTACKS = {
     "half a header": is_closed([LARGEST[:20]]),
     "half a body": is_closed([frame(4, b"ab")]),
-    "a byte a millisecond": is_closed([LARGEST], (time.sleep(0.001) or b"x" for _ in itertools.count())),
+    "a byte per ms": is_closed([LARGEST], (time.sleep(0.001) or b"x" for _ in itertools.count())),
     "2 GiB announced, 1 MB sent": is_closed([LARGEST, bytes(1000000)]),
     "a length above 2147483647": is_closed([frame(2 ** 31)]),
     "an empty frame": is_closed([frame(0)]),

@@ -5,8 +5,8 @@
 //          binary heap orders their ids by due time, then by start. A start takes the next id whose
 //          slot is free, so no id is reused soon, and an id leads straight to its timer. The table
 //          is at most half full, so a free slot is about two steps away on average.
-// Cost     O(log n) to stop; O(log n) on average to start, as the table may grow.
-// Failure  a start without memory returns -1 and changes nothing.
+// Cost     O(log n) to stop; amortised O(log n) to start.
+// Failure  if memory runs out, a start returns -1 and changes nothing.
 // State    the table and the heap, which grow but never shrink.
 
 #include "ruvo_timer.h"

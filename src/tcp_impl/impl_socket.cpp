@@ -25,7 +25,7 @@
 #include <time.h>
 #include <unistd.h>
 
-static const char watermark[] = "TCP_WATER_MARK"; // on the wire with its terminator
+static const char watermark[] = "TCP_WATER_MARK"; // sent with its terminator
 static const int watermarkFieldSize = 32;
 static const int headerSize = watermarkFieldSize + sizeof(uint32_t);
 
@@ -154,9 +154,9 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 
 // ---- receiving
 
-// Without a deadline, spin on recv(). With one, drain what is buffered once it has passed, then
-// fail; but if more than receiveStep bytes are wanted, fail without draining, or a peer that floods
-// us could keep the receive going.
+// Without a deadline, spin on recv(). Once a deadline has passed, drain what is buffered, and fail
+// if that is not enough. If more than receiveStep bytes are wanted, fail without draining:
+// otherwise a peer that floods us could keep the receive going.
 static bool _impl_receive_with_timeout(int fd, char *dst, int count, long long deadline)
 {
     const bool limited = deadline != noDeadline;
@@ -246,7 +246,7 @@ char *tcp_impl_receive(int fd, int *len)
     return tcp_impl_receive_with_timeout(fd, len, 0);
 }
 
-// ---- setting sockets up; programs that the application executes do not inherit them
+// ---- setting up sockets, which programs that the application executes do not inherit
 
 // Names are not resolved: anything but a dotted IPv4 address becomes 0.0.0.0.
 static struct sockaddr_in _make_address(const char *ip, int port)
@@ -321,7 +321,7 @@ static bool _is_connected_to_itself(int fd, const char *caller)
     if (own.sin_port != peer.sin_port || own.sin_addr.s_addr != peer.sin_addr.s_addr)
         return false;
     TV_LOG_AT(caller, __LINE__, "%s, connected to itself", caller);
-    const struct linger reset = {1, 0}; // without TIME_WAIT on the server's port
+    const struct linger reset = {1, 0}; // leave no TIME_WAIT on the server's port
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
     return true;
 }

@@ -1,7 +1,8 @@
 // tcp_impl.cpp - the transport of one channel: its descriptor, its messages, its broken link.
 //
-// Callers  tv_channel.cpp and tv_client.cpp. All of a channel's traffic passes through here on its
-//          way to and from impl_socket.cpp.
+// Callers  tv_channel.cpp and tv_client.cpp; tv_guard.cpp and tv_server_api.cpp free messages
+//          through it. All of a channel's traffic passes through here on its way to and from
+//          impl_socket.cpp.
 // Failure  a failed transfer is reported to the channel's link-down callback, which may close the
 //          channel, so callers must not touch the record after a failure.
 // State    none but the channel's socket.

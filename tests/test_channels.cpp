@@ -228,17 +228,36 @@ TEST_F(Server, WithoutCallbacksPairsComeAndGoSilently)
     log.take();
     close_channel(pair);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    EXPECT_EQ(pair->hbTimerId, -1);
+    EXPECT_TRUE(pair->hbTimerId == -1 && pair->hbMode == TV_HEARTBEAT_OFF && pair->hbCount == 0);
     EXPECT_EQ(tv_pair_fd_handler(-1, 0, 0), 0);
     EXPECT_EQ(tv_get_all_client_fds(&fd, 1), 0);
     EXPECT_LOG({"internal list error, should never reach here",
                 "could not find channel with fd[-1]", "internal data error"});
+    EXPECT_EQ(server_remove_channel(pair), 0);
+    EXPECT_EQ(server_remove_channel(pair), 1);
     tv_close_client_connection(pair->channelId);
     play("=> a: peer_got EOF");
 }
 
+TEST_F(Server, ChannelsThatFindNoMemoryAreNotCreated)
+{
+    const tv_client_addr address = {"127.0.0.1", "link", 80, 7};
+    stop_server();
+    log.take();
+    chosenFault.calls = {"malloc"};
+    for (int first = 2; first > 0; first--) { // the socket, then the record too
+        injection = {&chosenFault, ECONNREFUSED, first, true};
+        EXPECT_EQ(tv_create_client_channel(&address), -1);
+        injection.calls = 0;
+        EXPECT_EQ(tv_start_server("127.0.0.1", 0), -1);
+    }
+    EXPECT_LOG({"malloc error in function create_client_channel",
+                "malloc error in function create_server_channel"});
+}
+
 TEST_F(Loop, FiresTimersAndServesReadyDescriptorsInSlotOrder)
 {
+    stop_server(); // and leave the first slot free
     static std::string served;
     const auto handle = [](int, intptr_t name, intptr_t negative) {
         served += std::to_string(name + 10 * negative) + " ";

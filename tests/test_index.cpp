@@ -135,7 +135,7 @@ static void change()
     else if (what < 8)
         remove_channel(&ownList, random() % keys);
     else if (what == 8)
-        update_pair_channel(pair, random_url().c_str());
+        update_pair_channel(pair, rare % 2 == 0 ? "" : random_url().c_str());
     else if (what == 9 && rare < 100)
         add_channel(pairs, rare % 2 == 0 ? pair : nullptr); // a second entry, or an empty one
     else if (what == 10 && rare < 100)

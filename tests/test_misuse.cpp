@@ -4,6 +4,8 @@
 #include "log_capture.h"
 #include "wire.h"
 
+#include "ruvo_timer.h"
+
 #include <fcntl.h>
 #include <limits.h>
 #include <unistd.h>
@@ -42,7 +44,9 @@ TEST(Misuse, BeforeTheFirstStartEveryServerOperationReturns)
     EXPECT_EQ(create_pair_channel(fd), -1);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1); // closed
     EXPECT_EQ(tv_pair_fd_handler(fd, 0, 0), 0);
+    log.take();
     EXPECT_EQ(tv_server_fd_handler(fd, 0, 0), -1);
+    EXPECT_LOG({"tv_server_fd_handler, failed on accept"});
     EXPECT_EQ(tv_get_server_polling_fd(), -1);
     EXPECT_EQ(tv_get_client_channel("a", 1), -1);
     EXPECT_EQ(tv_broadcast_rqst_to_client("x", 1), 0);
@@ -57,7 +61,40 @@ TEST(Misuse, AddressesWithoutATerminatingNulAreCut)
     const int id = tv_create_client_channel(&addr);
     EXPECT_EQ(tv_get_channel(id)->serverIp, std::string(15, '1'));
     EXPECT_EQ(tv_get_channel(id)->url, "tcp://" + std::string(16, '2') + ":65535");
+    LogCapture log;
     tv_close_channel(id);
+    EXPECT_LOG({}); // although there has been no list of pairs yet
+}
+
+TEST(Misuse, OperationsReturn0ForAChannelAndMinus1ForAnUnknownId)
+{
+    const tv_client_addr addr = {"127.0.0.1", "link", 80, 7};
+    int ids[5];
+    for (int &each : ids)
+        each = tv_create_client_channel(&addr);
+    const int id = ids[4];
+    for (const int channelId : {id, -1}) {
+        const int result = channelId == id ? 0 : -1;
+        EXPECT_EQ(tv_register_actor(channelId, nullptr), result);
+        EXPECT_EQ(tv_register_resp_handler(channelId, nullptr), result);
+        EXPECT_EQ(tv_register_timeout_handler(channelId, nullptr), result);
+        EXPECT_EQ(tv_register_linkdown_callback(channelId, nullptr), result);
+        EXPECT_EQ(tv_set_poll_timeout(channelId, 1), result);
+        EXPECT_EQ(tv_send_resp(channelId, "", 0), -1);
+        EXPECT_EQ(tv_channel_fd_handler(-1, channelId, 0), 0);
+        tv_client_enable_heartbeat(channelId, 100, 1, nullptr);
+    }
+    EXPECT_EQ(tv_get_channel(id)->hbMode, TV_HEARTBEAT_ON);
+    tv_channel *const channel = tv_get_channel(id);
+    channel->channelId = 70000; // by hand, so only a walk finds it
+    EXPECT_EQ(tv_get_channel(70000), channel);
+    EXPECT_EQ(tv_remove_channel(channel), 0);
+    tv_add_channel(channel);
+    tv_close_channel(70000);
+    for (int i = 0; i < 4; i++)
+        tv_close_channel(ids[i]);
+    EXPECT_EQ(tv_set_log_fd(nullptr), 0);
+    EXPECT_EQ(tv_set_log_file(nullptr), 0);
 }
 
 TEST(Misuse, WhatDoesNotFitIsNotBuilt)
@@ -71,23 +108,31 @@ TEST(Misuse, WhatDoesNotFitIsNotBuilt)
         EXPECT_EQ(build_heartbeat_msg(&channel, dst.data(), size), -1);
         EXPECT_LOG(
             {size <= headerLen ? "snprintf error:49" : "pack_msg_to_buf, msg[len:37] is too long"});
+        const std::string whole = message(0, "heartbeat", "", marker);
+        EXPECT_EQ(std::string(dst.data(), size > 0 ? strlen(dst.data()) : 0), // as much as fits
+                  whole.substr(0, size > 0 ? size - 1 : 0));
     }
     const std::string big(TV_MSG_BUF_SIZE, 'x');
-    const int attempts[][2] = {{65490, -1}, {INT_MAX, -1}, {-1, -1}, {INT_MIN, -1}, {65489, 65536}};
+    const int attempts[][2] = {{65490, -1},   {INT_MAX, -1},  {-1, -1},
+                               {INT_MIN, -1}, {65489, 65536}, {0, 47}};
     for (const auto &[size, result] : attempts)
         EXPECT_EQ(pack_outgoing_rqst(&channel, big.data(), size), result);
     EXPECT_EQ(pack_outgoing_rqst(&channel, nullptr, 5), 0);
     EXPECT_EQ(pack_outgoing_resp(&channel, nullptr, 5), 0);
     EXPECT_EQ(pack_outgoing_rqst(nullptr, "", 0), 0);
     EXPECT_EQ(pack_outgoing_resp(nullptr, "", 0), 0);
-    EXPECT_EQ(channel.msgSequence, 1); // used up by the one that fitted
+    EXPECT_EQ(channel.msgSequence, 2); // used up by the two that fitted
 }
 
 TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
 {
     LogCapture log;
     static tv_channel channel;
+    memset((void *)&channel, 0xa5, sizeof(channel));
     init_channel(&channel, -2);
+    channel.url[0] = '\0';
+    EXPECT_FALSE(channel.respHandler || channel.timeoutHandler || channel.linkdownCallback);
+    EXPECT_TRUE(channel.hbInterval == 0 && channel.hbCount == 0 && channel.hbMissCount == 0);
     EXPECT_TRUE(channel.pollTimeout == INT_MAX && channel.connectTimeout == -1);
     EXPECT_TRUE(channel.rqstTimerId == -1 && channel.hbTimerId == -1); // 0 may be a timer's id
     int ends[2], len = 7;
@@ -119,6 +164,21 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     char *msg = tv_impl_recv(&channel, &len);
     EXPECT_EQ(std::string(msg, len), "ping");
     tv_impl_free_msg(msg);
+    static int taken; // what the actor returns
+    const std::string request = message(1, "request", "", marker);
+    register_actor(&channel, [](int, const char *, int, char **, int *) { return taken; });
+    for (taken = TV_ACTOR_PASS; taken <= TV_ACTOR_DEFERRED; taken++) {
+        const int result = taken == TV_ACTOR_PASS ? -1 : 0;
+        EXPECT_EQ(process_channel_rqst(&channel, strdup(request.c_str()), 47), result);
+    }
+    EXPECT_EQ(send_resp(&channel, nullptr, 5), -1);
+    tv_impl_free_msg(std::exchange(channel.pendingRqst, nullptr));
+    EXPECT_EQ(process_channel_rqst(&channel, strdup("no payload"), 10), -1);
+    channel.waitingResp = 1;
+    EXPECT_EQ(process_channel_resp(&channel, strdup(request.c_str()), 47), 0);
+    EXPECT_EQ(enable_heartbeat(&channel), 0);
+    EXPECT_TRUE(channel.hbMode == TV_HEARTBEAT_ON && channel.hbTimerId != -1);
+    ruvo_stop_timer(channel.hbTimerId);
     EXPECT_EQ(tv_impl_send_rqst(&channel, "", 0), 0); // an empty frame
     EXPECT_EQ(server_remove_channel(&channel), 1);    // no pair, and no server yet
     close(ends[0]);
@@ -151,7 +211,10 @@ TEST(Misuse, ReadersLogWhatTheyDoNotFind)
     const std::string reply = message(1, "reply", "u", marker);
     EXPECT_EQ(get_heartbeat_count("{sequence:5}"), -1);
     EXPECT_EQ(get_msg_url("1\nno tag", url, sizeof(url)), -1);
-    EXPECT_LOG({"could not find key", "get_url_pos, unexpected tolvane received"});
+    int len = 7;
+    EXPECT_EQ(get_msg_payload("1\nno tag", 8, &len), nullptr);
+    EXPECT_LOG({"could not find key", "get_url_pos, unexpected tolvane received",
+                "get_msg_payload, unexpected tolvane received"});
     EXPECT_EQ(get_msg_url(reply.c_str(), url, 0), -1);
     EXPECT_STREQ(url, "x");
     EXPECT_EQ(get_msg_url(reply.c_str(), url, sizeof(url)), 0);

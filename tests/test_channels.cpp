@@ -195,7 +195,8 @@ using Loop = ChannelTest;
 
 TEST_F(Server, ARestartUsesItsOwnHandlers)
 {
-    EXPECT_EQ(tv_start_server("", 0), -1); // one is running
+    EXPECT_EQ(tv_start_server("", 0), -1);
+    EXPECT_LOG({"tv_start_service_server, a server is running already"});
     EXPECT_EQ(tv_get_server_polling_fd(), tv_get_polling_fd(serverId));
     const int id = tv_get_channel_id();
     play(R"(
@@ -237,6 +238,37 @@ TEST_F(Server, WithoutCallbacksPairsComeAndGoSilently)
     EXPECT_EQ(server_remove_channel(pair), 1);
     tv_close_client_connection(pair->channelId);
     play("=> a: peer_got EOF");
+}
+
+TEST_F(Server, OperationsOnPairsReturnTheirResults)
+{
+    EXPECT_EQ(tv_register_connected_callback(0, nullptr), 0);
+    EXPECT_EQ(tv_register_disconnected_callback(0, nullptr), 0);
+    EXPECT_EQ(tv_register_client_fd_open_callback([](int fd) {
+                  tv_close_channel(
+                      ((tv_channel_node *)tv_service_server.pairList.prev)->channel->channelId);
+                  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+              }),
+              0);
+    EXPECT_EQ(tv_register_client_fd_close_callback(nullptr), 0);
+    EXPECT_EQ(create_pair_channel(dup(0)), -1); // closed by the callback
+    tv_register_client_fd_open_callback(nullptr);
+    remove_handlers(serverId);
+    int fds[40]; // more than are looked up without the index
+    for (int &fd : fds)
+        EXPECT_EQ(create_pair_channel(fd = dup(0)), 0);
+    for (const int fd : fds) {
+        log.take();
+        EXPECT_EQ(tv_pair_fd_handler(fd, 0, 0), 0);
+        EXPECT_NE(log.take().back(), "could not find channel with fd[" + std::to_string(fd) + "]");
+    }
+    tv_channel *const pair = ((tv_channel_node *)tv_service_server.pairList.next)->channel;
+    EXPECT_EQ(update_pair_channel(pair, "tcp://a:1"), 0);
+    const auto copy = [](Text msg) { return (char *)count_block(strdup(msg.c_str())); };
+    EXPECT_EQ(login_msg_received(pair, copy("0\nno login")), 0);
+    EXPECT_EQ(login_msg_received(pair, copy(message(0, "login", "", marker + "b"))), 0);
+    EXPECT_STREQ(pair->url, "b");
+    EXPECT_EQ(logout_msg_received(pair, copy("1\nno logout")), 0);
 }
 
 TEST_F(Server, ChannelsThatFindNoMemoryAreNotCreated)

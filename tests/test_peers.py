@@ -159,7 +159,7 @@ def frame(length, text=b""):
 # An attack: send the pieces, then nothing, until the server closes the connection.
 def is_closed(*pieces):
     def attack(server):
-        start, sent = time.monotonic(), 0
+        sent = 0
         with socket.create_connection(server.address, PATIENCE) as connection:
             with contextlib.suppress(ConnectionError):
                 for piece in itertools.chain(*pieces):
@@ -167,7 +167,7 @@ def is_closed(*pieces):
                     sent += len(piece)
             read_until_closed(connection)
         # The server must refuse the announced length, not receive 2 GiB.
-        assert sent < 2 ** 31 or time.monotonic() - start < 2, "the server received 2 GiB"
+        assert sent < 2 ** 31
     return attack
 
 

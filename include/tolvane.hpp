@@ -1086,9 +1086,9 @@ public:
     /** What the other end sent. Never null; followed by a 0x00; valid as long as the request. */
     std::string_view payload() const { return state != nullptr ? state->body.view() : ""; }
     /** The client that sent it. In a client, this is a handle of its server, with an empty URL, and
-     * follows other rules: it is false while there is no connection, and becomes true again when
-     * the client reconnects. While it is false, tell() and request() queue; once the client is
-     * destroyed, they are refused. close() on it does what client::disconnect() does. */
+     * follows other rules: it is true while a connection is open or being opened, so it may become
+     * true again after a reconnect. While it is false, tell() and request() queue; once the client
+     * is destroyed, they are refused. close() on it does what client::disconnect() does. */
     peer from() const { return state != nullptr ? peer(state->link) : peer(); }
     /** True until it is answered or declined; false from the start for a one-way request on a
      * pipelined link. A plain link does not say whether a reply is awaited, so this is true for

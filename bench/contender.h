@@ -3,7 +3,7 @@
 // A contender is one way to move messages between two processes: a name and a function that opens
 // either end of a connection. The driver starts the server's process, opens both ends, and calls
 // send() and receive() on them; it alone takes times and prints. To add a contender, write its open
-// function and list it in peers.cpp.
+// function and list it in others.cpp.
 #ifndef CONTENDER_H
 #define CONTENDER_H
 
@@ -28,7 +28,7 @@ struct contender {
     link_end (*open)(int port, bool serving);
     int outstanding = 1; // requests that the client sends before it receives their replies
 };
-extern const std::vector<contender> contenders;  // peers.cpp
+extern const std::vector<contender> contenders;  // others.cpp
 extern const std::vector<contender> outstanding; // with many requests outstanding
 
 struct task {

@@ -150,8 +150,9 @@ struct running : server {
     link_end client;
     int outstanding;
     long sent;
-    std::vector<double> samples;  // us, of all rounds
-    std::vector<double> perRound; // us: the median; one way: a message
+    std::vector<double> samples; // us, of all rounds
+    // us: the median round trip, or, when rates are compared, the time per message
+    std::vector<double> perRound;
 };
 
 // All servers are started before the first client: other libraries start threads, and these do

@@ -19,7 +19,7 @@ static void Build(benchmark::State &state)
 }
 BENCHMARK(Build)->Arg(5)->Arg(65000);
 
-// Ordinary text, and the slowest payload: only the prefix that all tags share.
+// Ordinary text, and a hostile payload: only the prefix that all tags share.
 static void Classify(benchmark::State &state, const char *repeated)
 {
     std::string text = "1000\nvelun_tolvane_reply\ntcp://127.0.0.1:6000\nvelun_tolvane_payload\n";

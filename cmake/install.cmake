@@ -1,6 +1,6 @@
-# Installs two libraries, three headers, and the files with which CMake and pkg-config find them. No
-# file contains the prefix, so the folder may be moved. The components are the Debian packages of
-# tools/package.
+# Installs two libraries, three headers, the files with which CMake and pkg-config find them, and
+# the Wireshark dissector. No file contains the prefix, so the folder may be moved. The components
+# are the Debian packages of tools/package.
 
 install(TARGETS tolvane EXPORT tolvane
     LIBRARY COMPONENT libtolvane1 NAMELINK_COMPONENT libtolvane-dev

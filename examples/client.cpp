@@ -37,7 +37,7 @@ public:
     {
         client.on_connected([this, name] {
             retrying = false;
-            say("connected, logging in as " + name.url());
+            say("logged in as " + name.url());
         });
         client.on_lost([this](std::string_view why) { lost(why); });
         client.on_request([this](tolvane::request request) { serve(std::move(request)); });

@@ -164,8 +164,8 @@ template <class Role> static void spawn(const text &name, Role role)
     _exit(role());
 }
 
-// Kills one worker and stops another as soon as they work; continues the latter when its job is
-// queued again, and goes on until it works again.
+// Kills one worker and stops another as soon as they work. Continues the stopped one when its job
+// has been queued again, and ends after it has reported progress again.
 static int demo()
 {
     alarm(60);

@@ -9,7 +9,8 @@
  * Define TOLVANE_APPLICATION_ONLY before you include this header to see only what applications
  * need: all types, tv_service_server, get_channel_type(), and the functions of sections 2 to 6
  * whose names begin with tv_, without the obsolete tv_set_polling_interval(). Names such as
- * log_file, get_channel or send_rqst then stay free for the program. The first inclusion in a source file decides.
+ * log_file, get_channel or send_rqst then stay free for the program. The first inclusion in a
+ * source file decides.
  *
  * Terms: a channel is one end of a connection; a pair is the channel that a server creates for an
  * accepted connection; an actor is a callback that serves received requests; the repository is the
@@ -76,7 +77,7 @@ extern "C" {
 #define TV_RQST_QUEUE_SIZE 8        /**< received requests that may wait in a channel's queue */
 #define TV_MAX_POLLING_FDS 16       /**< descriptors in the event loop */
 #define TV_LOG_FILE_SIZE   128      /**< the log path with its NUL */
-#define TV_LOG_LIMIT       0x200000 /**< size at which a log sink stops taking entries */
+#define TV_LOG_LIMIT       0x200000 /**< when a log sink is full; see section 6 */
 
 /* ---- 1  Types and records ------------------------------------------------------------------ */
 
@@ -172,7 +173,7 @@ typedef void (*tv_timeout_handler)(int channelId);
  * It is not called again while it runs for the same channel: a send that fails inside it returns
  * -1 and does not call back. A send may also succeed there if the connection still works, for
  * example after an empty frame. If the heartbeat gives up while the callback runs, the callback
- * runs once more after it has returned, even if it has reconnected meanwhile.
+ * runs once more after it has returned, even if the callback has reconnected the channel.
  *
  * May close its channel. The channel stays open until you close it, here or later, and its
  * descriptor may stay readable: unregister it from the event loop in this callback at the latest.
@@ -979,9 +980,9 @@ int handle_client_polling_fd(tv_channel *channel);
 /* ---- 9  Channel lists ----------------------------------------------------------------------
  *
  * Circular lists in the order of insertion; searches return the oldest match. The repository and
- * pairList are also indexed, so that a search takes the same time for any number of channels. Both
- * may be read freely. Their nodes, the links between them and the fields of their records change
- * only through the library's operations.
+ * pairList are also indexed, so that a search visits only a few entries, however many channels
+ * there are. Both may be read freely. Their nodes, the links between them and the fields of their
+ * records change only through the library's operations.
  *
  * To make a list, let both links of a head point to the head itself. Searching a head with null
  * links fails and is logged. */

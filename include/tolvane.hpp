@@ -6,8 +6,9 @@
 //
 //   loop      waits for descriptors, timers and posted work, and runs every callback
 //   timer     runs a callback once or periodically
-//   link      (internal) one connection: buffers, frames, heartbeats, outstanding requests
-//   peer      a server's handle of one client; other_end is what it shares with a client
+//   link      (internal) one end of a connection, kept over reconnects: buffers, frames,
+//             heartbeats, outstanding requests
+//   peer      a server's handle of one client; other_end is the base class of peer and client
 //   request   one received request, answered now or later
 //   client    a link that connects, logs in and reconnects
 //   server    a listening socket and a link per client
@@ -27,9 +28,10 @@
 // Time       milliseconds on the monotonic clock. A time below 1 ms counts as 1 ms, one above
 //            24 days as 24 days.
 // Threads    all calls come from one thread, except loop::post(), which any thread may call.
-// Links      if both ends use this layer, the link is pipelined: any number of requests may be
-//            outstanding in both directions. With any other peer the link is plain: one request
-//            at a time awaits its reply in each direction, and further ones queue.
+// Links      if both ends use this layer and accept pipelined links (options::pipelined, the
+//            default), the link is pipelined: any number of requests may be outstanding in both
+//            directions. Any other link is plain: one request at a time awaits its reply in each
+//            direction, and further ones queue.
 #ifndef TOLVANE_HPP
 #define TOLVANE_HPP
 
@@ -113,8 +115,9 @@ private:
 
 /** The result of an operation: true, or a code and a text that say why it was refused. A refused
  * operation has changed nothing. full() is true if the queue has no room now: try again after
- * on_drained. Any other refusal is final. what() is always valid. Nothing else reports a refused
- * message, so check every status; cast it to void where the loss does not matter. */
+ * on_drained. After any other refusal, waiting for on_drained does not help; what() says why.
+ * what() is always valid. Nothing else reports a refused message, so check every status; cast it to
+ * void where the loss does not matter. */
 class [[nodiscard]] status
 {
 public:
@@ -638,9 +641,9 @@ struct connection {
 // connections.
 //
 // A plain link has one outstanding request, and serves one received request at a time. When the
-// request times out, waiting_for stays set: the next request is not sent until the late reply has
-// arrived, which could otherwise be mistaken for the reply to it. A pipelined link has no such
-// limits.
+// request times out, waiting_for stays set, and the next request is sent only after the late reply
+// has arrived. Otherwise the late reply could be taken for the reply to the new request. A
+// pipelined link has no such limits.
 struct link : connection, std::enable_shared_from_this<link> {
     struct call {
         callback<void(response)> handler;
@@ -825,8 +828,8 @@ struct link : connection, std::enable_shared_from_this<link> {
         if (!choked()) // otherwise it could not be sent now, and would only use memory
             append(build(channel, channel->msgBuf, TV_MSG_BUF_SIZE), {});
     }
-    // Numbers order the messages. The lower 32 bits are the correlation ID: numbers are odd, so it
-    // is never 0, and numbers whose ID an outstanding request has are skipped.
+    // Numbers order the messages; their lower 32 bits are the correlation ID. Numbers are odd, so
+    // the ID is never 0. A number is skipped if an outstanding request has the same ID.
     std::uint64_t next_number()
     {
         do
@@ -1082,9 +1085,10 @@ public:
 
     /** What the other end sent. Never null; followed by a 0x00; valid as long as the request. */
     std::string_view payload() const { return state != nullptr ? state->body.view() : ""; }
-    /** The client that sent it. In a client, a handle of its server, with an empty URL. It is true
-     * while a connection is open or being opened, and may become true again after a reconnect.
-     * Meanwhile tell() and request() queue. Once the client is destroyed they are refused. */
+    /** The client that sent it. In a client, this is a handle of its server, with an empty URL, and
+     * follows other rules: it is true while a connection is open or being opened, so it may become
+     * true again after a reconnect. While it is false, tell() and request() queue; once the client
+     * is destroyed, they are refused. close() on it does what client::disconnect() does. */
     peer from() const { return state != nullptr ? peer(state->link) : peer(); }
     /** True until it is answered or declined; false from the start for a one-way request on a
      * pipelined link. A plain link does not say whether a reply is awaited, so this is true for
@@ -1184,9 +1188,9 @@ struct client_state final : link {
     {
     }
     // Begins a connection. It needs a new channel, because an old one would continue its sequence
-    // numbers. The login and a heartbeat are sent once TCP has connected. A server of this layer
-    // answers the login, any other server only the heartbeat. Requests wait for this answer, so
-    // none is sent to a server that has not accepted the connection.
+    // numbers. The login and a heartbeat are sent once TCP has connected. A server that accepts
+    // pipelined links answers the login, any other server only the heartbeat. Requests wait for
+    // this answer, so none is sent to a server that has not accepted the connection.
     void attempt()
     {
         step = timer::once(on->opts.connect_timeout,
@@ -1197,7 +1201,7 @@ struct client_state final : link {
         tv_channel *record = tv_get_channel(tv_create_client_channel(&address));
         if (record == nullptr)
             return end(reason::lost, std::strerror(ENOMEM));
-        // Unlike tv_client_addr, which limits the host to 15 characters.
+        // Set here: the host in tv_client_addr is too short for some names.
         std::snprintf(record->url, TV_URL_SIZE, "%s", name.c_str());
         const int made = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         record->clientSocket->fd = made;

@@ -16,8 +16,8 @@
             tv_log_write(__FILE__, function, line, __VA_ARGS__);                                   \
     } while (0)
 
-// Write one entry to the sink in use, unless it has reached TV_LOG_LIMIT. Only the last component
-// of sourcePath is written.
+// Write one entry to the sink in use, unless it is full (see tv_set_log_fd() and
+// tv_set_log_file()). Only the last component of sourcePath is written.
 extern "C" void tv_log_write(const char *sourcePath, const char *function, int line,
                              const char *format, ...) __attribute__((format(printf, 4, 5), cold));
 

@@ -1,6 +1,6 @@
 // tv_internal.h - what the modules share with each other but not with applications; not installed.
 //
-// One section per module, in the order in which the modules build on each other.
+// One section per module.
 #ifndef TV_INTERNAL_H
 #define TV_INTERNAL_H
 

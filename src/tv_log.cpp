@@ -3,8 +3,8 @@
 // Callers  every module, through TV_LOG.
 // Method   each entry goes to the stream if one is set, else to the file, which is opened and
 //          closed for each entry so that it may be moved away at any time.
-// Failure  an entry that cannot be written, or comes after the sink has reached TV_LOG_LIMIT, is
-//          lost without notice.
+// Failure  an entry that cannot be written, or comes when the sink is full (see tv_set_log_fd() and
+//          tv_set_log_file()), is lost without notice.
 // State    the two sinks, set by the application through tv_api.cpp or directly.
 
 #include "tv_log.h"

@@ -37,9 +37,9 @@ static bool reportsStale;
 // The descriptor whose handler is running and has not taken its input yet, or -1.
 static int servedFd = -1;
 
-// The two timer functions that the loop calls. A site's own timer library may declare a parameter
-// for each, so pass the number of polled descriptors and poll()'s result; ruvo_timer.cpp ignores
-// them.
+// The two timer functions that the loop calls. A site's own timer library may declare each of them
+// with one int parameter, so pass one: the number of polled descriptors, and poll()'s result.
+// ruvo_timer.cpp ignores them.
 extern "C" {
 int expected_interval(int listed) __asm__("ruvo_timer_get_expected_interval");
 void fire_timer(int ready) __asm__("ruvo_fire_timer");

@@ -1,5 +1,5 @@
 // fault_injection.cpp - makes every allocation and every system call of the library fail in turn,
-// in each way that it can: once, and from then on.
+// in each way that it can: once in one run, from then on in another.
 //
 // Every run plays a scenario; simulated_os.h lists the faults, and what the application, its peers
 // and the log must show of each. The last lines of the output say what went wrong.
@@ -90,7 +90,8 @@ int main()
          {"a: peer_logs_in a; advance 40\n", "create_client; set_connect_timeout 100; connect\n"}) {
         for (const auto &[name, steps] : linkScenarios)
             inject_all(start + steps);
-        for (const std::string &callback : callbacks) // which closes its channel
+        // again, with that callback closing its channel
+        for (const std::string &callback : callbacks)
             inject_all("on " + callback + ": close\n" + start + linkScenarios[0].second);
     }
     for (const Fault &fault : faults)

@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         REQUIRE(body[len] == '\0');
 
         std::string sent(headerSize + len + 1, 'x');
-        if (body[0] != 'T') { // it may look like a header
+        if (body[0] != 'T') { // send_now() could take such a body for a header
             REQUIRE(tcp_impl_send_with_timeout(ends[0], body, len, 1 << 30) == len);
             sent.resize(read(ends[1], &sent[0], sent.size()));
             REQUIRE(sent == frame({body, (size_t)len}));

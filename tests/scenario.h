@@ -22,8 +22,9 @@
 //   VERB WORD WORD; VERB ...    steps, run in order
 //   NAME: VERB ...              from here on, steps use the link NAME: a channel and its peer
 //   on CALLBACK: VERB ...       runs the rest of the line inside the next CALLBACK of any link; a
-//                               second such line waits for the one after it. The current link stays
-//                               the one chosen last
+//                               second such line waits for the one after it. These steps, too, use
+//                               the link chosen last, which need not be the link of the callback; a
+//                               link that they choose stays chosen
 //   ~                           a 0x00 byte, in steps and in notes
 //   # text                      a comment; not allowed after "=>"
 //   STEPS => NOTE, NOTE         the steps cause exactly these notes, in this order. A line without
@@ -59,16 +60,18 @@
 //   send_request TEXT MS        sends a request; the timeout handler runs if no reply comes within
 //                               MS milliseconds (0 or less: no reply is expected). TEXT may be
 //                               (null), or "!" for a negative length
-//   send_large_request MS       60,000 bytes: the third one that is not received blocks
+//   send_large_request MS       the same with 60,000 bytes; the socket has room for two, so the
+//                               third blocks until the peer has read one
 //   send_reply TEXT             answers the deferred request; "!" passes a negative length
 //   broadcast TEXT              a request to all clients
-//   find_client IP PORT         notes which link's client is logged in under that URL
+//   find_client IP PORT         notes which link's client is logged in as tcp://IP:PORT
 //   serve                       runs the channel's descriptor handler once
 //   handle                      the same for a client, but notes a failure
 //   watch                       registers the channel's descriptor with the loop once more
 //   close                       closes the channel
 //   actors FIRST SECOND         what the two actors return from now on: pass, handle, defer, or any
-//                               other word for an invalid result; ":TEXT" adds a reply
+//                               other word for an invalid result; ":TEXT" adds a reply, with a
+//                               negative length if TEXT begins with "!"
 //   enable_heartbeat MS COUNT   on the link's channel
 //   enable_all_heartbeats MS COUNT
 //                               on the server and its pairs
@@ -606,7 +609,8 @@ static void end()
     note("the end");
     for (auto &[name, link] : links)
         close_peer(link);
-    clean_channel_repo(&tv_service_server.pairList); // stopping only closes channels
+    // entries without a channel, which stop_server leaves in the list
+    clean_channel_repo(&tv_service_server.pairList);
     awaited.clear();
     injecting = false;
     struct pollfd list[2];

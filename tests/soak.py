@@ -23,7 +23,7 @@ def random_text():
 
 def drive(server, program, name, until):
     client = Program(program, *server.address, name, 1)
-    client.expect(b"logging in")
+    client.expect(b"logged in as")
     while time.monotonic() < until:
         text, sent = random_text(), time.monotonic()
         verb = random.choice(["say"] * 50 + ["later", "lose"])
@@ -37,7 +37,7 @@ def drive(server, program, name, until):
             client.process.send_signal(signal.SIGSTOP)
             server.expect(b"//%s:1 has fallen silent" % name.encode(), start=so_far)
             client.process.send_signal(signal.SIGCONT)
-            client.expect(b"logging in")
+            client.expect(b"logged in as")
             happened["stopped"] += 1
     client.process.stdin.close()
     assert client.process.wait(PATIENCE) == 0

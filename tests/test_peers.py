@@ -115,8 +115,8 @@ def ask(links):
 
 
 # In one pass of the server's loop, a login closes an older client of that name that has just sent a
-# message, and a newcomer gets its descriptor number. The server must not wait for that message on
-# the newcomer's connection, and then close it.
+# message, and a newcomer gets its descriptor number. The server must not look for that message on
+# the newcomer's connection: it would wait there, time out and close it.
 def send_stale_event(server):
     older, other = server.connect("older"), server.connect("other")
     ask([older, other])
@@ -159,15 +159,15 @@ def frame(length, text=b""):
 # An attack: send the pieces, then nothing, until the server closes the connection.
 def is_closed(*pieces):
     def attack(server):
-        start, sent = time.monotonic(), 0
+        sent = 0
         with socket.create_connection(server.address, PATIENCE) as connection:
             with contextlib.suppress(ConnectionError):
                 for piece in itertools.chain(*pieces):
                     connection.sendall(piece)
                     sent += len(piece)
             read_until_closed(connection)
-        # A message may take 1 s, even if its bytes never pause.
-        assert sent < 2 ** 31 or time.monotonic() - start < 2, "the server received 2 GiB"
+        # The server must refuse the announced length, not receive 2 GiB.
+        assert sent < 2 ** 31
     return attack
 
 
@@ -183,7 +183,7 @@ SAY = b"\n".join((b"0", peer.REQUEST, b"", peer.MARKER, b"say ")).ljust(60000, b
 ATTACKS = {
     "half a header": is_closed([LARGEST[:20]]),
     "half a body": is_closed([frame(4, b"ab")]),
-    "a byte per ms": is_closed([LARGEST], (time.sleep(0.001) or b"x" for _ in itertools.count())),
+    "a byte per ms": is_closed([frame(60000)], (time.sleep(0.001) or b"x" for _ in range(60000))),
     "2 GiB announced, 1 MB sent": is_closed([LARGEST, bytes(1000000)]),
     "a length above 2147483647": is_closed([frame(2 ** 31)]),
     "an empty frame": is_closed([frame(0)]),
@@ -217,7 +217,7 @@ def endure(program):
         print("%s: %.0f ms, at most %d KiB more, now %d" % (what, worst * 1000, most, more))
         assert attacker.exitcode == 0 and more < bound / 4
         assert most < bound or what == "replies never read" and most < 24 * 1024  # a queue
-        assert server.never_printed(b"fallen silent")  # closed for the attack, not for silence
+        assert server.never_printed(b"fallen silent")  # no client that had logged in was given up
     server.stop()
 
 

@@ -84,7 +84,7 @@ def pull_cable(folder):
     server = Server(*a, f"{folder}/server", address="10.213.0.1")
     client = Program(*b, f"{folder}/client", *server.address, "far", 1)
     server.expect(b"tcp://far:1 has logged in")
-    client.expect(b"logging in")
+    client.expect(b"logged in as")
     ip(a, "link set wire down")
     pulled = time.monotonic()
     # Both examples send a heartbeat a second and give up after two unanswered ones.

@@ -246,7 +246,7 @@ char *tcp_impl_receive(int fd, int *len)
     return tcp_impl_receive_with_timeout(fd, len, 0);
 }
 
-// ---- setting up sockets, which programs that the application executes do not inherit
+// ---- setting up sockets; all are close-on-exec
 
 // Names are not resolved: anything but a dotted IPv4 address becomes 0.0.0.0.
 static struct sockaddr_in _make_address(const char *ip, int port)

@@ -5,9 +5,9 @@
 --
 -- Finds    messages by the watermark at the start of a segment; docs/protocol.md has the bytes.
 -- Shows    each message's fields; gaps in the numbers of one direction; with a reply, its request
---          and the time between. In filters: tolvane.type, tolvane.time > 0.1, tolvane.sequence.gap
--- State    per connection and direction, collected while packets are first read in order; the results
---          for a message are kept for when it is shown again.
+--          and the time between. On pipelined links every message is a request, so replies are not
+--          matched there. In filters: tolvane.type, tolvane.time > 0.1, tolvane.sequence.gap
+-- State    collected in the first pass, per connection and direction; results are kept per message.
 
 local proto = Proto("tolvane", "Tolvane messages")
 
@@ -202,7 +202,7 @@ local function show_links(message, tree)
     end
 end
 
--- A packet's line shows all of its messages: this text is added to what is there.
+-- A packet's line shows all its messages: Wireshark keeps the earlier text, so assigning appends.
 local function show_info(pinfo, text)
     pinfo.cols.info = text .. "  "
 end

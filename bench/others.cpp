@@ -1,6 +1,7 @@
-// peers.cpp - what the library is compared with.
+// others.cpp - what the library is compared with.
 //
-// raw TCP     one send and one receive per message on blocking sockets. Nothing over TCP is faster.
+// raw TCP     one send and one receive per message on blocking sockets. No round trip over TCP is
+//             faster.
 // bare calls  the calls that the library cannot do without: for each message the event loop's
 //             poll(), with the clock for its timers before and after it, two sends and two receives
 //             (header and body), one block and one copy. Nothing is printed, searched, looked up or

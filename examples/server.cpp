@@ -145,7 +145,8 @@ private:
     void ask(const text &line)
     {
         const auto [address, rest] = split_word(line);
-        const auto [port, question] = split_word(rest);
+        const auto [port, words] = split_word(rest);
+        const text question = words; // lambdas capture structured bindings only from C++20 on
         tolvane::peer client = server.find("tcp://" + address + ":" + port);
         if (!client)
             return say("no such client: " + address + " " + port);

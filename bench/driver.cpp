@@ -215,7 +215,7 @@ static void compare(const std::string &what, int cores, int rounds, double durat
     }
     printf("|");
     for (int other : {0, 1, 2})
-        printf(" | %s to %s", rates ? "rate" : "p50", list[other].name);
+        printf(" | %s / %s", rates ? "rate" : "p50", list[other].name);
     puts(rates ? " | messages/s |\n|---|--:|--:|--:|--:|"
                : " | p50 µs | p90 | p99 | p99.9 |\n|---|--:|--:|--:|--:|--:|--:|--:|");
     for (size_t i = 0; i < n; i++) {

@@ -45,8 +45,8 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "request and reply messages over TCP, on o
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON) # for libtolvane.so.1; the timer's name has no number
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(about "Processes exchange requests and replies over TCP, at once or later, with
-timeouts, and supervise their links with heartbeats.
+set(about "Processes exchange requests and replies over TCP. A request is answered at
+once or later, and has a timeout; heartbeats supervise the links.
 .
 ")
 

@@ -13,9 +13,10 @@
 #include <stdlib.h>
 #include <string.h>
 
-static const int ioTimeout = 1000;   // ms per message: a slow client blocks all others that long
-static const int hbInterval = 10000; // a client that is silent for (hbCount + 1) * hbInterval
-static const int hbCount = 2;        // counts as lost
+static const int ioTimeout = 1000; // ms per message: a slow client blocks all others that long
+// A client that is silent for (hbCount + 1) * hbInterval is declared lost.
+static const int hbInterval = 10000;
+static const int hbCount = 2;
 
 static event_base *base;
 static std::map<int, event *> watched; // by descriptor

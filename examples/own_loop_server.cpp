@@ -17,10 +17,11 @@
 #include <sys/epoll.h>
 #include <sys/resource.h>
 
-static const int ioTimeout = 1000;   // ms per message: a slow client blocks all others that long
-static const int hbInterval = 10000; // a client that is silent for (hbCount + 1) * hbInterval
-static const int hbCount = 2;        // counts as lost
-static const int acceptPause = 100;  // after a failed accept
+static const int ioTimeout = 1000; // ms per message: a slow client blocks all others that long
+// A client that is silent for (hbCount + 1) * hbInterval is declared lost.
+static const int hbInterval = 10000;
+static const int hbCount = 2;
+static const int acceptPause = 100; // after a failed accept
 
 static int epollFd = -1;
 static int listenFd = -1;

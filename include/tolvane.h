@@ -212,9 +212,9 @@ typedef void (*tv_disconnected_cb)(int channelId, const char *url);
  * can register fd with the event loop. The fd-close callback runs once when a pair is closed, so
  * that you can unregister fd while it is still open.
  *
- * Both may send on the pair, within the server's poll timeout. The fd-open callback
- * should leave the pair open; closing it there is memory-safe. In the fd-close callback the pair is
- * being closed already, and closing it again does nothing. */
+ * Both may send on the pair; a send blocks for at most the pair's poll timeout. The fd-open
+ * callback should leave the pair open; closing it there is memory-safe. In the fd-close callback
+ * the pair is being closed already, and closing it again does nothing. */
 typedef void (*tv_client_fd_cb)(int fd);
 
 /** Handles one ready descriptor of the event loop. May register, unregister and close any
@@ -308,7 +308,7 @@ typedef struct tv_channel_node {
     tv_channel *channel;
 } tv_channel_node;
 
-/** The service server of this process. */
+/** The server of this process. */
 typedef struct tv_server {
     tv_channel *serverChannel; /**< null while no server runs */
     tv_channel_list pairList;  /**< pairs in order of acceptance; null links before any start */
@@ -432,10 +432,10 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  * While the channel waits, requests of the peer stay in its queue until the reply, the timeout, or
  * a tv_send_resp() for an earlier one. If both ends ask at once, each waits until one times out.
  *
- * Replies carry no number. One that arrives while no request is outstanding is discarded. One that
- * is late, or that answers a request without a timeout, is taken for the reply to a newer request
- * if that is outstanding when it arrives. Use correlation IDs in the payloads where this matters,
- * and do not answer requests that await no reply.
+ * Replies carry no correlation ID. One that arrives while no request is outstanding is discarded.
+ * One that is late, or that answers a request without a timeout, is taken for the reply to a newer
+ * request if that is outstanding when it arrives. Use correlation IDs in the payloads where this
+ * matters, and do not answer requests that await no reply.
  *
  * The receiver finds a message's type by searching all of its text up to the first 0x00. A payload
  * must not contain "velun_tolvane_" before its first 0x00.
@@ -584,7 +584,7 @@ int disconnect_server(tv_channel *channel);
  * The fd-open callback registers each pair's descriptor with tv_pair_fd_handler, the fd-close
  * callback unregisters it, and the link-down callback closes the pair. */
 
-/** Starts the service server of this process: it listens, and accepted connections become pairs.
+/** Starts the server of this process: it listens, and accepted connections become pairs.
  *
  * Set actors, timeouts, handlers and the heartbeat on the server channel after each start; they
  * apply to pairs accepted afterwards. Pairs that remain from an earlier server are not served any
@@ -1012,18 +1012,19 @@ void clean_channel_repo(tv_channel_list *head);
 
 /* ---- 10  Message text ----------------------------------------------------------------------
  *
- * A message is the sequence number, a line feed, the tag of its type, the sender's URL, the payload
- * marker and the payload. The readers take a message as text up to its first 0x00; a received
- * message always has one just past its last byte. docs/protocol.md shows the bytes. */
+ * A message is the sequence number, a line feed, the tag of its type, the channel's URL (on a pair:
+ * its client's), the payload marker and the payload. The readers take a message as text up to its
+ * first 0x00; a received message always has one just past its last byte. docs/protocol.md shows the
+ * bytes. */
 
 /** Builds a request in msgBuf and advances the channel's sequence number.
  *
  * @param channel  null is refused
  * @param payload  null is refused
  * @param len      0 or more
- * @return the message's length; 0: channel or payload is null; or -1: it does not fit (msgBuf holds
- *         the start of its header) or len is negative. Unless a message was built, the number is
- *         unchanged */
+ * @return the message's length; 0: channel or payload is null; or -1: it does not fit (msgBuf then
+ *         holds its header), or len is negative (msgBuf is unchanged). Unless a message was built,
+ *         the number is unchanged */
 int pack_outgoing_rqst(tv_channel *channel, const char *payload, int len);
 
 /** Builds a reply in msgBuf, as pack_outgoing_rqst() builds a request. */

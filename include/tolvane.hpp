@@ -26,7 +26,7 @@
 // Blocking   nothing blocks but run() and run_once(). What the system does not take at once waits
 //            in the link's queue, which is full at options::max_queued bytes.
 // Time       milliseconds on the monotonic clock. A time below 1 ms counts as 1 ms, one above
-//            24 days as 24 days.
+//            24.8 days as 24.8 days.
 // Threads    all calls come from one thread, except loop::post(), which any thread may call.
 // Links      if both ends use this layer and accept pipelined links (options::pipelined, the
 //            default), the link is pipelined: any number of requests may be outstanding in both
@@ -169,7 +169,8 @@ struct options {
 enum class outcome { replied, timed_out, lost, declined, refused };
 
 /** Why a client has gone: it logged out; a newer client logged in with its name; its link was lost;
- * it stopped answering heartbeats; or the server closed it. */
+ * it stopped answering heartbeats, or did not read while its queue was full; or the server closed
+ * it. */
 enum class reason { logged_out, replaced, lost, silent, closed };
 
 class peer;
@@ -302,7 +303,8 @@ public:
      * called inside a callback. Returns false if the loop is closed or waiting fails. */
     bool run_once(milliseconds limit)
     {
-        events.resize(watched.size() + 1); // room for all: each is read before timers fire
+        // one for each descriptor, so that all ready ones are served before timers fire
+        events.resize(watched.size() + 1);
         waiting = true;
         const int count = epoll_wait(epoll, events.data(), int(events.size()), wait_time(limit));
         waiting = false;
@@ -359,7 +361,7 @@ public:
         wake();
     }
     /** Returns a descriptor for nesting this loop in another one, or -1 if the loop is closed.
-     * Watch it in the other loop, and call run_once(0) whenever it is readable. This loop closes
+     * Watch it in the other loop, and call run_once(0ms) whenever it is readable. This loop closes
      * it. */
     int fd() const
     {
@@ -436,7 +438,7 @@ private:
             lock.lock();
         }
     }
-    // Makes fd() readable as soon as run_once(0) has work.
+    // Makes fd() readable as soon as run_once(0ms) has work.
     static void nest()
     {
         nested = waiting = true;

@@ -1,7 +1,7 @@
 // tv_log.h - how the library's modules write to the log; not installed.
 //
-// Every module logs through TV_LOG, which names the module, the function and the line of the
-// entry. With no sink set it costs two loads and a branch. It preserves errno.
+// Modules log through TV_LOG, which names the module, the function and the line of the entry. With
+// no sink set it costs two loads and a branch. It preserves errno.
 #ifndef TV_LOG_H
 #define TV_LOG_H
 

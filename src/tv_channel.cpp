@@ -1,6 +1,7 @@
 // tv_channel.cpp - what one channel does: exchange, heartbeat, dispatch, actors, closing.
 //
-// Callers    tv_api.cpp, tv_client.cpp, tv_server_api.cpp and, with a channel id, the timers.
+// Callers    tv_api.cpp, tv_client.cpp, tv_server_api.cpp, tolvane.hpp and, with a channel id, the
+//            timers; tcp_impl.cpp for a channel's type, tv_guard.cpp for its queue.
 // Exchange   outgoing: at most one request awaits its reply. Incoming: at most one request awaits
 //            the application's reply; more wait in a queue of 8.
 // Messages   an operation owns the message passed to it: it frees the message or stores it in

@@ -1,6 +1,7 @@
 // tv_guard.cpp - the operations in progress: guards on channels, walks over lists.
 //
-// Callers  every module that calls back into the application; see tv_internal.h.
+// Callers  every module that calls back while it uses a channel, and tv_channel_repo.cpp when it
+//          removes an entry; see tv_internal.h.
 // Method   guards and walks are local variables of their operations, linked in two chains from the
 //          innermost out. Closing a channel marks its guards; removing an entry moves any walk that
 //          is about to visit it to the next one.

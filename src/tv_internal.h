@@ -91,7 +91,7 @@ struct channel_guard {
     bool replyReceived = false;  // the awaited reply has arrived; read by rqst_timeout()
     bool inLinkdown = false;     // the channel's link-down callback is running
     bool repeatLinkdown = false; // and must run once more
-    channel_guard *outer;        // the next guard out, on any channel, or null
+    channel_guard *outer;        // the enclosing guard, which may be on another channel; or null
 };
 
 // Whether a call of end_channel() on the channel is in progress further up the stack.

@@ -1,6 +1,6 @@
 // tv_log.cpp - writes log entries to the sink that the application chose.
 //
-// Callers  every module, through TV_LOG.
+// Callers  almost every module, through TV_LOG.
 // Method   each entry goes to the stream if one is set, else to the file, which is opened and
 //          closed for each entry so that it may be moved away at any time.
 // Failure  an entry that cannot be written, or comes when the sink is full (see tv_set_log_fd() and

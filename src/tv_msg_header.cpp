@@ -1,6 +1,6 @@
 // tv_msg_header.cpp - the text in front of every payload: building it, and reading it back.
 //
-// Callers  tv_channel.cpp, tv_client.cpp and tv_server_api.cpp. It does no I/O.
+// Callers  tv_channel.cpp, tv_client.cpp, tv_server_api.cpp and tolvane.hpp. It does no I/O.
 // Format   "<sequence>\n<tag>\n<URL>\nvelun_tolvane_payload\n", then the payload's bytes.
 // Method   readers treat a message as text up to its first 0x00. The transport appends a 0x00 to
 //          everything it receives, so no scan here runs past the end.

@@ -1,4 +1,4 @@
-// tv_server_api.cpp - the server's role: the service server, its pairs, what arrives on them.
+// tv_server_api.cpp - the server's role: starting and stopping, its pairs, what arrives on them.
 //
 // Callers  the application, the loop through the two descriptor handlers, and tv_api.cpp when it
 //          ends a pair.

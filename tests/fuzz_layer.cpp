@@ -1,12 +1,11 @@
 // fuzz_layer.cpp - the input side of the layer, given any bytes on a link. A server receives them
-// after a login, while it awaits the replies to two requests. A client receives them as the
-// server's answer to its login, while two requests wait to be sent. Every handler runs once, the
-// other links go on, and the link ends at the end of the stream or at the first bytes that are not
-// a frame.
+// after a login, a client after the acknowledgement that establishes its link, while two requests
+// are outstanding. Every handler runs once, the other links go on, and the link ends at the end of
+// the stream or at the first bytes that are not a frame.
 //
 // Input: one byte of flags, then the stream. 1: the client reads it, not the server. 2: the login
-// before it is pipelined. 4: no login. 8: garbage follows the stream, instead of its end. The upper
-// four bits plus 1: the number of pieces.
+// before it is pipelined (server only). 4: neither login nor acknowledgement before it. 8: garbage
+// follows the stream, instead of its end. The upper four bits plus 1: the number of pieces.
 
 #include "layer_ends.h"
 

@@ -70,8 +70,8 @@
 //   watch                       registers the channel's descriptor with the loop once more
 //   close                       closes the channel
 //   actors FIRST SECOND         what the two actors return from now on: pass, handle, defer, or any
-//                               other word for an invalid result; ":TEXT" adds a reply, with a
-//                               negative length if TEXT begins with "!"
+//                               other word for -1, which also means handled; ":TEXT" adds a reply,
+//                               with a negative length if TEXT begins with "!"
 //   enable_heartbeat MS COUNT   on the link's channel
 //   enable_all_heartbeats MS COUNT
 //                               on the server and its pairs
@@ -112,9 +112,10 @@
 // With peer_sends and `serve`, a message that the channel discards, such as a late reply, makes no
 // note; only `logged` shows it.
 //
-// Every scenario checks that a request gets at most one of reply and timeout, that callbacks get
-// readable texts and an open channel, that each descriptor is opened and closed once, and that no
-// channel, timer, memory or descriptor is left at the end.
+// Every scenario checks that a request gets at most one reply and one timeout, and both only if the
+// reply arrives inside the timeout handler; that callbacks get readable texts and an open channel;
+// that each descriptor is opened and closed once; and that no channel, timer, memory or descriptor
+// is left at the end.
 #ifndef SCENARIO_H
 #define SCENARIO_H
 

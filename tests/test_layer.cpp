@@ -216,7 +216,8 @@ struct application {
     std::shared_ptr<tolvane::server> server;
     std::vector<tolvane::request> kept;
     std::list<tolvane::timer> timers;
-    std::list<raw> strangers; // all named raw, like a client
+    // Those that log in use the name of clients[1], tcp://raw:1; the others accepted clients[2].
+    std::list<raw> strangers;
     const raw listener{raw::listening()};
 
     explicit application(unsigned seed) : random(seed) {}

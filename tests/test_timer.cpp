@@ -19,7 +19,7 @@ static int read_clock(clockid_t clock, struct timespec *time)
 
 static int failing; // 1: malloc(), 2: realloc()
 
-// The library itself, on that clock and with that memory.
+// The library itself, with its clock and its allocations replaced.
 #define clock_gettime        read_clock
 #define malloc(size)         (failing == 1 ? nullptr : malloc(size))
 #define realloc(block, size) (failing == 2 ? nullptr : realloc(block, size))

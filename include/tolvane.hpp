@@ -709,8 +709,8 @@ struct link : connection, std::enable_shared_from_this<link> {
     // Reports a request's outcome from the loop, never from inside the application's call.
     void post_result(callback<void(response)> handler, outcome what, status why)
     {
-        loop::post([on = on, handler = std::move(handler), what, why] {
-            if (on->alive)
+        loop::post([owner = on, handler = std::move(handler), what, why] {
+            if (owner->alive)
                 handler({what, why});
         });
     }

@@ -247,7 +247,7 @@ def check_exports(folder, *compilers):
         section = re.findall(r"\((?:NEEDED|SONAME)\).*\[(.*)\]", output(["readelf", "-d", library]))
         assert sorted(section) == names.split(), section
         for language, part in itertools.product(LANGUAGES, "UD"):
-            compile_code(compilers, language, f'#include "{header}"', "-fsyntax-only",
+            compile_code(compilers, language, f'#include "{header}"\n', "-fsyntax-only",
                          f"-{part}TOLVANE_APPLICATION_ONLY")
 
 

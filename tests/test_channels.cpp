@@ -226,6 +226,10 @@ TEST_F(Server, WithoutCallbacksPairsComeAndGoSilently)
     tv_service_enable_heartbeat(100, 1, nullptr);
     tv_channel *const pair = ((tv_channel_node *)tv_service_server.pairList.next)->channel;
     int fd = pair->pairSocket->fd;
+    EXPECT_EQ(tv_service_server.serverChannel->linkdownCallback, nullptr);
+    pair->hbSequence = pair->hbMissCount = 9;
+    tv_service_enable_heartbeat(0, 1, nullptr); // starts no timer, but counts from 0 again
+    EXPECT_TRUE(pair->hbSequence == 0 && pair->hbMissCount == 0);
     log.take();
     close_channel(pair);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
@@ -285,6 +289,12 @@ TEST_F(Server, ChannelsThatFindNoMemoryAreNotCreated)
     }
     EXPECT_LOG({"malloc error in function create_client_channel",
                 "malloc error in function create_server_channel"});
+    chosenFault.calls = {"calloc"}; // the entry in the repository
+    injection.calls = 0;
+    EXPECT_EQ(tv_create_client_channel(&address), -1);
+    EXPECT_EQ(tv_start_server("127.0.0.1", 0), -1);
+    EXPECT_EQ(log.take().back(), "malloc error in function tv_start_service_server");
+    chosenFault.calls.clear();
 }
 
 TEST_F(Loop, FiresTimersAndServesReadyDescriptorsInSlotOrder)

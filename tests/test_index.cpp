@@ -152,6 +152,7 @@ int main(int argc, char **argv)
 {
     const long steps = argc > 1 ? atol(argv[1]) : 100000;
     srandom(argc > 2 ? atoi(argv[2]) : 1);
+    REQUIRE(tv_get_channel_id() == 0); // the first one
     for (tv_channel &channel : ownChannels) {
         init_channel(&channel, random() % keys);
         strcpy(channel.url, random_url().c_str());

@@ -152,6 +152,10 @@ TEST(Misuse, ARecordOutsideTheRepositoryUsesItsOwnSocket)
     EXPECT_EQ(tv_impl_recv_with_timeout(&channel, &len, 1), nullptr); // not the channel's timeout
     channel.pollTimeout = 1;
     EXPECT_EQ(tv_impl_recv(&channel, &len), nullptr);
+    EXPECT_EQ(handle_client_polling_fd(&channel), 0);
+    channel.recvSequence = 5;
+    EXPECT_EQ(tcp_impl_send_with_timeout(ends[1], "9\n", 2, 1000), 2);
+    EXPECT_EQ(handle_client_polling_fd(&channel), -1); // not the next message
     EXPECT_EQ(tv_impl_send_rqst(&channel, "", -1), -1);
     EXPECT_EQ(log.take().back(), "tv_impl_send_rqst, negative length[-1]");
     EXPECT_EQ(tcp_impl_send_with_timeout(ends[0], "lost", 4, 0), -1);

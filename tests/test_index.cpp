@@ -76,6 +76,7 @@ static void compare_searches()
     REQUIRE(get_channel(&ownList, id) == walk(&ownList, hasId));
     REQUIRE(get_channel_by_ip(pairs, url.c_str()) == walk(pairs, hasUrl));
     REQUIRE(get_channel_by_ip(&ownList, url.c_str()) == walk(&ownList, hasUrl));
+    REQUIRE(get_channel_by_ip(pairs, std::string(70, 'x').c_str()) == nullptr); // too long
     const tv_channel_node *const found = index_find_fd(fd);
     REQUIRE((found == nullptr ? nullptr : found->channel) == walk(pairs, hasFd));
 }

@@ -266,6 +266,8 @@ TEST_F(Server, OperationsOnPairsReturnTheirResults)
         EXPECT_EQ(tv_pair_fd_handler(fd, 0, 0), 0);
         EXPECT_NE(log.take().back(), "could not find channel with fd[" + std::to_string(fd) + "]");
     }
+    EXPECT_EQ(tv_pair_fd_handler(-1, 0, 0), 0);
+    EXPECT_EQ(log.take().back(), "could not find channel with fd[-1]");
     tv_channel *const pair = ((tv_channel_node *)tv_service_server.pairList.next)->channel;
     EXPECT_EQ(update_pair_channel(pair, "tcp://a:1"), 0);
     const auto copy = [](Text msg) { return (char *)count_block(strdup(msg.c_str())); };

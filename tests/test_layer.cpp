@@ -349,7 +349,9 @@ struct application {
             make_client(i);
         for (; budget > 0; loop.run_once(0ms))
             act();
-        faulty.clear(), kept.clear(), strangers.clear();
+        faulty.clear();
+        kept.clear();
+        strangers.clear();
         clients[2]->disconnect();
         return serves(0) && serves(1);
     }
@@ -363,7 +365,9 @@ TEST(LayerApplication, RunsEveryHandlerOnceWhateverCallbacksDoAndCallsFail)
     const int errors[] = {EAGAIN, EINTR, ECONNRESET, EMFILE, ENOMEM};
     const int lowest = raw(dup(0)).fd; // the lowest free descriptor: the same if nothing leaks
     for (unsigned seed = 0; seed < 110; seed++) {
-        faulty = names[seed % 11], failure = errors[seed % 5], calls = seed;
+        faulty = names[seed % 11];
+        failure = errors[seed % 5];
+        calls = seed;
         EXPECT_TRUE(application(seed).run()) << faulty << " seed " << seed;
         EXPECT_EQ(raw(dup(0)).fd, lowest);
     }

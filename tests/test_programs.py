@@ -237,15 +237,15 @@ def run_programs(libraries, *compilers):
 def check_exports(folder, *compilers):
     output = functools.partial(subprocess.check_output, text=True)
     for header, names in (
-            ("../include/tolvane.h", "libc.so.6 libruvo_timer.so libtolvane.so.1"),
-            ("../timer/ruvo_timer.h", "libc.so.6 libruvo_timer.so")):
+            ("../include/tolvane.h", "NEEDED:libc.so.6 NEEDED:libruvo_timer.so SONAME:libtolvane.so.1"),
+            ("../timer/ruvo_timer.h", "NEEDED:libc.so.6 SONAME:libruvo_timer.so")):
         library = f"{folder}/lib{os.path.basename(header)[:-2]}.so"
         # Prototypes and objects begin at the start of a line.
         declared = re.findall(r"^(?!typedef)[a-z].*?[ *](\w+)(?:\(|\[.*;|;)", read(header), re.M)
         exported = re.findall(r" (\w+)\n", output(["nm", "-D", "--defined-only", library]))
         assert sorted(declared) == sorted(exported), set(declared) ^ set(exported)
-        section = re.findall(r"\((?:NEEDED|SONAME)\).*\[(.*)\]", output(["readelf", "-d", library]))
-        assert sorted(section) == names.split(), section
+        section = re.findall(r"\((NEEDED|SONAME)\).*\[(.*)\]", output(["readelf", "-d", library]))
+        assert sorted(map(":".join, section)) == names.split(), section
         for language, part in itertools.product(LANGUAGES, "UD"):
             compile_code(compilers, language, f'#include "{header}"\n', "-fsyntax-only",
                          f"-{part}TOLVANE_APPLICATION_ONLY")

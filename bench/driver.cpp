@@ -3,7 +3,8 @@
 //   driver roundtrip|oneway|outstanding BYTES CORES ROUNDS MILLISECONDS
 //                                        a table; CORES: 1 or 2, for client and server
 //   driver growth library|layer CLIENTS  a row: what CLIENTS clients cost that server
-//   driver load READERS STOPPED HALVES   a row: a client's waits beside such a crowd
+//   driver load READERS STOPPED HALVES   a row: a client's waits beside READERS clients that read,
+//                                        STOPPED that do not, and HALVES that sent half a frame
 //   driver count NAME NUMBER             NUMBER round trips of 5 bytes, for strace and callgrind
 //
 // Every server has a process of its own; this process is the client of all. In each round they take

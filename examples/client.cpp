@@ -11,7 +11,7 @@
 //   logout       log out and end; so does the end of the input
 //   quit         end without a logout: the server sees a lost link
 //
-// After a lost link, the layer tries to reconnect until the server is back.
+// After a lost link, tolvane.hpp tries to reconnect until the server is back.
 
 #include <tolvane.hpp>
 

@@ -13,8 +13,9 @@
 //   worker to dispatcher       one-way: "ready" after each login; "progress 7 40%"
 //   dispatcher to supervisor   one-way: "progress 7 40% tcp://worker:1"; "again 7 tcp://worker:1"
 //
-// A job is the supervisor's own request, which the dispatcher keeps until a worker has done it. A
-// worker that was stopped may do a job that another one does, too; the supervisor gets one reply.
+// A job is the supervisor's own request, which the dispatcher keeps until a worker has done it. If
+// a worker was stopped, its job may be done twice, by it and by another one; the supervisor still
+// gets one reply.
 
 #include <tolvane.hpp>
 

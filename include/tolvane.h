@@ -426,8 +426,8 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  *
  * With a positive timeout, a result of 0 means that exactly one of the response handler and the
  * timeout handler will run. Exceptions: the channel is closed first; the timer could not be started
- * (logged; then only a reply ends the wait); the timeout handler itself receives on the channel
- * (both may run).
+ * (logged; then only a reply ends the wait); the timeout handler itself calls the channel's
+ * descriptor handler or the event loop (both may run).
  *
  * While the channel waits, requests of the peer stay in its queue until the reply, the timeout, or
  * a tv_send_resp() for an earlier one. If both ends ask at once, each waits until one times out.
@@ -503,8 +503,9 @@ int tv_create_client_channel(const tv_client_addr *addr);
  * one is set.
  *
  * An open connection is closed first: unregister its descriptor from the event loop before the
- * call, and register the new one afterwards. If the connect fails, the channel has no connection. A
- * client that was connected to itself counts as a failed connect. If the login cannot be sent, the
+ * call, and register the new one afterwards. If the connect fails, the channel has no connection.
+ * While no server listens, TCP can connect a client on the server's host to itself (see
+ * tv_start_service_server()); this counts as a failed connect. If the login cannot be sent, the
  * link-down callback has run and the connection is open but not logged in. A result of 0 means that
  * the login was sent, not that the server has read it.
  *
@@ -782,9 +783,9 @@ int server_remove_channel(tv_channel *channel);
 
 /** Registers a descriptor with the event loop. It is polled from the next pass on.
  *
- * If its number was reported ready in the running pass and is readable, the handler is called in
- * this pass already. A descriptor that is registered twice takes two slots, and the handler of the
- * lower slot serves both.
+ * If poll() has reported the same number in the running pass, for a descriptor closed since, and
+ * the new descriptor is readable, the handler is called in this pass already. A descriptor that is
+ * registered twice takes two slots, and the handler of the lower slot serves both.
  *
  * @param fd       an open descriptor; not checked
  * @param handler  not null; not checked

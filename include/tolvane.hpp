@@ -134,8 +134,9 @@ private:
 };
 
 /** An address and a port. A server's host is a dotted IPv4 address; names are not resolved. A
- * client's own endpoint is the name that it logs in with, and need not be a real address. Its URL,
- * "tcp://host:port", has at most 63 characters, no control characters and no "velun_tolvane_". */
+ * client's own endpoint is the name that it logs in with, and need not be a real address. Its host
+ * must not be empty. Its URL, "tcp://host:port", has at most 63 characters, no control characters
+ * and no "velun_tolvane_". */
 struct endpoint {
     std::string host;
     std::uint16_t port = 0;
@@ -352,7 +353,8 @@ public:
         watched.erase(found);
         epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr);
     }
-    /** Runs a callback in the loop's next round. Any thread may call this while there is a loop. */
+    /** Runs a callback from the loop, in the running round or the next one, never inside this call.
+     * Any thread may call this while there is a loop. */
     static void post(callback<void()> task)
     {
         const std::lock_guard<std::mutex> lock(guard);
@@ -1023,10 +1025,10 @@ public:
     {
         link->ask(text, timeout, std::move(handler));
     }
-    /** Sends a one-way request, which gets no reply. Success means that it is queued. While a
-     * client has no connection, it waits for one. Once handed to a connection, it is lost if that
-     * connection is lost. Refused: a text that request() would refuse. A program on the C interface
-     * must not answer it. */
+    /** Sends a one-way request, which gets no reply. Success means that the request is queued. A
+     * client without a connection keeps it until there is one; a request that was handed to a
+     * connection is lost with that connection. Refused: a text that request() would refuse. A
+     * program on the C interface must not answer it. */
     status tell(std::string_view text) const { return link->tell(text); }
     /** Returns the number of bytes that wait to be sent. */
     std::size_t queued() const { return link->queued(); }
@@ -1551,7 +1553,8 @@ public:
         const auto told = [&](const peer &one) { return bool(one.tell(text)); };
         return std::size_t(std::count_if(all.begin(), all.end(), told));
     }
-    /** Sets what runs when a client has logged in, or has logged in again under another name. */
+    /** Sets what runs after each login. A connection may log in again, under the same name or
+     * another. */
     void on_login(callback<void(peer)> run) { state->on->login = std::move(run); }
     /** Sets what runs when a client that had logged in has gone, for any reason. Its handle is
      * false by then, but url() and data() still work. With reason::replaced the handle is true

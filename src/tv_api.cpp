@@ -2,7 +2,8 @@
 //
 // Callers  the application, and every module that has to find, list or end a channel.
 // Method   each operation looks up the record and passes it to tv_channel.cpp or tv_client.cpp.
-// Failure  an unknown id is logged in the name of the operation.
+// Failure  an unknown id is logged in the name of the operation; tv_set_poll_timeout() logs the
+//          name tv_get_channel.
 // State    the repository and the next id, both ready as soon as the library is loaded.
 
 #include "tv_internal.h"

@@ -17,7 +17,7 @@
 
 #include <stdlib.h>
 
-// Buffer for a heartbeat or an acknowledgement, which take at most 192 bytes.
+// Buffer for a heartbeat or an acknowledgement, which take less than 200 bytes.
 static const int heartbeatBufSize = 512;
 
 // ---- the record

@@ -1,6 +1,7 @@
 // tv_channel_repo.cpp - lists of channels: the repository, the server's pairs, applications' own.
 //
-// Callers  tv_api.cpp and tv_server_api.cpp, which own the library's two lists, and applications.
+// Callers  tv_api.cpp and tv_server_api.cpp, which own the library's two lists, tolvane.hpp, and
+//          applications.
 // Method   circular and doubly linked; the head is itself a link. New entries are appended, and
 //          searches start at the oldest. tv_index.cpp speeds up searches of the library's lists.
 // Failure  every search logs a null link that it meets. An entry without a record, which

@@ -13,7 +13,7 @@
 #include <string.h>
 #include <sys/random.h>
 
-// Chains per key. With ten thousand channels, most chains in use have one or two entries. The
+// Chains per key. With ten thousand channels, most chains in use hold one or two of them. The
 // system backs the tables with memory only as they are used.
 enum { CHAINS = 16384 };
 

@@ -176,9 +176,10 @@ static constexpr bigram_table prefixBigrams;
 
 // Return the first prefix between text and end, or null. A window of the prefix's length slides
 // over the text. The prefix ends with an underscore, and most payloads have few, so memchr() moves
-// the window to the first underscore of each block. From there to the end of the block it advances
-// as far as its last two characters allow, because a peer may send megabytes of hostile text.
-// strstr() does the same, but would rebuild its table after each prefix.
+// the window to the first underscore of each block. A peer may send megabytes full of underscores,
+// which would stop memchr() at each of them. For the rest of the block, the window therefore
+// advances as far as its last two characters allow. strstr() does the same, but would rebuild its
+// table after each prefix.
 static const char *find_prefix(const char *text, const char *end)
 {
     const long blockSize = 256;

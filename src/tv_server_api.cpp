@@ -1,9 +1,10 @@
 // tv_server_api.cpp - the server's role: starting and stopping, its pairs, what arrives on them.
 //
-// Callers  the application, the loop through the two descriptor handlers, and tv_api.cpp when it
-//          ends a pair.
-// Pairs    every pair is in the repository and in pairList; it is added to the repository first and
-//          removed from pairList first. Neither list owns the records.
+// Callers  the application, tolvane.hpp, the loop through the two descriptor handlers, and
+//          tv_api.cpp when it ends a pair.
+// Pairs    a pair is in the repository and in pairList; it is added to the repository first and
+//          removed from pairList first. A pair of an earlier server is in the repository only.
+//          Neither list owns the records.
 // Failure  an accepted descriptor that cannot become a pair is closed.
 // State    tv_service_server.
 

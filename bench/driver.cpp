@@ -285,7 +285,7 @@ static void print_growth(bool layer, size_t count)
     const double leaving = timed([&] {
         for (size_t i = 0; i < samples; i++)
             clients[i].close();
-        exchange(clients[samples]); // the server has closed the others before
+        exchange(clients[samples]); // its reply comes after the server has closed the others
     });
     printf("| %s | %zu | %.1f | %.1f | %.1f | %.2f |\n", layer ? "C++ layer" : "library", count,
            median(logins), median(roundTrips), leaving / samples, memory);

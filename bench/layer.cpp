@@ -1,8 +1,8 @@
-// layer.cpp - the C++ layer as a contender, and a crowd of clients that misbehave.
+// layer.cpp - the C++ layer as a contender, and a crowd of other clients, some of which misbehave.
 
 #include "contender.h"
 
-#include <tolvane.h> // with the parts that the crowd uses
+#include <tolvane.h> // before tolvane.hpp, which would hide what join_crowd() uses
 
 #include <tolvane.hpp>
 

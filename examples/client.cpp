@@ -86,7 +86,7 @@ private:
             case tolvane::outcome::lost:
                 return say("the link was lost before the reply: " + line);
             default:
-                return say("declined, or too long: " + line);
+                return say("declined or refused: " + line);
             }
         });
     }

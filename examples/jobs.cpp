@@ -179,7 +179,8 @@ static int demo()
     for (const uint16_t number : {1, 2, 3})
         spawn("tcp://worker:" + std::to_string(number), [&] { return work(port, number); });
 
-    // The next report of the second worker, and the signal that it gets then.
+    // For the second worker: the report to wait for, and the signal to send when it comes (0:
+    // none).
     std::deque<std::pair<text, int>> steps{
         {"progress", SIGSTOP}, {"again", SIGCONT}, {"progress", 0}};
     const int result = supervise(static_cast<uint16_t>(port), 8, [&](const text &report) {

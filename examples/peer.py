@@ -2,7 +2,7 @@
 """peer.py - a peer of the library in plain Python, a starting point for any language.
 
     peer.py [-p] ADDRESS PORT [NAME]   a client: sends every line of its input, prints the replies;
-                                       with -p on a pipelined link
+                                       answers each request with itself; -p: a pipelined link
     peer.py -l ADDRESS PORT            a server: prints every request and answers it with itself
 
 docs/protocol.md describes the protocol. As a module: connect() logs in and returns a Link; a Server

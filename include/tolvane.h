@@ -327,7 +327,8 @@ extern tv_server tv_service_server;
  *
  * Every function here that takes an id looks the channel up first. If there is none, it logs
  * "could not get channel with id[%d] in %s" with its own name (get_channel_type and
- * tv_set_poll_timeout log the name tv_get_channel) and fails. */
+ * tv_set_poll_timeout log the name tv_get_channel) and fails; tv_channel_fd_handler returns 0 even
+ * then. */
 
 /** Returns a new channel id: 0, 1, 2 and so on through all 32-bit numbers except -1.
  *
@@ -429,8 +430,9 @@ void tv_set_connect_timeout(int channelId, int timeoutMs);
  * (logged; then only a reply ends the wait); the timeout handler itself calls the channel's
  * descriptor handler or the event loop (both may run).
  *
- * While the channel waits, requests of the peer stay in its queue until the reply, the timeout, or
- * a tv_send_resp() for an earlier one. If both ends ask at once, each waits until one times out.
+ * While the channel waits, the peer's requests stay in the channel's queue until the reply arrives,
+ * the timeout expires, or tv_send_resp() answers an earlier request. If both ends ask at once, each
+ * waits until one times out.
  *
  * Replies carry no correlation ID. One that arrives while no request is outstanding is discarded.
  * One that is late, or that answers a request without a timeout, is taken for the reply to a newer
@@ -689,9 +691,9 @@ int tv_service_enable_heartbeat(int interval, int count, tv_linkdown_cb linkdown
 /** Sends one request to every pair, in order of acceptance, without awaiting replies. Clients
  * should not answer it; tv_send_rqst() says why.
  *
- * A pair with an outstanding request of its own is skipped. A pair whose send fails has its
- * link-down callback called, which may close any pair. Blocks for at most the sum of the pairs'
- * poll timeouts.
+ * A pair on which a request of the server still awaits its reply is skipped. If the send to a pair
+ * fails, its link-down callback is called, which may close any pair. Blocks for at most the sum of
+ * the pairs' poll timeouts.
  *
  * @param data    request bytes; null: nothing is sent
  * @param length  0 or more
@@ -965,7 +967,7 @@ void heartbeat_received(tv_channel *channel, char *msg);
 void heartbeat_ack_received(tv_channel *channel, char *msg);
 
 /** Checks a received message's sequence number and, if it is accepted, stores it and restarts the
- * heartbeat. Accepted is the number after the stored one, and any number if 0 is stored.
+ * heartbeat. It accepts only the number after the stored one, or any number if 0 is stored.
  *
  * @param channel  may be null
  * @param seq      the message's number

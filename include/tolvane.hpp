@@ -19,16 +19,17 @@
 // CONVENTIONS, true of every entry below unless it says otherwise
 //
 // Callbacks  run only inside run() and run_once(). They may call anything, and may destroy or close
-//            any object, including the one that they belong to. Neither applies to the handler of
-//            log_to(). An exception that leaves a callback ends the program. A link or a request
-//            is reported as ended from the loop, never from inside the call that ended it.
+//            any object, including the one that they belong to. The handler of log_to() is an
+//            exception: it runs inside the call that logs, and must not destroy or close anything.
+//            The end of a link or a request is reported from the loop, never from inside the call
+//            that ended it. A C++ exception that leaves a callback ends the program.
 // Results    operations that can be refused return a status. Nothing throws but std::bad_alloc.
 // Blocking   nothing blocks but run() and run_once(). What the system does not take at once waits
 //            in the link's queue, which is full at options::max_queued bytes.
 // Time       milliseconds on the monotonic clock. A time below 1 ms counts as 1 ms, one above
 //            24.8 days as 24.8 days.
 // Threads    all calls come from one thread, except loop::post(), which any thread may call.
-// Links      if both ends use this layer and accept pipelined links (options::pipelined, the
+// Links      if both ends support pipelined links, as this layer does (options::pipelined, the
 //            default), the link is pipelined: any number of requests may be outstanding in both
 //            directions. Any other link is plain: one request at a time awaits its reply in each
 //            direction, and further ones queue.
@@ -205,7 +206,7 @@ using clock = std::chrono::steady_clock;
 
 // Messages served, or clients accepted, before others get their turn.
 constexpr int served_per_turn = 64;
-// Unsent bytes that are sent without waiting for more.
+// A link with this many unsent bytes sends at once instead of at the end of its turn.
 constexpr std::size_t flush_size = 65536;
 // Bytes that a closing link reads and discards before it gives up.
 constexpr std::size_t max_discarded = 8 << 20;
@@ -1508,7 +1509,7 @@ public:
         if (tv_start_server(address.c_str(), at) == -1)
             return {std::errc(errno), std::strerror(errno)};
         state->fd = tv_get_server_polling_fd();
-        fcntl(state->fd, F_SETFL, O_NONBLOCK); // a client may be gone when accepted
+        fcntl(state->fd, F_SETFL, O_NONBLOCK); // accept must not block if the client has left
         ::listen(state->fd, SOMAXCONN);        // again, with a longer backlog
         sockaddr_in own{};
         socklen_t size = sizeof(own);

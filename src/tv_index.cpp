@@ -1,7 +1,7 @@
 // tv_index.cpp - finds entries of the library's own two lists without walking them.
 //
-// Callers  tv_channel_repo.cpp, which keeps it in step with the repository and the server's pairs;
-//          tv_api.cpp and tv_server_api.cpp for look-ups.
+// Callers  tv_channel_repo.cpp, when it adds, removes or finds an entry; tv_server_api.cpp, when a
+//          pair's URL changes and to find a pair by descriptor; tv_api.cpp, to find a record.
 // Method   one hash table of chains per key. Chain links are part of the list entries, so removing
 //          an entry needs neither a search nor its record. Every hit is checked against the record,
 //          which an application may have changed. The oldest match wins, as in a walk.

@@ -70,7 +70,7 @@ end
 
 -- What a receiver does with a number: after 0 it accepts any, otherwise only the next one. Returns
 -- whether it accepts this one, and what is wrong with it. A capture may begin in the middle of a
--- connection, so the first number is right.
+-- connection, so any first number is accepted.
 local function check_sequence(from, sequence)
     local last = from.last
     local due = last and (last == MAX_SEQUENCE and 0 or last + 1)

@@ -5,7 +5,7 @@
 
 #include <stddef.h>
 
-// abi.h has one row for each row of abi.txt.
-#define ROW(expression, on64, on32)                                                                \
+// Each row of abi.txt.
+#define VALUE(expression, on64, on32)                                                              \
     _Static_assert((expression) == (sizeof(void *) == 8 ? (on64) : (on32)), #expression);
-#include "abi.h"
+#include "abi.txt"

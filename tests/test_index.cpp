@@ -16,6 +16,7 @@ static tv_channel_list *const pairs = &tv_service_server.pairList;
 static void serve_many_pairs()
 {
     tv_start_server("127.0.0.1", 0);
+    REQUIRE(pairs->next == pairs && pairs->prev == pairs);
     for (int fd = 5000; fd < 5200; fd++) { // above all descriptors of this process
         create_pair_channel(fd);
         tv_channel *const pair = index_find_fd(fd)->channel;

@@ -6,30 +6,17 @@
 #
 # A text file has one input a line, sorted; "\n" is a line feed, and "\x" begins any other byte that
 # is not printable ASCII, the backslash included.
-import os, re, sys
+import pathlib, sys
 
+escapes = {byte: f"\\x{byte:02x}" for byte in [*range(32), ord("\\"), *range(127, 256)]}
+escapes[ord("\n")] = r"\n"
 
-def escape(data):
-    text = re.sub(r"[^ -\[\]-~\n]", lambda byte: f"\\x{ord(byte[0]):02x}", data.decode("latin-1"))
-    return text.replace("\n", r"\n")
-
-
-def unescape(line):
-    return line.encode().decode("unicode_escape").encode("latin-1")
-
-
-def unpack(file, folder):
-    os.makedirs(folder, exist_ok=True)
-    with open(file) as lines:
-        for number, line in enumerate(lines):
-            with open(f"{folder}/{number:04}", "wb") as output:
-                output.write(unescape(line.rstrip("\n")))
-
-
-def pack(folder, file):
-    inputs = [open(entry.path, "rb").read() for entry in os.scandir(folder)]
-    with open(file, "w") as output:
-        output.writelines(sorted({escape(data) + "\n" for data in inputs if data}))
-
-
-{"unpack": unpack, "pack": pack}[sys.argv[1]](*sys.argv[2:])
+source, target = map(pathlib.Path, sys.argv[2:])
+if sys.argv[1] == "unpack":
+    target.mkdir(parents=True, exist_ok=True)
+    for number, line in enumerate(source.read_text().splitlines()):
+        data = line.encode().decode("unicode_escape").encode("latin-1")
+        (target / f"{number:04}").write_bytes(data)
+else:
+    inputs = {path.read_bytes().decode("latin-1").translate(escapes) for path in source.iterdir()}
+    target.write_text("".join(line + "\n" for line in sorted(inputs) if line))

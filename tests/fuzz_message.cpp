@@ -8,7 +8,10 @@
 #include <algorithm>
 #include <functional>
 #include <limits.h>
+#include <memory>
 #include <stdint.h>
+
+static const size_t nowhere = std::string::npos;
 
 // Only 31 characters of a number are read; a number out of range becomes the nearest int.
 static int number_of(const std::string &text)
@@ -20,7 +23,7 @@ static int number_of(const std::string &text)
 static int heartbeat_value(const std::string &text, const std::string &key)
 {
     const size_t at = text.find(key), end = text.find('}', at);
-    if (end == std::string::npos) // no brace, or no key
+    if (end == nowhere) // no brace, or no key
         return -1;
     const size_t value = at + key.size() + 1; // a brace instead of the colon makes the length huge
     return number_of(text.substr(value, end - value));
@@ -30,44 +33,38 @@ static int heartbeat_value(const std::string &text, const std::string &key)
 static void check_readers(const char *msg, int len)
 {
     const std::string text(msg);
-    int type = TV_MSG_LOGIN;
-    while (type < TV_MSG_UNKNOWN && text.find(tag(kinds[type])) == std::string::npos)
-        type++;
-    REQUIRE(get_msg_type(msg) == type);
+    const size_t prefix = text.find("velun_tolvane_"), at = text.find(marker);
+    REQUIRE(get_msg_sequence(msg) == (prefix == nowhere ? 0 : number_of(text.substr(0, prefix))));
+    REQUIRE(get_heartbeat_sequence(msg) == heartbeat_value(text, "sequence"));
+    REQUIRE(get_heartbeat_interval(msg) == heartbeat_value(text, "interval"));
+    REQUIRE(get_heartbeat_count(msg) == heartbeat_value(text, "count"));
 
-    const size_t at = text.find(marker);
-    const bool found = at != std::string::npos;
     for (const int within : {len, len / 2}) { // the marker may reach beyond half the message
-        const int left = found ? within - (int)(at + marker.size()) : -1; // for the payload
+        const int left = at == nowhere ? -1 : within - (int)(at + marker.size()); // for the payload
         int payloadLen = -7;
         const char *payload = get_msg_payload(msg, within, &payloadLen);
         REQUIRE(payload == (left < 0 ? nullptr : msg + within - left));
-        REQUIRE(payloadLen == (left < 0 ? 0 : left));
+        REQUIRE(payloadLen == std::max(left, 0));
     }
 
-    const size_t url = type == TV_MSG_UNKNOWN
-                           ? std::string::npos
-                           : text.find(tag(kinds[type])) + tag(kinds[type]).size();
-    const bool hasUrl = found && url <= at; // false for npos
+    int type = TV_MSG_LOGIN;
+    while (type < TV_MSG_UNKNOWN && text.find(tag(kinds[type])) == nowhere)
+        type++;
+    REQUIRE(get_msg_type(msg) == type);
+    const std::string known = type < TV_MSG_UNKNOWN ? tag(kinds[type]) : "";
+    const size_t url = text.find(known) + known.size();
+    const bool hasUrl = type < TV_MSG_UNKNOWN && at != nowhere && url <= at;
     for (const int size : {1, 2, TV_URL_SIZE}) {
         char stored[TV_URL_SIZE] = "untouched";
         REQUIRE(get_msg_url(msg, stored, size) == (hasUrl ? 0 : -1));
         REQUIRE(stored == (hasUrl ? text.substr(url, at - url).substr(0, size - 1) : "untouched"));
     }
-
-    const size_t prefix = text.find("velun_tolvane_");
-    REQUIRE(get_msg_sequence(msg) ==
-            (prefix == std::string::npos ? 0 : number_of(text.substr(0, prefix))));
-    REQUIRE(get_heartbeat_sequence(msg) == heartbeat_value(text, "sequence"));
-    REQUIRE(get_heartbeat_interval(msg) == heartbeat_value(text, "interval"));
-    REQUIRE(get_heartbeat_count(msg) == heartbeat_value(text, "count"));
 }
 
 // Every kind, byte for byte, from a channel whose URL, payload and numbers come from the input.
 static void check_builders(const char *msg, int len)
 {
-    static tv_channel channel;
-    channel = {};
+    tv_channel channel = {};
     const std::string text(msg), url = text.substr(0, TV_URL_SIZE), textWithEnd = text + '\0';
     url.copy(channel.url, TV_URL_SIZE); // perhaps unterminated: waitingResp follows in the record
     channel.waitingResp = 'v';
@@ -105,10 +102,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size > TV_MSG_BUF_SIZE - 200)
         return 0;
-    char *const msg = (char *)calloc(size + 1, 1); // the exact size, so that overreads are caught
-    memcpy(msg, data, size);
-    check_readers(msg, size);
-    check_builders(msg, size);
-    free(msg);
+    const std::unique_ptr<char[]> msg(new char[size + 1]()); // no larger, so overreads are caught
+    memcpy(msg.get(), data, size);
+    check_readers(msg.get(), size);
+    check_builders(msg.get(), size);
     return 0;
 }

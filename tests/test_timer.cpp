@@ -45,12 +45,8 @@ TEST(Timer, RefusesWhatItCannotDo)
     EXPECT_EQ(ruvo_stop_timer(id), -1);
 }
 
-struct Timer {
-    int id;
-    long long period; // 0: fires once
-};
-
-static std::map<std::pair<long long, intptr_t>, Timer> model; // by due time and start
+// Pending timers: due time and number of the start, then id and period (0: fires once).
+static std::map<std::pair<long long, intptr_t>, std::pair<int, long long>> model;
 static std::mt19937 draw(77);
 static long long passStart;
 
@@ -76,7 +72,7 @@ static void stop_one()
 {
     const size_t among = draw() % 2 ? model.size() : 1;
     const auto victim = std::next(model.begin(), draw() % among);
-    EXPECT_EQ(ruvo_stop_timer(victim->second.id), 0);
+    EXPECT_EQ(ruvo_stop_timer(victim->second.first), 0);
     model.erase(victim);
 }
 

@@ -30,9 +30,8 @@ static const size_t headerSize = 36;
 inline std::string header(uint32_t length)
 {
     length = htonl(length);
-    std::string bytes = "TCP_WATER_MARK";
-    bytes.resize(headerSize - sizeof(length));
-    return bytes.append((const char *)&length, sizeof(length));
+    const std::string bytes((const char *)&length, sizeof(length));
+    return "TCP_WATER_MARK" + std::string(18, '\0') + bytes;
 }
 
 inline std::string frame(Text body)

@@ -87,10 +87,13 @@
 //                               text
 //   last_logged ENTRY           the previous line logged this entry last
 //   remove_handlers             for responses, timeouts and lost links
-//   fail CALL                   from now on the library's calls of this function fail with
-//                               ECONNREFUSED ("nothing": none fail)
+//   fail CALL ERROR             the next 301 of the library's calls of this function fail with EINTR
+//                               or EAGAIN, taking 1 ms each; without an ERROR, with ECONNREFUSED,
+//                               at once ("nothing": none fail)
 //   add_actors FIRST LAST       one for each number; LAST defaults to FIRST
 //   peer_trickles KIND PAYLOAD  the channel receives a message in six pieces, one every 40 ms
+//   peer_buffers_large SIZE     the peer sends a reply of SIZE bytes, which stays in the socket
+//   receive                     receives a message without a timeout and notes its size
 //   register FIRST LAST, unregister FIRST LAST
 //                               descriptors with these numbers; LAST defaults to FIRST
 //   list_descriptors SIZE       builds the list for poll() with room for SIZE entries and notes the
@@ -107,7 +110,7 @@
 //   peer_got KIND PAYLOAD       the peer received a message, or EOF when the connection has ended
 //   VERB: RESULT                a call failed
 //   connecting to IP:PORT within MS; client NAME: or no client; next timer MS (-1: none); MS ms;
-//   clients NAME: ...; descriptors N ...; server or no server; the loop ended early
+//   clients NAME: ...; descriptors N ...; server or no server; received SIZE; the loop ended early
 //
 // With peer_sends and `serve`, a message that the channel discards, such as a late reply, makes no
 // note; only `logged` shows it.

@@ -236,8 +236,6 @@ inline int count_descriptors()
 
 // ---- transfers
 
-static int recvMs; // milliseconds that every recv() takes
-
 // What a peer does while the library waits for at most `limit` milliseconds: it moves the clock and
 // returns true, or returns false if it does nothing.
 static std::function<bool(int limit)> meanwhile;
@@ -257,24 +255,17 @@ WRAP(ssize_t, send, (int fd, const void *bytes, size_t size, int flags),
      send_now(fd, bytes, size, flags))
 
 extern "C" ssize_t __real_recv(int, void *, size_t, int);
-static ssize_t receive_now(int fd, void *bytes, size_t size)
-{
-    const ssize_t received = __real_recv(fd, bytes, size, MSG_DONTWAIT);
-    now += recvMs;
-    return received;
-}
 static ssize_t fail_recv(int fd, void *bytes, size_t size)
 {
     if (injection.way == HALF)
-        return receive_now(fd, bytes, (size + 1) / 2);
+        return __real_recv(fd, bytes, (size + 1) / 2, MSG_DONTWAIT);
     return injection.way == END ? 0 : -1;
 }
 WRAP(ssize_t, recv, (int fd, void *bytes, size_t size, int), fail_recv(fd, bytes, size),
-     receive_now(fd, bytes, size))
+     __real_recv(fd, bytes, size, MSG_DONTWAIT))
 
 // ---- waiting: for a descriptor, and in the library's main loop
 
-static int polls;         // calls so far
 static long long loopEnd; // at this time the loop's poll() fails, which ends the loop
 static const int loopFd =
     eventfd(0, 0); // never ready; registered first, so it heads the loop's list
@@ -288,7 +279,6 @@ static int wait_for(struct pollfd *fds, nfds_t count, int timeout)
     const bool isLoop = fds->fd == loopFd;
     const long long start = now;
     int ready = __real_poll(fds, count, 0);
-    polls++;
     if (ready == 0 && meanwhile && meanwhile(timeout))
         ready = __real_poll(fds, count, 0);
     else if (ready == 0)

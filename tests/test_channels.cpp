@@ -37,6 +37,32 @@ static void expect_logged(Text log, Text words)
     EXPECT_EQ(matches ? wanted : log, wanted);
 }
 
+// From now on 301 calls of the function fail.
+static void fail(Text call, Text way)
+{
+    chosenFault.calls = {call};
+    injection = {&chosenFault, ECONNREFUSED, 1, true};
+    if (way != "")
+        injection.way = way == "EINTR" ? EINTR : EAGAIN;
+}
+
+// The peer sends a reply of that size all at once.
+static void buffer_large(Link &link, int size)
+{
+    const int room = 2 * size;
+    __real_setsockopt(link.peerFd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+    std::string reply = message(link.sent++, "reply", link.url, marker);
+    reply.resize(size, 'x');
+    send_bytes(link, frame(reply));
+}
+
+static void receive(int id)
+{
+    int length = -7;
+    tv_impl_free_msg(tcp_impl_receive(tv_get_polling_fd(id), &length));
+    note("received " + std::to_string(length));
+}
+
 static void remove_handlers(int id)
 {
     tv_register_resp_handler(id, nullptr);
@@ -104,7 +130,9 @@ static std::map<std::string, Act> testVerbs = {
     {"logged", [](const Step &s) { expect_logged(joined(logged), s.words); }},
     {"last_logged", [](const Step &s) { expect_logged(one_line(logged.back()), s.words); }},
     {"peer_trickles", [](const Step &s) { trickle(s.link, next_frame(s.link, s.a, s.b)); }},
-    {"fail", [](const Step &s) { chosenFault.calls = {s.a}; }},
+    {"peer_buffers_large", [](const Step &s) { buffer_large(s.link, s.m); }},
+    {"receive", [](const Step &s) { receive(s.id); }},
+    {"fail", [](const Step &s) { fail(s.a, s.b); }},
     {"remove_handlers", [](const Step &s) { remove_handlers(s.id); }},
     {"replace_record", [](const Step &s) { replace_record(s.id); }},
     {"add_empty_entry", [](const Step &) { add_channel(&tv_service_server.pairList, nullptr); }},

@@ -680,7 +680,8 @@ int tv_register_client_fd_close_callback(tv_client_fd_cb callback);
 
 /** Sets the heartbeat and the link-down callback of all pairs, those connected and those to come.
  * The heartbeats of connected pairs start now, with a full interval; otherwise as
- * tv_client_enable_heartbeat(), which also says why an interval below 1 switches nothing off.
+ * tv_client_enable_heartbeat(), which also says what an interval below 1 does to a running
+ * heartbeat.
  *
  * @param interval          milliseconds between heartbeats; below 1: none is started
  * @param count             heartbeats that may go unanswered
@@ -785,9 +786,11 @@ int server_remove_channel(tv_channel *channel);
 
 /** Registers a descriptor with the event loop. It is polled from the next pass on.
  *
- * If poll() has reported the same number in the running pass, for a descriptor closed since, and
- * the new descriptor is readable, the handler is called in this pass already. A descriptor that is
- * registered twice takes two slots, and the handler of the lower slot serves both.
+ * Exception: if poll() reported a descriptor in the running pass, that descriptor has since been
+ * closed, fd has reused its number, and fd is readable, then the handler is called in this pass.
+ *
+ * A descriptor that is registered twice takes two slots, and the handler of the lower slot serves
+ * both.
  *
  * @param fd       an open descriptor; not checked
  * @param handler  not null; not checked
@@ -983,8 +986,8 @@ int handle_client_polling_fd(tv_channel *channel);
 /* ---- 9  Channel lists ----------------------------------------------------------------------
  *
  * Circular lists in the order of insertion; searches return the oldest match. The repository and
- * pairList are also indexed, so that a search visits only a few entries, however many channels
- * there are. Both may be read freely. Their nodes, the links between them and the fields of their
+ * pairList are also indexed: a search of a long list visits at most 32 entries and one chain of the
+ * index. Both may be read freely. Their nodes, the links between them and the fields of their
  * records change only through the library's operations.
  *
  * To make a list, let both links of a head point to the head itself. Searching a head with null
@@ -1157,7 +1160,7 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
  * With a timeout, one deadline covers header and body, on blocking descriptors too, however the
  * bytes arrive. Once it has passed, bytes that are buffered already may still complete a body of up
  * to 256 KiB, which is the most that one recv() takes; otherwise the receive fails. Memory is used
- * as the bytes arrive, not as the length announces them.
+ * only as bytes arrive, whatever length the header announces.
  *
  * @param fd         a connected socket
  * @param len        gets the body's length; meaningless after a failure

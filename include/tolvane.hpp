@@ -147,7 +147,7 @@ struct endpoint {
 
 /** Settings of a client, or of a server and all its clients' links. */
 struct options {
-    /// silence after which a heartbeat is sent; 0: never
+    /// silence after which a heartbeat is sent; 0: none but the one that follows a login
     milliseconds heartbeat{5000};
     /// limit for one attempt, including the login; and for sending queued output on close
     milliseconds connect_timeout{5000};

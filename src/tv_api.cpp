@@ -1,7 +1,8 @@
 // tv_api.cpp - operations on channels by id, the repository of all channels, the log's setters.
 //
 // Callers  the application, and every module that has to find, list or end a channel.
-// Method   each operation looks up the record and passes it to tv_channel.cpp or tv_client.cpp.
+// Method   each operation looks up the record, then sets its fields or passes it to tv_channel.cpp
+//          or tv_client.cpp. Closing is here, because it also removes the record from both lists.
 // Failure  an unknown id is logged in the name of the operation; tv_set_poll_timeout() logs the
 //          name tv_get_channel.
 // State    the repository and the next id, both ready as soon as the library is loaded.

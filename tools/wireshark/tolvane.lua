@@ -5,8 +5,8 @@
 --
 -- Finds    messages by the watermark at the start of a segment; docs/protocol.md has the bytes.
 -- Shows    each message's fields; gaps in the numbers of one direction; with a reply, its request
---          and the time between. On pipelined links every message is a request, so replies are not
---          matched there. In filters: tolvane.type, tolvane.time > 0.1, tolvane.sequence.gap
+--          and the time between. On pipelined links replies are also sent as requests, so they are
+--          not matched there. In filters: tolvane.type, tolvane.time > 0.1, tolvane.sequence.gap
 -- State    collected in the first pass, per connection and direction; results are kept per message.
 
 local proto = Proto("tolvane", "Tolvane messages")

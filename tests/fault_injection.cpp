@@ -1,5 +1,6 @@
-// fault_injection.cpp - makes every allocation and every system call of the library fail in turn,
-// in each way that it can: once in one run, from then on in another.
+// fault_injection.cpp - makes the library's calls listed in simulated_os.h fail, one after the
+// other, in each way that they can. In one run only that call fails; in another, those after it
+// fail, too.
 //
 // Every run plays a scenario; simulated_os.h lists the faults, and what the application, its peers
 // and the log must show of each. The last lines of the output say what went wrong.

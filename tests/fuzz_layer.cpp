@@ -1,7 +1,7 @@
 // fuzz_layer.cpp - the input side of the layer, given any bytes on a link. A server receives them
 // after a login, a client after the acknowledgement that establishes its link, while two requests
-// are outstanding. Every handler runs once, the other links go on, and the link ends at the end of
-// the stream or at the first bytes that are not a frame.
+// are outstanding. The handler of each request sent runs exactly once, the other links go on, and
+// the link ends at the end of the stream or at the first bytes that are not a frame.
 //
 // Input: one byte of flags, then the stream. 1: the client reads it, not the server. 2: the login
 // before it is pipelined (server only). 4: neither login nor acknowledgement before it. 8: garbage

@@ -1,8 +1,8 @@
 // scenario.h - a small language for test scenarios: what an application does with the library,
 // what its peers do at the other end of each connection, and what must happen as a result.
 //
-// Everything runs in one process on simulated_os.h, whose clock moves only while something waits.
-// Each scenario in tests/scenarios is a test, except those in faults*.txt, which
+// Everything runs in one process on simulated_os.h, whose clock moves only with waiting and with
+// simulated delays. Each scenario in tests/scenarios is a test, except those in faults*.txt, which
 // fault_injection.cpp plays. This one could be in server.txt; "=>" is followed by everything that
 // must happen, in order:
 //
@@ -22,9 +22,9 @@
 //   VERB WORD WORD; VERB ...    steps, run in order
 //   NAME: VERB ...              from here on, steps use the link NAME: a channel and its peer
 //   on CALLBACK: VERB ...       runs the rest of the line inside the next CALLBACK of any link; a
-//                               second such line waits for the one after it. These steps, too, use
-//                               the link chosen last, which need not be the link of the callback; a
-//                               link that they choose stays chosen
+//                               second such line for the same CALLBACK runs in the call after that.
+//                               These steps, too, use the link chosen last, which need not be the
+//                               link of the callback; a link that they choose stays chosen
 //   ~                           a 0x00 byte, in steps and in notes
 //   # text                      a comment; not allowed after "=>"
 //   STEPS => NOTE, NOTE         the steps cause exactly these notes, in this order. A line without
@@ -50,7 +50,8 @@
 //   peer_closes                 the peer closes its end of the connection
 //
 // VERBS of the application
-//   start_server, stop_server   with all handlers and callbacks registered (one is already running)
+//   start_server, stop_server   with all handlers and callbacks registered; every scenario
+//                               begins with a running server
 //   close_server                closes the server channel by its id
 //   create_client               makes the link's channel a new client channel: URL tcp://link:7,
 //                               server 127.0.0.1:80, poll timeout 100 ms, no connect timeout
@@ -79,17 +80,17 @@
 //   elapsed                     notes the simulated time since the previous one
 //   be_busy MS                  lets MS simulated milliseconds pass outside the main loop
 //   advance MS                  runs the main loop for MS simulated milliseconds. Inside a callback
-//                               MS is ignored: timers that are due fire, unless a descriptor is
-//                               ready; no descriptor is served
+//                               MS is ignored and no descriptor is served: due timers fire, but
+//                               only if no descriptor is ready
 //
 // VERBS of test_channels.cpp only, so not for faults*.txt
 //   logged ENTRY, ENTRY         the previous line logged exactly these entries; * stands for any
 //                               text
 //   last_logged ENTRY           the previous line logged this entry last
 //   remove_handlers             for responses, timeouts and lost links
-//   fail CALL ERROR             the next 301 of the library's calls of this function fail with EINTR
-//                               or EAGAIN, taking 1 ms each; without an ERROR, with ECONNREFUSED,
-//                               at once ("nothing": none fail)
+//   fail CALL ERROR             the library's next 301 calls of this function fail with this ERROR,
+//                               EINTR or EAGAIN, and take 1 ms each. Without an ERROR they fail
+//                               with ECONNREFUSED, at once. "nothing": no call fails
 //   add_actors FIRST LAST       one for each number; LAST defaults to FIRST
 //   peer_trickles KIND PAYLOAD  the channel receives a message in six pieces, one every 40 ms
 //   peer_buffers_large SIZE     the peer sends a reply of SIZE bytes, which stays in the socket

@@ -3,7 +3,8 @@
 //
 // The linker redirects the library's calls (--wrap): its send() becomes __wrap_send(), while
 // __real_send() is the system's. Sockets are UNIX domain sockets in this process: they need no
-// port, and deliver what is sent at once. Only waiting moves the clock, so tests do not sleep.
+// port, and deliver what is sent at once. The clock never runs by itself: waiting moves it, and so
+// do a few simulated delays. Tests therefore do not sleep.
 //
 // A test makes calls fail through `injection`, with a fault of the table below or one of its own.
 #ifndef SIMULATED_OS_H

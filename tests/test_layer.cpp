@@ -216,7 +216,8 @@ struct application {
     std::shared_ptr<tolvane::server> server;
     std::vector<tolvane::request> kept;
     std::list<tolvane::timer> timers;
-    // Those that log in use the name of clients[1], tcp://raw:1; the others accepted clients[2].
+    // Raw sockets: some connect to the server and log in under the name of clients[1], tcp://raw:1;
+    // the others are connections of clients[2], accepted from `listener`.
     std::list<raw> strangers;
     const raw listener{raw::listening()};
 

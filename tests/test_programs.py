@@ -7,58 +7,45 @@
 #        test_programs.py wireshark <dissector>
 #        test_programs.py snippets <folder of the libraries> <C compiler> <C++ compiler>
 #        test_programs.py exports <folder of the libraries> <C compiler> <C++ compiler>
-import functools, glob, itertools, os, random, re, shutil, subprocess, sys, tempfile, time
+import functools, glob, itertools, os, pathlib, random, re, shutil, subprocess, sys, tempfile, time
 
 from programs import PATIENCE, Program, Server, peer, run
 
 
-def read(name):
-    with open(name) as file:
-        return file.read()
+def read(path):
+    return pathlib.Path(path).read_text()
+
+
+# The lines of a text file in this folder, without comments.
+def rows(name):
+    return re.findall("^[^#\n].*", read(pathlib.Path(__file__).with_name(name)), re.M)
+
+
+def unescaped(text):
+    return text.encode().decode("unicode_escape").encode("latin-1")
 
 
 # ---- tvcat
 
 
-# A tvcat answers another; the exit status shows whether every line was answered.
+# The exit status of a client shows whether every line was answered.
 def cat(tvcat, example):
-    def expect(status, pattern, *arguments, lines=b""):
-        done = subprocess.run([tvcat, *map(str, arguments)], input=lines, timeout=60,
+    echo, pong, shouter = Server(tvcat, "-l"), Server(tvcat, "-l", "-a", "pong"), Server(example)
+    shouter.process.stdin.close()  # it keeps serving
+    ports = {"echo": echo.address[1], "pong": pong.address[1], "shouter": shouter.address[1]}
+    for row in rows("tvcat.txt"):
+        row = row.format(**ports, long=100000 * "x")
+        status, arguments, lines, pattern = map(str.strip, row.split("|"))
+        done = subprocess.run([tvcat, *arguments.split()], input=unescaped(lines), timeout=60,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        assert done.returncode == status and re.fullmatch(pattern, done.stdout, re.S), done
-
-    server, lines = Server(tvcat, "-l"), b"one\n\ntwo words\nlast, without an end"
-    expect(0, lines + b"\n", *server.address, lines=lines)
-    for line in lines.split(b"\n"):
-        server.expect(b"^%s$" % line)
+        assert done.returncode == int(status), done
+        assert re.fullmatch(pattern.encode(), done.stdout, re.S), done
+    for line in b"one", b"", b"two words", b"last, without an end":
+        echo.expect(b"^%s$" % line)
     # A request that fits but whose reply does not, and the next request.
-    plain = server.connect("plain")
+    plain = echo.connect("plain")
     assert plain.request(b"x" * 65440) == b"too long to be answered"
     assert plain.request(b"short") == b"short"
-
-    pong, shouter = Server(tvcat, "-l", "-a", "pong"), Server(example)
-    expect(0, b"pong\n", "-t", 9000, *pong.address, "me", lines=b"ping\n")
-    shouter.process.stdin.close()  # it keeps serving
-    expect(1, b".*no reply within 100 ms\n", "-t", 100, *shouter.address, lines=b"lose this\n")
-    expect(1, b".*too long.*", *shouter.address, lines=b"x" * 100000)
-
-    port = shouter.address[1]
-    for status, pattern, arguments in (
-            (0, b"^$", f"127.0.0.1 {port} me"),
-            (1, b"refused", "127.0.0.1 1"),
-            (1, b"in use", f"-l 127.0.0.1 {port}"),
-            (1, b"dotted", "localhost 4711"),
-            (1, b"number", "127.0.0.1 http"),
-            (1, b"number", "-t 9999999999 127.0.0.1 4711"),
-            (1, b"server", "-l -t 500 127.0.0.1 0"),
-            (1, b"only a server", "-a pong 127.0.0.1 4711"),
-            (1, b"name", f"127.0.0.1 {port} " + 60 * "x"),
-            (1, b"required", "127.0.0.1"),
-            (1, b"argument", "127.0.0.1 4711 me you"),
-            (1, b"option.*--help", "-x 127.0.0.1 4711"),
-            (0, b"-a ANSWER", "--help"),
-            (0, b"tvcat 1\\.", "--version")):
-        expect(status, b".*" + pattern + b".*", *arguments.split())
 
 
 # ---- two hosts
@@ -68,15 +55,16 @@ def cat(tvcat, example):
 # namespace lives only as long as its process: nothing is mounted, so nothing can be left over.
 def pull_cable(folder):
     hosts = [Program("unshare", "--net", "sh", "-c", "echo ready; cat") for _ in range(2)]
-    said = [host.expect(b"")[0] for host in hosts]
+    for host in hosts:
+        host.expect(b"")  # ready, or why not
     a, b = [["nsenter", f"--net=/proc/{host.process.pid}/ns/net"] for host in hosts]
 
     def ip(host, words):
-        return subprocess.run([*host, "ip", *words.split()], capture_output=True, text=True)
+        return subprocess.run([*host, "ip", *words.split()], capture_output=True)
 
     cable = ip(a, f"link add wire type veth peer name wire netns {hosts[1].process.pid}")
     if cable.returncode != 0:
-        print("skipped: no network namespaces here:", said[0].decode(), cable.stderr)
+        print("skipped: no network namespaces here:", hosts[0].lines, cable.stderr)
         sys.exit(77)
     for host, address in (a, "10.213.0.1"), (b, "10.213.0.2"):
         ip(host, f"address add {address}/30 dev wire")
@@ -100,61 +88,30 @@ def pull_cable(folder):
 # ---- wireshark
 
 
-def frame(body):
-    return peer.HEADER.pack(peer.WATERMARK, len(body)) + body
-
-
-def message(number, kind, payload):
-    return frame(b"\n".join((b"%d" % number, kind, b"tcp://a:1", peer.MARKER, payload)))
-
-
-PIECES = message(2, peer.REQUEST, b"in pieces of " + b"0" * 300)
-FIELDS = ("-Y tolvane -T fields -E separator=| -e frame.number -e tolvane.type -e _ws.col.Info "
-          "-e tolvane.answer_in -e tolvane.answer_to -e tolvane.time -e tolvane.heartbeat.interval "
-          "-e _ws.expert.message").split()
-# Direction (Out of or In to the client), bytes and, if they end a message, FIELDS after the number.
-SEGMENTS = (
-    ("O", message(1, peer.REQUEST, b"ping"), '2|request 1 tcp://a:1 "ping"  |2||||'),
-    ("I", message(0, peer.REPLY, b"pong\0"), '3|reply 0 tcp://a:1 "pong"  ||1|3||'),
-    ("O", PIECES[:7], None),
-    ("O", PIECES[7:47], None),
-    ("O", PIECES[47:] + message(3, peer.HEARTBEAT, b"{sequence:1}, {interval:200},{count:3}\0"),
-     '2,4|request 2 tcp://a:1 "in pieces of ' + "0" * 47 + '"  '
-     'heartbeat 3 tcp://a:1 "{sequence:1}, {interval:200},{count:3}"  |7,6|||200|'),
-    ("I", message(1, peer.ACKNOWLEDGEMENT, b"{sequence:0}\0"),
-     '5|heartbeatack 1 tcp://a:1 "{sequence:0}"  ||5|3||'),
-    ("I", message(2, peer.REPLY, b""), "3|reply 2 tcp://a:1  ||5|6||"),
-    ("O", message(9, peer.REQUEST, b"early"), '2|request 9 tcp://a:1 "early" [gap]  '
-     "|||||Gap in the sequence: 9 instead of 4, the receiver drops the message"),
-    ("O", message(4, peer.REQUEST, peer.LOGOUT + b"\n"),
-     '2|request 4 tcp://a:1 "velun_tolvane_logout."  '
-     "|||||The payload holds a tag: the receiver takes it for a logout"),
-    ("O", frame(b"5\nvelun_tolvane_nonsense\n"),
-     "6|unknown 5  |||||Not a message: the receiver drops it"),
-    ("O", frame(b"6\nvelun_tolvane_request\ntcp://a:1"),
-     "2|request 6 tcp://a:1  |||||No payload marker"),
-    ("I", frame(b""), "|Refused length  |||||Refused length: the receiver closes the connection"),
-    ("O", b"out of step, so no receiver can read on",
-     "|No watermark  |||||No watermark: the receiver closes the connection"))
-
-
 def dissect(dissector):
     if not shutil.which("tshark"):
         print("skipped: tshark is not installed")
         sys.exit(77)
+    wanted, segments = [], []
+    for row in rows("wireshark.txt"):
+        (segments if row[0] in "IO" else wanted).append(row)
+    fields = itertools.chain(*(("-e", name) for name in wanted[0].split("|")))
+    dump = ""
+    for second, row in enumerate(segments):
+        data = re.sub(rb"\{(\d+)}", lambda size: peer.HEADER.pack(peer.WATERMARK, int(size[1])),
+                      unescaped(row[2:]))
+        dump += f"{row[0]} 10:10:{3 * second:02}\n0000 {data.hex(' ')}\n"
     # Newer releases run no scripts as root, so another user reads the capture.
     nobody = {"user": 65534, "group": 65534, "extra_groups": []} if os.getuid() == 0 else {}
     with tempfile.TemporaryDirectory() as folder:
         os.chmod(folder, 0o755)
         script, capture = shutil.copy(dissector, folder), f"{folder}/capture"
-        lines = (f"{sender} 10:10:{3 * number:02}\n0000 {data.hex(' ')}\n"
-                 for number, (sender, data, _) in enumerate(SEGMENTS))
         subprocess.run(["text2pcap", "-q", "-t%H:%M:%S", "-D", "-T", "4711,50000", "-", capture],
-                       input="".join(lines), check=True, text=True)
+                       input=dump, check=True, text=True)
         shown = subprocess.check_output(
-            ["tshark", "-2", "-X", f"lua_script:{script}", "-r", capture, *FIELDS],
+            ["tshark", "-2", "-X", f"lua_script:{script}", "-r", capture, "-Y", "tolvane", "-T",
+             "fields", "-E", "separator=|", "-E", "header=y", *fields],
             env={**os.environ, "HOME": folder}, **nobody, text=True)
-    wanted = [f"{number}|{shows}" for number, (_, _, shows) in enumerate(SEGMENTS, 1) if shows]
     assert shown.splitlines() == wanted, shown
 
 
@@ -219,6 +176,7 @@ def run_programs(libraries, *compilers):
         client = Program(f"{temp}/c-epoll_client", port, "hello")
         client.expect(b"HELLO")
         serving.process.kill()
+        serving.process.wait()  # now the port is free
         client.expect(b"no link")
         Program(f"{temp}/c-server", port)
         client.expect(b"HELLO")

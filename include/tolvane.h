@@ -1158,9 +1158,9 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 /** Receives one frame.
  *
  * With a timeout, one deadline covers header and body, on blocking descriptors too, however the
- * bytes arrive. Once it has passed, bytes that are buffered already may still complete a body of up
- * to 256 KiB, which is the most that one recv() takes; otherwise the receive fails. Memory is used
- * only as bytes arrive, whatever length the header announces.
+ * bytes arrive. After it, the receive still succeeds if the rest is already in the socket's buffer
+ * and the body has at most 256 KiB, the most that one recv() takes; otherwise it fails. Memory is
+ * used only as bytes arrive, whatever length the header announces.
  *
  * @param fd         a connected socket
  * @param len        gets the body's length; meaningless after a failure

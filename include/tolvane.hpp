@@ -803,7 +803,7 @@ struct link : connection, std::enable_shared_from_this<link> {
     {
         const bool was_choked = choked();
         const auto sent = out.size() > 0 ? send_some(fd, out) : 0;
-        if (sent < 0) { // the link ends after what has arrived is read
+        if (sent < 0) { // first read what has arrived; then the link ends
             send_error = send_error != 0 ? send_error : int(-sent);
             shutdown(fd, SHUT_RDWR);
         }

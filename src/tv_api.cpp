@@ -67,7 +67,7 @@ void end_channel(tv_channel *channel)
     guard.closing = true;
     if (channel->pairSocket != nullptr)
         server_remove_channel(channel);
-    else if (index_find_record(pairs, channel) != nullptr) // a pair whose socket is freed already
+    else if (index_find_record(pairs, channel) != nullptr) // a pair without its tv_socket
         unlist_channel(pairs, channel);
     close_channel(channel);
     if (channel == tv_service_server.serverChannel)

@@ -1,11 +1,12 @@
-// fuzz_layer.cpp - the input side of the layer, given any bytes on a link. A server receives them
+// fuzz_layer.cpp - the input side of tolvane.hpp, given any bytes on a link. A server receives them
 // after a login, a client after the acknowledgement that establishes its link, while two requests
 // are outstanding. The handler of each request sent runs exactly once, the other links go on, and
 // the link ends at the end of the stream or at the first bytes that are not a frame.
 //
-// Input: one byte of flags, then the stream. 1: the client reads it, not the server. 2: the login
-// before it is pipelined (server only). 4: neither login nor acknowledgement before it. 8: garbage
-// follows the stream, instead of its end. The upper four bits plus 1: the number of pieces.
+// Input: one byte, then the stream. The byte's upper four bits plus 1 are the number of pieces, its
+// lower four are flags. 1: the client reads the stream, not the server. 2: the login before it asks
+// for a pipelined link (server only). 4: neither login nor acknowledgement before it. 8: garbage
+// follows the stream, instead of its end.
 
 #include "layer_ends.h"
 

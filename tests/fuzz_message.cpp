@@ -25,7 +25,7 @@ static int heartbeat_value(const std::string &text, const std::string &key)
     const size_t at = text.find(key), end = text.find('}', at);
     if (end == nowhere) // no brace, or no key
         return -1;
-    const size_t value = at + key.size() + 1; // a brace instead of the colon makes the length huge
+    const size_t value = at + key.size() + 1; // a brace as the colon: the length wraps
     return number_of(text.substr(value, end - value));
 }
 

@@ -1,5 +1,5 @@
 // layer_ends.h - the peers in the tests of tolvane.hpp: raw sockets, and a client and a server of
-// the layer that echo. All of them live in one process, on one loop and on loopback.
+// tolvane.hpp that echo. All of them live in one process, on one loop and on loopback.
 #ifndef LAYER_ENDS_H
 #define LAYER_ENDS_H
 

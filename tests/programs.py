@@ -51,9 +51,9 @@ class Server(Program):
         super().__init__(*command, address, 0)
         self.address = address, int(self.expect(rb"listening on port (\d+)")[1])
 
-    def connect(self, name, port=1, interval=60, **settings):
-        return peer.connect(*self.address, name, port, PATIENCE, io_timeout=PATIENCE,
-                            interval=interval, **settings)
+    def connect(self, name, port=1, **settings):
+        return peer.connect(*self.address, name, port, PATIENCE, io_timeout=PATIENCE, interval=60,
+                            **settings)
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))

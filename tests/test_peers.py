@@ -14,10 +14,11 @@ from programs import PATIENCE, Program, Server, peer, read_until_closed, run
 # ---- peer
 
 
-# A link may go on at any message number after 0; after the last one comes 0. With a short interval
-# this peer sends the heartbeats, otherwise the server does.
+# A link may start at any message number; after the last one comes 0. With a short interval this
+# peer sends the heartbeats, otherwise the server does.
 def use_plain(link, number, beat):
     link.number, kinds = number, []
+    link.send(peer.LOGIN, link.url + b"\0")
     for text in b"hello", b"\0a\xff", b"", b"x" * 65394:
         assert link.request(b"say " + text) == text.upper()
     assert link.request(b"lose it", 0.1) is None  # its reply comes while nobody waits for one
@@ -37,14 +38,16 @@ def use_pipelined(link):
 
 
 def clients_for(server):
-    for interval, number, beat in ((0.2, 1, peer.ACKNOWLEDGEMENT),
+    for interval, number, beat in ((0.2, 0, peer.ACKNOWLEDGEMENT),
                                    (60, peer.LAST_NUMBER - 3, peer.HEARTBEAT),
-                                   (60, 1, None)):  # a pipelined link
+                                   (60, 0, None)):  # a pipelined link
         answers = {b"ask how are you": b"well\0\1", b"all news": None}  # each is asked once
-        link = server.connect("py", serve=answers.pop, interval=interval, pipelined=not beat)
         if beat:
+            link = peer.Link(socket.create_connection(server.address), b"tcp://py:1", answers.pop,
+                             interval=interval)
             use_plain(link, number, beat)
         else:
+            link = server.connect("py", serve=answers.pop, pipelined=True)
             use_pipelined(link)
         server.say(b"ask py 1 how are you")
         server.say(b"all news")

@@ -155,9 +155,8 @@ int tcp_impl_send_with_timeout(int fd, const char *body, int len, int timeoutMs)
 // ---- receiving
 
 // Without a deadline, call recv() until all is there; this spins on a non-blocking descriptor. Once
-// a deadline has passed, drain what is buffered, and fail if that is not enough. If more than
-// receiveStep bytes are wanted, fail without draining: otherwise a peer that floods us could keep
-// the receive going.
+// a deadline has passed, a receive of up to receiveStep bytes drains what is buffered, and fails if
+// that is not enough. A larger one fails at once: a peer that floods us could keep it going.
 static bool _impl_receive_with_timeout(int fd, char *dst, int count, long long deadline)
 {
     const bool limited = deadline != noDeadline;
